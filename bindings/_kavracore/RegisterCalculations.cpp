@@ -1,0 +1,28 @@
+// Python names of the cell calculations.  Every function takes positional
+// arguments only; grid functions arrive as boost::shared_ptr<IGridFunction>
+// through the converters that the tessel module registers.
+#include <boost/python.hpp>
+
+#include "Registration.h"
+#include "core/pvt/RsFromComponents.h"
+#include "core/rock/BulkVolume.h"
+
+namespace bp = boost::python;
+
+namespace kavra {
+namespace python {
+
+void RegisterBulkVolume()
+{
+    bp::def("CalcBulkVolume", static_cast<void (*)(GridFunctionPtr, GridFunctionPtr)>(&kavra::CalcBulkVolume));
+    bp::def("CalcBulkVolume",
+            static_cast<void (*)(GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(&kavra::CalcBulkVolume));
+}
+
+void RegisterRsFromComponents()
+{
+    bp::def("CalcRsFromComponents", &kavra::CalcRsFromComponents);
+}
+
+} // namespace python
+} // namespace kavra

@@ -1,0 +1,123 @@
+#include "tessel_python.h"
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <type_traits>
+
+namespace bp = boost::python;
+
+namespace tessel {
+namespace python {
+
+void raise(PyObject* type, const std::string& message)
+{
+    PyErr_SetString(type, message.c_str());
+    bp::throw_error_already_set();
+    throw 0; // not reached: throw_error_already_set always throws
+}
+
+long long integer_argument(PyObject* value, long long lo, long long hi, const char* what)
+{
+    if (PyBool_Check(value) || !PyIndex_Check(value) || PyArray_Check(value))
+        raise(PyExc_TypeError, std::string(what) + " must be an integer, not " + Py_TYPE(value)->tp_name);
+    bp::handle<> index(PyNumber_Index(value));
+    int overflow = 0;
+    long long result = PyLong_AsLongLongAndOverflow(index.get(), &overflow);
+    if (result == -1 && PyErr_Occurred())
+        bp::throw_error_already_set();
+    if (overflow != 0 || result < lo || result > hi) {
+        bp::handle<> text(PyObject_Str(index.get()));
+        raise(PyExc_ValueError, std::string(what) + " = " + PyUnicode_AsUTF8(text.get()) + " is outside [" +
+                                    std::to_string(lo) + ", " + std::to_string(hi) + "]");
+    }
+    return result;
+}
+
+namespace {
+
+bp::object as_array(bp::object source)
+{
+    return bp::object(bp::handle<>(PyArray_FromAny(source.ptr(), nullptr, 0, 0, 0, nullptr)));
+}
+
+bp::object cast_array(PyArrayObject* array, int typenum)
+{
+    return bp::object(bp::handle<>(
+        PyArray_FromAny(reinterpret_cast<PyObject*>(array), PyArray_DescrFromType(typenum), 0, 0,
+                        NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED | NPY_ARRAY_FORCECAST, nullptr)));
+}
+
+template <class T, class Wide>
+void copy_checked(PyArrayObject* wide, std::vector<T>& out, const char* what)
+{
+    const Wide* data = static_cast<const Wide*>(PyArray_DATA(wide));
+    for (std::size_t n = 0; n < out.size(); ++n) {
+        const Wide v = data[n];
+        if ((std::is_signed<Wide>::value && v < static_cast<Wide>(std::numeric_limits<T>::min())) ||
+            v > static_cast<Wide>(std::numeric_limits<T>::max()))
+            raise(PyExc_ValueError, std::string(what) + ": value " + std::to_string(v) + " at position " +
+                                        std::to_string(n) + " does not fit a 32-bit int");
+        out[n] = static_cast<T>(v);
+    }
+}
+
+} // namespace
+
+template <class T>
+std::vector<T> values_from_array_like(bp::object source, const char* what)
+{
+    bp::object array_object = as_array(source);
+    PyArrayObject* array = reinterpret_cast<PyArrayObject*>(array_object.ptr());
+    if (PyArray_NDIM(array) != 1 && PyArray_SIZE(array) != 0)
+        raise(PyExc_ValueError, std::string(what) + " needs one-dimensional values, got " +
+                                    std::to_string(PyArray_NDIM(array)) + " dimensions");
+    const char kind = PyArray_DESCR(array)->kind;
+    const bool integral = kind == 'b' || kind == 'i' || kind == 'u';
+    if (!integral && (std::is_integral<T>::value || kind != 'f')) {
+        bp::object dtype_text(bp::handle<>(PyObject_Str(reinterpret_cast<PyObject*>(PyArray_DESCR(array)))));
+        raise(PyExc_TypeError, std::string(what) + " needs " +
+                                   (std::is_integral<T>::value ? "integer" : "real") + " values, got dtype " +
+                                   bp::extract<std::string>(dtype_text)());
+    }
+
+    std::vector<T> values(static_cast<std::size_t>(PyArray_SIZE(array)));
+    if constexpr (std::is_integral<T>::value) {
+        if (kind == 'u') {
+            bp::object wide = cast_array(array, NPY_ULONGLONG);
+            copy_checked<T, unsigned long long>(reinterpret_cast<PyArrayObject*>(wide.ptr()), values, what);
+        } else {
+            bp::object wide = cast_array(array, NPY_LONGLONG);
+            copy_checked<T, long long>(reinterpret_cast<PyArrayObject*>(wide.ptr()), values, what);
+        }
+    } else {
+        const int typenum = std::is_same<T, float>::value ? NPY_FLOAT : NPY_DOUBLE;
+        bp::object converted = cast_array(array, typenum);
+        if (!values.empty())
+            std::memcpy(values.data(), PyArray_DATA(reinterpret_cast<PyArrayObject*>(converted.ptr())),
+                        values.size() * sizeof(T));
+    }
+    return values;
+}
+
+template std::vector<int> values_from_array_like<int>(bp::object, const char*);
+template std::vector<float> values_from_array_like<float>(bp::object, const char*);
+template std::vector<double> values_from_array_like<double>(bp::object, const char*);
+
+bp::object array_view(bp::object owner, void* data, npy_intp count, int typenum)
+{
+    static double empty_buffer[1]; // an empty view still needs a pointer that NumPy does not own
+    npy_intp dims[1] = {count};
+    if (data == nullptr)
+        data = empty_buffer;
+    bp::object array(bp::handle<>(
+        PyArray_New(&PyArray_Type, 1, dims, typenum, nullptr, data, 0, NPY_ARRAY_CARRAY, nullptr)));
+    Py_INCREF(owner.ptr());
+    if (PyArray_SetBaseObject(reinterpret_cast<PyArrayObject*>(array.ptr()), owner.ptr()) < 0)
+        bp::throw_error_already_set(); // the base reference is consumed even on failure
+    return array;
+}
+
+} // namespace python
+} // namespace tessel

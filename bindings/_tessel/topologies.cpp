@@ -1,0 +1,131 @@
+// Python classes of the topologies: ITopology, ReservoirTopology and
+// ReservoirSelectionTopology.
+#include "tessel_python.h"
+
+#include <string>
+
+#include "tessel/strata/ReservoirTopology.h"
+
+namespace bp = boost::python;
+using tessel::core::ITopology;
+using namespace tessel::strata;
+
+namespace tessel {
+namespace python {
+namespace {
+
+const long long max_dimension = 65535;
+
+ReservoirTopologyPtr make_topology(bp::object nI, bp::object nJ, bp::object nK)
+{
+    return ReservoirTopologyPtr(new ReservoirTopology(
+        static_cast<std::uint16_t>(integer_argument(nI.ptr(), 0, max_dimension, "nI")),
+        static_cast<std::uint16_t>(integer_argument(nJ.ptr(), 0, max_dimension, "nJ")),
+        static_cast<std::uint16_t>(integer_argument(nK.ptr(), 0, max_dimension, "nK"))));
+}
+
+std::string topology_repr(const ReservoirTopology& t)
+{
+    return "ReservoirTopology(" + std::to_string(t.nI) + ", " + std::to_string(t.nJ) + ", " + std::to_string(t.nK) +
+           ")";
+}
+
+// Cells as an (n, 3) array-like of integer (i, j, k); an empty sequence
+// selects nothing.
+ReservoirSelectionTopologyPtr make_selection(const ReservoirTopologyPtr& parent, bp::object cells)
+{
+    if (!parent)
+        raise(PyExc_ValueError, "ReservoirSelectionTopology needs a parent ReservoirTopology, not None");
+    bp::object array_object(bp::handle<>(PyArray_FromAny(cells.ptr(), nullptr, 0, 0, 0, nullptr)));
+    PyArrayObject* array = reinterpret_cast<PyArrayObject*>(array_object.ptr());
+    const char kind = PyArray_DESCR(array)->kind;
+    std::vector<CellIJK> selected;
+    if (PyArray_SIZE(array) == 0)
+        return ReservoirSelectionTopologyPtr(new ReservoirSelectionTopology(parent, selected));
+    if (PyArray_NDIM(array) != 2 || PyArray_DIM(array, 1) != 3)
+        raise(PyExc_ValueError, "ReservoirSelectionTopology needs cells as an (n, 3) array of (i, j, k)");
+    if (kind != 'i' && kind != 'u')
+        raise(PyExc_TypeError, "ReservoirSelectionTopology needs integer cell coordinates");
+    bp::object wide(bp::handle<>(PyArray_FromAny(array_object.ptr(), PyArray_DescrFromType(NPY_LONGLONG), 0, 0,
+                                                 NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED | NPY_ARRAY_FORCECAST,
+                                                 nullptr)));
+    const long long* ijk = static_cast<const long long*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(wide.ptr())));
+    const long long dims[3] = {parent->nI, parent->nJ, parent->nK};
+    const npy_intp n = PyArray_DIM(array, 0);
+    selected.resize(static_cast<std::size_t>(n));
+    for (npy_intp s = 0; s < n; ++s) {
+        const long long* c = ijk + 3 * s;
+        // Unsigned input above LLONG_MAX wraps to a negative number here and is refused as well.
+        if (c[0] < 0 || c[0] >= dims[0] || c[1] < 0 || c[1] >= dims[1] || c[2] < 0 || c[2] >= dims[2])
+            raise(PyExc_ValueError, "selected cell " + std::to_string(s) + " = (" + std::to_string(c[0]) + ", " +
+                                        std::to_string(c[1]) + ", " + std::to_string(c[2]) +
+                                        ") lies outside the grid of " + std::to_string(dims[0]) + " x " +
+                                        std::to_string(dims[1]) + " x " + std::to_string(dims[2]) + " cells");
+        selected[s] = CellIJK{static_cast<std::uint16_t>(c[0]), static_cast<std::uint16_t>(c[1]),
+                              static_cast<std::uint16_t>(c[2])};
+    }
+    return ReservoirSelectionTopologyPtr(new ReservoirSelectionTopology(parent, std::move(selected)));
+}
+
+bp::object selected_cells(const ReservoirSelectionTopology& t)
+{
+    npy_intp dims[2] = {static_cast<npy_intp>(t.number_of_selected_cells), 3};
+    bp::object result(bp::handle<>(PyArray_SimpleNew(2, dims, NPY_LONGLONG)));
+    long long* out = static_cast<long long*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(result.ptr())));
+    for (std::uint64_t s = 0; s < t.number_of_selected_cells; ++s) {
+        out[3 * s] = t.selected_cells[s].i;
+        out[3 * s + 1] = t.selected_cells[s].j;
+        out[3 * s + 2] = t.selected_cells[s].k;
+    }
+    return result;
+}
+
+bp::object cell_to_selection(const ReservoirSelectionTopology& t)
+{
+    npy_intp dims[1] = {static_cast<npy_intp>(t.parent_topology->number_of_cells())};
+    bp::object result(bp::handle<>(PyArray_SimpleNew(1, dims, NPY_LONGLONG)));
+    long long* out = static_cast<long long*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(result.ptr())));
+    for (npy_intp c = 0; c < dims[0]; ++c)
+        out[c] = t.cell_to_selection[c];
+    return result;
+}
+
+std::string selection_repr(const ReservoirSelectionTopology& t)
+{
+    return "ReservoirSelectionTopology(" + topology_repr(*t.parent_topology) + ", " +
+           std::to_string(t.number_of_selected_cells) + " cells)";
+}
+
+} // namespace
+
+void register_topologies()
+{
+    bp::class_<ITopology, boost::shared_ptr<ITopology>, boost::noncopyable>("ITopology", bp::no_init)
+        .def("number_of_cells", &ITopology::number_of_cells);
+
+    bp::class_<ReservoirTopology, ReservoirTopologyPtr, bp::bases<ITopology>, boost::noncopyable>("ReservoirTopology",
+                                                                                                 bp::no_init)
+        .def("__init__", bp::make_constructor(&make_topology))
+        .add_property("nI", bp::make_getter(&ReservoirTopology::nI))
+        .add_property("nJ", bp::make_getter(&ReservoirTopology::nJ))
+        .add_property("nK", bp::make_getter(&ReservoirTopology::nK))
+        .def("__repr__", &topology_repr);
+
+    bp::class_<ReservoirSelectionTopology, ReservoirSelectionTopologyPtr, bp::bases<ITopology>, boost::noncopyable>(
+        "ReservoirSelectionTopology", bp::no_init)
+        .def("__init__", bp::make_constructor(&make_selection))
+        .add_property("parent_topology",
+                      bp::make_getter(&ReservoirSelectionTopology::parent_topology,
+                                      bp::return_value_policy<bp::return_by_value>()))
+        .add_property("nI", bp::make_getter(&ReservoirSelectionTopology::nI))
+        .add_property("nJ", bp::make_getter(&ReservoirSelectionTopology::nJ))
+        .add_property("nK", bp::make_getter(&ReservoirSelectionTopology::nK))
+        .add_property("number_of_selected_cells",
+                      bp::make_getter(&ReservoirSelectionTopology::number_of_selected_cells))
+        .add_property("selected_cells", &selected_cells)
+        .add_property("cell_to_selection", &cell_to_selection)
+        .def("__repr__", &selection_repr);
+}
+
+} // namespace python
+} // namespace tessel

@@ -1,0 +1,41 @@
+#include "core/rock/BulkVolume.h"
+
+using tessel::core::ITypeGridFunction;
+using tessel::core::IWritableTypeGridFunction;
+
+namespace kavra {
+
+void CalcBulkVolume(GridFunctionPtr p_PORV, GridFunctionPtr p_PORO, GridFunctionPtr p_BulkVolume)
+{
+    DoubleGridFunctionPtr PORV = CheckedGridFunctionCast<ITypeGridFunction<double>>("PORV", p_PORV);
+    DoubleGridFunctionPtr PORO = CheckedGridFunctionCast<ITypeGridFunction<double>>("PORO", p_PORO);
+    WritableDoubleGridFunctionPtr BulkVolume =
+        CheckedGridFunctionCast<IWritableTypeGridFunction<double, double>>("BulkVolume", p_BulkVolume);
+
+    const std::uint64_t nElts = BulkVolume->number_of_elements();
+    PRECONDITION(nElts == PORV->number_of_elements(), "BulkVolume and PORV should have the same number of elements.");
+    PRECONDITION(nElts == PORO->number_of_elements(), "BulkVolume and PORO should have the same number of elements.");
+
+    for (std::uint64_t h = 0; h < nElts; ++h) {
+        const double p = PORO->get_double(h);
+        if (p > 0.0)
+            BulkVolume->set_value(h, PORV->get_double(h) / p);
+        else
+            BulkVolume->set_value(h, 0.0);
+    }
+}
+
+void CalcBulkVolume(GridFunctionPtr p_NTG, GridFunctionPtr p_BulkVolume)
+{
+    DoubleGridFunctionPtr NTG = CheckedGridFunctionCast<ITypeGridFunction<double>>("NTG", p_NTG);
+    WritableDoubleGridFunctionPtr BulkVolume =
+        CheckedGridFunctionCast<IWritableTypeGridFunction<double, double>>("BulkVolume", p_BulkVolume);
+
+    const std::uint64_t nElts = BulkVolume->number_of_elements();
+    PRECONDITION(nElts == NTG->number_of_elements(), "BulkVolume and NTG should have the same number of elements.");
+
+    for (std::uint64_t h = 0; h < nElts; ++h)
+        BulkVolume->set_value(h, BulkVolume->get_double(h) * NTG->get_double(h));
+}
+
+} // namespace kavra
