@@ -1,0 +1,126 @@
+"""The module frame: names, argument matching, and the NumPy import path."""
+
+import subprocess
+import sys
+import textwrap
+
+import pytest
+from tessel import DoubleGridFunction
+
+import kavra
+
+ARGUMENT_ERROR = TypeError  # Boost.Python.ArgumentError derives from it
+
+
+def test_package_exposes_every_extension_name():
+    assert kavra._kavracore.__name__ == "kavra._kavracore"
+    public = {n for n in dir(kavra._kavracore) if not n.startswith("_")}
+    assert public <= set(dir(kavra)) and public == set(kavra.__all__)
+    assert {"CalcBulkVolume", "CalcRsFromComponents"} <= public
+
+
+def test_functions_have_no_documentation_text():
+    assert kavra.CalcBulkVolume.__doc__ is None
+    assert kavra.CalcRsFromComponents.__doc__ is None
+
+
+@pytest.mark.parametrize(
+    "call",
+    [
+        lambda g: kavra.CalcBulkVolume(NTG=g, BulkVolume=g),
+        lambda g: kavra.CalcBulkVolume(g, BulkVolume=g),
+        lambda g: kavra.CalcRsFromComponents(g, g, p_Rs=g),
+        lambda g: kavra.CalcBulkVolume(1.0, g),
+        lambda g: kavra.CalcBulkVolume([1.0], [2.0]),
+        lambda g: kavra.CalcBulkVolume(g),
+        lambda g: kavra.CalcBulkVolume(g, g, g, g),
+        lambda g: kavra.CalcRsFromComponents(g, g, "rs"),
+    ],
+    ids=["keywords", "one-keyword", "rs-keyword", "float", "lists", "too-few", "too-many", "string"],
+)
+def test_arguments_that_fit_no_overload_are_type_errors(call):
+    with pytest.raises(ARGUMENT_ERROR) as info:
+        call(DoubleGridFunction(1))
+    assert type(info.value).__name__ == "ArgumentError"
+
+
+def test_two_and_three_grid_functions_reach_different_overloads():
+    bulk = DoubleGridFunction([2.0])
+    kavra.CalcBulkVolume(DoubleGridFunction([3.0]), bulk)  # NTG scaling
+    assert bulk.values[0] == 6.0
+    kavra.CalcBulkVolume(DoubleGridFunction([3.0]), DoubleGridFunction([0.5]), bulk)  # PORV / PORO
+    assert bulk.values[0] == 6.0 and kavra.CalcBulkVolume(DoubleGridFunction(0), DoubleGridFunction(0)) is None
+
+
+# A stand-in for NumPy's compiled core, placed first on sys.path in a child
+# interpreter.  Its function table answers the version and byte-order queries.
+FAKE_CORE = textwrap.dedent(
+    """
+    import ctypes
+    unsigned = ctypes.CFUNCTYPE(ctypes.c_uint)
+    signed = ctypes.CFUNCTYPE(ctypes.c_int)
+    _keep = [unsigned(lambda: {abi}), signed(lambda: {endian}), unsigned(lambda: {feature})]
+    _table = (ctypes.c_void_p * 300)()
+    for slot, function in zip((0, 210, 211), _keep):
+        _table[slot] = ctypes.cast(function, ctypes.c_void_p)
+    new_capsule = ctypes.pythonapi.PyCapsule_New
+    new_capsule.restype = ctypes.py_object
+    new_capsule.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_void_p]
+    _ARRAY_API = new_capsule(ctypes.addressof(_table), None, None)
+    """
+)
+
+
+def import_with_fake_numpy(tmp_path, core_source):
+    core = tmp_path / "numpy" / "_core"
+    core.mkdir(parents=True)
+    (tmp_path / "numpy" / "__init__.py").write_text("")
+    (core / "__init__.py").write_text("")
+    (core / "_multiarray_umath.py").write_text(core_source)
+    script = textwrap.dedent(
+        f"""
+        import sys
+        sys.path.insert(0, {str(tmp_path)!r})
+        try:
+            import kavra._kavracore
+        except ImportError as error:
+            print("ImportError:", error)
+        else:
+            print("imported")
+        """
+    )
+    done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, cwd=tmp_path, timeout=60)
+    return done.stdout.strip(), done.stderr
+
+
+@pytest.mark.parametrize(
+    "core_source, first_error",
+    [
+        ("", "AttributeError: _ARRAY_API not found"),
+        ("_ARRAY_API = 5", "RuntimeError: _ARRAY_API is not PyCapsule object"),
+        (
+            FAKE_CORE.format(abi="0x3000000", endian=1, feature="0x13"),
+            "RuntimeError: module compiled against ABI version 0x2000000 but this version of numpy is 0x3000000",
+        ),
+        (
+            FAKE_CORE.format(abi="0x1000009", endian=1, feature="0xC"),
+            "RuntimeError: module compiled against API version 0xd but this version of numpy is 0xc",
+        ),
+        (FAKE_CORE.format(abi="0x1000009", endian=0, feature="0xD"), "RuntimeError: FATAL: module compiled as unknown endian"),
+        (
+            FAKE_CORE.format(abi="0x1000009", endian=2, feature="0xD"),
+            "RuntimeError: FATAL: module compiled as little endian, but detected different endianness at runtime",
+        ),
+    ],
+    ids=["no-table", "not-capsule", "abi-too-new", "api-too-old", "unknown-endian", "big-endian"],
+)
+def test_failed_numpy_import_prints_cause_and_fails_the_import(tmp_path, core_source, first_error):
+    stdout, stderr = import_with_fake_numpy(tmp_path, core_source)
+    assert stdout == "ImportError: numpy.core.multiarray failed to import"
+    assert first_error in stderr.splitlines()
+
+
+def test_an_older_abi_and_newer_api_pass_the_import(tmp_path):
+    # NumPy 1.x (ABI 0x1000009) with a newer C API is accepted.
+    stdout, stderr = import_with_fake_numpy(tmp_path, FAKE_CORE.format(abi="0x1000009", endian=1, feature="0x11"))
+    assert stdout == "imported", stderr
