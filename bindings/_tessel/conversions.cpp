@@ -70,17 +70,19 @@ std::vector<T> values_from_array_like(bp::object source, const char* what)
 {
     bp::object array_object = as_array(source);
     PyArrayObject* array = reinterpret_cast<PyArrayObject*>(array_object.ptr());
-    if (PyArray_NDIM(array) != 1 && PyArray_SIZE(array) != 0)
-        raise(PyExc_ValueError, std::string(what) + " needs one-dimensional values, got " +
-                                    std::to_string(PyArray_NDIM(array)) + " dimensions");
     const char kind = PyArray_DESCR(array)->kind;
     const bool integral = kind == 'b' || kind == 'i' || kind == 'u';
+    if (PyArray_SIZE(array) == 0)
+        return std::vector<T>(); // an empty sequence has no element type to check
     if (!integral && (std::is_integral<T>::value || kind != 'f')) {
         bp::object dtype_text(bp::handle<>(PyObject_Str(reinterpret_cast<PyObject*>(PyArray_DESCR(array)))));
         raise(PyExc_TypeError, std::string(what) + " needs " +
                                    (std::is_integral<T>::value ? "integer" : "real") + " values, got dtype " +
                                    bp::extract<std::string>(dtype_text)());
     }
+    if (PyArray_NDIM(array) != 1)
+        raise(PyExc_ValueError, std::string(what) + " needs one-dimensional values, got " +
+                                    std::to_string(PyArray_NDIM(array)) + " dimensions");
 
     std::vector<T> values(static_cast<std::size_t>(PyArray_SIZE(array)));
     if constexpr (std::is_integral<T>::value) {
