@@ -4,6 +4,13 @@
 namespace kavra {
 namespace python {
 
+void RegisterDeadOilTables();
+void RegisterLiveOilTables();
+void RegisterWaterTables();
+void RegisterWetGasTables();
+void RegisterRock();
+void RegisterScalar();
+void RegisterRockList();
 void RegisterBulkVolume();
 void RegisterRsFromComponents();
 

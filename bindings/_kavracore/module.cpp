@@ -16,6 +16,13 @@ void ModuleBody()
 
     kavra::python::ImportNumpyArrayApi();
 
+    kavra::python::RegisterDeadOilTables(); // TPVT, TPVTTable, TPVTList
+    kavra::python::RegisterLiveOilTables(); // TPVTO, TPVTOTable, TPVTOList
+    kavra::python::RegisterWaterTables();   // TPVTW, TPVTWList
+    kavra::python::RegisterWetGasTables();  // TPVTGRecord, TPVTGRecordTable, TPVTG, TPVTGTable, TPVTGList
+    kavra::python::RegisterRock();          // TRock
+    kavra::python::RegisterScalar();        // TScalar
+    kavra::python::RegisterRockList();      // TRockList
     kavra::python::RegisterBulkVolume();
     kavra::python::RegisterRsFromComponents();
 }

@@ -1,0 +1,117 @@
+// Python classes of the tables: TScalar, the six records and the nine lists.
+// Records and scalars are held by boost::shared_ptr; a record's scalar
+// properties hand back the very scalar objects they hold.
+#include <boost/python.hpp>
+
+#include "RegisterList.h"
+#include "Registration.h"
+#include "core/types/Records.h"
+
+namespace bp = boost::python;
+
+namespace kavra {
+namespace python {
+
+namespace {
+
+// Rs, Pg and under_sat are properties over members; under_sat is handed out
+// as a reference into the record that keeps the record alive.
+template <class Record, class Member>
+void AddScalarProperty(bp::class_<Record, boost::shared_ptr<Record>>& cls, const char* name, Member Record::*member)
+{
+    cls.add_property(name, bp::make_getter(member, bp::return_value_policy<bp::return_by_value>()),
+                     bp::make_setter(member));
+}
+
+template <class Record, class Member>
+void AddUnderSatProperty(bp::class_<Record, boost::shared_ptr<Record>>& cls, Member Record::*member)
+{
+    cls.add_property("under_sat", bp::make_getter(member, bp::return_internal_reference<1>()),
+                     bp::make_setter(member));
+}
+
+} // namespace
+
+void RegisterDeadOilTables()
+{
+    bp::class_<TPVT, boost::shared_ptr<TPVT>>("TPVT", "TPVT( kavra::TScalarPtr _P, kavra::TScalarPtr _B, kavra::TScalarPtr _Mi )",
+                                             bp::init<TScalarPtr, TScalarPtr, TScalarPtr>())
+        .def_readwrite("P", &TPVT::P)
+        .def_readwrite("B", &TPVT::B)
+        .def_readwrite("Mi", &TPVT::Mi);
+    RegisterList<TPVT>("TPVTTable");
+    RegisterList<TPVTTable>("TPVTList");
+}
+
+void RegisterLiveOilTables()
+{
+    bp::class_<TPVTO, boost::shared_ptr<TPVTO>> cls(
+        "TPVTO", "TPVTO( kavra::TScalarPtr RS, kavra::TScalarPtr P, kavra::TScalarPtr Bo, kavra::TScalarPtr Mio )",
+        bp::init<TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr>());
+    AddScalarProperty(cls, "Rs", &TPVTO::Rs);
+    AddUnderSatProperty(cls, &TPVTO::under_sat);
+    RegisterList<TPVTO>("TPVTOTable");
+    RegisterList<TPVTOTable>("TPVTOList");
+}
+
+void RegisterWaterTables()
+{
+    bp::class_<TPVTW, boost::shared_ptr<TPVTW>>(
+        "TPVTW",
+        "TPVTW( kavra::TScalarPtr _P_ref, kavra::TScalarPtr _Bw_ref, kavra::TScalarPtr _Cw, kavra::TScalarPtr "
+        "_Miw_ref, kavra::TScalarPtr _Cvw )",
+        bp::init<TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr>())
+        .def_readwrite("P_ref", &TPVTW::P_ref)
+        .def_readwrite("Bw_ref", &TPVTW::Bw_ref)
+        .def_readwrite("Cw", &TPVTW::Cw)
+        .def_readwrite("Miw_ref", &TPVTW::Miw_ref)
+        .def_readwrite("Cvw", &TPVTW::Cvw);
+    RegisterList<TPVTW>("TPVTWList");
+}
+
+void RegisterWetGasTables()
+{
+    bp::class_<TPVTGRecord, boost::shared_ptr<TPVTGRecord>>(
+        "TPVTGRecord", "TPVTGRecord( kavra::TScalarPtr _Rv, kavra::TScalarPtr _B, kavra::TScalarPtr _Mi )",
+        bp::init<TScalarPtr, TScalarPtr, TScalarPtr>())
+        .def_readwrite("Rv", &TPVTGRecord::Rv)
+        .def_readwrite("B", &TPVTGRecord::B)
+        .def_readwrite("Mi", &TPVTGRecord::Mi);
+    RegisterList<TPVTGRecord>("TPVTGRecordTable");
+
+    bp::class_<TPVTG, boost::shared_ptr<TPVTG>> cls(
+        "TPVTG", "TPVTG( kavra::TScalarPtr Pg, kavra::TScalarPtr Rv, kavra::TScalarPtr Bg, kavra::TScalarPtr Mig )",
+        bp::init<TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr>());
+    AddScalarProperty(cls, "Pg", &TPVTG::Pg);
+    AddUnderSatProperty(cls, &TPVTG::under_sat);
+    RegisterList<TPVTG>("TPVTGTable");
+    RegisterList<TPVTGTable>("TPVTGList");
+}
+
+void RegisterRock()
+{
+    bp::class_<TRock, boost::shared_ptr<TRock>>("TRock", "TRock( kavra::TScalarPtr _P_ref, kavra::TScalarPtr _Cr )",
+                                               bp::init<TScalarPtr, TScalarPtr>())
+        .def_readwrite("P_ref", &TRock::P_ref)
+        .def_readwrite("Cr", &TRock::Cr);
+}
+
+void RegisterScalar()
+{
+    bp::class_<TScalar, TScalarPtr, boost::noncopyable>("TScalar", "TScalar( double value, string category, string unit)",
+                                                        bp::init<double, std::string, std::string>())
+        .def_readwrite("value", &TScalar::value)
+        .def_readwrite("category", &TScalar::category)
+        .def_readwrite("unit", &TScalar::unit)
+        .def(bp::self == bp::self)
+        .def(bp::self != bp::self)
+        .def("__str__", &TScalar::str);
+}
+
+void RegisterRockList()
+{
+    RegisterList<TRock>("TRockList");
+}
+
+} // namespace python
+} // namespace kavra
