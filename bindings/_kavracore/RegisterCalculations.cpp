@@ -4,6 +4,12 @@
 #include <boost/python.hpp>
 
 #include "Registration.h"
+#include "core/pvt/BubblePointPressure.h"
+#include "core/pvt/Interpolation.h"
+#include "core/pvt/OneOverB.h"
+#include "core/pvt/OneOverBg.h"
+#include "core/pvt/OneOverBo.h"
+#include "core/pvt/OneOverBw.h"
 #include "core/pvt/RsFromComponents.h"
 #include "core/rock/BulkVolume.h"
 
@@ -11,6 +17,16 @@ namespace bp = boost::python;
 
 namespace kavra {
 namespace python {
+
+void RegisterPvtCalculations()
+{
+    bp::def("CalcBubblePointPressure", &kavra::CalcBubblePointPressure);
+    bp::def("CalcOneOverB", &kavra::CalcOneOverB);
+    bp::def("InterpolateB", &kavra::InterpolateB);
+    bp::def("CalcOneOverBo", &kavra::CalcOneOverBo);
+    bp::def("CalcOneOverBw", &kavra::CalcOneOverBw);
+    bp::def("CalcOneOverBg", &kavra::CalcOneOverBg);
+}
 
 void RegisterBulkVolume()
 {

@@ -11,6 +11,7 @@ void RegisterWetGasTables();
 void RegisterRock();
 void RegisterScalar();
 void RegisterRockList();
+void RegisterPvtCalculations();
 void RegisterBulkVolume();
 void RegisterRsFromComponents();
 

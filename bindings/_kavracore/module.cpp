@@ -23,6 +23,7 @@ void ModuleBody()
     kavra::python::RegisterRock();          // TRock
     kavra::python::RegisterScalar();        // TScalar
     kavra::python::RegisterRockList();      // TRockList
+    kavra::python::RegisterPvtCalculations(); // CalcBubblePointPressure .. CalcOneOverBg, InterpolateB
     kavra::python::RegisterBulkVolume();
     kavra::python::RegisterRsFromComponents();
 }

@@ -5,6 +5,8 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include "core/utils/Precondition.h"
+
 namespace kavra {
 
 // One number with two free-text labels.  Tables hold every number through a
@@ -30,5 +32,13 @@ public:
 typedef boost::shared_ptr<TScalar> TScalarPtr;
 
 std::ostream& operator<<(std::ostream& os, const TScalar& scalar);
+
+// The number of a table field.  A field that a script set to None is a
+// failed check, never a read through an empty pointer.
+inline double ScalarValue(const TScalarPtr& scalar)
+{
+    PRECONDITION(scalar.get()!=0, "A table field that the calculation reads holds no TScalar (None).");
+    return scalar->value;
+}
 
 } // namespace kavra

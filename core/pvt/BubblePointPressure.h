@@ -1,0 +1,14 @@
+#pragma once
+
+#include "core/types/Records.h"
+#include "core/utils/gridfunction_checking.h"
+
+namespace kavra {
+
+// Bubble point pressure per cell: the cell's Rs looked up along the
+// saturated line of its region's live-oil table.  Cells of region below 1
+// get 0.0.
+void CalcBubblePointPressure(const TPVTOList& p_pvtoList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_RS,
+                             GridFunctionPtr Pbub);
+
+} // namespace kavra

@@ -1,0 +1,45 @@
+#include "core/pvt/OneOverB.h"
+
+#include "core/pvt/Interpolation.h"
+
+namespace kavra {
+
+namespace {
+
+template <class Regions, class Values>
+void OneOverBCells(const TPVTList& pvtList, Regions p_PVTNum, Values p_P, Values OneOverB, std::uint64_t nElts)
+{
+    for (std::uint64_t h = 0; h < nElts; ++h) {
+        const int region = p_PVTNum.get(h);
+        if (region < 1) {
+            OneOverB.set(h, 0.0);
+            continue;
+        }
+        const std::uint64_t pvtID = static_cast<std::uint64_t>(region) - 1;
+        PRECONDITION(pvtID<pvtList.size(),
+                     "Wrong PVT region number: " << pvtID << ", valid interval [0, " << pvtList.size() - 1 << "].");
+        const TPVTTable& pvt_table = pvtList[pvtID];
+        PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
+        OneOverB.set(h, 1.0 / InterpolateB(pvt_table, p_P.get(h)));
+    }
+}
+
+} // namespace
+
+void CalcOneOverB(const TPVTList& pvtList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_P, GridFunctionPtr OneOverB)
+{
+    CheckGridFunctionGiven("PVTNum", p_PVTNum);
+    CheckGridFunctionGiven("P", p_P);
+    CheckGridFunctionGiven("OneOverB", OneOverB);
+
+    const std::uint64_t nElts = OneOverB->number_of_elements();
+    PRECONDITION(nElts == p_PVTNum->number_of_elements(), "OneOverB and PVTNum should have the same number of elements.");
+    PRECONDITION(nElts == p_P->number_of_elements(), "OneOverB and P should have the same number of elements.");
+
+    DispatchGridFunctions(
+        FloatVariant::Absent,
+        [&](auto regions, auto pressure, auto result) { OneOverBCells(pvtList, regions, pressure, result, nElts); },
+        p_PVTNum, p_P, OneOverB);
+}
+
+} // namespace kavra

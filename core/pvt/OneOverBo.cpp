@@ -1,0 +1,75 @@
+#include "core/pvt/OneOverBo.h"
+
+#include <cmath>
+
+#include "core/pvt/Interpolation.h"
+
+namespace kavra {
+
+namespace {
+
+const double pressureTolerance = 0.0001;
+
+double SaturatedPressure(const TPVTO& row)
+{
+    return ScalarValue(SaturatedPoint(row).P);
+}
+
+// Bo above (or below) the bubble point: the undersaturated rows of a
+// single table row, the upper row of the bracket around Pbub, as they
+// stand: no blending between rows.
+double UndersaturatedBo(const TPVTOTable& pvt_table, double po, double pbub)
+{
+    std::size_t row = 0;
+    if (pvt_table.size() > 1)
+        row = BracketUpper(RowSearch(pvt_table, pbub, SaturatedPressure), pvt_table.size());
+    return InterpolateB(pvt_table[row].under_sat, po);
+}
+
+template <class Regions, class Values>
+void OneOverBoCells(const TPVTOList& pvtoList, Regions PVTNum, Values Po, Values Pbub, Values OneOverBo,
+                    std::uint64_t nElts)
+{
+    for (std::uint64_t h = 0; h < nElts; ++h) {
+        const int region = PVTNum.get(h);
+        if (region < 1) {
+            OneOverBo.set(h, 0.0);
+            continue;
+        }
+        const std::uint64_t pvtID = static_cast<std::uint64_t>(region) - 1;
+        PRECONDITION(pvtID<pvtoList.size(),
+                     "Wrong PVT region number: " << pvtID << ", valid interval [0, " << pvtoList.size() - 1 << "].");
+        const TPVTOTable& pvt_table = pvtoList[pvtID];
+        PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
+        const double po = Po.get(h);
+        const double pbub = Pbub.get(h);
+        const double Bo = pressureTolerance > std::fabs(po - pbub) ? InterpolateBoSat(pvt_table, po)
+                                                                   : UndersaturatedBo(pvt_table, po, pbub);
+        OneOverBo.set(h, 1.0 / Bo);
+    }
+}
+
+} // namespace
+
+void CalcOneOverBo(const TPVTOList& pvtoList, GridFunctionPtr PVTNum, GridFunctionPtr Po, GridFunctionPtr Pbub,
+                   GridFunctionPtr OneOverBo)
+{
+    CheckGridFunctionGiven("PVTNum", PVTNum);
+    CheckGridFunctionGiven("Po", Po);
+    CheckGridFunctionGiven("Pbub", Pbub);
+    CheckGridFunctionGiven("OneOverBo", OneOverBo);
+
+    const std::uint64_t nElts = OneOverBo->number_of_elements();
+    PRECONDITION(nElts == PVTNum->number_of_elements(), "OneOverBo and PVTNum should have the same number of elements.");
+    PRECONDITION(nElts == Po->number_of_elements(), "OneOverBo and Po should have the same number of elements.");
+    PRECONDITION(nElts == Pbub->number_of_elements(), "OneOverBo and Pbub should have the same number of elements.");
+
+    DispatchGridFunctions(
+        FloatVariant::Present,
+        [&](auto regions, auto po, auto pbub, auto result) {
+            OneOverBoCells(pvtoList, regions, po, pbub, result, nElts);
+        },
+        PVTNum, Po, Pbub, OneOverBo);
+}
+
+} // namespace kavra
