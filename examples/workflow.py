@@ -16,6 +16,94 @@ def show(title, values, unit=""):
     print(f"  {title:<28} min {values.min():10.4g}  mean {values.mean():10.4g}  max {values.max():10.4g} {unit}")
 
 
+def scalar(value, category, unit):
+    return kavra.TScalar(value, category, unit)
+
+
+def live_oil_table(rs_values, pbub_values, bo_values, undersaturated_slope):
+    """A live-oil table: one row per Rs, each with two undersaturated pressure rows."""
+    table = kavra.TPVTOTable()
+    for rs, pbub, bo in zip(rs_values, pbub_values, bo_values):
+        row = kavra.TPVTO(scalar(rs, "rs", "sm3/sm3"), scalar(pbub, "pressure", "bar"),
+                          scalar(bo, "fvf", "rm3/sm3"), scalar(1.0, "viscosity", "cP"))
+        for dp in (100.0, 200.0):
+            row.under_sat.append(kavra.TPVT(scalar(pbub + dp, "pressure", "bar"),
+                                            scalar(bo - undersaturated_slope * dp, "fvf", "rm3/sm3"),
+                                            scalar(1.1, "viscosity", "cP")))
+        table.append(row)
+    return table
+
+
+def wet_gas_table(pressures, rv_values, bg_values):
+    """A wet-gas table: one row per gas pressure, each with a dry and a rich record."""
+    table = kavra.TPVTGTable()
+    for pg, rv, bg in zip(pressures, rv_values, bg_values):
+        row = kavra.TPVTG(scalar(pg, "pressure", "bar"), scalar(rv, "rv", "sm3/sm3"),
+                          scalar(bg, "fvf", "rm3/sm3"), scalar(0.02, "viscosity", "cP"))
+        row.under_sat.append(kavra.TPVTGRecord(scalar(0.0, "rv", "sm3/sm3"), scalar(bg * 0.97, "fvf", "rm3/sm3"),
+                                               scalar(0.019, "viscosity", "cP")))
+        table.append(row)
+    return table
+
+
+def fluids(rng, grid):
+    """Two PVT regions: bubble point, 1/Bo, 1/Bg and 1/Bw for every cell."""
+    n = grid.number_of_cells()
+    # Region 1 in the west half of the grid, region 2 in the east; the first column is outside both.
+    i = np.arange(n) % grid.nI
+    pvtnum = tessel.IntGridFunction(np.where(i < grid.nI // 2, 1, 2))
+    pvtnum.values[i == 0] = 0
+
+    oil = kavra.TPVTOList([
+        live_oil_table([20.0, 60.0, 100.0, 140.0], [60.0, 140.0, 220.0, 300.0], [1.10, 1.22, 1.34, 1.46], 2e-4),
+        live_oil_table([30.0, 80.0, 130.0], [90.0, 190.0, 290.0], [1.15, 1.30, 1.45], 3e-4),
+    ])
+    gas = kavra.TPVTGList([
+        wet_gas_table([100.0, 200.0, 300.0], [2e-4, 5e-4, 9e-4], [0.012, 0.0062, 0.0043]),
+        wet_gas_table([120.0, 240.0, 360.0], [3e-4, 6e-4, 1e-3], [0.010, 0.0052, 0.0036]),
+    ])
+    water = kavra.TPVTWList([
+        kavra.TPVTW(scalar(200.0, "pressure", "bar"), scalar(1.02, "fvf", "rm3/sm3"),
+                    scalar(4.5e-5, "compressibility", "1/bar"), scalar(0.5, "viscosity", "cP"),
+                    scalar(0.0, "viscosibility", "1/bar")),
+        kavra.TPVTW(scalar(250.0, "pressure", "bar"), scalar(1.03, "fvf", "rm3/sm3"),
+                    scalar(4.0e-5, "compressibility", "1/bar"), scalar(0.45, "viscosity", "cP"),
+                    scalar(0.0, "viscosibility", "1/bar")),
+    ])
+
+    po = tessel.DoubleGridFunction(rng.uniform(150.0, 320.0, n))
+    rs = tessel.DoubleGridFunction(rng.uniform(30.0, 120.0, n))
+    pbub = tessel.DoubleGridFunction(n)
+    kavra.CalcBubblePointPressure(oil, pvtnum, rs, pbub)
+    # Where the bubble point exceeds the oil pressure the oil is saturated at Po.
+    saturated = pbub.values > po.values
+    pbub.values[saturated] = po.values[saturated]
+
+    one_over_bo = tessel.DoubleGridFunction(n)
+    kavra.CalcOneOverBo(oil, pvtnum, po, pbub, one_over_bo)
+
+    pg = tessel.DoubleGridFunction(po.values + 5.0)
+    pdew = tessel.DoubleGridFunction(rng.uniform(150.0, 330.0, n))
+    rv = tessel.DoubleGridFunction(rng.uniform(0.0, 8e-4, n))
+    one_over_bg = tessel.DoubleGridFunction(n)
+    kavra.CalcOneOverBg(gas, pvtnum, pg, pdew, rv, one_over_bg)
+
+    one_over_bw = tessel.DoubleGridFunction(n)
+    kavra.CalcOneOverBw(water, pvtnum, po, one_over_bw)
+
+    print("\nFluids, two PVT regions (region 0 cells get 0.0)")
+    for region in (1, 2):
+        cells = pvtnum.values == region
+        print(f" region {region}: {np.count_nonzero(cells)} cells")
+        show("bubble point", pbub.values[cells], "bar")
+        show("1/Bo", one_over_bo.values[cells], "sm3/rm3")
+        show("1/Bg", one_over_bg.values[cells], "sm3/rm3")
+        show("1/Bw", one_over_bw.values[cells], "sm3/rm3")
+    print(f" saturated oil cells: {np.count_nonzero(saturated & (pvtnum.values > 0))}")
+    print(f" InterpolateB on the undersaturated rows of one oil row, 175 bar: "
+          f"{kavra.InterpolateB(oil[0][1].under_sat, 175.0):.5f} rm3/sm3")
+
+
 def main():
     rng = np.random.default_rng(7)
     grid = tessel.ReservoirTopology(20, 15, 6)
@@ -43,6 +131,8 @@ def main():
     kavra.CalcRsFromComponents(oil, gas, rs)
     print("\nRs from components")
     show("Rs", rs.values, "sm3/sm3")
+
+    fluids(rng, grid)
 
     # A bad call: the error names the argument and where the check stands.
     print("\nA float grid function where doubles are required:")
