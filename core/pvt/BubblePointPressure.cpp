@@ -1,5 +1,7 @@
 #include "core/pvt/BubblePointPressure.h"
 
+#include "core/pvt/RegionCells.h"
+
 #include "core/pvt/Interpolation.h"
 
 namespace kavra {
@@ -9,19 +11,12 @@ namespace {
 template <class Regions, class Values>
 void BubblePointCells(const TPVTOList& p_pvtoList, Regions p_PVTNum, Values p_RS, Values Pbub, std::uint64_t nElts)
 {
-    for (std::uint64_t h = 0; h < nElts; ++h) {
-        const int region = p_PVTNum.get(h);
-        if (region < 1) {
-            Pbub.set(h, 0.0);
-            continue;
-        }
-        const std::uint64_t pvtID = static_cast<std::uint64_t>(region) - 1;
-        PRECONDITION(pvtID<p_pvtoList.size(),
-                     "Wrong PVT region number: " << pvtID << ", valid interval [0, " << p_pvtoList.size() - 1 << "].");
+    ForEachRegionCell(p_PVTNum, Pbub, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
+        PRECONDITION(pvtID<p_pvtoList.size(), (WrongRegion{pvtID, p_pvtoList.size()}));
         const TPVTOTable& pvto_table = p_pvtoList[pvtID];
         PRECONDITION(!pvto_table.empty(), "Empty PVTO table!!");
-        Pbub.set(h, InterpolatePbub(pvto_table, p_RS.get(h)));
-    }
+        return InterpolatePbub(pvto_table, p_RS.get(h));
+    });
 }
 
 } // namespace

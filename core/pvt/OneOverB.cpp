@@ -1,5 +1,7 @@
 #include "core/pvt/OneOverB.h"
 
+#include "core/pvt/RegionCells.h"
+
 #include "core/pvt/Interpolation.h"
 
 namespace kavra {
@@ -9,19 +11,12 @@ namespace {
 template <class Regions, class Values>
 void OneOverBCells(const TPVTList& pvtList, Regions p_PVTNum, Values p_P, Values OneOverB, std::uint64_t nElts)
 {
-    for (std::uint64_t h = 0; h < nElts; ++h) {
-        const int region = p_PVTNum.get(h);
-        if (region < 1) {
-            OneOverB.set(h, 0.0);
-            continue;
-        }
-        const std::uint64_t pvtID = static_cast<std::uint64_t>(region) - 1;
-        PRECONDITION(pvtID<pvtList.size(),
-                     "Wrong PVT region number: " << pvtID << ", valid interval [0, " << pvtList.size() - 1 << "].");
+    ForEachRegionCell(p_PVTNum, OneOverB, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
+        PRECONDITION(pvtID<pvtList.size(), (WrongRegion{pvtID, pvtList.size()}));
         const TPVTTable& pvt_table = pvtList[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
-        OneOverB.set(h, 1.0 / InterpolateB(pvt_table, p_P.get(h)));
-    }
+        return 1.0 / InterpolateB(pvt_table, p_P.get(h));
+    });
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "core/pvt/OneOverBg.h"
 
+#include "core/pvt/RegionCells.h"
+
 #include <cmath>
 
 #include "core/pvt/Interpolation.h"
@@ -36,19 +38,12 @@ template <class Regions, class Values>
 void OneOverBgCells(const TPVTGList& p_pvtg_list, Regions p_PVTNum, Values p_Pg, Values p_Pdew, Values p_Rv,
                     Values OneOverBg, std::uint64_t number_of_elements)
 {
-    for (std::uint64_t h = 0; h < number_of_elements; ++h) {
-        const int region = p_PVTNum.get(h);
-        if (region < 1) {
-            OneOverBg.set(h, 0.0);
-            continue;
-        }
-        const std::uint64_t pvtID = static_cast<std::uint64_t>(region) - 1;
-        PRECONDITION(pvtID < p_pvtg_list.size(),
-                     "Wrong PVT region number: " << pvtID << ", valid interval [0, " << p_pvtg_list.size() - 1 << "].");
+    ForEachRegionCell(p_PVTNum, OneOverBg, number_of_elements, [&](std::uint64_t h, std::uint64_t pvtID) {
+        PRECONDITION(pvtID < p_pvtg_list.size(), (WrongRegion{pvtID, p_pvtg_list.size()}));
         const TPVTGTable& pvt_table = p_pvtg_list[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
-        OneOverBg.set(h, OneOverBgAt(pvt_table, p_Pg.get(h), p_Pdew.get(h), p_Rv.get(h)));
-    }
+        return OneOverBgAt(pvt_table, p_Pg.get(h), p_Pdew.get(h), p_Rv.get(h));
+    });
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "core/pvt/OneOverBo.h"
 
+#include "core/pvt/RegionCells.h"
+
 #include <cmath>
 
 #include "core/pvt/Interpolation.h"
@@ -30,23 +32,16 @@ template <class Regions, class Values>
 void OneOverBoCells(const TPVTOList& pvtoList, Regions PVTNum, Values Po, Values Pbub, Values OneOverBo,
                     std::uint64_t nElts)
 {
-    for (std::uint64_t h = 0; h < nElts; ++h) {
-        const int region = PVTNum.get(h);
-        if (region < 1) {
-            OneOverBo.set(h, 0.0);
-            continue;
-        }
-        const std::uint64_t pvtID = static_cast<std::uint64_t>(region) - 1;
-        PRECONDITION(pvtID<pvtoList.size(),
-                     "Wrong PVT region number: " << pvtID << ", valid interval [0, " << pvtoList.size() - 1 << "].");
+    ForEachRegionCell(PVTNum, OneOverBo, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
+        PRECONDITION(pvtID<pvtoList.size(), (WrongRegion{pvtID, pvtoList.size()}));
         const TPVTOTable& pvt_table = pvtoList[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
         const double po = Po.get(h);
         const double pbub = Pbub.get(h);
         const double Bo = pressureTolerance > std::fabs(po - pbub) ? InterpolateBoSat(pvt_table, po)
                                                                    : UndersaturatedBo(pvt_table, po, pbub);
-        OneOverBo.set(h, 1.0 / Bo);
-    }
+        return 1.0 / Bo;
+    });
 }
 
 } // namespace

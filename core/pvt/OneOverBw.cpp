@@ -1,5 +1,7 @@
 #include "core/pvt/OneOverBw.h"
 
+#include "core/pvt/RegionCells.h"
+
 namespace kavra {
 
 namespace {
@@ -7,22 +9,15 @@ namespace {
 template <class Regions, class Values>
 void OneOverBwCells(const TPVTWList& pvtwList, Regions p_PVTNum, Values p_Pw, Values OneOverBw, std::uint64_t nElts)
 {
-    for (std::uint64_t h = 0; h < nElts; ++h) {
-        const int region = p_PVTNum.get(h);
-        if (region < 1) {
-            OneOverBw.set(h, 0.0);
-            continue;
-        }
-        const std::uint64_t pvtID = static_cast<std::uint64_t>(region) - 1;
-        PRECONDITION(pvtID<pvtwList.size(),
-                     "Wrong PVT region number: " << pvtID << ", valid interval [0, " << pvtwList.size() - 1 << "].");
+    ForEachRegionCell(p_PVTNum, OneOverBw, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
+        PRECONDITION(pvtID<pvtwList.size(), (WrongRegion{pvtID, pvtwList.size()}));
         const TPVTW& pvtw = pvtwList[pvtID];
         const double pw = p_Pw.get(h);
         // The exponential of x cut after its second-order term, in this grouping.
         const double x = (pw - ScalarValue(pvtw.P_ref)) * ScalarValue(pvtw.Cw);
         const double numerator = ((x * 0.5) * x) + (x + 1.0);
-        OneOverBw.set(h, numerator / ScalarValue(pvtw.Bw_ref));
-    }
+        return numerator / ScalarValue(pvtw.Bw_ref);
+    });
 }
 
 } // namespace
