@@ -3,7 +3,7 @@
 VENV   := .venv
 PY     := $(VENV)/bin/python
 
-.PHONY: all bootstrap build test demo clean
+.PHONY: all bootstrap build test demo bench clean
 
 all: build
 
@@ -20,6 +20,10 @@ test: build
 
 demo: build
 	$(PY) examples/workflow.py
+
+# Native calculations against NumPy on 10^6 and 10^7 cells (BENCH_ARGS=--large adds 10^8).
+bench: build
+	$(PY) bench/run.py $(BENCH_ARGS)
 
 clean:
 	rm -rf build

@@ -1,0 +1,233 @@
+"""Benchmarks: each native calculation against the same result in NumPy.
+
+    python bench/run.py                  # 10^6 and 10^7 cells
+    python bench/run.py --large          # also 10^8 cells (needs ~25 GB for the largest cases)
+    python bench/run.py --only OneOverBo --sizes 1e6
+
+Before timing, every case checks that the native result equals the NumPy
+result bit for bit.  Each timing is the median of --repeat runs.  Reported:
+ns per cell, the speed-up over NumPy, and the ratio to a copy floor (np.copyto
+of as many bytes as the result holds).
+"""
+
+import argparse
+import json
+import pathlib
+import statistics
+import sys
+import time
+
+import numpy as np
+
+import kavra
+import tessel
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+import numpy_versions as npv  # noqa: E402
+
+HERE = pathlib.Path(__file__).resolve().parent
+RNG = np.random.default_rng(2024)
+N_REGIONS = 4
+
+
+def S(v):
+    return kavra.TScalar(float(v), "", "")
+
+
+def grid_for(n):
+    """A grid of about n cells with a shape like a real model (nI, nJ > nK)."""
+    nk = max(1, round((n / 6.25) ** (1 / 3)))
+    ni = max(1, round((n / nk) ** 0.5 * 1.25))
+    nj = max(1, n // (ni * nk))
+    return tessel.ReservoirTopology(ni, nj, nk)
+
+
+def block_regions(grid):
+    """Regions 1..4 in quarters of the map, the same in every layer."""
+    n = grid.number_of_cells()
+    c = np.arange(n)
+    i, j = c % grid.nI, (c // grid.nI) % grid.nJ
+    return (1 + (2 * i) // max(grid.nI, 1) + 2 * ((2 * j) // max(grid.nJ, 1))).astype(np.int32)
+
+
+# --- tables: the same numbers as native tables and as NumPy arrays ----------------
+
+def dead_tables():
+    native, arrays = kavra.TPVTList(), []
+    for r in range(N_REGIONS):
+        p = np.linspace(20.0, 420.0, 15)
+        b = 1.30 - 2e-4 * (r + 1) * (p - 20.0) ** 0.9
+        native.append(kavra.TPVTTable([kavra.TPVT(S(x), S(y), S(0.5)) for x, y in zip(p, b)]))
+        arrays.append((p, b))
+    return native, arrays
+
+
+def oil_tables():
+    native, arrays = kavra.TPVTOList(), []
+    for r in range(N_REGIONS):
+        rs = np.linspace(10.0, 200.0, 12)
+        psat = 30.0 + 1.8 * rs + 5.0 * r
+        bsat = 1.05 + 0.0021 * rs
+        rows, table = [], kavra.TPVTOTable()
+        for k in range(len(rs)):
+            p_rows = psat[k] + np.array([0.0, 60.0, 150.0, 300.0])
+            b_rows = bsat[k] - np.array([0.0, 0.004, 0.009, 0.016])
+            row = kavra.TPVTO(S(rs[k]), S(p_rows[0]), S(b_rows[0]), S(1.0))
+            for x, y in zip(p_rows[1:], b_rows[1:]):
+                row.under_sat.append(kavra.TPVT(S(x), S(y), S(1.0)))
+            table.append(row)
+            rows.append((p_rows, b_rows))
+        native.append(table)
+        arrays.append((rs, psat, bsat, rows))
+    return native, arrays
+
+
+def gas_tables():
+    native, arrays = kavra.TPVTGList(), []
+    for r in range(N_REGIONS):
+        pg = np.linspace(40.0, 400.0, 10) + 3.0 * r
+        rv_sat = 1e-5 * pg
+        bg_sat = 1.2 / pg
+        rows, table = [], kavra.TPVTGTable()
+        for k in range(len(pg)):
+            rv_rows = rv_sat[k] * np.array([1.0, 0.0, 0.5, 1.5, 2.0])
+            b_rows = bg_sat[k] * (1.0 + 0.05 * rv_rows / rv_sat[k])  # saturated record first, then by Rv
+            row = kavra.TPVTG(S(pg[k]), S(rv_rows[0]), S(b_rows[0]), S(0.02))
+            for x, y in zip(rv_rows[1:], b_rows[1:]):
+                row.under_sat.append(kavra.TPVTGRecord(S(x), S(y), S(0.02)))
+            table.append(row)
+            rows.append((rv_rows, 1.0 / b_rows))
+        native.append(table)
+        arrays.append((pg, np.array([r[0][0] for r in rows]), np.array([r[1][0] for r in rows]), rows))
+    return native, arrays
+
+
+def water_records():
+    records = [(200.0 + 10 * r, 1.02 + 0.005 * r, 4.5e-5) for r in range(N_REGIONS)]
+    native = kavra.TPVTWList([kavra.TPVTW(S(a), S(b), S(c), S(0.5), S(0.0)) for a, b, c in records])
+    return native, records
+
+
+# --- cases --------------------------------------------------------------------
+
+VARIANT_STORAGE = {
+    "double": (tessel.IntGridFunction, tessel.DoubleGridFunction, np.float64),
+    "float": (tessel.IntGridFunction, tessel.FloatGridFunction, np.float32),
+    # regions held as doubles send any calculation down the per-element path
+    "generic": (tessel.DoubleGridFunction, tessel.DoubleGridFunction, np.float64),
+}
+
+
+def pvt_case(name, native, arrays, inputs, variants):
+    """inputs: function(n) -> list of double arrays."""
+
+    def build(grid, variant):
+        n = grid.number_of_cells()
+        region_cls, value_cls, dtype = VARIANT_STORAGE[variant]
+        regions = block_regions(grid)
+        values = [v.astype(dtype).astype(np.float64) for v in inputs(n)]
+        gfs = [region_cls(regions)] + [value_cls(v) for v in values] + [value_cls(n)]
+        native_call = getattr(kavra, "Calc" + name)
+        run_native = lambda: native_call(native, *gfs)  # noqa: E731
+        expected = np.empty(n)
+        run_numpy = lambda: getattr(npv, NUMPY_NAMES[name])(arrays, regions, *values, expected)  # noqa: E731
+
+        def check():
+            run_native()
+            run_numpy()
+            want = expected.astype(dtype)
+            if not np.array_equal(gfs[-1].values, want, equal_nan=True):
+                bad = np.flatnonzero(gfs[-1].values != want)[:5]
+                raise AssertionError(f"{name}/{variant}: native and NumPy differ at cells {bad}")
+
+        return run_native, run_numpy, check, gfs[-1].values.nbytes
+
+    return [(f"{name} ({v})", lambda grid, v=v: build(grid, v)) for v in variants]
+
+
+NUMPY_NAMES = {
+    "OneOverB": "one_over_b", "BubblePointPressure": "bubble_point", "OneOverBo": "one_over_bo",
+    "OneOverBw": "one_over_bw", "OneOverBg": "one_over_bg",
+}
+
+
+def pressures(n, low=40.0, high=400.0):
+    return RNG.uniform(low, high, n)
+
+
+def bo_inputs(n):
+    po = pressures(n, 60.0, 600.0)
+    pbub = RNG.uniform(50.0, 420.0, n)
+    saturated = RNG.random(n) < 0.3
+    pbub[saturated] = po[saturated]
+    return [po, pbub]
+
+
+def bg_inputs(n):
+    pg = pressures(n, 30.0, 420.0)
+    pdew = RNG.uniform(30.0, 420.0, n)
+    saturated = RNG.random(n) < 0.3
+    pdew[saturated] = pg[saturated]
+    return [pg, pdew, RNG.uniform(0.0, 0.008, n)]
+
+
+def all_cases():
+    dead, oil, gas, water = dead_tables(), oil_tables(), gas_tables(), water_records()
+    return (
+        pvt_case("BubblePointPressure", oil[0], oil[1], lambda n: [RNG.uniform(5.0, 210.0, n)], ["double", "float", "generic"])
+        + pvt_case("OneOverB", dead[0], dead[1], lambda n: [pressures(n)], ["double", "generic"])
+        + pvt_case("OneOverBo", oil[0], oil[1], bo_inputs, ["double", "float", "generic"])
+        + pvt_case("OneOverBw", water[0], water[1], lambda n: [pressures(n)], ["double", "generic"])
+        + pvt_case("OneOverBg", gas[0], gas[1], bg_inputs, ["double", "float", "generic"])
+    )
+
+
+def median_time(fn, repeat):
+    times = []
+    for _ in range(repeat):
+        start = time.perf_counter()
+        fn()
+        times.append(time.perf_counter() - start)
+    return statistics.median(times)
+
+
+def copy_floor(nbytes, repeat):
+    src = np.ones(nbytes, dtype=np.uint8)
+    dst = np.empty_like(src)
+    return median_time(lambda: np.copyto(dst, src), repeat)
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--sizes", default="1e6,1e7", help="comma-separated cell counts")
+    parser.add_argument("--large", action="store_true", help="add 10^8 cells")
+    parser.add_argument("--repeat", type=int, default=5)
+    parser.add_argument("--only", default="", help="run the cases whose name contains this text")
+    parser.add_argument("--json", default=str(HERE / "results.json"))
+    args = parser.parse_args(argv)
+
+    sizes = [int(float(s)) for s in args.sizes.split(",")] + ([10**8] if args.large else [])
+    rows = []
+    print(f"{'case':<34}{'cells':>11}{'native ns/cell':>16}{'NumPy ns/cell':>15}{'speed-up':>10}{'x copy':>9}")
+    for size in sizes:
+        grid = grid_for(size)
+        for label, build in all_cases():
+            if args.only and args.only not in label:
+                continue
+            run_native, run_numpy, check, nbytes = build(grid)
+            check()
+            n = grid.number_of_cells()
+            t_native = median_time(run_native, args.repeat)
+            t_numpy = median_time(run_numpy, args.repeat)
+            t_copy = copy_floor(nbytes, args.repeat)
+            row = dict(case=label, cells=n, grid=[grid.nI, grid.nJ, grid.nK], native_ns_per_cell=1e9 * t_native / n,
+                       numpy_ns_per_cell=1e9 * t_numpy / n, speedup=t_numpy / t_native, copy_ratio=t_native / t_copy)
+            rows.append(row)
+            print(f"{label:<34}{n:>11}{row['native_ns_per_cell']:>16.2f}{row['numpy_ns_per_cell']:>15.2f}"
+                  f"{row['speedup']:>9.1f}x{row['copy_ratio']:>8.1f}x", flush=True)
+    pathlib.Path(args.json).write_text(json.dumps(rows, indent=2) + "\n")
+    print(f"results written to {args.json}")
+
+
+if __name__ == "__main__":
+    main()
