@@ -90,8 +90,8 @@ def gas_tables():
         bg_sat = 1.2 / pg
         rows, table = [], kavra.TPVTGTable()
         for k in range(len(pg)):
-            rv_rows = rv_sat[k] * np.array([1.0, 0.0, 0.5, 1.5, 2.0])
-            b_rows = bg_sat[k] * (1.0 + 0.05 * rv_rows / rv_sat[k])  # saturated record first, then by Rv
+            rv_rows = rv_sat[k] * np.array([1.0, 1.25, 1.5, 2.0, 3.0])
+            b_rows = bg_sat[k] * (1.0 + 0.05 * rv_rows / rv_sat[k])  # saturated record first, Rv ascending
             row = kavra.TPVTG(S(pg[k]), S(rv_rows[0]), S(b_rows[0]), S(0.02))
             for x, y in zip(rv_rows[1:], b_rows[1:]):
                 row.under_sat.append(kavra.TPVTGRecord(S(x), S(y), S(0.02)))
