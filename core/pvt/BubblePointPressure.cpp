@@ -2,20 +2,34 @@
 
 #include "core/pvt/RegionCells.h"
 
-#include "core/pvt/Interpolation.h"
+#include "core/pvt/FlatTables.h"
 
 namespace kavra {
 
 namespace {
 
+typedef FlatLine<LineForm::Slope> FlatPbub;
+
+bool Flatten(FlatPbub& line, const TPVTOTable& table)
+{
+    auto Rs = [](const TPVTO& row) { return Present(row.Rs); };
+    return line.Build(table, Rs, Rs, [](const TPVTO& row) {
+        const TPVT* saturated = SaturatedPointOrNull(row);
+        return saturated ? Present(saturated->P) : std::nullopt;
+    });
+}
+
 template <class Regions, class Values>
 void BubblePointCells(const TPVTOList& p_pvtoList, Regions p_PVTNum, Values p_RS, Values Pbub, std::uint64_t nElts)
 {
+    const std::vector<std::unique_ptr<FlatPbub>> flat = FlattenRegions<FlatPbub>(p_pvtoList, Flatten);
     ForEachRegionCell(p_PVTNum, Pbub, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
         PRECONDITION(pvtID<p_pvtoList.size(), (WrongRegion{pvtID, p_pvtoList.size()}));
         const TPVTOTable& pvto_table = p_pvtoList[pvtID];
         PRECONDITION(!pvto_table.empty(), "Empty PVTO table!!");
-        return InterpolatePbub(pvto_table, p_RS.get(h));
+        const double rs = p_RS.get(h);
+        const FlatPbub* line = flat[pvtID].get();
+        return line ? line->At(rs, rs) : InterpolatePbub(pvto_table, rs);
     });
 }
 

@@ -18,12 +18,11 @@ std::size_t RowSearch(const Rows& rows, double x, Key key)
     while (count > 0) {
         const std::size_t half = count / 2;
         const std::size_t mid = first + half;
-        if (x > key(rows[mid])) {
-            first = mid + 1;
-            count -= half + 1;
-        } else {
-            count = half;
-        }
+        // Written as selects rather than branches: random search values make
+        // branches unpredictable.
+        const bool right = x > key(rows[mid]);
+        first = right ? mid + 1 : first;
+        count = right ? count - (half + 1) : half;
     }
     return first;
 }

@@ -2,20 +2,31 @@
 
 #include "core/pvt/RegionCells.h"
 
-#include "core/pvt/Interpolation.h"
+#include "core/pvt/FlatTables.h"
 
 namespace kavra {
 
 namespace {
 
+typedef FlatLine<LineForm::Slope> FlatB;
+
+bool Flatten(FlatB& line, const TPVTTable& table)
+{
+    auto P = [](const TPVT& row) { return Present(row.P); };
+    return line.Build(table, P, P, [](const TPVT& row) { return Present(row.B); });
+}
+
 template <class Regions, class Values>
 void OneOverBCells(const TPVTList& pvtList, Regions p_PVTNum, Values p_P, Values OneOverB, std::uint64_t nElts)
 {
+    const std::vector<std::unique_ptr<FlatB>> flat = FlattenRegions<FlatB>(pvtList, Flatten);
     ForEachRegionCell(p_PVTNum, OneOverB, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
         PRECONDITION(pvtID<pvtList.size(), (WrongRegion{pvtID, pvtList.size()}));
         const TPVTTable& pvt_table = pvtList[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
-        return 1.0 / InterpolateB(pvt_table, p_P.get(h));
+        const double p = p_P.get(h);
+        const FlatB* line = flat[pvtID].get();
+        return 1.0 / (line ? line->At(p, p) : InterpolateB(pvt_table, p));
     });
 }
 

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "core/pvt/Interpolation.h"
+#include "core/pvt/FlatTables.h"
 
 namespace kavra {
 
@@ -34,15 +34,75 @@ double OneOverBgAt(const TPVTGTable& pvt_table, double pg, double pdew, double r
     return f1 - ((f1 - f0) * t);
 }
 
+// A wet-gas table flattened: the gas pressures of its rows, its saturated
+// line (rows by Pg, 1/Bg in Rv) and the 1/Bg line of every row's records.
+struct FlatGas
+{
+    std::vector<double> pressures;
+    FlatLine<LineForm::Slope> saturated;
+    std::vector<FlatLine<LineForm::Fraction>> records;
+
+    double OneOverBg(double pg, double pdew, double rv) const
+    {
+        if (pressureTolerance > std::fabs(pg - pdew))
+            return saturated.At(pg, rv);
+        const std::size_t found = RowSearch(pressures, pg, [](double p) { return p; });
+        if (found == pressures.size() || found == 0)
+            return saturated.At(pg, rv);
+        const double f1 = records[found].At(rv, rv);
+        const double f0 = records[found - 1].At(rv, rv);
+        const double P1 = pressures[found];
+        const double P0 = pressures[found - 1];
+        const double t = (P1 - pg) / (P1 - P0);
+        return f1 - ((f1 - f0) * t);
+    }
+};
+
+std::optional<double> SaturatedField(const TPVTG& row, bool reciprocal)
+{
+    const TPVTGRecord* saturated = SaturatedPointOrNull(row);
+    if (!saturated)
+        return std::nullopt;
+    return reciprocal ? Reciprocal(saturated->B) : Present(saturated->Rv);
+}
+
+bool Flatten(FlatGas& gas, const TPVTGTable& table)
+{
+    gas.pressures.resize(table.size());
+    for (std::size_t r = 0; r < table.size(); ++r) {
+        if (!table[r].Pg)
+            return false;
+        gas.pressures[r] = table[r].Pg->value;
+    }
+    if (!gas.saturated.Build(
+            table, [](const TPVTG& row) { return Present(row.Pg); },
+            [](const TPVTG& row) { return SaturatedField(row, false); },
+            [](const TPVTG& row) { return SaturatedField(row, true); }))
+        return false;
+    gas.records.resize(table.size());
+    auto Rv = [](const TPVTGRecord& record) { return Present(record.Rv); };
+    auto OneOverB = [](const TPVTGRecord& record) { return Reciprocal(record.B); };
+    for (std::size_t r = 0; r < table.size(); ++r)
+        if (!gas.records[r].Build(table[r].under_sat, Rv, Rv, OneOverB))
+            return false;
+    return true;
+}
+
 template <class Regions, class Values>
 void OneOverBgCells(const TPVTGList& p_pvtg_list, Regions p_PVTNum, Values p_Pg, Values p_Pdew, Values p_Rv,
                     Values OneOverBg, std::uint64_t number_of_elements)
 {
+    const std::vector<std::unique_ptr<FlatGas>> flat = FlattenRegions<FlatGas>(p_pvtg_list, Flatten);
     ForEachRegionCell(p_PVTNum, OneOverBg, number_of_elements, [&](std::uint64_t h, std::uint64_t pvtID) {
         PRECONDITION(pvtID < p_pvtg_list.size(), (WrongRegion{pvtID, p_pvtg_list.size()}));
         const TPVTGTable& pvt_table = p_pvtg_list[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
-        return OneOverBgAt(pvt_table, p_Pg.get(h), p_Pdew.get(h), p_Rv.get(h));
+        const double pg = p_Pg.get(h);
+        const double pdew = p_Pdew.get(h);
+        const double rv = p_Rv.get(h);
+        if (const FlatGas* gas = flat[pvtID].get())
+            return gas->OneOverBg(pg, pdew, rv);
+        return OneOverBgAt(pvt_table, pg, pdew, rv);
     });
 }
 

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "core/pvt/Interpolation.h"
+#include "core/pvt/FlatTables.h"
 
 namespace kavra {
 
@@ -28,16 +28,56 @@ double UndersaturatedBo(const TPVTOTable& pvt_table, double po, double pbub)
     return InterpolateB(pvt_table[row].under_sat, po);
 }
 
+// A live-oil table flattened: its saturated line (searched by pressure)
+// and the undersaturated line of every row.
+struct FlatOil
+{
+    FlatLine<LineForm::Slope> saturated;
+    std::vector<FlatLine<LineForm::Slope>> undersaturated;
+
+    double Bo(double po, double pbub) const
+    {
+        if (pressureTolerance > std::fabs(po - pbub))
+            return saturated.At(po, po);
+        const std::size_t n = undersaturated.size();
+        const std::size_t row = n > 1 ? BracketUpper(saturated.FindRow(pbub), n) : 0;
+        return undersaturated[row].At(po, po);
+    }
+};
+
+std::optional<double> SaturatedField(const TPVTO& row, TScalarPtr TPVT::*field)
+{
+    const TPVT* saturated = SaturatedPointOrNull(row);
+    return saturated ? Present(saturated->*field) : std::nullopt;
+}
+
+bool Flatten(FlatOil& oil, const TPVTOTable& table)
+{
+    auto P = [](const TPVTO& row) { return SaturatedField(row, &TPVT::P); };
+    if (!oil.saturated.Build(table, P, P, [](const TPVTO& row) { return SaturatedField(row, &TPVT::B); }))
+        return false;
+    oil.undersaturated.resize(table.size());
+    auto rowP = [](const TPVT& point) { return Present(point.P); };
+    auto rowB = [](const TPVT& point) { return Present(point.B); };
+    for (std::size_t r = 0; r < table.size(); ++r)
+        if (!oil.undersaturated[r].Build(table[r].under_sat, rowP, rowP, rowB))
+            return false;
+    return true;
+}
+
 template <class Regions, class Values>
 void OneOverBoCells(const TPVTOList& pvtoList, Regions PVTNum, Values Po, Values Pbub, Values OneOverBo,
                     std::uint64_t nElts)
 {
+    const std::vector<std::unique_ptr<FlatOil>> flat = FlattenRegions<FlatOil>(pvtoList, Flatten);
     ForEachRegionCell(PVTNum, OneOverBo, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
         PRECONDITION(pvtID<pvtoList.size(), (WrongRegion{pvtID, pvtoList.size()}));
         const TPVTOTable& pvt_table = pvtoList[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
         const double po = Po.get(h);
         const double pbub = Pbub.get(h);
+        if (const FlatOil* oil = flat[pvtID].get())
+            return 1.0 / oil->Bo(po, pbub);
         const double Bo = pressureTolerance > std::fabs(po - pbub) ? InterpolateBoSat(pvt_table, po)
                                                                    : UndersaturatedBo(pvt_table, po, pbub);
         return 1.0 / Bo;

@@ -2,21 +2,47 @@
 
 #include "core/pvt/RegionCells.h"
 
+#include <vector>
+
 namespace kavra {
 
 namespace {
 
+// The exponential of x cut after its second-order term, in this grouping.
+double OneOverBwAt(double pw, double P_ref, double Cw, double Bw_ref)
+{
+    const double x = (pw - P_ref) * Cw;
+    const double numerator = ((x * 0.5) * x) + (x + 1.0);
+    return numerator / Bw_ref;
+}
+
+// The three numbers of a region, read once per call when all are set.
+struct FlatWater
+{
+    double P_ref, Cw, Bw_ref;
+};
+
 template <class Regions, class Values>
 void OneOverBwCells(const TPVTWList& pvtwList, Regions p_PVTNum, Values p_Pw, Values OneOverBw, std::uint64_t nElts)
 {
+    std::vector<FlatWater> flat(pvtwList.size());
+    std::vector<char> ready(pvtwList.size(), 0);
+    for (std::size_t r = 0; r < pvtwList.size(); ++r) {
+        const TPVTW& pvtw = pvtwList[r];
+        if (pvtw.P_ref && pvtw.Cw && pvtw.Bw_ref) {
+            flat[r] = FlatWater{pvtw.P_ref->value, pvtw.Cw->value, pvtw.Bw_ref->value};
+            ready[r] = 1;
+        }
+    }
     ForEachRegionCell(p_PVTNum, OneOverBw, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
         PRECONDITION(pvtID<pvtwList.size(), (WrongRegion{pvtID, pvtwList.size()}));
-        const TPVTW& pvtw = pvtwList[pvtID];
         const double pw = p_Pw.get(h);
-        // The exponential of x cut after its second-order term, in this grouping.
-        const double x = (pw - ScalarValue(pvtw.P_ref)) * ScalarValue(pvtw.Cw);
-        const double numerator = ((x * 0.5) * x) + (x + 1.0);
-        return numerator / ScalarValue(pvtw.Bw_ref);
+        if (ready[pvtID]) {
+            const FlatWater& w = flat[pvtID];
+            return OneOverBwAt(pw, w.P_ref, w.Cw, w.Bw_ref);
+        }
+        const TPVTW& pvtw = pvtwList[pvtID];
+        return OneOverBwAt(pw, ScalarValue(pvtw.P_ref), ScalarValue(pvtw.Cw), ScalarValue(pvtw.Bw_ref));
     });
 }
 
