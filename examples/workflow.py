@@ -132,6 +132,14 @@ def main():
     print("\nRs from components")
     show("Rs", rs.values, "sm3/sm3")
 
+    # Column averages: every cell gets the mean porosity of its (I, J) column,
+    # pinched-out cells included.
+    print("\nK-average of porosity")
+    poro_avg = kavra.KAverage(grid, poro.values)
+    show("per-column mean", poro_avg)
+    layers = poro_avg.reshape(grid.nK, grid.nJ, grid.nI)
+    print(f"  {'equal in every layer':<28} {bool((layers == layers[0]).all())}")
+
     fluids(rng, grid)
 
     # A bad call: the error names the argument and where the check stands.

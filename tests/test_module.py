@@ -20,8 +20,8 @@ def test_package_exposes_every_extension_name():
 
 
 def test_functions_have_no_documentation_text():
-    assert kavra.CalcBulkVolume.__doc__ is None
-    assert kavra.CalcRsFromComponents.__doc__ is None
+    for name in ("CalcBulkVolume", "CalcRsFromComponents", "KMax", "KMin", "KSum", "KAverage"):
+        assert getattr(kavra, name).__doc__ is None
 
 
 @pytest.mark.parametrize(
@@ -35,8 +35,11 @@ def test_functions_have_no_documentation_text():
         lambda g: kavra.CalcBulkVolume(g),
         lambda g: kavra.CalcBulkVolume(g, g, g, g),
         lambda g: kavra.CalcRsFromComponents(g, g, "rs"),
+        lambda g: kavra.KSum(topology=None, array=g),
+        lambda g: kavra.KAverage(g, [1.0]),
     ],
-    ids=["keywords", "one-keyword", "rs-keyword", "float", "lists", "too-few", "too-many", "string"],
+    ids=["keywords", "one-keyword", "rs-keyword", "float", "lists", "too-few", "too-many", "string", "k-keywords",
+         "k-grid-function"],
 )
 def test_arguments_that_fit_no_overload_are_type_errors(call):
     with pytest.raises(ARGUMENT_ERROR) as info:

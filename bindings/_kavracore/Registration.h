@@ -14,6 +14,7 @@ void RegisterRockList();
 void RegisterPvtCalculations();
 void RegisterBulkVolume();
 void RegisterRsFromComponents();
+void RegisterColumnReductions();
 
 } // namespace python
 } // namespace kavra

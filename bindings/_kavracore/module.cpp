@@ -26,6 +26,7 @@ void ModuleBody()
     kavra::python::RegisterPvtCalculations(); // CalcBubblePointPressure .. CalcOneOverBg, InterpolateB
     kavra::python::RegisterBulkVolume();
     kavra::python::RegisterRsFromComponents();
+    kavra::python::RegisterColumnReductions();
 }
 
 } // namespace
