@@ -101,3 +101,57 @@ def one_over_bg(tables, pvtnum, pg, pdew, rv, out):
             result[two_level] = f1 - ((f1 - f0) * t)
         return result
     return per_region(pvtnum, len(tables), out, region)
+
+
+# --- K reductions ----------------------------------------------------------------
+# Grid: reshape to (nK, columns), reduce over K, broadcast back into a new array.
+# NumPy reduces axis 0 of a C-order array row by row, so float sums add in
+# ascending K as the native code does; integer sums stay in the input's type
+# (and wrap), as in the native code.
+
+def _start(dtype, name):
+    if name == "max":
+        return dtype.type(0)
+    return np.finfo(dtype).max if dtype.kind == "f" else np.iinfo(dtype).max
+
+
+def _spread(a, column_values, nk):
+    out = np.empty_like(a)
+    out.reshape(nk, -1)[...] = column_values
+    return out
+
+
+def _mean(sums, counts, dtype):
+    if dtype.kind == "f":
+        return sums / counts.astype(dtype)
+    return (sums / counts).astype(dtype)  # truncates toward zero, exact for 32-bit sums
+
+
+def k_grid(name, a, nk):
+    layers = a.reshape(nk, -1)
+    if name == "max":
+        col = layers.max(axis=0, initial=_start(a.dtype, name))
+    elif name == "min":
+        col = layers.min(axis=0, initial=_start(a.dtype, name))
+    else:
+        col = layers.sum(axis=0, dtype=a.dtype)
+        if name == "average":
+            col = _mean(col, np.full(col.shape, nk), a.dtype)
+    return _spread(a, col, nk)
+
+
+# Selection: the column number of every selected cell is computed once (a
+# script would keep it with the selection); per call, one scatter and one gather.
+def k_selection(name, a, column, n_columns):
+    if name in ("max", "min"):
+        col = np.full(n_columns, _start(a.dtype, name), dtype=a.dtype)
+        (np.maximum if name == "max" else np.minimum).at(col, column, a)
+    else:
+        # bincount adds in element order in double: exact for these sums, then
+        # wrapped to the input's width for integers
+        sums = np.bincount(column, weights=a, minlength=n_columns)
+        col = sums.astype(a.dtype) if a.dtype.kind == "f" else sums.astype(np.int64).astype(a.dtype)
+        if name == "average":
+            counts = np.bincount(column, minlength=n_columns)
+            col = _mean(col, np.maximum(counts, 1), a.dtype)
+    return col[column]

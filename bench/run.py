@@ -140,7 +140,7 @@ def pvt_case(name, native, arrays, inputs, variants):
                 bad = np.flatnonzero(gfs[-1].values != want)[:5]
                 raise AssertionError(f"{name}/{variant}: native and NumPy differ at cells {bad}")
 
-        return run_native, run_numpy, check, gfs[-1].values.nbytes
+        return run_native, run_numpy, check, gfs[-1].values.nbytes, n
 
     return [(f"{name} ({v})", lambda grid, v=v: build(grid, v)) for v in variants]
 
@@ -171,9 +171,61 @@ def bg_inputs(n):
     return [pg, pdew, RNG.uniform(0.0, 0.008, n)]
 
 
+# --- K reductions ---------------------------------------------------------------
+
+REDUCTIONS = {"KMax": "max", "KMin": "min", "KSum": "sum", "KAverage": "average"}
+_selections = {}
+
+
+def selection_for(grid):
+    """About 80 % of the cells, in cell order, missing in blocks; and each entry's column number."""
+    key = (grid.nI, grid.nJ, grid.nK)
+    if key not in _selections:
+        c = np.arange(grid.number_of_cells())
+        i, j, k = c % grid.nI, (c // grid.nI) % grid.nJ, c // (grid.nI * grid.nJ)
+        keep = (i // 16 + j // 16 + k // 4) % 5 != 0
+        i, j, k = i[keep], j[keep], k[keep]
+        _selections.clear()
+        _selections[key] = (tessel.ReservoirSelectionTopology(grid, np.column_stack([i, j, k])), i + grid.nI * j)
+    return _selections[key]
+
+
+def reduction_values(n, dtype):
+    if dtype == np.int32:
+        return RNG.integers(-2**20, 2**20, n, dtype=np.int32)
+    return RNG.normal(100.0, 30.0, n)
+
+
+def reduction_case(name, dtype, kind):
+    def build(grid):
+        call, operation = getattr(kavra, name), REDUCTIONS[name]
+        values = reduction_values(grid.number_of_cells(), dtype)
+        if kind == "grid":
+            given = values.reshape(grid.nK, grid.nJ, grid.nI)
+            run_native = lambda: call(grid, given)  # noqa: E731
+            run_numpy = lambda: npv.k_grid(operation, given, grid.nK)  # noqa: E731
+        else:
+            selection, column = selection_for(grid)
+            given = values[: len(column)]
+            run_native = lambda: call(selection, given)  # noqa: E731
+            run_numpy = lambda: npv.k_selection(operation, given, column, grid.nI * grid.nJ)  # noqa: E731
+
+        def check():
+            got, want = run_native(), run_numpy()
+            if got.dtype != want.dtype or got.shape != want.shape or not np.array_equal(got, want, equal_nan=True):
+                bad = np.flatnonzero(got.ravel() != want.ravel())[:5]
+                raise AssertionError(f"{name}/{kind}/{np.dtype(dtype)}: native and NumPy differ at cells {bad}")
+
+        return run_native, run_numpy, check, given.nbytes, given.size
+
+    return f"{name} {np.dtype(dtype)} ({kind})", build
+
+
 def all_cases():
     dead, oil, gas, water = dead_tables(), oil_tables(), gas_tables(), water_records()
-    return (
+    reductions = [reduction_case(name, dtype, kind) for name in REDUCTIONS for dtype in (np.float64, np.int32)
+                  for kind in ("grid", "selection")]
+    return reductions + (
         pvt_case("BubblePointPressure", oil[0], oil[1], lambda n: [RNG.uniform(5.0, 210.0, n)], ["double", "float", "generic"])
         + pvt_case("OneOverB", dead[0], dead[1], lambda n: [pressures(n)], ["double", "generic"])
         + pvt_case("OneOverBo", oil[0], oil[1], bo_inputs, ["double", "float", "generic"])
@@ -182,19 +234,23 @@ def all_cases():
     )
 
 
-def median_time(fn, repeat):
-    times = []
+def side_by_side(functions, repeat):
+    """Median time of each function over `repeat` rounds; every round runs them all
+    in turn, so that a disturbance of the machine hits them alike."""
+    times = [[] for _ in functions]
     for _ in range(repeat):
-        start = time.perf_counter()
-        fn()
-        times.append(time.perf_counter() - start)
-    return statistics.median(times)
+        for spent, fn in zip(times, functions):
+            start = time.perf_counter()
+            fn()
+            spent.append(time.perf_counter() - start)
+    return [statistics.median(spent) for spent in times]
 
 
-def copy_floor(nbytes, repeat):
+def copy_floor(nbytes):
+    """np.copyto of nbytes into an array that already exists."""
     src = np.ones(nbytes, dtype=np.uint8)
-    dst = np.empty_like(src)
-    return median_time(lambda: np.copyto(dst, src), repeat)
+    dst = np.zeros_like(src)
+    return lambda: np.copyto(dst, src)
 
 
 def main(argv=None):
@@ -214,12 +270,9 @@ def main(argv=None):
         for label, build in all_cases():
             if args.only and args.only not in label:
                 continue
-            run_native, run_numpy, check, nbytes = build(grid)
+            run_native, run_numpy, check, nbytes, n = build(grid)
             check()
-            n = grid.number_of_cells()
-            t_native = median_time(run_native, args.repeat)
-            t_numpy = median_time(run_numpy, args.repeat)
-            t_copy = copy_floor(nbytes, args.repeat)
+            t_native, t_numpy, t_copy = side_by_side([run_native, run_numpy, copy_floor(nbytes)], args.repeat)
             row = dict(case=label, cells=n, grid=[grid.nI, grid.nJ, grid.nK], native_ns_per_cell=1e9 * t_native / n,
                        numpy_ns_per_cell=1e9 * t_numpy / n, speedup=t_numpy / t_native, copy_ratio=t_native / t_copy)
             rows.append(row)
