@@ -1,14 +1,20 @@
 // KMax, KMin, KSum and KAverage: each cell gets the reduced value of its
 // column (all cells with one I and one J), in a new array of the input's
-// shape and element type.  One pass accumulates per column into working
-// arrays of nI x nJ, a second pass writes every cell's column value.
+// shape and element type.  One pass accumulates per column, a second pass
+// writes every cell's column value.
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <optional>
 #include <string>
 #include <type_traits>
 
 #include <boost/python.hpp>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "ArrayChecks.h"
 #include "PyArrayWrapper.h"
@@ -55,7 +61,7 @@ struct Max : ColumnOperation
 {
     static constexpr const char* name = "KMax";
     template <class T>
-    static void Update(T& a, T v) { if (a < v) a = v; }
+    static void Update(T& a, T v) { a = a < v ? v : a; }
 };
 
 // Starts at the largest finite value: a column of +inf or NaN gives it back.
@@ -65,7 +71,7 @@ struct Min : ColumnOperation
     template <class T>
     static constexpr T Initial() { return std::numeric_limits<T>::max(); }
     template <class T>
-    static void Update(T& a, T v) { if (v < a) a = v; }
+    static void Update(T& a, T v) { a = v < a ? v : a; }
 };
 
 struct Sum : ColumnOperation
@@ -84,142 +90,196 @@ struct Average : Sum
     static T Final(T sum, int count) { return sum / static_cast<T>(count); }
 };
 
-struct Column
+// Element access through memcpy: the arrays may be unaligned.
+template <class T>
+T LoadAt(const char* address)
 {
-    npy_intp i;
-    npy_intp j;
-};
+    T value;
+    std::memcpy(&value, address, sizeof(T));
+    return value;
+}
 
-// Every cell of a ReservoirTopology: element c of the C-order flattening is
-// cell c = i + nI * (j + nJ * k).
-class GridColumns
-{
-public:
-    typedef ReservoirTopology Topology;
-
-    static void Check(const boost::shared_ptr<Topology>& grid, const bp::object& array)
-    {
-        CheckReservoirArray(grid, array);
-    }
-
-    explicit GridColumns(const Topology& grid) : nI(grid.nI), nJ(grid.nJ), m_nK(grid.nK) {}
-
-    // The array passed its contiguity check, so this is a view, not a copy.
-    template <class T>
-    TPyArrayWrapper<T> Values(const bp::object& array) const { return RavelArray<T>(array); }
-
-    Column At(npy_intp c) const { return Column{c % nI, (c / nI) % nJ}; }
-
-    // A three-dimensional input gets a result of its own shape (nK, nJ, nI).
-    bp::object Shaped(const bp::object& result, const bp::object& array) const
-    {
-        if (PyArray_NDIM(reinterpret_cast<PyArrayObject*>(array.ptr())) != 3)
-            return result;
-        npy_intp dims[3] = {m_nK, nJ, nI};
-        PyArray_Dims shape = {dims, 3};
-        return bp::object(
-            bp::handle<>(PyArray_Newshape(reinterpret_cast<PyArrayObject*>(result.ptr()), &shape, NPY_CORDER)));
-    }
-
-    const npy_intp nI;
-    const npy_intp nJ;
-
-private:
-    const npy_intp m_nK;
-};
-
-// The selected cells of a ReservoirSelectionTopology: element c of the
-// one-dimensional array is entry c of selected_cells, whose i and j lie
-// inside the parent grid.
-class SelectionColumns
-{
-public:
-    typedef ReservoirSelectionTopology Topology;
-
-    static void Check(const boost::shared_ptr<Topology>& selection, const bp::object& array)
-    {
-        CheckSelectionArray(selection, array);
-    }
-
-    explicit SelectionColumns(const Topology& selection)
-        : nI(selection.parent_topology->nI), nJ(selection.parent_topology->nJ), m_cells(selection.selected_cells)
-    {
-    }
-
-    // Any stride: elements are read through the array's own.
-    template <class T>
-    TPyArrayWrapper<T> Values(const bp::object& array) const { return TPyArrayWrapper<T>(array); }
-
-    Column At(npy_intp c) const { return Column{m_cells[c].i, m_cells[c].j}; }
-
-    bp::object Shaped(const bp::object& result, const bp::object&) const { return result; }
-
-    const npy_intp nI;
-    const npy_intp nJ;
-
-private:
-    const tessel::strata::CellIJK* const m_cells;
-};
-
-// One accumulator per column, at the operation's initial value.
+// One accumulator per column of the grid, at the operation's initial value,
+// laid out as the columns are numbered (i + nI * j).
 template <class T, class Operation>
 TPyArrayWrapper<T> StartAccumulator(npy_intp nI, npy_intp nJ)
 {
     if constexpr (Operation::template Initial<T>() == T(0)) {
-        return ZeroArray<T>(nI, nJ);
+        return ZeroArray<T>(nJ, nI);
     } else {
-        TPyArrayWrapper<T> accumulator(static_cast<int>(nI), static_cast<int>(nJ));
-        for (npy_intp i = 0; i < nI; ++i)
-            for (npy_intp j = 0; j < nJ; ++j)
-                accumulator.Set(i, j, Operation::template Initial<T>());
+        TPyArrayWrapper<T> accumulator(static_cast<int>(nJ), static_cast<int>(nI));
+        T* data = reinterpret_cast<T*>(PyArray_DATA(accumulator.array()));
+        std::fill(data, data + nI * nJ, Operation::template Initial<T>());
         return accumulator;
     }
 }
 
-template <class T, class Operation, class Columns>
-bp::object ReduceColumns(const Columns& columns, const bp::object& array)
+// The accumulation runs over blocks of columns whose accumulators stay in
+// the first-level cache while every K layer of the block streams past; per
+// column the values still go in with ascending K.
+template <class T>
+constexpr npy_intp blockColumns = 32768 / sizeof(T);
+
+template <class Operation, class T>
+void AccumulateLayer(T* __restrict accumulator, const char* __restrict layer, npy_intp width)
 {
-    const TPyArrayWrapper<T> values = columns.template Values<T>(array);
+    for (npy_intp c = 0; c < width; ++c)
+        Operation::Update(accumulator[c], LoadAt<T>(layer + c * npy_intp(sizeof(T))));
+}
+
+// Results beyond the second-level cache are written with stores that bypass
+// the caches: they are not read back here, and the bypass saves reading
+// every destination line before it is overwritten.
+constexpr std::size_t streamedResultBytes = std::size_t(1) << 20;
+
+void CopyBypassingCache(char* destination, const char* source, std::size_t bytes)
+{
+#if defined(__SSE2__)
+    std::size_t head = (16 - reinterpret_cast<std::uintptr_t>(destination) % 16) % 16;
+    head = std::min(head, bytes);
+    std::memcpy(destination, source, head);
+    for (std::size_t at = head; at + 16 <= bytes; at += 16)
+        _mm_stream_si128(reinterpret_cast<__m128i*>(destination + at),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + at)));
+    const std::size_t done = head + (bytes - head) / 16 * 16;
+    std::memcpy(destination + done, source + done, bytes - done);
+#else
+    std::memcpy(destination, source, bytes);
+#endif
+}
+
+void CopyBypassingCacheDone()
+{
+#if defined(__SSE2__)
+    _mm_sfence(); // the bypassing stores are weakly ordered
+#endif
+}
+
+// ReservoirTopology: element c of the C-order flattening is cell
+// c = i + nI * (j + nJ * k), so column i + nI * j of layer k is element
+// column + k * nI * nJ.  The input is C-contiguous, so its flattening is a
+// view with the element size as stride.
+template <class T, class Operation>
+bp::object ReduceColumns(const ReservoirTopology& grid, const bp::object& array)
+{
+    const TPyArrayWrapper<T> values = RavelArray<T>(array);
     const npy_intp n = PyArray_DIM(values.array(), 0);
     const TPyArrayWrapper<T> result(static_cast<int>(n));
-    const TPyArrayWrapper<T> accumulator = StartAccumulator<T, Operation>(columns.nI, columns.nJ);
-    std::optional<TPyArrayWrapper<int>> counts;
-    if constexpr (Operation::counts)
-        counts.emplace(ZeroArray<int>(columns.nI, columns.nJ));
+    if (n > 0) {
+        const npy_intp columns = npy_intp(grid.nI) * grid.nJ;
+        // A 1D input passed a size check in 32 bits, so it may end inside a layer.
+        const npy_intp layers = n / columns;
+        const npy_intp rest = n % columns;
+        const char* in = PyArray_BYTES(values.array());
+        char* out = PyArray_BYTES(result.array());
+        const npy_intp size = sizeof(T);
 
+        // Pass 1: the column values, one block of columns at a time.
+        const TPyArrayWrapper<T> accumulatorArray = StartAccumulator<T, Operation>(grid.nI, grid.nJ);
+        T* const accumulator = reinterpret_cast<T*>(PyArray_DATA(accumulatorArray.array()));
+        for (npy_intp first = 0; first < columns; first += blockColumns<T>) {
+            const npy_intp width = std::min(blockColumns<T>, columns - first);
+            for (npy_intp k = 0; k < layers; ++k)
+                AccumulateLayer<Operation>(accumulator + first, in + (k * columns + first) * size, width);
+            const npy_intp tail = std::min(rest - first, width); // columns of this block in a partial last layer
+            if (tail > 0)
+                AccumulateLayer<Operation>(accumulator + first, in + (layers * columns + first) * size, tail);
+        }
+        if constexpr (Operation::counts) {
+            for (npy_intp column = 0; column < columns; ++column) {
+                const int count = static_cast<int>(layers + (column < rest ? 1 : 0));
+                if (count > 0)
+                    accumulator[column] = Operation::Final(accumulator[column], count);
+            }
+        }
+
+        // Pass 2: every layer of the result is a copy of the column values.
+        const bool bypass = std::size_t(n) * sizeof(T) >= streamedResultBytes;
+        for (npy_intp k = 0; k < layers; ++k) {
+            char* const layer = out + k * columns * size;
+            if (bypass)
+                CopyBypassingCache(layer, reinterpret_cast<const char*>(accumulator), columns * size);
+            else
+                std::memcpy(layer, accumulator, columns * size);
+        }
+        std::memcpy(out + layers * columns * size, accumulator, rest * size);
+        if (bypass)
+            CopyBypassingCacheDone();
+    }
+    // A three-dimensional input gets a result of its own shape (nK, nJ, nI).
+    if (PyArray_NDIM(reinterpret_cast<PyArrayObject*>(array.ptr())) != 3)
+        return result.object();
+    npy_intp dims[3] = {grid.nK, grid.nJ, grid.nI};
+    PyArray_Dims shape = {dims, 3};
+    return bp::object(
+        bp::handle<>(PyArray_Newshape(reinterpret_cast<PyArrayObject*>(result.object().ptr()), &shape, NPY_CORDER)));
+}
+
+// ReservoirSelectionTopology: element c of the one-dimensional array (any
+// stride) is entry c of selected_cells, whose i and j lie inside the grid.
+template <class T, class Operation>
+bp::object ReduceColumns(const ReservoirSelectionTopology& selection, const bp::object& array)
+{
+    const TPyArrayWrapper<T> values(array);
+    const npy_intp n = PyArray_DIM(values.array(), 0);
+    const TPyArrayWrapper<T> result(static_cast<int>(n));
+    const npy_intp nI = selection.parent_topology->nI;
+    const npy_intp nJ = selection.parent_topology->nJ;
+    const TPyArrayWrapper<T> accumulatorArray = StartAccumulator<T, Operation>(nI, nJ);
+    std::optional<TPyArrayWrapper<int>> countArray;
+    if constexpr (Operation::counts)
+        countArray.emplace(ZeroArray<int>(nJ, nI));
+
+    // The working arrays are new C-order arrays: aligned and contiguous.
+    T* const accumulator = reinterpret_cast<T*>(PyArray_DATA(accumulatorArray.array()));
+    int* const counts = countArray ? reinterpret_cast<int*>(PyArray_DATA(countArray->array())) : nullptr;
+    const tessel::strata::CellIJK* const cells = selection.selected_cells;
+    const char* in = PyArray_BYTES(values.array());
+    const npy_intp stride = PyArray_STRIDE(values.array(), 0);
     for (npy_intp c = 0; c < n; ++c) {
-        const Column at = columns.At(c);
-        T value = accumulator.Get(at.i, at.j);
-        Operation::Update(value, values.Get(c));
-        accumulator.Set(at.i, at.j, value);
+        const npy_intp column = cells[c].i + nI * cells[c].j;
+        Operation::Update(accumulator[column], LoadAt<T>(in + c * stride));
         if constexpr (Operation::counts)
-            counts->Set(at.i, at.j, counts->Get(at.i, at.j) + 1);
+            ++counts[column];
     }
-    for (npy_intp c = 0; c < n; ++c) {
-        const Column at = columns.At(c);
-        const int count = counts ? counts->Get(at.i, at.j) : 0;
-        result.Set(c, Operation::Final(accumulator.Get(at.i, at.j), count));
+    // Each column's final value once; columns without a selected cell are never read.
+    if constexpr (Operation::counts) {
+        for (npy_intp column = 0; column < nI * nJ; ++column)
+            if (counts[column] > 0)
+                accumulator[column] = Operation::Final(accumulator[column], counts[column]);
     }
-    return columns.Shaped(result.object(), array);
+    T* out = reinterpret_cast<T*>(PyArray_DATA(result.array()));
+    for (npy_intp c = 0; c < n; ++c)
+        out[c] = accumulator[cells[c].i + nI * cells[c].j];
+    return result.object();
+}
+
+void CheckArray(const boost::shared_ptr<ReservoirTopology>& grid, const bp::object& array)
+{
+    CheckReservoirArray(grid, array);
+}
+
+void CheckArray(const boost::shared_ptr<ReservoirSelectionTopology>& selection, const bp::object& array)
+{
+    CheckSelectionArray(selection, array);
 }
 
 // The entry of one name and one topology kind: the topology must be given,
 // the array must fit it and have fewer than 2^31 elements (the column counts
 // are 32-bit), and its element type chooses the kernel.
-template <class Operation, class Columns>
-bp::object Reduce(boost::shared_ptr<typename Columns::Topology> topology, bp::object array)
+template <class Operation, class Topology>
+bp::object Reduce(boost::shared_ptr<Topology> topology, bp::object array)
 {
     if (!topology)
         RaiseValueError(std::string(Operation::name) +
                         " needs a ReservoirTopology or a ReservoirSelectionTopology, got None");
-    Columns::Check(topology, array);
+    CheckArray(topology, array);
     const npy_intp size = PyArray_SIZE(reinterpret_cast<PyArrayObject*>(array.ptr()));
     if (size > std::numeric_limits<std::int32_t>::max())
         RaiseValueError(std::string(Operation::name) + " takes arrays of at most 2147483647 elements, got " +
                         std::to_string(size));
-    const Columns columns(*topology);
     return VisitElementType(ArrayTypeNumber(array), [&](auto zero) {
-        return ReduceColumns<decltype(zero), Operation>(columns, array);
+        return ReduceColumns<decltype(zero), Operation>(*topology, array);
     });
 }
 
@@ -228,8 +288,8 @@ bp::object Reduce(boost::shared_ptr<typename Columns::Topology> topology, bp::ob
 template <class Operation>
 void RegisterReduction()
 {
-    bp::def(Operation::name, &Reduce<Operation, GridColumns>);
-    bp::def(Operation::name, &Reduce<Operation, SelectionColumns>);
+    bp::def(Operation::name, &Reduce<Operation, ReservoirTopology>);
+    bp::def(Operation::name, &Reduce<Operation, ReservoirSelectionTopology>);
 }
 
 } // namespace
