@@ -22,14 +22,16 @@ bool Flatten(FlatPbub& line, const TPVTOTable& table)
 template <class Regions, class Values>
 void BubblePointCells(const TPVTOList& p_pvtoList, Regions p_PVTNum, Values p_RS, Values Pbub, std::uint64_t nElts)
 {
-    const std::vector<std::unique_ptr<FlatPbub>> flat = FlattenRegions<FlatPbub>(p_pvtoList, Flatten);
-    ForEachRegionCell(p_PVTNum, Pbub, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
+    const FlatRegions<FlatPbub> flat(p_pvtoList, Flatten);
+    ForEachRegionRun(p_PVTNum, Pbub, nElts, [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
         PRECONDITION(pvtID<p_pvtoList.size(), (WrongRegion{pvtID, p_pvtoList.size()}));
         const TPVTOTable& pvto_table = p_pvtoList[pvtID];
         PRECONDITION(!pvto_table.empty(), "Empty PVTO table!!");
-        const double rs = p_RS.get(h);
-        const FlatPbub* line = flat[pvtID].get();
-        return line ? line->At(rs, rs) : InterpolatePbub(pvto_table, rs);
+        const FlatPbub* line = flat[pvtID];
+        for (std::uint64_t h = begin; h < end; ++h) {
+            const double rs = p_RS.get(h);
+            Pbub.set(h, line ? line->At(rs, rs) : InterpolatePbub(pvto_table, rs));
+        }
     });
 }
 

@@ -32,11 +32,9 @@ std::size_t RowSearch(const Rows& rows, double x, Key key)
 // at or below the first key, the last one every x above the last key.
 inline std::size_t BracketUpper(std::size_t found, std::size_t rowCount)
 {
-    if (found == rowCount)
-        return rowCount - 1;
-    if (found == 0)
-        return 1;
-    return found;
+    // found == rowCount gives rowCount - 1, found == 0 gives 1 (rowCount >= 2,
+    // so at most one of the two holds); written as arithmetic, not branches.
+    return found + std::size_t(found == 0) - std::size_t(found == rowCount);
 }
 
 // The saturated point of a two-level row: element 0 of its under_sat list.

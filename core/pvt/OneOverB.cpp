@@ -19,14 +19,16 @@ bool Flatten(FlatB& line, const TPVTTable& table)
 template <class Regions, class Values>
 void OneOverBCells(const TPVTList& pvtList, Regions p_PVTNum, Values p_P, Values OneOverB, std::uint64_t nElts)
 {
-    const std::vector<std::unique_ptr<FlatB>> flat = FlattenRegions<FlatB>(pvtList, Flatten);
-    ForEachRegionCell(p_PVTNum, OneOverB, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
+    const FlatRegions<FlatB> flat(pvtList, Flatten);
+    ForEachRegionRun(p_PVTNum, OneOverB, nElts, [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
         PRECONDITION(pvtID<pvtList.size(), (WrongRegion{pvtID, pvtList.size()}));
         const TPVTTable& pvt_table = pvtList[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
-        const double p = p_P.get(h);
-        const FlatB* line = flat[pvtID].get();
-        return 1.0 / (line ? line->At(p, p) : InterpolateB(pvt_table, p));
+        const FlatB* line = flat[pvtID];
+        for (std::uint64_t h = begin; h < end; ++h) {
+            const double p = p_P.get(h);
+            OneOverB.set(h, 1.0 / (line ? line->At(p, p) : InterpolateB(pvt_table, p)));
+        }
     });
 }
 

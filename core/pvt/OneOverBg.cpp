@@ -34,26 +34,29 @@ double OneOverBgAt(const TPVTGTable& pvt_table, double pg, double pdew, double r
     return f1 - ((f1 - f0) * t);
 }
 
-// A wet-gas table flattened: the gas pressures of its rows, its saturated
-// line (rows by Pg, 1/Bg in Rv) and the 1/Bg line of every row's records.
+// A wet-gas table flattened: its saturated line (rows by Pg, 1/Bg in Rv),
+// the 1/Bg line of every row's records, and per row its Pg and the
+// difference to the Pg of the row before.
 struct FlatGas
 {
-    std::vector<double> pressures;
     FlatLine<LineForm::Slope> saturated;
     std::vector<FlatLine<LineForm::Fraction>> records;
+    std::vector<double> pressures;
+    std::vector<double> steps; // pressures[r] - pressures[r - 1], for r >= 1
 
     double OneOverBg(double pg, double pdew, double rv) const
     {
-        if (pressureTolerance > std::fabs(pg - pdew))
+        const std::size_t n = pressures.size();
+        if (n == 1)
             return saturated.At(pg, rv);
-        const std::size_t found = RowSearch(pressures, pg, [](double p) { return p; });
-        if (found == pressures.size() || found == 0)
+        // The saturated line and the two-level case search the same keys
+        // (the rows' Pg) with the same value.
+        const std::size_t found = saturated.FindRow(pg);
+        if (pressureTolerance > std::fabs(pg - pdew) || found == n || found == 0)
             return saturated.At(pg, rv);
         const double f1 = records[found].At(rv, rv);
         const double f0 = records[found - 1].At(rv, rv);
-        const double P1 = pressures[found];
-        const double P0 = pressures[found - 1];
-        const double t = (P1 - pg) / (P1 - P0);
+        const double t = (pressures[found] - pg) / steps[found];
         return f1 - ((f1 - f0) * t);
     }
 };
@@ -69,10 +72,13 @@ std::optional<double> SaturatedField(const TPVTG& row, bool reciprocal)
 bool Flatten(FlatGas& gas, const TPVTGTable& table)
 {
     gas.pressures.resize(table.size());
+    gas.steps.assign(table.size(), 0.0);
     for (std::size_t r = 0; r < table.size(); ++r) {
         if (!table[r].Pg)
             return false;
         gas.pressures[r] = table[r].Pg->value;
+        if (r > 0)
+            gas.steps[r] = gas.pressures[r] - gas.pressures[r - 1];
     }
     if (!gas.saturated.Build(
             table, [](const TPVTG& row) { return Present(row.Pg); },
@@ -92,17 +98,19 @@ template <class Regions, class Values>
 void OneOverBgCells(const TPVTGList& p_pvtg_list, Regions p_PVTNum, Values p_Pg, Values p_Pdew, Values p_Rv,
                     Values OneOverBg, std::uint64_t number_of_elements)
 {
-    const std::vector<std::unique_ptr<FlatGas>> flat = FlattenRegions<FlatGas>(p_pvtg_list, Flatten);
-    ForEachRegionCell(p_PVTNum, OneOverBg, number_of_elements, [&](std::uint64_t h, std::uint64_t pvtID) {
+    const FlatRegions<FlatGas> flat(p_pvtg_list, Flatten);
+    ForEachRegionRun(p_PVTNum, OneOverBg, number_of_elements,
+                     [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
         PRECONDITION(pvtID < p_pvtg_list.size(), (WrongRegion{pvtID, p_pvtg_list.size()}));
         const TPVTGTable& pvt_table = p_pvtg_list[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
-        const double pg = p_Pg.get(h);
-        const double pdew = p_Pdew.get(h);
-        const double rv = p_Rv.get(h);
-        if (const FlatGas* gas = flat[pvtID].get())
-            return gas->OneOverBg(pg, pdew, rv);
-        return OneOverBgAt(pvt_table, pg, pdew, rv);
+        const FlatGas* gas = flat[pvtID];
+        for (std::uint64_t h = begin; h < end; ++h) {
+            const double pg = p_Pg.get(h);
+            const double pdew = p_Pdew.get(h);
+            const double rv = p_Rv.get(h);
+            OneOverBg.set(h, gas ? gas->OneOverBg(pg, pdew, rv) : OneOverBgAt(pvt_table, pg, pdew, rv));
+        }
     });
 }
 

@@ -28,6 +28,14 @@ double UndersaturatedBo(const TPVTOTable& pvt_table, double po, double pbub)
     return InterpolateB(pvt_table[row].under_sat, po);
 }
 
+// Bo read from the table itself, for tables that could not be flattened.
+double TableBo(const TPVTOTable& pvt_table, double po, double pbub)
+{
+    if (pressureTolerance > std::fabs(po - pbub))
+        return InterpolateBoSat(pvt_table, po);
+    return UndersaturatedBo(pvt_table, po, pbub);
+}
+
 // A live-oil table flattened: its saturated line (searched by pressure)
 // and the undersaturated line of every row.
 struct FlatOil
@@ -69,18 +77,17 @@ template <class Regions, class Values>
 void OneOverBoCells(const TPVTOList& pvtoList, Regions PVTNum, Values Po, Values Pbub, Values OneOverBo,
                     std::uint64_t nElts)
 {
-    const std::vector<std::unique_ptr<FlatOil>> flat = FlattenRegions<FlatOil>(pvtoList, Flatten);
-    ForEachRegionCell(PVTNum, OneOverBo, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
+    const FlatRegions<FlatOil> flat(pvtoList, Flatten);
+    ForEachRegionRun(PVTNum, OneOverBo, nElts, [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
         PRECONDITION(pvtID<pvtoList.size(), (WrongRegion{pvtID, pvtoList.size()}));
         const TPVTOTable& pvt_table = pvtoList[pvtID];
         PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
-        const double po = Po.get(h);
-        const double pbub = Pbub.get(h);
-        if (const FlatOil* oil = flat[pvtID].get())
-            return 1.0 / oil->Bo(po, pbub);
-        const double Bo = pressureTolerance > std::fabs(po - pbub) ? InterpolateBoSat(pvt_table, po)
-                                                                   : UndersaturatedBo(pvt_table, po, pbub);
-        return 1.0 / Bo;
+        const FlatOil* oil = flat[pvtID];
+        for (std::uint64_t h = begin; h < end; ++h) {
+            const double po = Po.get(h);
+            const double pbub = Pbub.get(h);
+            OneOverBo.set(h, 1.0 / (oil ? oil->Bo(po, pbub) : TableBo(pvt_table, po, pbub)));
+        }
     });
 }
 

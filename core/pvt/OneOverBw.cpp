@@ -34,15 +34,19 @@ void OneOverBwCells(const TPVTWList& pvtwList, Regions p_PVTNum, Values p_Pw, Va
             ready[r] = 1;
         }
     }
-    ForEachRegionCell(p_PVTNum, OneOverBw, nElts, [&](std::uint64_t h, std::uint64_t pvtID) {
+    ForEachRegionRun(p_PVTNum, OneOverBw, nElts, [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
         PRECONDITION(pvtID<pvtwList.size(), (WrongRegion{pvtID, pvtwList.size()}));
-        const double pw = p_Pw.get(h);
         if (ready[pvtID]) {
-            const FlatWater& w = flat[pvtID];
-            return OneOverBwAt(pw, w.P_ref, w.Cw, w.Bw_ref);
+            const FlatWater w = flat[pvtID];
+            for (std::uint64_t h = begin; h < end; ++h)
+                OneOverBw.set(h, OneOverBwAt(p_Pw.get(h), w.P_ref, w.Cw, w.Bw_ref));
+        } else {
+            const TPVTW& pvtw = pvtwList[pvtID];
+            for (std::uint64_t h = begin; h < end; ++h) {
+                const double pw = p_Pw.get(h);
+                OneOverBw.set(h, OneOverBwAt(pw, ScalarValue(pvtw.P_ref), ScalarValue(pvtw.Cw), ScalarValue(pvtw.Bw_ref)));
+            }
         }
-        const TPVTW& pvtw = pvtwList[pvtID];
-        return OneOverBwAt(pw, ScalarValue(pvtw.P_ref), ScalarValue(pvtw.Cw), ScalarValue(pvtw.Bw_ref));
     });
 }
 

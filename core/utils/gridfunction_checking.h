@@ -57,6 +57,7 @@ private:
 class ArrayRegionAccess
 {
 public:
+    static constexpr bool readAhead = true; // see ForEachRegionRun
     explicit ArrayRegionAccess(const int* data) : m_data(data) {}
     int get(tessel::core::handle h) const { return m_data[h]; }
 
@@ -79,6 +80,7 @@ private:
 class GenericRegionAccess
 {
 public:
+    static constexpr bool readAhead = false;
     explicit GenericRegionAccess(const tessel::core::IGridFunction* gridFunction) : m_gf(gridFunction) {}
     int get(tessel::core::handle h) const { return m_gf->get_int(h); }
 
