@@ -155,3 +155,21 @@ def k_selection(name, a, column, n_columns):
             counts = np.bincount(column, minlength=n_columns)
             col = _mean(col, np.maximum(counts, 1), a.dtype)
     return col[column]
+
+
+# --- rock ------------------------------------------------------------------------
+
+def porosity(records, pvtnum, po, poro, out):
+    # records[r] = (P_ref, Cr); cells outside every region keep what `out` held
+    for r, (p_ref, cr) in enumerate(records):
+        mask = pvtnum == r + 1
+        x = (po[mask] - p_ref) * cr
+        out[mask] = np.minimum(poro[mask] * (((x * 0.5) * x) + (x + 1.0)), 1.0)
+    return out
+
+
+def ratio_where_positive(numerator, denominator, out):
+    """numerator / denominator where the denominator is above 0, else 0.0."""
+    out[...] = 0.0
+    np.divide(numerator, denominator, out=out, where=denominator > 0.0)
+    return out

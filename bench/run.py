@@ -221,6 +221,67 @@ def reduction_case(name, dtype, kind):
     return f"{name} {np.dtype(dtype)} ({kind})", build
 
 
+# --- rock -------------------------------------------------------------------------
+
+def rock_records():
+    records = [(250.0 + 5 * r, 5e-5 * (r + 1)) for r in range(N_REGIONS)]
+    return kavra.TRockList([kavra.TRock(S(p), S(c)) for p, c in records]), records
+
+
+def rock_case(label, run_native, run_numpy, inputs, in_place=False):
+    """inputs: function(grid) -> (native grid functions, NumPy arrays); the last of each is the result."""
+
+    def build(grid):
+        gfs, arrays = inputs(grid)
+        expected = arrays[-1]
+
+        def check():
+            if in_place:  # the result is also an input: start both from the same values
+                gfs[-1].values[...] = expected
+            run_native(*gfs)
+            run_numpy(*arrays)
+            if not np.array_equal(gfs[-1].values, expected, equal_nan=True):
+                raise AssertionError(f"{label}: native and NumPy differ at cells "
+                                     f"{np.flatnonzero(gfs[-1].values != expected)[:5]}")
+
+        return (lambda: run_native(*gfs)), (lambda: run_numpy(*arrays)), check, expected.nbytes, expected.size
+
+    return label, build
+
+
+def rock_cases():
+    rock, records = rock_records()
+
+    def porosity_inputs(grid):
+        n = grid.number_of_cells()
+        regions, po, poro = block_regions(grid), pressures(n, 100.0, 400.0), RNG.uniform(0.05, 0.35, n)
+        return ([tessel.IntGridFunction(regions), tessel.DoubleGridFunction(po), tessel.DoubleGridFunction(poro),
+                 tessel.DoubleGridFunction(n)], [regions, po, poro, np.zeros(n)])
+
+    def ratio_inputs(grid):
+        n = grid.number_of_cells()
+        denominator = RNG.uniform(-0.05, 0.35, n)  # some cells at or below 0
+        numerator = RNG.uniform(10.0, 500.0, n)
+        return ([tessel.DoubleGridFunction(numerator), tessel.DoubleGridFunction(denominator),
+                 tessel.DoubleGridFunction(n)], [numerator, denominator, np.zeros(n)])
+
+    def ntg_inputs(grid):
+        n = grid.number_of_cells()
+        ntg, bulk = RNG.uniform(0.999, 1.001, n), RNG.uniform(100.0, 200.0, n)  # stays in range over repeats
+        return [tessel.DoubleGridFunction(ntg), tessel.DoubleGridFunction(bulk)], [ntg, bulk.copy()]
+
+    return [
+        rock_case("Porosity (double)", lambda *g: kavra.CalcPorosity(rock, *g),
+                  lambda *a: npv.porosity(records, *a), porosity_inputs),
+        # BulkVolume, PORV -> Porosity and PORV, PORO -> BulkVolume: the same guarded division
+        rock_case("PorosityFromPORV (double)", lambda num, den, out: kavra.CalcPorosityFromPORV(den, num, out),
+                  npv.ratio_where_positive, ratio_inputs),
+        rock_case("BulkVolume PORV/PORO (double)", kavra.CalcBulkVolume, npv.ratio_where_positive, ratio_inputs),
+        rock_case("BulkVolume NTG (double)", kavra.CalcBulkVolume, lambda ntg, bulk: np.multiply(bulk, ntg, out=bulk),
+                  ntg_inputs, in_place=True),
+    ]
+
+
 def all_cases():
     dead, oil, gas, water = dead_tables(), oil_tables(), gas_tables(), water_records()
     reductions = [reduction_case(name, dtype, kind) for name in REDUCTIONS for dtype in (np.float64, np.int32)
@@ -231,6 +292,7 @@ def all_cases():
         + pvt_case("OneOverBo", oil[0], oil[1], bo_inputs, ["double", "float", "generic"])
         + pvt_case("OneOverBw", water[0], water[1], lambda n: [pressures(n)], ["double", "generic"])
         + pvt_case("OneOverBg", gas[0], gas[1], bg_inputs, ["double", "float", "generic"])
+        + rock_cases()
     )
 
 
