@@ -1,7 +1,7 @@
 """The fast paths against a plain rendering of the documented steps, on random
 data: short and long tables, unsorted tables, repeated keys, NaN and infinities,
-regions in runs, failures inside the cell walk, and reductions over several
-column blocks, partial layers, unaligned and strided arrays.  Results must be
+regions in runs, failures inside the cell walk, and reductions of wide and
+large grids, partial layers, unaligned and strided arrays.  Results must be
 bit for bit the same (NaN compared as NaN)."""
 
 import numpy as np
@@ -228,7 +228,7 @@ def random_values(rng, dtype, n):
 
 
 @pytest.mark.parametrize("dtype", list("iIlLfd"))
-@pytest.mark.parametrize("shape", [(3, 4, 5), (130, 70, 3), (130, 70, 30)], ids=["small", "blocks", "streamed"])
+@pytest.mark.parametrize("shape", [(3, 4, 5), (130, 70, 3), (130, 70, 30)], ids=["small", "wide", "streamed"])
 @pytest.mark.parametrize("reduction", REDUCTIONS, ids=lambda f: f.__name__)
 def test_grid_reductions_equal_the_documented_steps(reduction, shape, dtype):
     rng = np.random.default_rng(list(shape))

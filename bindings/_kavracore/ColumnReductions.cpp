@@ -114,16 +114,10 @@ TPyArrayWrapper<T> StartAccumulator(npy_intp nI, npy_intp nJ)
     }
 }
 
-// The accumulation runs over blocks of columns whose accumulators stay in
-// the first-level cache while every K layer of the block streams past; per
-// column the values still go in with ascending K.
-template <class T>
-constexpr npy_intp blockColumns = 32768 / sizeof(T);
-
 template <class Operation, class T>
-void AccumulateLayer(T* __restrict accumulator, const char* __restrict layer, npy_intp width)
+void AccumulateLayer(T* __restrict accumulator, const char* __restrict layer, npy_intp columns)
 {
-    for (npy_intp c = 0; c < width; ++c)
+    for (npy_intp c = 0; c < columns; ++c)
         Operation::Update(accumulator[c], LoadAt<T>(layer + c * npy_intp(sizeof(T))));
 }
 
@@ -174,17 +168,13 @@ bp::object ReduceColumns(const ReservoirTopology& grid, const bp::object& array)
         char* out = PyArray_BYTES(result.array());
         const npy_intp size = sizeof(T);
 
-        // Pass 1: the column values, one block of columns at a time.
+        // Pass 1: the column values, taking in one layer after the other, so
+        // that per column the values go in with ascending K.
         const TPyArrayWrapper<T> accumulatorArray = StartAccumulator<T, Operation>(grid.nI, grid.nJ);
         T* const accumulator = reinterpret_cast<T*>(PyArray_DATA(accumulatorArray.array()));
-        for (npy_intp first = 0; first < columns; first += blockColumns<T>) {
-            const npy_intp width = std::min(blockColumns<T>, columns - first);
-            for (npy_intp k = 0; k < layers; ++k)
-                AccumulateLayer<Operation>(accumulator + first, in + (k * columns + first) * size, width);
-            const npy_intp tail = std::min(rest - first, width); // columns of this block in a partial last layer
-            if (tail > 0)
-                AccumulateLayer<Operation>(accumulator + first, in + (layers * columns + first) * size, tail);
-        }
+        for (npy_intp k = 0; k < layers; ++k)
+            AccumulateLayer<Operation>(accumulator, in + k * columns * size, columns);
+        AccumulateLayer<Operation>(accumulator, in + layers * columns * size, rest);
         if constexpr (Operation::counts) {
             for (npy_intp column = 0; column < columns; ++column) {
                 const int count = static_cast<int>(layers + (column < rest ? 1 : 0));
