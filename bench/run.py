@@ -5,22 +5,32 @@
     python bench/run.py --only OneOverBo --sizes 1e6
 
 Before timing, every case checks that the native result equals the NumPy
-result bit for bit.  Each timing is the median of --repeat runs.  Reported:
-ns per cell, the speed-up over NumPy, and the ratio to a copy floor (np.copyto
-of as many bytes as the result holds).
+result bit for bit.  Each timing is the median of --repeat rounds, and each
+round runs the native call, its NumPy version and the floors in turn.
+Reported: ns per cell (per element for selections), the speed-up over NumPy,
+and the ratio to two floors: np.copyto of as many bytes as the result holds
+into an array that exists ("x copy"), and the same copy into a new array
+("x new"), which is what any call that returns a new array pays at least.
+At the end, the growth of the native cost per cell from the smallest to the
+largest size.
 """
 
 import argparse
 import json
+import os
 import pathlib
+import platform
 import statistics
 import sys
 import time
 
-import numpy as np
+# The benchmarks use no BLAS; its idle threads must not compete for the cores.
+os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
 
-import kavra
-import tessel
+import numpy as np  # noqa: E402
+
+import kavra  # noqa: E402
+import tessel  # noqa: E402
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import numpy_versions as npv  # noqa: E402
@@ -299,6 +309,8 @@ def all_cases():
 def side_by_side(functions, repeat):
     """Median time of each function over `repeat` rounds; every round runs them all
     in turn, so that a disturbance of the machine hits them alike."""
+    for fn in functions:  # one untimed round: first-touch and warm-up costs stay out
+        fn()
     times = [[] for _ in functions]
     for _ in range(repeat):
         for spent, fn in zip(times, functions):
@@ -308,11 +320,21 @@ def side_by_side(functions, repeat):
     return [statistics.median(spent) for spent in times]
 
 
-def copy_floor(nbytes):
-    """np.copyto of nbytes into an array that already exists."""
+def copy_floors(nbytes):
+    """np.copyto of nbytes into an array that exists, and into a new one."""
     src = np.ones(nbytes, dtype=np.uint8)
     dst = np.zeros_like(src)
-    return lambda: np.copyto(dst, src)
+    return [lambda: np.copyto(dst, src), lambda: np.copyto(np.empty_like(src), src)]
+
+
+def machine():
+    cpu = platform.processor()
+    try:
+        with open("/proc/cpuinfo") as info:
+            cpu = next(line.split(":", 1)[1].strip() for line in info if line.startswith("model name"))
+    except (OSError, StopIteration):
+        pass
+    return dict(cpu=cpu, cores=os.cpu_count(), python=platform.python_version(), numpy=np.__version__)
 
 
 def main(argv=None):
@@ -325,8 +347,11 @@ def main(argv=None):
     args = parser.parse_args(argv)
 
     sizes = [int(float(s)) for s in args.sizes.split(",")] + ([10**8] if args.large else [])
+    about = machine()
+    print(f"{about['cpu']}, {about['cores']} cores; Python {about['python']}, NumPy {about['numpy']}")
     rows = []
-    print(f"{'case':<34}{'cells':>11}{'native ns/cell':>16}{'NumPy ns/cell':>15}{'speed-up':>10}{'x copy':>9}")
+    print(f"{'case':<34}{'cells':>11}{'native ns/cell':>16}{'NumPy ns/cell':>15}{'speed-up':>10}"
+          f"{'x copy':>9}{'x new':>8}")
     for size in sizes:
         grid = grid_for(size)
         for label, build in all_cases():
@@ -334,13 +359,26 @@ def main(argv=None):
                 continue
             run_native, run_numpy, check, nbytes, n = build(grid)
             check()
-            t_native, t_numpy, t_copy = side_by_side([run_native, run_numpy, copy_floor(nbytes)], args.repeat)
-            row = dict(case=label, cells=n, grid=[grid.nI, grid.nJ, grid.nK], native_ns_per_cell=1e9 * t_native / n,
-                       numpy_ns_per_cell=1e9 * t_numpy / n, speedup=t_numpy / t_native, copy_ratio=t_native / t_copy)
+            t_native, t_numpy, t_copy, t_new = side_by_side([run_native, run_numpy, *copy_floors(nbytes)],
+                                                            args.repeat)
+            row = dict(case=label, size=size, cells=n, grid=[grid.nI, grid.nJ, grid.nK],
+                       native_ns_per_cell=1e9 * t_native / n, numpy_ns_per_cell=1e9 * t_numpy / n,
+                       speedup=t_numpy / t_native, copy_ratio=t_native / t_copy, new_copy_ratio=t_native / t_new)
             rows.append(row)
             print(f"{label:<34}{n:>11}{row['native_ns_per_cell']:>16.2f}{row['numpy_ns_per_cell']:>15.2f}"
-                  f"{row['speedup']:>9.1f}x{row['copy_ratio']:>8.1f}x", flush=True)
-    pathlib.Path(args.json).write_text(json.dumps(rows, indent=2) + "\n")
+                  f"{row['speedup']:>9.1f}x{row['copy_ratio']:>8.1f}x{row['new_copy_ratio']:>7.1f}x", flush=True)
+
+    growth = {}
+    if len(sizes) > 1:
+        print(f"\nnative ns/cell from {sizes[0]:.0e} to {sizes[-1]:.0e} cells")
+        for row in rows:
+            if row["size"] == sizes[-1]:
+                first = next(r for r in rows if r["case"] == row["case"] and r["size"] == sizes[0])
+                growth[row["case"]] = row["native_ns_per_cell"] / first["native_ns_per_cell"] - 1.0
+                print(f"{row['case']:<34}{first['native_ns_per_cell']:>10.2f}{row['native_ns_per_cell']:>10.2f}"
+                      f"{100 * growth[row['case']]:>+9.0f} %")
+    report = dict(machine=about, repeat=args.repeat, results=rows, growth=growth)
+    pathlib.Path(args.json).write_text(json.dumps(report, indent=2) + "\n")
     print(f"results written to {args.json}")
 
 

@@ -12,7 +12,7 @@
 
 #include <boost/python.hpp>
 
-#if defined(__SSE2__)
+#if defined(__x86_64__)
 #include <emmintrin.h>
 #endif
 
@@ -121,14 +121,20 @@ void AccumulateLayer(T* __restrict accumulator, const char* __restrict layer, np
         Operation::Update(accumulator[c], LoadAt<T>(layer + c * npy_intp(sizeof(T))));
 }
 
-// Results beyond the second-level cache are written with stores that bypass
-// the caches: they are not read back here, and the bypass saves reading
-// every destination line before it is overwritten.
-constexpr std::size_t streamedResultBytes = std::size_t(1) << 20;
+// How the result is best written depends on where its memory comes from.
+// A result beyond the second-level cache but below the allocator's largest
+// reusable block (32 MB with glibc) mostly lies in reused memory that is
+// no longer cached: stores that bypass the caches save reading every line
+// before it is overwritten.  A larger result is fresh pages that the kernel
+// has just zeroed, still cached, where plain stores are cheaper.
+bool BypassCacheForResult(std::size_t bytes)
+{
+    return bytes >= (std::size_t(1) << 20) && bytes <= (std::size_t(32) << 20);
+}
 
 void CopyBypassingCache(char* destination, const char* source, std::size_t bytes)
 {
-#if defined(__SSE2__)
+#if defined(__x86_64__)
     std::size_t head = (16 - reinterpret_cast<std::uintptr_t>(destination) % 16) % 16;
     head = std::min(head, bytes);
     std::memcpy(destination, source, head);
@@ -144,7 +150,7 @@ void CopyBypassingCache(char* destination, const char* source, std::size_t bytes
 
 void CopyBypassingCacheDone()
 {
-#if defined(__SSE2__)
+#if defined(__x86_64__)
     _mm_sfence(); // the bypassing stores are weakly ordered
 #endif
 }
@@ -184,7 +190,7 @@ bp::object ReduceColumns(const ReservoirTopology& grid, const bp::object& array)
         }
 
         // Pass 2: every layer of the result is a copy of the column values.
-        const bool bypass = std::size_t(n) * sizeof(T) >= streamedResultBytes;
+        const bool bypass = BypassCacheForResult(std::size_t(n) * sizeof(T));
         for (npy_intp k = 0; k < layers; ++k) {
             char* const layer = out + k * columns * size;
             if (bypass)

@@ -20,7 +20,7 @@
 
 #include "core/pvt/Interpolation.h"
 
-#if defined(__SSE2__)
+#if defined(__x86_64__)
 #include <emmintrin.h>
 #endif
 
@@ -49,7 +49,7 @@ inline std::size_t AscendingRowSearch(const double* keys, std::size_t n, double 
 // +infinity, below no x.  A NaN x is below no key.
 inline std::size_t CountKeysBelow(const double* keys, std::size_t n, double x)
 {
-#if defined(__SSE2__)
+#if defined(__x86_64__)
     // A true comparison is a lane of all ones, -1 as an integer: subtracting
     // the lanes counts them.
     const __m128d value = _mm_set1_pd(x);
