@@ -363,20 +363,25 @@ def main(argv=None):
                                                             args.repeat)
             row = dict(case=label, size=size, cells=n, grid=[grid.nI, grid.nJ, grid.nK],
                        native_ns_per_cell=1e9 * t_native / n, numpy_ns_per_cell=1e9 * t_numpy / n,
-                       speedup=t_numpy / t_native, copy_ratio=t_native / t_copy, new_copy_ratio=t_native / t_new)
+                       speedup=t_numpy / t_native, copy_ratio=t_native / t_copy, new_copy_ratio=t_native / t_new,
+                       copy_ns_per_cell=1e9 * t_copy / n, new_copy_ns_per_cell=1e9 * t_new / n)
             rows.append(row)
             print(f"{label:<34}{n:>11}{row['native_ns_per_cell']:>16.2f}{row['numpy_ns_per_cell']:>15.2f}"
                   f"{row['speedup']:>9.1f}x{row['copy_ratio']:>8.1f}x{row['new_copy_ratio']:>7.1f}x", flush=True)
 
+    # Growth of the cost per cell from the smallest to the largest size, next
+    # to that of the two floors: memory-bound work grows with them.
     growth = {}
     if len(sizes) > 1:
-        print(f"\nnative ns/cell from {sizes[0]:.0e} to {sizes[-1]:.0e} cells")
+        print(f"\ngrowth of ns/cell from {sizes[0]:.0e} to {sizes[-1]:.0e} cells"
+              f"{'native':>13}{'copy':>8}{'new':>8}")
         for row in rows:
             if row["size"] == sizes[-1]:
                 first = next(r for r in rows if r["case"] == row["case"] and r["size"] == sizes[0])
-                growth[row["case"]] = row["native_ns_per_cell"] / first["native_ns_per_cell"] - 1.0
-                print(f"{row['case']:<34}{first['native_ns_per_cell']:>10.2f}{row['native_ns_per_cell']:>10.2f}"
-                      f"{100 * growth[row['case']]:>+9.0f} %")
+                grew = {key: row[key] / first[key] - 1.0
+                        for key in ("native_ns_per_cell", "copy_ns_per_cell", "new_copy_ns_per_cell")}
+                growth[row["case"]] = grew
+                print(f"{row['case']:<48}" + "".join(f"{100 * g:>+7.0f}%" for g in grew.values()))
     report = dict(machine=about, repeat=args.repeat, results=rows, growth=growth)
     pathlib.Path(args.json).write_text(json.dumps(report, indent=2) + "\n")
     print(f"results written to {args.json}")
