@@ -195,7 +195,6 @@ def selection_for(grid):
         i, j, k = c % grid.nI, (c // grid.nI) % grid.nJ, c // (grid.nI * grid.nJ)
         keep = (i // 16 + j // 16 + k // 4) % 5 != 0
         i, j, k = i[keep], j[keep], k[keep]
-        _selections.clear()
         _selections[key] = (tessel.ReservoirSelectionTopology(grid, np.column_stack([i, j, k])), i + grid.nI * j)
     return _selections[key]
 
@@ -352,11 +351,13 @@ def main(argv=None):
     rows = []
     print(f"{'case':<34}{'cells':>11}{'native ns/cell':>16}{'NumPy ns/cell':>15}{'speed-up':>10}"
           f"{'x copy':>9}{'x new':>8}")
-    for size in sizes:
-        grid = grid_for(size)
-        for label, build in all_cases():
-            if args.only and args.only not in label:
-                continue
+    # The sizes of one case run one after the other, so that the growth from
+    # size to size is measured under the same load of the machine.
+    grids = {size: grid_for(size) for size in sizes}
+    for label, build in all_cases():
+        if args.only and args.only not in label:
+            continue
+        for size, grid in grids.items():
             run_native, run_numpy, check, nbytes, n = build(grid)
             check()
             t_native, t_numpy, t_copy, t_new = side_by_side([run_native, run_numpy, *copy_floors(nbytes)],
