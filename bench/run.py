@@ -1,7 +1,7 @@
 """Benchmarks: each native calculation against the same result in NumPy.
 
     python bench/run.py                  # 10^6 and 10^7 cells
-    python bench/run.py --large          # also 10^8 cells (needs ~25 GB for the largest cases)
+    python bench/run.py --large          # also 10^8 cells (up to 12 GB of memory; most of an hour)
     python bench/run.py --only OneOverBo --sizes 1e6
 
 Before timing, every case checks that the native result equals the NumPy
