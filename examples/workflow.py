@@ -150,6 +150,44 @@ def fluids(rng: np.random.Generator, grid: tessel.ReservoirTopology) -> OilResul
                       {region: one_over_bo_curves(oil, region) for region in (1, 2)})
 
 
+def rock_and_pinch_outs(rng: np.random.Generator, grid: tessel.ReservoirTopology,
+                        poro: tessel.DoubleGridFunction) -> None:
+    """Porosity under pressure per rock region, then pinch-outs in a selection."""
+    n = grid.number_of_cells()
+    rock = kavra.TRockList([
+        kavra.TRock(scalar(250.0, "pressure", "bar"), scalar(4.5e-5, "compressibility", "1/bar")),
+        kavra.TRock(scalar(230.0, "pressure", "bar"), scalar(8.0e-5, "compressibility", "1/bar")),
+    ])
+    # Two rock regions side by side in I; the first column of cells is inactive (0).
+    i = np.arange(n) % grid.nI
+    pvtnum = tessel.IntGridFunction(np.where(i == 0, 0, np.where(i < grid.nI // 2, 1, 2)))
+    po = tessel.DoubleGridFunction(rng.uniform(150.0, 350.0, n))
+    porosity = tessel.DoubleGridFunction(np.full(n, -1.0))
+    kavra.CalcPorosity(rock, pvtnum, po, poro, porosity)
+    active = pvtnum.values > 0
+    print("\nPorosity under pressure")
+    show("reference PORO", poro.values[active])
+    show("at cell pressure", porosity.values[active])
+    print(f"  {'inactive cells kept at -1':<28} {np.count_nonzero(porosity.values == -1.0)}")
+
+    # A selection of two columns; layer 2 of column (3, 4) is pinched out, so
+    # layers 1 and 3 connect directly (and, listed once more, 1 and 4).  The
+    # connection in column (9, 9) lies outside the selection.
+    nI, nJ = grid.nI, grid.nJ
+    cell = lambda i, j, k: i + nI * (j + nJ * k)
+    picked = [[i, j, k] for (i, j) in ((3, 4), (4, 4)) for k in range(grid.nK) if (i, j, k) != (3, 4, 2)]
+    selection = tessel.ReservoirSelectionTopology(grid, picked)
+    tran_k = tessel.SelectionViewGridFunction(selection, tessel.DoubleGridFunction(len(picked)))
+    nnc1 = tessel.IntVector([cell(3, 4, 1), cell(3, 4, 1), cell(3, 4, 0), cell(3, 4, 1), cell(9, 9, 0)])
+    nnc2 = tessel.IntVector([cell(3, 4, 3), cell(4, 4, 2), cell(4, 4, 5), cell(3, 4, 4), cell(9, 9, 3)])
+    print("\nPinch-outs in a two-column selection")
+    print(f"  before: {list(zip(nnc1, nnc2))}")
+    kavra.CalcTransmissibilityK(nnc1, nnc2, selection, tran_k)
+    print(f"  kept (between columns): {list(zip(nnc1, nnc2))}")
+    marked = [tuple(int(v) for v in c) for c, m in zip(selection.selected_cells, tran_k.values) if m == 1.0]
+    print(f"  marked first cells (i, j, k): {marked}")
+
+
 def draw(png: pathlib.Path, grid: tessel.ReservoirTopology, poro_avg: NDArray[np.float64],
          oil: OilResults) -> None:
     """The figure: 1/Bo against pressure per region, and the K-averaged porosity map."""
@@ -225,6 +263,7 @@ def main(argv: Sequence[str] | None = None) -> None:
     layers = poro_avg.reshape(grid.nK, grid.nJ, grid.nI)
     print(f"  {'equal in every layer':<28} {bool((layers == layers[0]).all())}")
 
+    rock_and_pinch_outs(rng, grid, poro)
     oil_results = fluids(rng, grid)
 
     # A bad call: the error names the argument and where the check stands.

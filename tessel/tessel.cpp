@@ -29,8 +29,8 @@ ITopology::~ITopology() = default;
 OriginalToSelectionMapperImpl<3, hmt::CellHandleMapper>::OriginalToSelectionMapperImpl(
     const strata::ReservoirSelectionTopology& selection)
     : selection_table(nullptr), stride_k(std::uint64_t(selection.nI) * selection.nJ),
-      stride_j(selection.nI),
-      m_table(std::uint64_t(selection.nI) * selection.nJ * selection.nK, not_selected)
+      stride_j(selection.nI), table_size(std::uint64_t(selection.nI) * selection.nJ * selection.nK),
+      m_table(table_size, not_selected)
 {
     selection_table = m_table.data();
     // Walk backwards so that a repeated cell maps to its first selection index.
@@ -42,7 +42,7 @@ OriginalToSelectionMapperImpl<3, hmt::CellHandleMapper>::OriginalToSelectionMapp
 
 OriginalToSelectionMapperImpl<3, hmt::CellHandleMapper>::OriginalToSelectionMapperImpl(
     OriginalToSelectionMapperImpl&& other) noexcept
-    : selection_table(nullptr), stride_k(other.stride_k), stride_j(other.stride_j),
+    : selection_table(nullptr), stride_k(other.stride_k), stride_j(other.stride_j), table_size(other.table_size),
       m_table(std::move(other.m_table))
 {
     selection_table = m_table.data();

@@ -16,7 +16,8 @@ def test_package_exposes_every_extension_name():
     assert kavra._kavracore.__name__ == "kavra._kavracore"
     public = {n for n in dir(kavra._kavracore) if not n.startswith("_")}
     assert public <= set(dir(kavra)) and public == set(kavra.__all__)
-    assert {"CalcBulkVolume", "CalcRsFromComponents"} <= public
+    assert {"CalcBulkVolume", "CalcRsFromComponents", "CalcPorosity", "CalcPorosityFromPORV",
+            "CalcTransmissibilityK"} <= public
 
 
 def test_functions_have_no_documentation_text():

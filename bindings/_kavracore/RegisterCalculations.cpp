@@ -12,6 +12,8 @@
 #include "core/pvt/OneOverBw.h"
 #include "core/pvt/RsFromComponents.h"
 #include "core/rock/BulkVolume.h"
+#include "core/rock/Porosity.h"
+#include "core/vadra/TransmissibilityK.h"
 
 namespace bp = boost::python;
 
@@ -28,11 +30,30 @@ void RegisterPvtCalculations()
     bp::def("CalcOneOverBg", &kavra::CalcOneOverBg);
 }
 
+void RegisterPorosity()
+{
+    bp::def("CalcPorosity", &kavra::CalcPorosity);
+    bp::def("CalcPorosityFromPORV", &kavra::CalcPorosityFromPORV);
+}
+
 void RegisterBulkVolume()
 {
     bp::def("CalcBulkVolume", static_cast<void (*)(GridFunctionPtr, GridFunctionPtr)>(&kavra::CalcBulkVolume));
     bp::def("CalcBulkVolume",
             static_cast<void (*)(GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(&kavra::CalcBulkVolume));
+}
+
+// Boost.Python tries the overload registered last first: any topology enters
+// through ITopology and is cast there, so a wrong class gets this module's
+// own error rather than an argument error.
+void RegisterTransmissibilityK()
+{
+    bp::def("CalcTransmissibilityK",
+            static_cast<void (*)(IntVectorPtr, IntVectorPtr, tessel::strata::ReservoirSelectionTopologyPtr,
+                                 GridFunctionPtr)>(&kavra::CalcTransmissibilityK));
+    bp::def("CalcTransmissibilityK",
+            static_cast<void (*)(IntVectorPtr, IntVectorPtr, boost::shared_ptr<tessel::core::ITopology>,
+                                 GridFunctionPtr)>(&kavra::CalcTransmissibilityK));
 }
 
 void RegisterRsFromComponents()

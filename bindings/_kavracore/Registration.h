@@ -12,7 +12,9 @@ void RegisterRock();
 void RegisterScalar();
 void RegisterRockList();
 void RegisterPvtCalculations();
+void RegisterPorosity();
 void RegisterBulkVolume();
+void RegisterTransmissibilityK();
 void RegisterRsFromComponents();
 void RegisterColumnReductions();
 

@@ -24,7 +24,9 @@ void ModuleBody()
     kavra::python::RegisterScalar();        // TScalar
     kavra::python::RegisterRockList();      // TRockList
     kavra::python::RegisterPvtCalculations(); // CalcBubblePointPressure .. CalcOneOverBg, InterpolateB
-    kavra::python::RegisterBulkVolume();
+    kavra::python::RegisterPorosity();      // CalcPorosity, CalcPorosityFromPORV
+    kavra::python::RegisterBulkVolume();      // CalcBulkVolume: two grid functions, then three
+    kavra::python::RegisterTransmissibilityK(); // CalcTransmissibilityK: selection, then ITopology
     kavra::python::RegisterRsFromComponents();
     kavra::python::RegisterColumnReductions();
 }

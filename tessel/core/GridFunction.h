@@ -175,6 +175,7 @@ public:
     std::uint64_t* selection_table;
     std::uint64_t stride_k;
     std::uint16_t stride_j;
+    std::uint64_t table_size; // entries in selection_table: one per cell of the grid
 
     explicit OriginalToSelectionMapperImpl(const strata::ReservoirSelectionTopology& selection);
     OriginalToSelectionMapperImpl(OriginalToSelectionMapperImpl&& other) noexcept;

@@ -1,0 +1,99 @@
+"""CalcTransmissibilityK: sifting connections and marking pinch-outs."""
+
+import numpy as np
+import pytest
+from tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
+
+import kavra
+from conftest import cast_failure_text, precondition_text
+
+SOURCE = "core/vadra/TransmissibilityK.cpp"
+PINCH_OUT = precondition_text(SOURCE, "diff>1", "Vadra pre-process error: Strange pinch-out connection!!")
+
+# A 2 x 2 x 5 grid: column (0, 0) holds the cells 0, 4, 8, 12, 16 from top to
+# bottom, column (1, 0) the cells 1, 5, 9, 13, 17.  Cell 14 is not selected.
+GRID = ReservoirTopology(2, 2, 5)
+CELLS = [c for c in range(20) if c != 14]
+SELECTION = ReservoirSelectionTopology(GRID, [[c % 2, c // 2 % 2, c // 4] for c in CELLS])
+
+
+def run(nnc1, nnc2, topo=SELECTION):
+    """The lists afterwards and the marked cell numbers; TranK starts dirty."""
+    nnc1, nnc2 = IntVector(nnc1), IntVector(nnc2)
+    tran_k = SelectionViewGridFunction(SELECTION, DoubleGridFunction(np.full(len(CELLS), 7.0)))
+    kavra.CalcTransmissibilityK(nnc1, nnc2, topo, tran_k)
+    assert set(tran_k.values) <= {0.0, 1.0}
+    return list(nnc1), list(nnc2), [c for c, v in zip(CELLS, tran_k.values) if v == 1.0]
+
+
+@pytest.mark.parametrize(
+    "nnc1, nnc2, expected",
+    [
+        ([], [], ([], [], [])),
+        ([0], [8], ([], [], [0])),
+        ([0, 0], [8, 4], ([], [], [0])),  # the repeat is not examined: 0 -> 4 would fail
+        ([0, 0, 0, 0], [8, 1, 3, 4], ([0, 0], [1, 3], [0])),  # connections between columns keep it a repeat
+        ([0, 4, 0], [8, 16, 12], ([], [], [0, 4])),  # another mark between: examined again
+        ([0, 8], [8, 16], ([], [], [0, 8])),  # two pinch-outs in one column
+        ([1, 5, 0, 3, 2], [0, 16, 8, 2, 19], ([1, 5, 3, 2], [0, 16, 2, 19], [0])),  # order kept
+        ([10, 14, 6, 14], [14, 10, 14, 15], ([], [], [])),  # a cell outside the selection, even with diff <= 1
+    ],
+)
+def test_sifting(nnc1, nnc2, expected):
+    assert run(nnc1, nnc2) == expected
+
+
+@pytest.mark.parametrize("nnc1, nnc2", [([0], [4]), ([8], [0]), ([0], [0]), ([0, 0, 4, 0], [8, 8, 12, 4])])
+def test_pinch_out_that_is_not_one_fails(raises_text, nnc1, nnc2):
+    raises_text(PINCH_OUT, run, nnc1, nnc2)
+
+
+def test_failing_pinch_out_leaves_lists_and_keeps_earlier_marks(raises_text):
+    nnc1, nnc2 = IntVector([1, 2, 0, 5]), IntVector([9, 3, 4, 9])
+    tran_k = SelectionViewGridFunction(SELECTION, DoubleGridFunction(np.full(len(CELLS), 7.0)))
+    raises_text(PINCH_OUT, kavra.CalcTransmissibilityK, nnc1, nnc2, SELECTION, tran_k)
+    assert (list(nnc1), list(nnc2)) == ([1, 2, 0, 5], [9, 3, 4, 9])
+    np.testing.assert_array_equal(tran_k.values, np.eye(1, len(CELLS), 1)[0])
+
+
+def nnc_text(condition, message):
+    return precondition_text(SOURCE, condition, message)
+
+
+def view(selection=SELECTION):
+    return SelectionViewGridFunction(selection, DoubleGridFunction(np.full(selection.number_of_selected_cells, 7.0)))
+
+
+ALL = ReservoirSelectionTopology(GRID, [[c % 2, c // 2 % 2, c // 4] for c in range(20)])
+ONLY_0 = ReservoirSelectionTopology(GRID, [[0, 0, 0]])
+SHORTER = ReservoirSelectionTopology(ReservoirTopology(2, 2, 4), [[0, 0, k] for k in range(4)])
+OUTSIDE = "cell >= 0 && std::uint64_t(cell) < nCells"
+
+
+@pytest.mark.parametrize(
+    "nnc1, nnc2, topo, tran_k, expected",
+    [
+        ([0, 1], [8], SELECTION, None,
+         nnc_text("nnc1->size()==nnc2->size()", "NNC arrays have different sizes, nnc1=2, nnc2=1")),
+        (None, [8], SELECTION, None, nnc_text("nnc1.get()!=0", "The NNC list nnc1 is None!!")),
+        ([0], None, SELECTION, None, nnc_text("nnc2.get()!=0", "The NNC list nnc2 is None!!")),
+        ([0], [8], None, view(), nnc_text("topo", "Invalid topology passed.")),
+        ([0], [8], GRID, view(), nnc_text("topo", "Invalid topology passed.")),
+        ([0], [8], SELECTION, DoubleGridFunction(19), cast_failure_text("TranK")),
+        ([0], [8], SELECTION, None, cast_failure_text("TranK")),
+        ([0, 8], [8, -1], SELECTION, view(),
+         nnc_text(OUTSIDE, "Cell number -1 at nnc2[1] lies outside the grid of 20 cells.")),
+        ([20], [0], SELECTION, view(), nnc_text(OUTSIDE, "Cell number 20 at nnc1[0] lies outside the grid of 20 cells.")),
+        ([0], [8], SELECTION, view(SHORTER),
+         nnc_text("sameGrid", "TranK is a view on another grid than topo's grid of 2 x 2 x 5 cells.")),
+        ([1, 0, 4], [3, 8, 12], ALL, view(ONLY_0),
+         nnc_text("TranKElement(TranK, c1) < nTranK", "TranK has no element for cell 4 at nnc1[2], which topo selects.")),
+    ],
+)
+def test_refusals_change_nothing(raises_text, nnc1, nnc2, topo, tran_k, expected):
+    lists = [None if v is None else IntVector(v) for v in (nnc1, nnc2)]
+    before = None if tran_k is None else tran_k.values.copy()
+    raises_text(expected, kavra.CalcTransmissibilityK, *lists, topo, tran_k)
+    assert [None if v is None else list(v) for v in lists] == [nnc1, nnc2]
+    if before is not None:
+        np.testing.assert_array_equal(tran_k.values, before)
