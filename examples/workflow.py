@@ -173,8 +173,9 @@ def rock_and_pinch_outs(rng: np.random.Generator, grid: tessel.ReservoirTopology
     # A selection of two columns; layer 2 of column (3, 4) is pinched out, so
     # layers 1 and 3 connect directly (and, listed once more, 1 and 4).  The
     # connection in column (9, 9) lies outside the selection.
-    nI, nJ = grid.nI, grid.nJ
-    cell = lambda i, j, k: i + nI * (j + nJ * k)
+    def cell(i: int, j: int, k: int) -> int:
+        return i + grid.nI * (j + grid.nJ * k)
+
     picked = [[i, j, k] for (i, j) in ((3, 4), (4, 4)) for k in range(grid.nK) if (i, j, k) != (3, 4, 2)]
     selection = tessel.ReservoirSelectionTopology(grid, picked)
     tran_k = tessel.SelectionViewGridFunction(selection, tessel.DoubleGridFunction(len(picked)))
@@ -269,7 +270,7 @@ def main(argv: Sequence[str] | None = None) -> None:
     # A bad call: the error names the argument and where the check stands.
     print("\nA float grid function where doubles are required:")
     try:
-        kavra.CalcBulkVolume(tessel.FloatGridFunction(n), bulk)
+        kavra.CalcBulkVolume(tessel.FloatGridFunction(n), bulk)  # type: ignore[call-overload]  # on purpose
     except RuntimeError as error:
         print("  " + str(error).rstrip("\n").replace("\n", "\n  "))
 

@@ -51,6 +51,10 @@ def water_records():
     return [TPVTW(S(100.0), S(1.0), S(1e-4), S(0.5), S(0.0))]
 
 
+def rock_records():
+    return [kavra.TRock(S(200.0), S(1e-3))]
+
+
 def D(values):
     return DoubleGridFunction(list(values))
 
@@ -90,6 +94,11 @@ CALCS = {
             kavra.TPVTGList([kavra.TPVTGTable(rows)]), IntGridFunction([1, 1]), D([150.0, 150.0]),
             D([150.0, 300.0]), D([0.015, 0.02]), out),
     ),
+    "CalcPorosity": (
+        rock_records,
+        lambda rows, out: kavra.CalcPorosity(kavra.TRockList(rows), IntGridFunction([1, 1]), D([300.0, 200.0]),
+                                             D([0.2, 0.2]), out),
+    ),
 }
 
 # (calculation, where the None goes, the first cell that reads it or None
@@ -124,6 +133,8 @@ UNSET_FIELDS = [
     ("CalcOneOverBg", "row0.under_sat1.Rv", 1),  # records are read only between rows
     ("CalcOneOverBg", "row1.under_sat1.B", 1),
     ("CalcOneOverBg", "row1.under_sat1.Mi", None),
+    ("CalcPorosity", "row0.P_ref", 0),
+    ("CalcPorosity", "row0.Cr", 0),
 ]
 
 
@@ -203,6 +214,14 @@ def _selection():
     return tessel.ReservoirSelectionTopology(_grid(), [[0, 0, 0], [1, 0, 0]])
 
 
+def _pinch_out():
+    """A column of three cells, all selected, with one pinch-out from k 0 to k 2."""
+    column = tessel.ReservoirTopology(1, 1, 3)
+    everything = tessel.ReservoirSelectionTopology(column, [[0, 0, 0], [0, 0, 1], [0, 0, 2]])
+    tran_k = tessel.SelectionViewGridFunction(everything, D([SENTINEL] * 3))
+    return tessel.IntVector([0]), tessel.IntVector([2]), everything, tran_k
+
+
 # Valid calls on two cells; the last grid function argument is the result.
 VALID = {
     "CalcBubblePointPressure": lambda: (kavra.TPVTOList([kavra.TPVTOTable(oil_table())]), IntGridFunction([1, 1]),
@@ -219,6 +238,10 @@ VALID = {
     "CalcBulkVolume": lambda: (D([0.5, 0.5]), D([SENTINEL] * 2)),
     "CalcBulkVolume three": lambda: (D([1.0, 2.0]), D([0.2, 0.1]), D([SENTINEL] * 2)),
     "CalcRsFromComponents": lambda: (D([2.0, 4.0]), D([1.0, 1.0]), D([SENTINEL] * 2)),
+    "CalcPorosity": lambda: (kavra.TRockList(rock_records()), IntGridFunction([1, 1]), D([300.0, 200.0]),
+                             D([0.2, 0.2]), D([SENTINEL] * 2)),
+    "CalcPorosityFromPORV": lambda: (D([10.0, 0.0]), D([2.0, 1.0]), D([SENTINEL] * 2)),
+    "CalcTransmissibilityK": lambda: _pinch_out(),
     "KMax": lambda: (_grid(), np.array([1.0, 2.0])),
     "KMin selection": lambda: (_selection(), np.array([1, 2], dtype=np.int32)),
     "KSum": lambda: (_grid(), np.array([1.0, 2.0]).reshape(1, 1, 2)),
@@ -252,16 +275,37 @@ def test_every_argument_of_every_function_refuses_wrong_values(name, wrong):
         args = list(VALID[name]())
         if type(args[position]) is type(WRONG[wrong]()):
             continue  # a float where a float belongs
-        inputs = [np.array(a.values) if hasattr(a, "values") else a for a in args]
+        originals, inputs = list(args), [_contents(a) for a in args]
         args[position] = WRONG[wrong]()
         with pytest.raises(_expected_errors(name)):
             function(*args)
         # Refused before any cell is written: inputs and result alike.
-        for given, before in zip(args, inputs):
-            if hasattr(given, "values"):
-                assert np.array_equal(given.values, before)
-            elif isinstance(given, np.ndarray):
-                assert np.array_equal(given, before)
+        for given, before in zip(originals, inputs):
+            assert before is None or np.array_equal(_contents(given), before)
+
+
+def _contents(argument):
+    """What a call could change in an argument: grid function values, array or list contents."""
+    if hasattr(argument, "values"):
+        return np.array(argument.values)
+    if isinstance(argument, (np.ndarray, tessel.IntVector)):
+        return np.array(list(argument))
+    return None
+
+
+@pytest.mark.parametrize("cell", [-1, 3, 2**31 - 1, -(2**31)])
+@pytest.mark.parametrize("position", range(4))
+def test_connections_with_cells_outside_the_grid_change_nothing(cell, position):
+    nnc1, nnc2, topo, tran_k = _pinch_out()
+    for p in range(2):
+        nnc1.append(1 if p else 0)
+        nnc2.append(0 if p else 2)
+    (nnc1 if position < 2 else nnc2)[position % 2] = cell
+    before = [list(nnc1), list(nnc2)]
+    with pytest.raises(RuntimeError, match=f"Cell number {cell} at nnc[12].* lies outside the grid of 3 cells"):
+        kavra.CalcTransmissibilityK(nnc1, nnc2, topo, tran_k)
+    assert [list(nnc1), list(nnc2)] == before
+    assert list(tran_k.values) == [SENTINEL] * 3
 
 
 # --- lists: lying iterables and huge counts, for every list class --------------------

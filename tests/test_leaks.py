@@ -60,6 +60,14 @@ def regions(*values):
     return tessel.IntGridFunction(list(values))
 
 
+def connections(first, second):
+    """Lists of connections on a fully selected grid of 2 x 1 x 3 cells, with TranK."""
+    grid = tessel.ReservoirTopology(2, 1, 3)
+    everything = tessel.ReservoirSelectionTopology(grid, [[c % 2, 0, c // 2] for c in range(6)])
+    return (tessel.IntVector(first), tessel.IntVector(second), everything,
+            tessel.SelectionViewGridFunction(everything, tessel.DoubleGridFunction(6)))
+
+
 def selection():
     return tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(2, 1, 2), [[0, 0, 0], [0, 0, 1]])
 
@@ -84,6 +92,13 @@ CASES = {
     "CalcBulkVolume NTG": (kavra.CalcBulkVolume, lambda: (D(1.0, 1.0), D(2.0, 3.0))),
     "CalcBulkVolume PORV PORO": (kavra.CalcBulkVolume, lambda: (D(10.0, 1.0), D(0.2, 0.0), D(0, 0))),
     "CalcRsFromComponents": (kavra.CalcRsFromComponents, lambda: (D(2.0, 0.0), D(10.0, 1.0), D(0, 0))),
+    "CalcPorosity": (
+        kavra.CalcPorosity,
+        lambda: (kavra.TRockList([kavra.TRock(S(200.0), S(1e-3))]), regions(1, 0), D(300.0, 1.0), D(0.2, 0.3), D(0, 0)),
+    ),
+    "CalcPorosityFromPORV": (kavra.CalcPorosityFromPORV, lambda: (D(10.0, 0.0), D(2.0, 1.0), D(0, 0))),
+    # Connections between columns stay in the lists, so every call walks them.
+    "CalcTransmissibilityK": (kavra.CalcTransmissibilityK, lambda: connections([0, 1], [1, 2])),
     # Failure paths: a failed check, a failed check inside the cell loop,
     # None, and arguments that fit no overload.
     "failed size check": (kavra.CalcOneOverBo, lambda: (oil_list(), regions(1), D(1.0), D(1.0), D(0, 0))),
@@ -91,6 +106,8 @@ CASES = {
     "failed cast": (kavra.CalcBulkVolume, lambda: (tessel.FloatGridFunction(2), D(0, 0))),
     "None grid function": (kavra.CalcRsFromComponents, lambda: (D(1.0), None, D(0.0))),
     "no matching overload": (kavra.CalcBulkVolume, lambda: (D(1.0), 2.0)),
+    "failed pinch-out": (kavra.CalcTransmissibilityK, lambda: connections([0], [2])),
+    "cell outside the grid": (kavra.CalcTransmissibilityK, lambda: connections([0], [99])),
     "unset scalar": (kavra.InterpolateB, lambda: (kavra.TPVTTable([kavra.TPVT(None, S(1.0), None)] * 2), 1.0)),
     # Tables.
     "TScalar": (TScalar, lambda: (1.5, "pressure", "bar")),

@@ -7,12 +7,21 @@ raises RuntimeError.  Grid functions are typed without None: the calculations
 refuse None with RuntimeError.
 """
 
-from collections.abc import Sequence
+from collections.abc import Iterator, Sequence
 from typing import ClassVar, Generic, TypeVar, overload
 
 import numpy as np
 from numpy.typing import NDArray
-from tessel._tessel import IGridFunction, ReservoirSelectionTopology, ReservoirTopology
+from tessel._tessel import (
+    IDoubleTypeGridFunction,
+    IGridFunction,
+    IIntTypeGridFunction,
+    IntVector,
+    IWritableDoubleTypeGridFunction,
+    ReservoirSelectionTopology,
+    ReservoirTopology,
+    SelectionViewGridFunction,
+)
 
 _E = TypeVar("_E")
 
@@ -47,6 +56,9 @@ class _Vector(_Instance, Generic[_E]):
     def __len__(self) -> int: ...
     def __getitem__(self, index: int, /) -> _E: ...
     def __setitem__(self, index: int, element: _E, /) -> None: ...
+    # Only for type checkers: at run time iteration goes through __getitem__
+    # (Python's sequence protocol), and each step gives a copy.
+    def __iter__(self) -> Iterator[_E]: ...
     def extend(self, items: Sequence[_E] | _Vector[_E], /) -> None: ...
     def reserve(self, count: int, /) -> None: ...
     def resize(self, count: int, /) -> None: ...
@@ -159,10 +171,32 @@ def CalcOneOverBg(
     OneOverBg: IGridFunction,
     /,
 ) -> None: ...
+
+# The rock calculations and CalcTransmissibilityK demand grid functions of
+# one class each (RuntimeError for any other).
+
+def CalcPorosity(
+    rockList: TRockList,
+    PVTNum: IIntTypeGridFunction,
+    Po: IDoubleTypeGridFunction,
+    PORO: IDoubleTypeGridFunction,
+    Porosity: IWritableDoubleTypeGridFunction,
+    /,
+) -> None: ...
+def CalcPorosityFromPORV(
+    BulkVolume: IDoubleTypeGridFunction, PORV: IDoubleTypeGridFunction, Porosity: IWritableDoubleTypeGridFunction, /
+) -> None: ...
 @overload
-def CalcBulkVolume(NTG: IGridFunction, BulkVolume: IGridFunction, /) -> None: ...
+def CalcBulkVolume(NTG: IDoubleTypeGridFunction, BulkVolume: IWritableDoubleTypeGridFunction, /) -> None: ...
 @overload
-def CalcBulkVolume(PORV: IGridFunction, PORO: IGridFunction, BulkVolume: IGridFunction, /) -> None: ...
+def CalcBulkVolume(
+    PORV: IDoubleTypeGridFunction, PORO: IDoubleTypeGridFunction, BulkVolume: IWritableDoubleTypeGridFunction, /
+) -> None: ...
+
+# Shortens nnc1 and nnc2 in place and marks pinch-outs in TranK.
+def CalcTransmissibilityK(
+    nnc1: IntVector, nnc2: IntVector, topo: ReservoirSelectionTopology, TranK: SelectionViewGridFunction, /
+) -> None: ...
 def CalcRsFromComponents(
     p_Denominator: IGridFunction, p_Numerator: IGridFunction, p_Rs: IGridFunction, /
 ) -> None: ...
