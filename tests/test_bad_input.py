@@ -151,13 +151,10 @@ def unset(rows, path):
     points[int(parts[1][9:])] = point  # items are copies: put the changed one back
 
 
-def run(name, rows):
+def written_cells(name, rows):
     out = D([SENTINEL, SENTINEL])
-    try:
-        CALCS[name][1](rows, out)
-    finally:
-        written = [v != SENTINEL for v in out.values]
-    return written
+    CALCS[name][1](rows, out)
+    return [v != SENTINEL for v in out.values]
 
 
 @pytest.mark.parametrize("name, path, failing_cell", UNSET_FIELDS)
@@ -165,42 +162,36 @@ def test_unset_scalar_fails_at_the_first_cell_that_reads_it(name, path, failing_
     rows = CALCS[name][0]()
     unset(rows, path)
     if failing_cell is None:
-        assert run(name, rows) == [True, name != "InterpolateB"]
+        assert written_cells(name, rows) == [True, name != "InterpolateB"]
         return
     out = D([SENTINEL, SENTINEL])
-    with pytest.raises(RuntimeError, match=r"scalar.get\(\)!=0 A table field that the calculation reads " + r"holds no TScalar \(None\)\.\n$"):
+    with pytest.raises(RuntimeError, match=r"scalar.get\(\)!=0 A table field that the calculation reads holds no "
+                                           r"TScalar \(None\)\.\n$"):
         CALCS[name][1](rows, out)
     assert [v != SENTINEL for v in out.values] == [c < failing_cell for c in range(2)]
 
 
-@pytest.mark.parametrize(
-    "name, row, message, failing_cell",
-    [
-        ("CalcBubblePointPressure", 0, NO_SATURATED_POINT, 0),
-        ("CalcBubblePointPressure", 1, NO_SATURATED_POINT, 0),
-        ("CalcOneOverBo", 0, NO_SATURATED_POINT, 0),
-        ("CalcOneOverBo", 1, NO_SATURATED_POINT, 0),
-        ("CalcOneOverBg", 0, NO_SATURATED_POINT, 0),
-        ("CalcOneOverBg", 1, NO_SATURATED_POINT, 0),
-    ],
-)
-def test_emptied_under_sat_fails_in_an_orderly_way(name, row, message, failing_cell):
+@pytest.mark.parametrize("row", [0, 1])
+@pytest.mark.parametrize("name", ["CalcBubblePointPressure", "CalcOneOverBo", "CalcOneOverBg"])
+def test_emptied_under_sat_fails_at_the_first_cell(name, row):
     rows = CALCS[name][0]()
     rows[row].under_sat = type(rows[row].under_sat)()
     out = D([SENTINEL, SENTINEL])
-    with pytest.raises(RuntimeError, match=message):
+    with pytest.raises(RuntimeError, match=NO_SATURATED_POINT):
         CALCS[name][1](rows, out)
-    assert [v != SENTINEL for v in out.values] == [c < failing_cell for c in range(2)]
+    assert list(out.values) == [SENTINEL, SENTINEL]
 
 
-def test_emptied_records_of_a_single_row_table_fail_only_on_the_saturated_line():
-    # A one-row table never reaches the two-level branch.
-    rows = gas_table()[:1]
+def test_emptied_records_between_two_rows_fail_there():
+    # Cell 0 lies on the saturated line between rows 1 and 2; cell 1 between
+    # rows 0 and 1, where only the records of these rows are read.
+    rows = gas_table() + [TPVTG(S(300.0), S(0.03), S(0.008), S(0.01))]
     rows[0].under_sat = kavra.TPVTGRecordTable()
     out = D([SENTINEL, SENTINEL])
-    with pytest.raises(RuntimeError, match=NO_SATURATED_POINT):
-        CALCS["CalcOneOverBg"][1](rows, out)
-    assert list(out.values) == [SENTINEL, SENTINEL]
+    with pytest.raises(RuntimeError, match=NO_ROWS):
+        kavra.CalcOneOverBg(kavra.TPVTGList([kavra.TPVTGTable(rows)]), IntGridFunction([1, 1]), D([250.0, 150.0]),
+                            D([250.0, 300.0]), D([0.02, 0.02]), out)
+    assert out.values[0] != SENTINEL and out.values[1] == SENTINEL
 
 
 # --- every argument of every function: None, and an object of a wrong type ----------
