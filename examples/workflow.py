@@ -1,26 +1,47 @@
 """Example workflow: a small reservoir grid, pushed through the calculations.
 
-Run with `make demo` (or `python examples/workflow.py` once the package is
-installed).  Every input is built with tessel; every result is read back
-through the zero-copy `.values` view of its grid function.
+Run with `make demo` (or `python examples/workflow.py [--png PATH]` once the
+package is installed).  Every input is built with tessel; every result is
+read back through the zero-copy `.values` view of its grid function.  The
+figure (1/Bo against pressure per region, and a map of the K-averaged
+porosity) goes to examples/output/workflow.png unless --png says otherwise.
 """
 
+import argparse
+import dataclasses
+import pathlib
+from collections.abc import Sequence
+
 import numpy as np
+from numpy.typing import ArrayLike, NDArray
 
 import kavra
 import tessel
 
+DEFAULT_PNG = pathlib.Path(__file__).resolve().parent / "output" / "workflow.png"
 
-def show(title, values, unit=""):
+Curve = tuple[NDArray[np.float64], NDArray[np.float64]]  # pressures, 1/Bo
+
+
+@dataclasses.dataclass
+class OilResults:
+    pvtnum: NDArray[np.int32]
+    po: NDArray[np.float64]
+    one_over_bo: NDArray[np.float64]
+    curves: dict[int, dict[str, Curve]]  # per region, per sweep
+
+
+def show(title: str, values: ArrayLike, unit: str = "") -> None:
     values = np.asarray(values)
     print(f"  {title:<28} min {values.min():10.4g}  mean {values.mean():10.4g}  max {values.max():10.4g} {unit}")
 
 
-def scalar(value, category, unit):
+def scalar(value: float, category: str, unit: str) -> kavra.TScalar:
     return kavra.TScalar(value, category, unit)
 
 
-def live_oil_table(rs_values, pbub_values, bo_values, undersaturated_slope):
+def live_oil_table(rs_values: Sequence[float], pbub_values: Sequence[float], bo_values: Sequence[float],
+                   undersaturated_slope: float) -> kavra.TPVTOTable:
     """A live-oil table: one row per Rs, each with two undersaturated pressure rows."""
     table = kavra.TPVTOTable()
     for rs, pbub, bo in zip(rs_values, pbub_values, bo_values):
@@ -34,7 +55,8 @@ def live_oil_table(rs_values, pbub_values, bo_values, undersaturated_slope):
     return table
 
 
-def wet_gas_table(pressures, rv_values, bg_values):
+def wet_gas_table(pressures: Sequence[float], rv_values: Sequence[float],
+                  bg_values: Sequence[float]) -> kavra.TPVTGTable:
     """A wet-gas table: one row per gas pressure, each with a dry and a rich record."""
     table = kavra.TPVTGTable()
     for pg, rv, bg in zip(pressures, rv_values, bg_values):
@@ -46,7 +68,29 @@ def wet_gas_table(pressures, rv_values, bg_values):
     return table
 
 
-def fluids(rng, grid):
+def one_over_bo_curves(oil: kavra.TPVTOList, region: int) -> dict[str, Curve]:
+    """1/Bo of one region along pressure sweeps: the saturated line (Po = Pbub)
+    and the undersaturated branch of each table row but the first (Pbub at
+    that row's saturated pressure, Po above it)."""
+    sweeps: dict[str, tuple[NDArray[np.float64], NDArray[np.float64]]] = {}
+    line = np.linspace(40.0, 340.0, 121)
+    sweeps["saturated"] = (line, line)
+    table = oil[region - 1]
+    for r in range(1, len(table)):
+        saturated = table[r].under_sat[0].P
+        assert saturated is not None
+        po = np.linspace(saturated.value, 400.0, 60)
+        sweeps[f"Pbub {saturated.value:.0f} bar"] = (po, np.full(len(po), saturated.value))
+    curves: dict[str, Curve] = {}
+    for label, (po, pbub) in sweeps.items():
+        result = tessel.DoubleGridFunction(len(po))
+        kavra.CalcOneOverBo(oil, tessel.IntGridFunction(np.full(len(po), region)), tessel.DoubleGridFunction(po),
+                            tessel.DoubleGridFunction(pbub), result)
+        curves[label] = (po, result.values.copy())
+    return curves
+
+
+def fluids(rng: np.random.Generator, grid: tessel.ReservoirTopology) -> OilResults:
     """Two PVT regions: bubble point, 1/Bo, 1/Bg and 1/Bw for every cell."""
     n = grid.number_of_cells()
     # Region 1 in the west half of the grid, region 2 in the east; the first column is outside both.
@@ -102,9 +146,12 @@ def fluids(rng, grid):
     print(f" saturated oil cells: {np.count_nonzero(saturated & (pvtnum.values > 0))}")
     print(f" InterpolateB on the undersaturated rows of one oil row, 175 bar: "
           f"{kavra.InterpolateB(oil[0][1].under_sat, 175.0):.5f} rm3/sm3")
+    return OilResults(pvtnum.values, po.values, one_over_bo.values,
+                      {region: one_over_bo_curves(oil, region) for region in (1, 2)})
 
 
-def rock_and_pinch_outs(rng, grid, poro):
+def rock_and_pinch_outs(rng: np.random.Generator, grid: tessel.ReservoirTopology,
+                        poro: tessel.DoubleGridFunction) -> None:
     """Porosity under pressure per rock region, then pinch-outs in a selection."""
     n = grid.number_of_cells()
     rock = kavra.TRockList([
@@ -126,8 +173,9 @@ def rock_and_pinch_outs(rng, grid, poro):
     # A selection of two columns; layer 2 of column (3, 4) is pinched out, so
     # layers 1 and 3 connect directly (and, listed once more, 1 and 4).  The
     # connection in column (9, 9) lies outside the selection.
-    nI, nJ = grid.nI, grid.nJ
-    cell = lambda i, j, k: i + nI * (j + nJ * k)
+    def cell(i: int, j: int, k: int) -> int:
+        return i + grid.nI * (j + grid.nJ * k)
+
     picked = [[i, j, k] for (i, j) in ((3, 4), (4, 4)) for k in range(grid.nK) if (i, j, k) != (3, 4, 2)]
     selection = tessel.ReservoirSelectionTopology(grid, picked)
     tran_k = tessel.SelectionViewGridFunction(selection, tessel.DoubleGridFunction(len(picked)))
@@ -141,7 +189,46 @@ def rock_and_pinch_outs(rng, grid, poro):
     print(f"  marked first cells (i, j, k): {marked}")
 
 
-def main():
+def draw(png: pathlib.Path, grid: tessel.ReservoirTopology, poro_avg: NDArray[np.float64],
+         oil: OilResults) -> None:
+    """The figure: 1/Bo against pressure per region, and the K-averaged porosity map."""
+    import matplotlib
+
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+    from matplotlib.ticker import MaxNLocator
+
+    figure, (left, right) = plt.subplots(1, 2, figsize=(11.0, 4.4), layout="constrained")
+    for region, color in ((1, "tab:blue"), (2, "tab:orange")):
+        cells = oil.pvtnum == region
+        left.scatter(oil.po[cells], oil.one_over_bo[cells], s=4, color=color, alpha=0.25, linewidths=0)
+        for label, (p, value) in oil.curves[region].items():
+            saturated = label == "saturated"
+            left.plot(p, value, color=color, linewidth=2.0 if saturated else 1.0, linestyle="-" if saturated else "--",
+                      label=f"region {region}" if saturated else None)
+    left.set_xlabel("oil pressure Po [bar]")
+    left.set_ylabel("1/Bo [sm3/rm3]")
+    left.set_title("1/Bo: saturated line (solid), undersaturated branches (dashed), cells (dots)", fontsize=9)
+    left.legend()
+
+    layer = poro_avg.reshape(grid.nK, grid.nJ, grid.nI)[0]  # equal in every layer
+    image = right.imshow(layer, origin="lower", cmap="viridis", aspect="equal")
+    right.xaxis.set_major_locator(MaxNLocator(integer=True))
+    right.yaxis.set_major_locator(MaxNLocator(integer=True))
+    right.set_xlabel("I")
+    right.set_ylabel("J")
+    right.set_title(f"KAverage of porosity over {grid.nK} layers", fontsize=9)
+    figure.colorbar(image, ax=right, label="porosity")
+    png.parent.mkdir(parents=True, exist_ok=True)
+    figure.savefig(png, dpi=110)
+    plt.close(figure)
+    print(f"\nFigure written to {png}")
+
+
+def main(argv: Sequence[str] | None = None) -> None:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--png", type=pathlib.Path, default=DEFAULT_PNG, help="where the figure goes")
+    args = parser.parse_args(argv)
     rng = np.random.default_rng(7)
     grid = tessel.ReservoirTopology(20, 15, 6)
     n = grid.number_of_cells()
@@ -178,14 +265,16 @@ def main():
     print(f"  {'equal in every layer':<28} {bool((layers == layers[0]).all())}")
 
     rock_and_pinch_outs(rng, grid, poro)
-    fluids(rng, grid)
+    oil_results = fluids(rng, grid)
 
     # A bad call: the error names the argument and where the check stands.
     print("\nA float grid function where doubles are required:")
     try:
-        kavra.CalcBulkVolume(tessel.FloatGridFunction(n), bulk)
+        kavra.CalcBulkVolume(tessel.FloatGridFunction(n), bulk)  # type: ignore[call-overload]  # on purpose
     except RuntimeError as error:
         print("  " + str(error).rstrip("\n").replace("\n", "\n  "))
+
+    draw(args.png, grid, poro_avg, oil_results)
 
 
 if __name__ == "__main__":

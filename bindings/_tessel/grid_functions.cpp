@@ -66,6 +66,8 @@ boost::shared_ptr<ArrayGridFunction<T>> make_array(bp::object source)
     PyObject* s = source.ptr();
     if (PyIndex_Check(s) && !PyBool_Check(s) && !PyArray_Check(s)) {
         const long long n = integer_argument(s, 0, PY_SSIZE_T_MAX, (cls + " size").c_str());
+        if (static_cast<unsigned long long>(n) > std::vector<T>().max_size())
+            raise(PyExc_MemoryError, cls + " of " + std::to_string(n) + " elements cannot be allocated");
         return make_array_grid_function<T>(std::vector<T>(static_cast<std::size_t>(n), T(0)));
     }
     return make_array_grid_function<T>(values_from_array_like<T>(source, cls.c_str()));
