@@ -16,13 +16,17 @@ void CalcBulkVolume(GridFunctionPtr p_PORV, GridFunctionPtr p_PORO, GridFunction
     PRECONDITION(nElts == PORV->number_of_elements(), "BulkVolume and PORV should have the same number of elements.");
     PRECONDITION(nElts == PORO->number_of_elements(), "BulkVolume and PORO should have the same number of elements.");
 
-    for (std::uint64_t h = 0; h < nElts; ++h) {
-        const double p = PORO->get_double(h);
-        if (p > 0.0)
-            BulkVolume->set_value(h, PORV->get_double(h) / p);
-        else
-            BulkVolume->set_value(h, 0.0);
-    }
+    DispatchTypedGridFunctions(
+        [nElts](auto porv, auto poro, auto bulkVolume) {
+            for (std::uint64_t h = 0; h < nElts; ++h) {
+                const double p = poro.get(h);
+                if (p > 0.0)
+                    bulkVolume.set(h, porv.get(h) / p);
+                else
+                    bulkVolume.set(h, 0.0);
+            }
+        },
+        PORV, PORO, BulkVolume);
 }
 
 void CalcBulkVolume(GridFunctionPtr p_NTG, GridFunctionPtr p_BulkVolume)
@@ -34,8 +38,12 @@ void CalcBulkVolume(GridFunctionPtr p_NTG, GridFunctionPtr p_BulkVolume)
     const std::uint64_t nElts = BulkVolume->number_of_elements();
     PRECONDITION(nElts == NTG->number_of_elements(), "BulkVolume and NTG should have the same number of elements.");
 
-    for (std::uint64_t h = 0; h < nElts; ++h)
-        BulkVolume->set_value(h, BulkVolume->get_double(h) * NTG->get_double(h));
+    DispatchTypedGridFunctions(
+        [nElts](auto ntg, auto bulkVolume) {
+            for (std::uint64_t h = 0; h < nElts; ++h)
+                bulkVolume.set(h, bulkVolume.get(h) * ntg.get(h));
+        },
+        NTG, BulkVolume);
 }
 
 } // namespace kavra

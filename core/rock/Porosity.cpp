@@ -23,28 +23,32 @@ void CalcPorosity(const TRockList& rockList, GridFunctionPtr p_PVTNum, GridFunct
     PRECONDITION(nElts == Po->number_of_elements(), "Porosity and Po should have the same number of elements.");
     PRECONDITION(nElts == PORO->number_of_elements(), "Porosity and PORO should have the same number of elements.");
 
-    for (std::uint64_t h = 0; h < nElts; ++h) {
-        const int region = PVTNum->get_int(h);
-        // Cells outside every region keep whatever the caller put there.
-        if (region <= 0)
-            continue;
-        const std::uint64_t pvtID = static_cast<std::uint64_t>(region - 1);
-        // For an empty list the upper bound wraps around, in the unsigned type.
-        PRECONDITION(pvtID<rockList.size(), "Invalid PVT region number: " << pvtID << ", valid interval is [0, "
-                                                 << std::uint64_t(rockList.size()) - 1 << "].");
-        const TRock& rock = rockList[pvtID];
+    DispatchTypedGridFunctions(
+        [nElts, &rockList](auto pvtNum, auto po, auto poro, auto porosity) {
+            for (std::uint64_t h = 0; h < nElts; ++h) {
+                const int region = pvtNum.get(h);
+                // Cells outside every region keep whatever the caller put there.
+                if (region <= 0)
+                    continue;
+                const std::uint64_t pvtID = static_cast<std::uint64_t>(region - 1);
+                // For an empty list the upper bound wraps around, in the unsigned type.
+                PRECONDITION(pvtID<rockList.size(), "Invalid PVT region number: " << pvtID << ", valid interval is [0, "
+                                                         << std::uint64_t(rockList.size()) - 1 << "].");
+                const TRock& rock = rockList[pvtID];
 
-        // exp(x) to second order, in this grouping so results are reproducible.
-        const double x = (Po->get_double(h) - ScalarValue(rock.P_ref)) * ScalarValue(rock.Cr);
-        const double a = (x * 0.5) * x;
-        const double b = x + 1.0;
-        const double f = a + b;
-        double r = PORO->get_double(h) * f;
-        // Capped above only: negative values and NaN are written as they are.
-        if (r > 1.0)
-            r = 1.0;
-        Porosity->set_value(h, r);
-    }
+                // exp(x) to second order, in this grouping so results are reproducible.
+                const double x = (po.get(h) - ScalarValue(rock.P_ref)) * ScalarValue(rock.Cr);
+                const double a = (x * 0.5) * x;
+                const double b = x + 1.0;
+                const double f = a + b;
+                double r = poro.get(h) * f;
+                // Capped above only: negative values and NaN are written as they are.
+                if (r > 1.0)
+                    r = 1.0;
+                porosity.set(h, r);
+            }
+        },
+        PVTNum, Po, PORO, Porosity);
 }
 
 void CalcPorosityFromPORV(GridFunctionPtr p_BulkVolume, GridFunctionPtr p_PORV, GridFunctionPtr p_Porosity)
@@ -59,13 +63,17 @@ void CalcPorosityFromPORV(GridFunctionPtr p_BulkVolume, GridFunctionPtr p_PORV, 
                  "Porosity and BulkVolume should have the same number of elements.");
     PRECONDITION(nElts == PORV->number_of_elements(), "Porosity and PORV should have the same number of elements.");
 
-    for (std::uint64_t h = 0; h < nElts; ++h) {
-        const double b = BulkVolume->get_double(h);
-        if (b > 0.0)
-            Porosity->set_value(h, PORV->get_double(h) / b);
-        else
-            Porosity->set_value(h, 0.0);
-    }
+    DispatchTypedGridFunctions(
+        [nElts](auto bulkVolume, auto porv, auto porosity) {
+            for (std::uint64_t h = 0; h < nElts; ++h) {
+                const double b = bulkVolume.get(h);
+                if (b > 0.0)
+                    porosity.set(h, porv.get(h) / b);
+                else
+                    porosity.set(h, 0.0);
+            }
+        },
+        BulkVolume, PORV, Porosity);
 }
 
 } // namespace kavra

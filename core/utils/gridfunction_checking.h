@@ -1,6 +1,8 @@
 #pragma once
 
 #include <array>
+#include <tuple>
+#include <type_traits>
 #include <cstddef>
 #include <string>
 #include <utility>
@@ -140,6 +142,77 @@ void DispatchGridFunctions(FloatVariant floatVariant, Body&& body, const GridFun
     if (floatVariant == FloatVariant::Present && detail::TryArrayVariant<float>(body, regions, values...))
         return;
     body(GenericRegionAccess(regions.get()), GenericAccess(values.get())...);
+}
+
+// ---------------------------------------------------------------------------
+// The rock calculations read through get_int/get_double of the typed
+// interfaces and write through set_value.  When every argument is an array
+// grid function those calls are known to be plain loads and stores of its
+// buffer, so the same loop runs on the buffers directly: same values, same
+// order of reads and writes per cell (arguments may share one grid function).
+
+namespace detail {
+template <class Interface>
+struct ElementOf;
+template <class T>
+struct ElementOf<tessel::core::ITypeGridFunction<T>>
+{
+    typedef T type;
+};
+template <class T, class V>
+struct ElementOf<tessel::core::IWritableTypeGridFunction<T, V>>
+{
+    typedef T type;
+};
+} // namespace detail
+
+// The buffer of an array grid function of T, read and written as T.
+template <class T>
+class BufferAccess
+{
+public:
+    explicit BufferAccess(T* data) : m_data(data) {}
+    T get(tessel::core::handle h) const { return m_data[h]; }
+    void set(tessel::core::handle h, T value) const { m_data[h] = value; }
+
+private:
+    T* m_data;
+};
+
+// The virtual accessors of a typed interface.
+template <class Interface>
+class InterfaceAccess
+{
+public:
+    typedef typename detail::ElementOf<Interface>::type value_type;
+    explicit InterfaceAccess(Interface* gridFunction) : m_gf(gridFunction) {}
+    value_type get(tessel::core::handle h) const
+    {
+        if constexpr (std::is_same<value_type, int>::value)
+            return m_gf->get_int(h);
+        else
+            return m_gf->get_double(h);
+    }
+    void set(tessel::core::handle h, value_type value) const { m_gf->set_value(h, value); }
+
+private:
+    Interface* m_gf;
+};
+
+// Runs `body` once, with one BufferAccess per argument when all are array
+// grid functions, else with one InterfaceAccess per argument.
+template <class Body, class... Interfaces>
+void DispatchTypedGridFunctions(Body&& body, const boost::shared_ptr<Interfaces>&... gridFunctions)
+{
+    const std::tuple<boost::shared_ptr<tessel::core::ArrayGridFunction<typename detail::ElementOf<Interfaces>::type>>...>
+        arrays(boost::dynamic_pointer_cast<
+               tessel::core::ArrayGridFunction<typename detail::ElementOf<Interfaces>::type>>(gridFunctions)...);
+    const bool allArrays = std::apply([](const auto&... a) { return (... && (a != nullptr)); }, arrays);
+    if (allArrays)
+        std::apply([&](const auto&... a) { body(BufferAccess<typename std::decay_t<decltype(*a)>::value_type>(a->data)...); },
+                   arrays);
+    else
+        body(InterfaceAccess<Interfaces>(gridFunctions.get())...);
 }
 
 } // namespace kavra
