@@ -1,17 +1,15 @@
 """The demo runs and draws its figure."""
 
-import importlib.util
+import runpy
 import struct
 
 from conftest import ROOT
 
 
 def test_demo_writes_its_figure(tmp_path, capsys):
-    spec = importlib.util.spec_from_file_location("workflow", ROOT / "examples/workflow.py")
-    workflow = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(workflow)
+    workflow = runpy.run_path(str(ROOT / "examples/workflow.py"))
     png = tmp_path / "figure" / "workflow.png"
-    workflow.main(["--png", str(png)])
+    workflow["main"](["--png", str(png)])
     data = png.read_bytes()
     assert data[:8] == b"\x89PNG\r\n\x1a\n"
     width, height = struct.unpack(">II", data[16:24])
