@@ -1,5 +1,7 @@
 #include "core/rock/BulkVolume.h"
 
+#include "core/rock/GuardedQuotient.h"
+
 using tessel::core::ITypeGridFunction;
 using tessel::core::IWritableTypeGridFunction;
 
@@ -16,17 +18,7 @@ void CalcBulkVolume(GridFunctionPtr p_PORV, GridFunctionPtr p_PORO, GridFunction
     PRECONDITION(nElts == PORV->number_of_elements(), "BulkVolume and PORV should have the same number of elements.");
     PRECONDITION(nElts == PORO->number_of_elements(), "BulkVolume and PORO should have the same number of elements.");
 
-    DispatchTypedGridFunctions(
-        [nElts](auto porv, auto poro, auto bulkVolume) {
-            for (std::uint64_t h = 0; h < nElts; ++h) {
-                const double p = poro.get(h);
-                if (p > 0.0)
-                    bulkVolume.set(h, porv.get(h) / p);
-                else
-                    bulkVolume.set(h, 0.0);
-            }
-        },
-        PORV, PORO, BulkVolume);
+    GuardedQuotient(PORV, PORO, BulkVolume, nElts);
 }
 
 void CalcBulkVolume(GridFunctionPtr p_NTG, GridFunctionPtr p_BulkVolume)

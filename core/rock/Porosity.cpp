@@ -1,5 +1,6 @@
 #include "core/rock/Porosity.h"
 
+#include "core/rock/GuardedQuotient.h"
 #include "core/types/Scalar.h"
 
 using tessel::core::ITypeGridFunction;
@@ -63,17 +64,7 @@ void CalcPorosityFromPORV(GridFunctionPtr p_BulkVolume, GridFunctionPtr p_PORV, 
                  "Porosity and BulkVolume should have the same number of elements.");
     PRECONDITION(nElts == PORV->number_of_elements(), "Porosity and PORV should have the same number of elements.");
 
-    DispatchTypedGridFunctions(
-        [nElts](auto bulkVolume, auto porv, auto porosity) {
-            for (std::uint64_t h = 0; h < nElts; ++h) {
-                const double b = bulkVolume.get(h);
-                if (b > 0.0)
-                    porosity.set(h, porv.get(h) / b);
-                else
-                    porosity.set(h, 0.0);
-            }
-        },
-        BulkVolume, PORV, Porosity);
+    GuardedQuotient(PORV, BulkVolume, Porosity, nElts);
 }
 
 } // namespace kavra
