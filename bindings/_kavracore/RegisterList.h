@@ -6,12 +6,14 @@
 #include <boost/python.hpp>
 
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "bindings/common/PrivateSequence.h"
 #include "core/types/Records.h"
 #include "core/utils/Precondition.h"
 
@@ -48,7 +50,7 @@ template <class E>
 void ExtendList(std::vector<E>& v, boost::python::object iterable)
 {
     namespace bp = boost::python;
-    bp::handle<> items(PySequence_Fast(iterable.ptr(), "an iterable is required as first argument"));
+    bp::handle<> items(PrivateSequence(iterable.ptr(), "an iterable is required as first argument"));
     Py_ssize_t n = PySequence_Size(iterable.ptr());
     if (n == -1)
         bp::throw_error_already_set();
@@ -122,10 +124,14 @@ E GetItem(const std::vector<E>& v, std::int64_t index)
     return v[NormalizeIndex(index, v.size())];
 }
 
+// Elements leave a list only by being swapped out into a local, so that the
+// release of their scalars, which can run Python (__del__, weakref
+// callbacks) that uses this very list, happens once the list is whole again.
 template <class E>
 void SetItem(std::vector<E>& v, std::int64_t index, const E& element)
 {
-    v[NormalizeIndex(index, v.size())] = element;
+    E replaced(element);
+    std::swap(v[NormalizeIndex(index, v.size())], replaced);
 }
 
 template <class E>
@@ -153,7 +159,14 @@ template <class E>
 void Resize(std::vector<E>& v, std::uint64_t count)
 {
     CheckGrowth(v, count);
-    v.resize(static_cast<std::size_t>(count));
+    const std::size_t n = static_cast<std::size_t>(count);
+    if (n < v.size()) {
+        std::vector<E> dropped(std::make_move_iterator(v.begin() + static_cast<std::ptrdiff_t>(n)),
+                               std::make_move_iterator(v.end()));
+        v.erase(v.begin() + static_cast<std::ptrdiff_t>(n), v.end()); // moved-from: releases nothing
+        return;                                                      // `dropped` dies here, after the list is whole
+    }
+    v.resize(n);
 }
 
 } // namespace list_methods

@@ -23,11 +23,21 @@ void AddScalarProperty(bp::class_<Record, boost::shared_ptr<Record>>& cls, const
                      bp::make_setter(member));
 }
 
-template <class Record, class Member>
-void AddUnderSatProperty(bp::class_<Record, boost::shared_ptr<Record>>& cls, Member Record::*member)
+// Writing under_sat replaces the rows in place by copies of the given ones.
+// The old rows are swapped out and released only when the record is whole
+// again: their scalars' release can run Python that uses this record.
+template <class Record, class Rows>
+void SetUnderSat(Record& record, const Rows& rows)
+{
+    Rows replaced(rows);
+    record.under_sat.swap(replaced);
+}
+
+template <class Record, class Rows>
+void AddUnderSatProperty(bp::class_<Record, boost::shared_ptr<Record>>& cls, Rows Record::*member)
 {
     cls.add_property("under_sat", bp::make_getter(member, bp::return_internal_reference<1>()),
-                     bp::make_setter(member));
+                     &SetUnderSat<Record, Rows>);
 }
 
 } // namespace

@@ -35,10 +35,32 @@ long long integer_argument(PyObject* value, long long lo, long long hi, const ch
     return result;
 }
 
+void refuse_masked(PyObject* source, const char* what)
+{
+    if (!PyArray_Check(source) || PyArray_CheckExact(source))
+        return;
+    static PyObject* masked_type = nullptr; // numpy.ma.MaskedArray, kept for the life of the process
+    if (masked_type == nullptr) {
+        bp::object ma(bp::handle<>(PyImport_ImportModule("numpy.ma")));
+        bp::object type = ma.attr("MaskedArray");
+        masked_type = bp::incref(type.ptr());
+    }
+    const int masked = PyObject_IsInstance(source, masked_type);
+    if (masked < 0)
+        bp::throw_error_already_set();
+    if (masked)
+        raise(PyExc_TypeError, std::string(what) +
+                                   " does not take masked arrays, whose mask it would drop; pass "
+                                   "values.filled(fill_value) with the value masked cells should hold");
+}
+
 namespace {
 
-bp::object as_array(bp::object source)
+// Byte-swapped and unaligned arrays are read through NumPy's casts below,
+// which convert them to native values.
+bp::object as_array(bp::object source, const char* what)
 {
+    refuse_masked(source.ptr(), what);
     return bp::object(bp::handle<>(PyArray_FromAny(source.ptr(), nullptr, 0, 0, 0, nullptr)));
 }
 
@@ -68,7 +90,7 @@ void copy_checked(PyArrayObject* wide, std::vector<T>& out, const char* what)
 template <class T>
 std::vector<T> values_from_array_like(bp::object source, const char* what)
 {
-    bp::object array_object = as_array(source);
+    bp::object array_object = as_array(source, what);
     PyArrayObject* array = reinterpret_cast<PyArrayObject*>(array_object.ptr());
     const char kind = PyArray_DESCR(array)->kind;
     const bool integral = kind == 'b' || kind == 'i' || kind == 'u';

@@ -5,6 +5,8 @@
 // during a loop is never read out of bounds.
 #include "tessel_python.h"
 
+#include "bindings/common/PrivateSequence.h"
+
 #include <climits>
 #include <sstream>
 #include <string>
@@ -25,7 +27,9 @@ void extend(IntVector& v, bp::object values)
         v.insert(v.end(), converted.begin(), converted.end());
         return;
     }
-    bp::handle<> items(PySequence_Fast(values.ptr(), "IntVector needs an iterable of integers"));
+    // Converting an item can run Python (__index__), so the items are read
+    // from a private sequence and the vector is changed only at the end.
+    bp::handle<> items(kavra::python::PrivateSequence(values.ptr(), "IntVector needs an iterable of integers"));
     const Py_ssize_t n = PySequence_Fast_GET_SIZE(items.get());
     std::vector<int> converted;
     converted.reserve(static_cast<std::size_t>(n));
@@ -55,10 +59,13 @@ std::size_t position(const IntVector& v, PyObject* index)
 
 int get_item(const IntVector& v, bp::object index) { return v[position(v, index.ptr())]; }
 
+// The value is converted first: its __index__ may change the vector (a
+// calculation can shorten it), and the position is checked against the
+// vector as it is when written.
 void set_item(IntVector& v, bp::object index, bp::object value)
 {
-    const std::size_t p = position(v, index.ptr());
-    v[p] = static_cast<int>(integer_argument(value.ptr(), INT_MIN, INT_MAX, "IntVector element"));
+    const int converted = static_cast<int>(integer_argument(value.ptr(), INT_MIN, INT_MAX, "IntVector element"));
+    v[position(v, index.ptr())] = converted;
 }
 
 void append(IntVector& v, bp::object value)
@@ -70,10 +77,13 @@ std::size_t length(const IntVector& v) { return v.size(); }
 
 bp::object to_numpy(const IntVector& v)
 {
-    npy_intp dims[1] = {static_cast<npy_intp>(v.size())};
+    // The array is made from the size it is filled with: making it may run
+    // Python (a garbage collection) that changes the vector.
+    const IntVector contents(v);
+    npy_intp dims[1] = {static_cast<npy_intp>(contents.size())};
     bp::object result(bp::handle<>(PyArray_SimpleNew(1, dims, NPY_INT)));
     int* out = static_cast<int*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(result.ptr())));
-    std::copy(v.begin(), v.end(), out);
+    std::copy(contents.begin(), contents.end(), out);
     return result;
 }
 

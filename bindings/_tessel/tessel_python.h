@@ -21,6 +21,9 @@ namespace python {
 // TypeError otherwise, ValueError outside [lo, hi].
 long long integer_argument(PyObject* value, long long lo, long long hi, const char* what);
 
+// TypeError for a masked array (numpy.ma), whose mask a conversion would drop.
+void refuse_masked(PyObject* source, const char* what);
+
 // Values of a one-dimensional array-like, converted to T.  Integers only for
 // an integer T (each must fit T), numbers of any real kind for a floating T.
 template <class T>

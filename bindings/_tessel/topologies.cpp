@@ -36,6 +36,7 @@ ReservoirSelectionTopologyPtr make_selection(const ReservoirTopologyPtr& parent,
 {
     if (!parent)
         raise(PyExc_ValueError, "ReservoirSelectionTopology needs a parent ReservoirTopology, not None");
+    refuse_masked(cells.ptr(), "ReservoirSelectionTopology");
     bp::object array_object(bp::handle<>(PyArray_FromAny(cells.ptr(), nullptr, 0, 0, 0, nullptr)));
     PyArrayObject* array = reinterpret_cast<PyArrayObject*>(array_object.ptr());
     const char kind = PyArray_DESCR(array)->kind;
