@@ -206,3 +206,22 @@ def test_int_vector_editing_and_equality():
 def test_int_vector_refuses_bad_values(source, error):
     with pytest.raises(error):
         IntVector(source)
+
+
+CELLS = [[1, 2, 1], [0, 0, 0]]
+ARRAY_CONSTRUCTORS = {
+    "DoubleGridFunction": (lambda a: DoubleGridFunction(a).values, [1.5, -2.0, 3.0], ">f8"),
+    "FloatGridFunction": (lambda a: FloatGridFunction(a).values, [1.5, -2.0, 3.0], ">f4"),
+    "IntGridFunction": (lambda a: IntGridFunction(a).values, [7, -2, 2**31 - 1], ">i8"),
+    "IntVector": (lambda a: list(IntVector(a)), [7, -2, 3], ">i4"),
+    "ReservoirSelectionTopology": (
+        lambda a: ReservoirSelectionTopology(ReservoirTopology(2, 3, 2), a).selected_cells, CELLS, ">u2"),
+}
+
+
+@pytest.mark.parametrize("name", ARRAY_CONSTRUCTORS)
+def test_array_constructors_read_byte_swapped_values_and_refuse_masks(name):
+    build, values, swapped = ARRAY_CONSTRUCTORS[name]
+    np.testing.assert_array_equal(build(np.array(values, dtype=swapped)), values)
+    with pytest.raises(TypeError, match="does not take masked arrays.*filled"):
+        build(np.ma.masked_array(values, mask=np.zeros(np.shape(values), bool)))

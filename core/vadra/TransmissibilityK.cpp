@@ -29,12 +29,6 @@ bool SameCell(const CellIJK& a, const CellIJK& b)
     return a.i == b.i && a.j == b.j && a.k == b.k;
 }
 
-// Position in TranK's backing array of a cell of its grid.
-std::uint64_t TranKElement(const SelectionViewGridFunction& TranK, const CellIJK& c)
-{
-    return TranK.selection_table[c.i + TranK.stride_j * std::uint64_t(c.j) + TranK.stride_k * c.k];
-}
-
 // The selection table is indexed with every cell number, so each must lie
 // in the grid before anything is read or written.
 void CheckCellNumbers(const std::vector<int>& nnc, const char* listName, std::uint64_t nCells)
@@ -47,22 +41,15 @@ void CheckCellNumbers(const std::vector<int>& nnc, const char* listName, std::ui
     }
 }
 
-// TranK must have an element for every cell that the walk may mark: the
-// first cell of each connection within one column with both cells selected.
-void CheckMarkableCells(const std::vector<int>& nnc1, const std::vector<int>& nnc2,
-                        const ReservoirSelectionTopology& topo, const SelectionViewGridFunction& TranK)
+// Marks cell c in TranK.  TranK may view another grid than topo's: the cell
+// is looked up in TranK's own table, and a cell that its table or its
+// backing array does not hold is refused where the mark would be written.
+void Mark(const SelectionViewGridFunction& TranK, const CellIJK& c, int cell, std::size_t p)
 {
-    const std::uint64_t nTranK = TranK.backing_array->count;
-    for (std::size_t p = 0; p < nnc1.size(); ++p) {
-        if (!IsSelected(topo, nnc1[p]) || !IsSelected(topo, nnc2[p]))
-            continue;
-        const CellIJK c1 = DecodeCell(topo, nnc1[p]);
-        const CellIJK c2 = DecodeCell(topo, nnc2[p]);
-        if (c1.i != c2.i || c1.j != c2.j)
-            continue;
-        PRECONDITION(TranKElement(TranK, c1) < nTranK, "TranK has no element for cell " << nnc1[p] << " at nnc1["
-                                                           << p << "], which topo selects.");
-    }
+    const std::uint64_t entry = c.i + TranK.stride_j * std::uint64_t(c.j) + TranK.stride_k * c.k;
+    const bool held = entry < TranK.table_size && TranK.selection_table[entry] < TranK.backing_array->count;
+    PRECONDITION(held, "TranK has no element for cell " << cell << " at nnc1[" << p << "], which topo selects.");
+    TranK.backing_array->data[TranK.selection_table[entry]] = 1.0;
 }
 
 } // namespace
@@ -80,14 +67,8 @@ void CalcTransmissibilityK(IntVectorPtr nnc1, IntVectorPtr nnc2, tessel::strata:
         CheckedGridFunctionCast<SelectionViewGridFunction>("TranK", p_TranK);
 
     const std::uint64_t nCells = std::uint64_t(topo->nI) * topo->nJ * topo->nK;
-    // TranK's selection table is indexed with cells decoded on topo's grid.
-    const bool sameGrid = TranK->table_size == nCells && TranK->stride_j == topo->nI &&
-                          TranK->stride_k == std::uint64_t(topo->nI) * topo->nJ;
-    PRECONDITION(sameGrid, "TranK is a view on another grid than topo's grid of " << topo->nI << " x " << topo->nJ
-                                                                                  << " x " << topo->nK << " cells.");
     CheckCellNumbers(*nnc1, "nnc1", nCells);
     CheckCellNumbers(*nnc2, "nnc2", nCells);
-    CheckMarkableCells(*nnc1, *nnc2, *topo, *TranK);
 
     // Clear.
     double* marks = TranK->backing_array->data;
@@ -115,7 +96,7 @@ void CalcTransmissibilityK(IntVectorPtr nnc1, IntVectorPtr nnc2, tessel::strata:
         // A pinch-out runs downwards in K and skips at least one layer.
         const int diff = int(c2.k) - int(c1.k);
         PRECONDITION(diff>1, "Vadra pre-process error: Strange pinch-out connection!!");
-        marks[TranKElement(*TranK, c1)] = 1.0;
+        Mark(*TranK, c1, n1, p);
         lastMarked = c1;
     }
 
