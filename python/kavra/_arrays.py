@@ -135,22 +135,25 @@ def _converted(array: np.ndarray, shape: tuple[int, ...]) -> NDArray[np.float64]
 
 def _regions(function: str, name: str, array: np.ndarray, shape: tuple[int, ...],
              mask: NDArray[np.bool_] | None) -> NDArray[np.int32]:
+    """Region numbers as flat int32, converted in one pass; a number past int32 fails, one below
+    int32 becomes its lowest value (both belong to no table's region)."""
     int32 = np.dtype(np.int32)
     if array.shape == shape and mask is None and is_native_buffer(array, int32):
         return array.reshape(-1)
-    if array.dtype.itemsize > 4 or array.dtype == np.uint32:
-        too_big = array > INT32_MAX
-        if mask is not None:
-            too_big = too_big & ~mask
-        if too_big.any():
-            position = int(np.flatnonzero(np.broadcast_to(too_big, shape))[0])
-            value = np.broadcast_to(array, shape).reshape(-1)[position]
+    result = np.empty(shape, dtype=np.int32)
+    if (array.dtype.itemsize > 4 or array.dtype == np.uint32) and array.size:
+        checked = array if mask is None else np.where(mask, 0, np.broadcast_to(array, shape))
+        if checked.max() > INT32_MAX:
+            position = int(np.argmax(np.broadcast_to(checked, shape).reshape(-1) > INT32_MAX))
+            value = np.broadcast_to(checked, shape).reshape(-1)[position]
             raise ValueError(f"{function}: region {value} at {index_text(name, position, shape)} is not a region "
                              f"of any table")
-        if array.dtype.kind == "i":
-            array = np.maximum(array, INT32_MIN)  # all below 1: cells of no region
-    result = np.empty(shape, dtype=np.int32)
-    np.copyto(result, array, casting="unsafe")
+        if array.dtype.kind == "i":  # no allocation: converted in the ufunc's buffers
+            np.maximum(array, INT32_MIN, out=result, casting="unsafe")
+        else:
+            np.copyto(result, array, casting="unsafe")
+    else:
+        np.copyto(result, array, casting="unsafe")
     if mask is not None:
         result[mask] = 0  # a masked cell belongs to no region: nothing is looked up for it
     return result.reshape(-1)
