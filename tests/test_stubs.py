@@ -69,6 +69,12 @@ SAMPLES = {
     "ArrayLike": lambda: [1],
     "NDArray[_Element]": lambda: np.zeros(1),
     "Sequence[_E]": lambda: [],
+    "NDArray[np.int32]": lambda: np.zeros(1, np.int32),
+    "NDArray[np.float32]": lambda: np.zeros(1, np.float32),
+    "NDArray[np.float64]": lambda: np.zeros(1),
+    "DTypeLike": lambda: np.float64,
+    "bool": lambda: True,
+    "Any": lambda: 0,
 }  # and an instance for a class of the stubs
 # Parameters whose samples depend on more than their type.
 BY_NAME = {"cells": lambda: [[0, 0, 0]]}
