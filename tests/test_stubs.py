@@ -35,9 +35,10 @@ def test_stubtest_finds_no_difference(tmp_path):
     assert done.returncode == 0, done.stdout + done.stderr
 
 
-def test_demo_type_checks_strictly_against_the_stubs(tmp_path):
+@pytest.mark.parametrize("example", ["workflow.py", "arrays_and_tables.py"])
+def test_examples_type_check_strictly(tmp_path, example):
     done = subprocess.run(
-        [sys.executable, "-m", "mypy", "--strict", "--cache-dir", str(tmp_path), str(ROOT / "examples/workflow.py")],
+        [sys.executable, "-m", "mypy", "--strict", "--cache-dir", str(tmp_path), str(ROOT / "examples" / example)],
         capture_output=True, text=True, cwd=tmp_path, timeout=300,
     )
     assert done.returncode == 0, done.stdout + done.stderr

@@ -87,8 +87,8 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
             raise TypeError(f"{function}: {name} must hold real numbers, got {array.dtype}")
         data.append(array)
         masks.append(mask)
-    try:
-        shape = np.broadcast_shapes(*(a.shape for a in data))
+    try:  # np.broadcast allocates nothing, unlike np.broadcast_shapes
+        shape = data[0].shape if len(data) == 1 else np.broadcast(*data).shape
     except ValueError:
         shapes = ", ".join(f"{name} {a.shape}" for (name, _), a in zip(named, data))
         raise ValueError(f"{function}: the shapes of the inputs do not broadcast together: {shapes}") from None
