@@ -55,6 +55,8 @@ class CellArrays:
 
     def finish(self) -> Any:
         """The result as the caller sees it: `out` (filled) or a new array, masked where an input was."""
+        if self.mask is None and self.out is None and self.given_out is not None:
+            return self.given_out  # written in place
         result = self.result.reshape(self.shape)
         if self.out is not None:
             np.copyto(self.out, result, casting="same_kind")
@@ -68,6 +70,32 @@ class CellArrays:
         return np.ma.MaskedArray(result, mask=self.mask)
 
 
+_FLOAT64 = np.dtype(np.float64)  # builtin dtypes are singletons: `is` also tells the byte order
+_INT32 = np.dtype(np.int32)
+
+
+def _ready(array: Any, dtype: np.dtype[Any], shape: tuple[int, ...]) -> bool:
+    if type(array) is not np.ndarray or array.dtype is not dtype or array.shape != shape:
+        return False
+    flags = array.flags
+    return bool(flags.c_contiguous and flags.writeable and flags.aligned)
+
+
+def _prepared_as_they_are(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]],
+                          out: Any) -> CellArrays | None:
+    """The common case with few steps: every array ready to be read and written in place."""
+    if type(out) is not np.ndarray:
+        return None
+    shape = out.shape
+    if not _ready(out, _FLOAT64, shape) or (regions is not None and not _ready(regions[1], _INT32, shape)):
+        return None
+    for _, value in inputs:
+        if not _ready(value, _FLOAT64, shape):
+            return None
+    return CellArrays(function, shape, None if regions is None else regions[1].reshape(-1),
+                      [value.reshape(-1) for _, value in inputs], out.reshape(-1), None, out, None)
+
+
 def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any,
                   *, keep_out: bool = False) -> CellArrays:
     """Flat float64 inputs and int32 regions of one broadcast shape, and a result buffer.
@@ -76,6 +104,9 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
     messages.  With `keep_out` the result starts from the values of `out`
     (zeros without it), for calculations that leave some cells alone.
     """
+    ready = _prepared_as_they_are(function, regions, inputs, out)
+    if ready is not None:
+        return ready
     named = ([regions] if regions is not None else []) + inputs
     data, masks = [], []
     for name, value in named:

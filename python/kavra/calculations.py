@@ -75,7 +75,7 @@ def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: Runtim
     message, regions, count = native_message(error), cells.regions, len(native_list)
     if "region number" in message:  # the first cell whose region is past the list
         position = int(np.flatnonzero(regions > count)[0])
-        have = f"regions 1 to {count}" if count else "no regions"
+        have = f"regions 1 to {count}" if count > 1 else "only region 1" if count else "no regions"
         return ValueError(f"{cells.function}: region {regions[position]} at "
                           f"{index_text('pvtnum', position, cells.shape)} is not in the {kind} table, "
                           f"which has {have}")
