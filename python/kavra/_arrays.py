@@ -55,19 +55,14 @@ class CellArrays:
 
     def finish(self) -> Any:
         """The result as the caller sees it: `out` (filled) or a new array, masked where an input was."""
-        if self.mask is None and self.out is None and self.given_out is not None:
-            return self.given_out  # written in place
-        result = self.result.reshape(self.shape)
+        given = self.given_out
         if self.out is not None:
-            np.copyto(self.out, result, casting="same_kind")
-        if self.given_out is not None:
-            result = self.given_out
-        if self.mask is None:
-            return result
-        if isinstance(result, np.ma.MaskedArray):
-            result.mask = self.mask
-            return result
-        return np.ma.MaskedArray(result, mask=self.mask)
+            np.copyto(self.out, self.result.reshape(self.shape), casting="same_kind")
+        if isinstance(given, np.ma.MaskedArray):  # its mask becomes that of the result
+            given.mask = np.ma.nomask if self.mask is None else self.mask
+            return given
+        result = self.result.reshape(self.shape) if given is None else given
+        return result if self.mask is None else np.ma.MaskedArray(result, mask=self.mask)
 
 
 _FLOAT64 = np.dtype(np.float64)  # builtin dtypes are singletons: `is` also tells the byte order
