@@ -101,11 +101,6 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
     messages.  With `keep_out` the result starts from the values of `out`
     (zeros without it), for calculations that leave some cells alone.
     """
-    ready = ready_buffers(None if regions is None else regions[1], [value for _, value in inputs], out)
-    if ready is not None:
-        buffers = ready if regions is None else ready[1:]
-        return CellArrays(function, out.shape, None if regions is None else ready[0], buffers[:-1], buffers[-1],
-                          None, out, None)
     named = ([regions] if regions is not None else []) + inputs
     data, masks = [], []
     for name, value in named:

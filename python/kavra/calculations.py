@@ -316,15 +316,22 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
                       [("po", po), ("poro", poro)], out, keep_out=True)
 
 
-def _run_plain(function: str, calls: list[tuple[Any, list[int]]], cells: CellArrays) -> NDArray[np.float64]:
-    """Native calls on input buffers (by position) and the result, for calculations without tables."""
-    buffers = [*map(_wrap_double, cells.inputs), _wrap_double(cells.result)]
+def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[tuple[str, Any]],
+               out: Any) -> NDArray[np.float64]:
+    """Native calls on the inputs and the result (by position), for calculations without tables:
+    straight on the caller's buffers when they are ready as they are, else on prepared ones."""
+    ready = ready_buffers(None, [value for _, value in inputs], out)
+    cells = None
+    if ready is None:
+        cells = prepare_cells(function, None, inputs, out)
+        ready = [*cells.inputs, cells.result]
+    buffers = list(map(_wrap_double, ready))
     try:
         for call, arguments in calls:
             call(*(buffers[a] for a in arguments))
     except RuntimeError as error:
         raise ValueError(f"{function}: {native_message(error)}") from error
-    return cells.finish()  # type: ignore[no-any-return]
+    return out if cells is None else cells.finish()  # type: ignore[no-any-return]
 
 
 def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
@@ -349,8 +356,8 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
     >>> print(porosity_from_porv([1000.0, 0.0, 500.0], [250.0, 10.0, 100.0]))
     [0.25 0.   0.2 ]
     """
-    cells = prepare_cells("porosity_from_porv", None, [("bulk_volume", bulk_volume), ("porv", porv)], out)
-    return _run_plain("porosity_from_porv", [(_native.CalcPorosityFromPORV, [0, 1, 2])], cells)
+    return _run_plain("porosity_from_porv", [(_native.CalcPorosityFromPORV, [0, 1, 2])],
+                      [("bulk_volume", bulk_volume), ("porv", porv)], out)
 
 
 def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = None,
@@ -380,11 +387,10 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
     [800.   0.]
     """
     inputs = [("porv", porv), ("poro", poro)] + ([("ntg", ntg)] if ntg is not None else [])
-    cells = prepare_cells("bulk_volume", None, inputs, out)
     calls: list[tuple[Any, list[int]]] = [(_native.CalcBulkVolume, [0, 1, len(inputs)])]
     if ntg is not None:
         calls.append((_native.CalcBulkVolume, [2, 3]))
-    return _run_plain("bulk_volume", calls, cells)
+    return _run_plain("bulk_volume", calls, inputs, out)
 
 
 def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
@@ -410,8 +416,8 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
     >>> print(rs_from_components([2.0, 0.0, -1.0], [100.0, 5.0, 5.0]))
     [50.  0.  0.]
     """
-    cells = prepare_cells("rs_from_components", None, [("denominator", denominator), ("numerator", numerator)], out)
-    return _run_plain("rs_from_components", [(_native.CalcRsFromComponents, [0, 1, 2])], cells)
+    return _run_plain("rs_from_components", [(_native.CalcRsFromComponents, [0, 1, 2])],
+                      [("denominator", denominator), ("numerator", numerator)], out)
 
 
 def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.ReservoirSelectionTopology
