@@ -65,12 +65,12 @@ class CellArrays:
         return result if self.mask is None else np.ma.MaskedArray(result, mask=self.mask)
 
 
-_FLOAT64 = np.dtype(np.float64)  # builtin dtypes are singletons: `is` also tells the byte order
+_FLOAT64 = np.dtype(np.float64)  # mostly the very dtype of an array: `is` first, `==` else
 _INT32 = np.dtype(np.int32)
 
 
 def _ready(array: Any, dtype: np.dtype[Any], shape: tuple[int, ...]) -> bool:
-    if type(array) is not np.ndarray or array.dtype is not dtype or array.shape != shape:
+    if type(array) is not np.ndarray or array.shape != shape or not (array.dtype is dtype or array.dtype == dtype):
         return False
     flags = array.flags
     return bool(flags.c_contiguous and flags.writeable and flags.aligned)
