@@ -70,9 +70,13 @@ def _numbers(values: Any, where: str) -> FloatArray:
         raise ValueError(f"{where}: expected a flat sequence of numbers ({error})") from error
     if array.dtype.kind not in "iuf":
         raise TypeError(f"{where}: expected real numbers, got {array.dtype} values")
-    result = np.array(array, dtype=np.float64)
-    result.flags.writeable = False
-    return result
+    return _frozen(np.array(array, dtype=np.float64))
+
+
+def _frozen(array: FloatArray) -> FloatArray:
+    """A read-only view of a read-only array: its flag cannot be set back by the view."""
+    array.flags.writeable = False
+    return array.view()
 
 
 def _flat(values: Any, where: str) -> FloatArray:
@@ -423,9 +427,7 @@ class _DeadTable(_Table):
             rows.append(numbers)
         if not rows:
             raise ValueError(f"{where}: no records")
-        table = np.array(rows)
-        table.flags.writeable = False
-        return table
+        return _frozen(np.array(rows))
 
     def _region_repr(self, region: Any) -> str:
         return "[" + _abbreviated([_format(r) for r in region], "     ") + "]"
