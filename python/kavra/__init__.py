@@ -1,11 +1,68 @@
 """kavra: reservoir-engineering cell calculations and K-column reductions.
 
-Every name of the native extension ``kavra._kavracore`` is available here.
-Grid functions, topologies and connection lists come from the ``tessel``
-package.
+The functions that take and give NumPy arrays (``one_over_bo``, ``kaverage``
+and the others) and the table values of ``kavra.tables`` are the API to
+start from.  Every name of the native extension ``kavra._kavracore`` (the
+``Calc…`` functions over grid functions, ``KMax`` …, and the table classes
+``TScalar``, ``TPVTOList`` …) is available here as well.  Grid functions,
+topologies and connection lists come from the ``tessel`` package.
 """
+
+from importlib import import_module as _import_module
+from importlib import metadata as _metadata
+from typing import TYPE_CHECKING, Any
 
 from . import _kavracore
 from ._kavracore import *  # noqa: F401,F403
 
-__all__ = [name for name in dir(_kavracore) if not name.startswith("_")]
+try:
+    __version__: str = _metadata.version("kavra")
+except _metadata.PackageNotFoundError:  # a source tree that was never installed
+    __version__ = "0+unknown"
+
+# The NumPy-first layer is imported when first used, so that importing the
+# native module alone (kavra._kavracore) runs nothing but its own import.
+_LAYER = {
+    "bubble_point_pressure": "calculations", "one_over_b": "calculations", "one_over_bo": "calculations",
+    "one_over_bw": "calculations", "one_over_bg": "calculations", "rs_from_components": "calculations",
+    "porosity": "calculations", "porosity_from_porv": "calculations", "bulk_volume": "calculations",
+    "transmissibility_k": "calculations", "kmax": "reductions", "kmin": "reductions", "ksum": "reductions",
+    "kaverage": "reductions",
+}
+
+if TYPE_CHECKING:  # "name as name": exported for type checkers
+    from . import tables as tables
+    from .calculations import bubble_point_pressure as bubble_point_pressure
+    from .calculations import bulk_volume as bulk_volume
+    from .calculations import one_over_b as one_over_b
+    from .calculations import one_over_bg as one_over_bg
+    from .calculations import one_over_bo as one_over_bo
+    from .calculations import one_over_bw as one_over_bw
+    from .calculations import porosity as porosity
+    from .calculations import porosity_from_porv as porosity_from_porv
+    from .calculations import rs_from_components as rs_from_components
+    from .calculations import transmissibility_k as transmissibility_k
+    from .reductions import kaverage as kaverage
+    from .reductions import kmax as kmax
+    from .reductions import kmin as kmin
+    from .reductions import ksum as ksum
+
+
+_SUBMODULES = ("tables", "calculations", "reductions")
+
+
+def __getattr__(name: str) -> Any:
+    if name in _SUBMODULES:
+        return _import_module("." + name, __name__)
+    if name in _LAYER:
+        value = getattr(_import_module("." + _LAYER[name], __name__), name)
+        globals()[name] = value
+        return value
+    raise AttributeError(f"module 'kavra' has no attribute {name!r}")
+
+
+def __dir__() -> list[str]:
+    return sorted({*globals(), *_LAYER, *_SUBMODULES})
+
+
+__all__ = [*_LAYER, "tables"] + [name for name in dir(_kavracore) if not name.startswith("_")]
