@@ -223,5 +223,5 @@ ARRAY_CONSTRUCTORS = {
 def test_array_constructors_read_byte_swapped_values_and_refuse_masks(name):
     build, values, swapped = ARRAY_CONSTRUCTORS[name]
     np.testing.assert_array_equal(build(np.array(values, dtype=swapped)), values)
-    with pytest.raises(TypeError, match="does not take masked arrays.*filled"):
+    with pytest.raises(TypeError, match="does not take a masked array.*filled"):
         build(np.ma.masked_array(values, mask=np.zeros(np.shape(values), bool)))

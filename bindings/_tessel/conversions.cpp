@@ -50,8 +50,8 @@ void refuse_masked(PyObject* source, const char* what)
         bp::throw_error_already_set();
     if (masked)
         raise(PyExc_TypeError, std::string(what) +
-                                   " does not take masked arrays, whose mask it would drop; pass "
-                                   "values.filled(fill_value) with the value masked cells should hold");
+                                   " does not take a masked array, whose mask it would drop: pass "
+                                   "a.filled(value), or a.data to ignore the mask");
 }
 
 namespace {

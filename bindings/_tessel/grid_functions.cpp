@@ -99,20 +99,6 @@ void release_keeper(ArrayKeeper* keeper)
     PyGILState_Release(state);
 }
 
-bool is_masked_array(PyObject* object)
-{
-    static PyObject* masked_array_type = nullptr; // kept for the life of the process
-    if (masked_array_type == nullptr) {
-        bp::object ma = bp::import("numpy.ma");
-        bp::object type = ma.attr("MaskedArray");
-        masked_array_type = bp::incref(type.ptr());
-    }
-    const int found = PyObject_IsInstance(object, masked_array_type);
-    if (found < 0)
-        bp::throw_error_already_set();
-    return found == 1;
-}
-
 std::string dtype_text(PyArrayObject* array)
 {
     bp::object text(bp::handle<>(PyObject_Str(reinterpret_cast<PyObject*>(PyArray_DESCR(array)))));
@@ -131,9 +117,7 @@ boost::shared_ptr<ArrayGridFunction<T>> wrap_array(bp::object source)
     PyObject* s = source.ptr();
     if (!PyArray_Check(s))
         raise(PyExc_TypeError, what + " needs a NumPy array, got " + Py_TYPE(s)->tp_name + copy_hint);
-    if (is_masked_array(s))
-        raise(PyExc_TypeError, what + " does not take a masked array, whose mask it would drop: "
-                                      "pass a.filled(value), or a.data to ignore the mask");
+    refuse_masked(s, what.c_str());
     PyArrayObject* array = reinterpret_cast<PyArrayObject*>(s);
     if (PyArray_DESCR(array)->type_num != ElementType<T>::typenum)
         raise(PyExc_TypeError, what + " needs " + ElementType<T>::dtype + " elements, got " +
