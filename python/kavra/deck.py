@@ -44,7 +44,7 @@ import tessel
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_SYSTEMS
 
 try:
-    from opm.io.parser import Parser as _Parser
+    from opm.io.parser import Parser as _Parser  # type: ignore[import-untyped]
 except ImportError as _error:  # the optional extra is not installed
     raise ImportError(
         "kavra.deck reads decks with the opm package, which is not installed: "
@@ -119,7 +119,8 @@ class Deck:
     @property
     def active(self) -> NDArray[np.bool_]:
         """The ACTNUM mask: True for the active cells, in cell order (all True without ACTNUM)."""
-        return self.cell_property("ACTNUM") != 0
+        mask: NDArray[np.bool_] = np.not_equal(self.cell_property("ACTNUM"), 0)
+        return mask
 
     def cell_property(self, name: str) -> NDArray[Any]:
         """One value per cell of a grid property of the deck (PORO, NTG, PERMX, PVTNUM, ...).
@@ -170,9 +171,10 @@ class Deck:
                             f"every cell needs its number")
         layer = self.grid.nI * self.grid.nJ
         if name == "TOPS" and len(values) < n and layer and len(values) % layer == 0:
-            return self._tops_downwards(values)
+            return self._tops_downwards(values.astype(np.float64))
         if len(values) != n:
-            raise DeckError(f"{name} holds {len(values)} values; the grid of DIMENS has {n} cells")
+            raise DeckError(f"{name} holds {len(values)} value{'' if len(values) == 1 else 's'}; "
+                            f"the grid of DIMENS has {n} cells")
         return values
 
     def records(self, name: str) -> list[NDArray[np.float64]]:
@@ -311,7 +313,7 @@ def read(source: str | os.PathLike[str]) -> Deck:
 
 
 def _units(parsed: Any) -> str:
-    name = parsed.active_unit_system().name.upper()
+    name = str(parsed.active_unit_system().name).upper()
     if name not in UNIT_SYSTEMS:
         raise DeckError(f"the deck's unit system {name} is not one of {', '.join(UNIT_SYSTEMS)}")
     return name
@@ -375,11 +377,12 @@ def _checked_numbers(record: Any, keyword: str, where: str) -> NDArray[np.float6
     return values
 
 
-def _ascending(keys: NDArray[np.float64], what: str, where: Callable[[int], str]) -> None:
+def _ascending(keys: NDArray[np.float64], what: str, where: str, counted: str = "") -> None:
+    """DeckError unless `keys` rise strictly; `counted` names what the keys are counted in."""
     for index in range(1, len(keys)):
         if not keys[index] > keys[index - 1]:
-            raise DeckError(f"{where(index)}: {what} {keys[index]:g} does not rise above "
-                            f"{keys[index - 1]:g} before it")
+            at = f"{where}, {counted} {index + 1}" if counted else where
+            raise DeckError(f"{at}: {what} {keys[index]:g} does not rise above {keys[index - 1]:g} before it")
 
 
 def _count(keyword: str, found: int, regions: int) -> None:
@@ -410,16 +413,14 @@ def _record_table(cls: type[PVTO] | type[PVTG], key: str, inner: str) -> Callabl
                 if len(numbers) < 4 or (len(numbers) - 1) % 3:
                     raise DeckError(f"{keyword} region {number}, record {index}: expected {key} and three "
                                     f"numbers per row, got {len(numbers)} numbers")
-            _ascending(np.array([r[0] for r in records]), key,
-                       lambda i, number=number: f"{keyword} region {number}, record {i + 1}")
+            region = f"{keyword} region {number}"
+            _ascending(np.array([r[0] for r in records]), key, region, "record")
             if cls is PVTO:
                 # Bubble point pressures (a key of the saturated lookups) and the
                 # pressures of each record's undersaturated rows ascend as well.
-                _ascending(np.array([r[1] for r in records]), "saturated pressure",
-                           lambda i, number=number: f"{keyword} region {number}, record {i + 1}")
+                _ascending(np.array([r[1] for r in records]), "saturated pressure", region, "record")
                 for index, numbers in enumerate(records, start=1):
-                    _ascending(numbers[1::3], inner,
-                               lambda i, number=number, index=index: f"{keyword} region {number}, record {index}")
+                    _ascending(numbers[1::3], inner, f"{region}, record {index}")
         return cls(tables, units=units)
 
     return build
@@ -437,7 +438,7 @@ def _dead_table(cls: type[PVDG] | type[PVDO]) -> Callable[..., Any]:
                 raise DeckError(f"{keyword} region {number}: expected rows of three numbers [p, b, mu], "
                                 f"got {len(numbers)} numbers")
             rows = numbers.reshape(-1, 3)
-            _ascending(rows[:, 0], "pressure", lambda i, number=number: f"{keyword} region {number}, row {i + 1}")
+            _ascending(rows[:, 0], "pressure", f"{keyword} region {number}", "row")
             tables.append(rows)
         return cls(tables, units=units)
 
