@@ -40,6 +40,7 @@ sanitize:
 
 demo: build
 	$(PY) examples/workflow.py
+	$(PY) examples/deck_workflow.py
 
 # Native calculations against NumPy on 10^6 and 10^7 cells (BENCH_ARGS=--large adds 10^8).
 bench: build
