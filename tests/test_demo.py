@@ -20,6 +20,11 @@ def test_demo_writes_its_figure(tmp_path, capsys):
     assert f"Figure written to {png}" in capsys.readouterr().out
 
 
+def test_the_numpy_first_example_runs(capsys):
+    runpy.run_path(str(ROOT / "examples/arrays_and_tables.py"), run_name="__main__")
+    assert "inactive cells (masked in every result): 54 of 1800" in capsys.readouterr().out
+
+
 @pytest.mark.skipif(importlib.util.find_spec("opm") is None, reason="opm is not installed (pip install '.[deck]')")
 def test_deck_demo_writes_a_figure_per_deck(tmp_path, capsys):
     workflow = runpy.run_path(str(ROOT / "examples/deck_workflow.py"))
