@@ -190,7 +190,7 @@ def gas_curves(deck: kavra.deck.Deck, region: int, pdew: float, rv: float) -> di
     pressures = np.array([r[0] for r in records])
     pg = np.linspace(pressures[0], pressures[-1], 402)[1:-1]
     ones = np.ones(len(pg))
-    line = kavra.one_over_bg(deck.pvtg, region * ones, pg, pdew * ones, rv * ones)
+    line = kavra.one_over_bg(deck.pvtg, np.full(len(pg), region), pg, pdew * ones, rv * ones)
     points = np.concatenate([np.column_stack([np.full(len(r) // 3, r[0]), 1.0 / r[2::3]]) for r in records])
     curves: dict[str, Any] = {"lines": [(f"Rv {rv:.4g}, dew point {pdew:g}", pg, line)], "points": points.T}
     # A row with further records lists them as the deck does, from the

@@ -62,7 +62,7 @@ def test_oil_calculations_at_between_and_outside_the_nodes(spe1, spe3):
         np.array([14.7, 264.7, 514.7, 1014.7, 2014.7, 2514.7, 3014.7, 4014.7, 5014.7])
     # At a tabulated Rs the tabulated pressure, to the last bit but at Rs 0.0905,
     # where the row's slope lands one unit in the last place above 264.7.
-    np.testing.assert_array_max_ulp(kavra.bubble_point_pressure(spe1.pvto, np.ones(9), rs), p, maxulp=1)
+    np.testing.assert_array_max_ulp(kavra.bubble_point_pressure(spe1.pvto, np.ones(9, int), rs), p, maxulp=1)
     assert kavra.bubble_point_pressure(spe1.pvto, [1, 1, 1], [1.0, 2.0, 0.0]).tolist() == [
         slope(1.0, 0.93, 1.27, 3014.7, 4014.7), slope(2.0, 1.27, 1.618, 4014.7, 5014.7),
         slope(0.0, 0.001, 0.0905, 14.7, 264.7)]
@@ -71,7 +71,7 @@ def test_oil_calculations_at_between_and_outside_the_nodes(spe1, spe3):
     # 1/Bo: an undersaturated record of the deck, between records, above the
     # last one, and on the saturated line.
     po, pbub = [9014.7, 6000.0, 10000.0, 2014.7, 3427.6, 3200.0], [4014.7, 5014.7, 5014.7, 2014.7, 1500.0, 1500.0]
-    one_over_bo = kavra.one_over_bo(spe1.pvto, np.ones(4), po[:4], pbub[:4])
+    one_over_bo = kavra.one_over_bo(spe1.pvto, np.ones(4, int), po[:4], pbub[:4])
     assert one_over_bo.tolist() == [1.0 / slope(9014.7, 4014.7, 9014.7, 1.695, 1.579),
                                     1.0 / slope(6000.0, 5014.7, 9014.7, 1.827, 1.737),
                                     1.0 / slope(10000.0, 5014.7, 9014.7, 1.827, 1.737),
