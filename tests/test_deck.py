@@ -130,6 +130,16 @@ def test_cell_order_active_mask_and_missing_keywords(spe3):
     assert spe3.records("EQUIL")[0][:2].tolist() == [7500, 3550]
 
 
+@needs_opm
+@pytest.mark.parametrize("units", ["METRIC", "FIELD", "LAB", "PVT-M"])
+def test_unit_systems_and_the_defaults_that_are_zero_in_every_one(units):
+    import kavra.deck
+    deck = kavra.deck.read(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nTABDIMS\n/\nPROPS\n"
+                           "PVTW\n 100 1.02 1e-5 0.5 /\nROCK\n 100 /\n")
+    assert deck.units == deck.pvtw.units == deck.rock.units == units
+    assert list(deck.pvtw.regions[0]) == [100, 1.02, 1e-5, 0.5, 0.0] and list(deck.rock.regions[0]) == [100, 0.0]
+
+
 HEAD = "RUNSPEC\nDIMENS\n 2 1 1 /\nOIL\nGAS\nDISGAS\nFIELD\nTABDIMS\n 1 {regions} /\nGRID\n{grid}\nPROPS\n{props}\n"
 OIL = " 0.1 100 1.1 1.0 /\n"
 
@@ -144,6 +154,7 @@ OIL = " 0.1 100 1.1 1.0 /\n"
     (1, "", "PVTW\n 1* 1.0 1e-5 0.5 /\n", "PVTW region 1: value 1 is left to its default"),
     (1, "", "PVDG\n 100 1.0 0.01 50 0.5 0.02 /\n", "PVDG region 1, row 2: pressure 50 does not rise above 100"),
     (1, "", "", "the deck has no DIMENS keyword"),
+    (1, "INCLUDE\n 'no_such_file.inc' /", "", "(?s)no_such_file.inc.*does not exist"),  # opm would end the process
 ])
 def test_bad_decks_name_the_keyword_and_record(regions, grid, props, words):
     import kavra.deck

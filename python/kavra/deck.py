@@ -44,7 +44,9 @@ import tessel
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_SYSTEMS
 
 try:
-    from opm.io.parser import Parser as _Parser  # type: ignore[import-untyped]
+    from opm.io.parser import ParseContext as _ParseContext  # type: ignore[import-untyped]
+    from opm.io.parser import Parser as _Parser
+    from opm.io.parser import action as _action
 except ImportError as _error:  # the optional extra is not installed
     raise ImportError(
         "kavra.deck reads decks with the opm package, which is not installed: "
@@ -280,16 +282,14 @@ def read(source: str | os.PathLike[str]) -> Deck:
         raise TypeError("read needs a path or the deck text as str, not bytes")
     if not isinstance(source, (str, os.PathLike)):
         raise TypeError(f"read needs a path or the deck text, got {type(source).__name__}")
-    parser = _Parser()
+    text = isinstance(source, str) and "\n" in source
+    if not text and not pathlib.Path(source).is_file():
+        raise FileNotFoundError(f"no deck at {source}")
+    # opm's default for a missing INCLUDE file is to end the process: ask it to raise.
+    context = _ParseContext([("PARSE_MISSING_INCLUDE", _action.throw)])
     try:
-        if isinstance(source, str) and "\n" in source:
-            parsed = parser.parse_string(source)
-        else:
-            path = pathlib.Path(source)
-            if not path.is_file():
-                raise FileNotFoundError(f"no deck at {path}")
-            parsed = parser.parse(str(path))
-    except RuntimeError as error:
+        parsed = _Parser().parse_string(source, context) if text else _Parser().parse(str(source), context)
+    except (RuntimeError, ValueError, IndexError) as error:
         raise DeckError(f"opm cannot parse the deck: {error}") from error
 
     units = _units(parsed)
