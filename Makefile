@@ -1,5 +1,7 @@
-# make demo: install what is missing, build, run the example workflow.
+# make demo: install what is missing, build, run the example workflows.
 # make test: install what is missing, build, run every test.
+# Both install the package with its deck extra (opm), so the deck tests and
+# the deck workflow run.
 # make sanitize: the same tests on a build with AddressSanitizer and
 #   UndefinedBehaviorSanitizer, kept apart in build/sanitize and .venv-sanitize.
 VENV   := .venv
@@ -15,7 +17,7 @@ bootstrap:
 	@bash scripts/bootstrap.sh
 
 build: bootstrap
-	$(PY) -m pip install -q --no-build-isolation .
+	$(PY) -m pip install -q --no-build-isolation ".[deck]"
 
 # pytest exits with 5 when it collected no test: that is a broken suite here.
 test: build
@@ -38,6 +40,7 @@ sanitize:
 
 demo: build
 	$(PY) examples/workflow.py
+	$(PY) examples/deck_workflow.py
 
 # Native calculations against NumPy on 10^6 and 10^7 cells (BENCH_ARGS=--large adds 10^8).
 bench: build

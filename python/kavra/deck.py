@@ -1,0 +1,472 @@
+"""PVT and rock tables and grid properties read from ECLIPSE-style input decks.
+
+The deck is parsed by ``opm.io`` (the ``opm`` package, installed with
+``pip install 'kavra[deck]'``); this module turns what it parsed into the
+table values of :mod:`kavra.tables` and NumPy arrays.  Every number is the
+one written in the deck, in the deck's own unit system: nothing is converted
+to SI and nothing is filled in where a table leaves a value out.
+
+Examples
+--------
+>>> import kavra.deck
+>>> deck = kavra.deck.read('''
+... RUNSPEC
+... DIMENS
+...  2 1 1 /
+... METRIC
+... TABDIMS
+... /
+... GRID
+... PORO
+...  0.2 0.3 /
+... PROPS
+... ROCK
+...  250 4.5e-5 /
+... ''')
+>>> deck.units, deck.grid.number_of_cells(), deck.rock.regions[0]
+('METRIC', 2, array([2.5e+02, 4.5e-05]))
+>>> deck.cell_property("PORO"), deck.cell_property("NTG")
+(array([0.2, 0.3]), array([1., 1.]))
+"""
+
+from __future__ import annotations
+
+import os
+import pathlib
+from collections.abc import Callable
+from typing import Any
+
+import numpy as np
+from numpy.typing import NDArray
+
+import tessel
+
+from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_SYSTEMS
+
+try:
+    from opm.io.parser import ParseContext as _ParseContext  # type: ignore[import-untyped]
+    from opm.io.parser import Parser as _Parser
+    from opm.io.parser import action as _action
+except ImportError as _error:  # the optional extra is not installed
+    raise ImportError(
+        "kavra.deck reads decks with the opm package, which is not installed: "
+        "pip install 'kavra[deck]' (or pip install opm)") from _error
+
+__all__ = ["Deck", "DeckError", "read"]
+
+#: Grid properties that a simulator fills in when the deck leaves them out.
+DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "PVTNUM": (1, np.int32),
+                                         "ACTNUM": (1, np.int32)}
+
+# Keywords that change grid properties after they are given.  Their effect is
+# not applied here, so a property that one of them names is refused.
+_EDIT_KEYWORDS = ("EQUALS", "COPY", "ADD", "MULTIPLY", "MINVALUE", "MAXVALUE", "COPYBOX",
+                  "EQUALREG", "ADDREG", "MULTIREG", "COPYREG", "OPERATE", "OPERATER")
+
+# Table values that may be left to their default, because the default is zero
+# in every unit system: PVTW viscosibility, ROCK compressibility (index of the
+# value in the record).  Any other default would be a number the deck does not
+# hold (opm fills in metric defaults whatever the deck's unit system).
+_ZERO_DEFAULTS = {"PVTW": {4}, "ROCK": {1}}
+
+
+class DeckError(ValueError):
+    """A deck that cannot be read, or a table in it that the calculations cannot take."""
+
+
+class Deck:
+    """What :func:`read` found in a deck.
+
+    Attributes
+    ----------
+    grid : tessel.ReservoirTopology
+        The grid of DIMENS (nI, nJ, nK).
+    units : str
+        The deck's unit system: ``"METRIC"``, ``"FIELD"``, ``"LAB"`` or ``"PVT-M"``.  Every
+        number of the tables is in it, and its labels are on every scalar they hand out.
+    pvto, pvtg, pvdg, pvdo, pvtw, rock : kavra.tables.PVTO, ... or None
+        The tables of the keywords of those names, one per PVT region (the NTPVT of
+        TABDIMS), or None where the deck has no such keyword.
+    """
+
+    grid: tessel.ReservoirTopology
+    units: str
+    pvto: PVTO | None
+    pvtg: PVTG | None
+    pvdg: PVDG | None
+    pvdo: PVDO | None
+    pvtw: PVTW | None
+    rock: ROCK | None
+
+    def __init__(self, parsed: Any, grid: tessel.ReservoirTopology, units: str,
+                 tables: dict[str, Any]) -> None:
+        self._parsed = parsed
+        self.grid = grid
+        self.units = units
+        self.pvto, self.pvtg = tables["PVTO"], tables["PVTG"]
+        self.pvdg, self.pvdo = tables["PVDG"], tables["PVDO"]
+        self.pvtw, self.rock = tables["PVTW"], tables["ROCK"]
+
+    def __repr__(self) -> str:
+        tables = ", ".join(name for name in ("pvto", "pvtg", "pvdg", "pvdo", "pvtw", "rock")
+                           if getattr(self, name) is not None)
+        g = self.grid
+        return f"<kavra.deck.Deck {g.nI}x{g.nJ}x{g.nK} {self.units}, tables: {tables or 'none'}>"
+
+    @property
+    def keywords(self) -> tuple[str, ...]:
+        """The names of the deck's keywords, in deck order (repeats included)."""
+        return tuple(keyword.name for keyword in self._parsed)
+
+    @property
+    def active(self) -> NDArray[np.bool_]:
+        """The ACTNUM mask: True for the active cells, in cell order (all True without ACTNUM)."""
+        mask: NDArray[np.bool_] = np.not_equal(self.cell_property("ACTNUM"), 0)
+        return mask
+
+    def cell_property(self, name: str) -> NDArray[Any]:
+        """One value per cell of a grid property of the deck (PORO, NTG, PERMX, PVTNUM, ...).
+
+        Parameters
+        ----------
+        name : str
+            The keyword, in any case.
+
+        Returns
+        -------
+        numpy.ndarray
+            A new 1-D array of nI * nJ * nK values in cell order (I fastest, then J, then K):
+            float64, or int32 for integer keywords (regions, ACTNUM).  Numbers are as the deck
+            writes them.  NTG, PVTNUM and ACTNUM that the deck leaves out are 1 in every cell.
+            TOPS given for the upper layers only is continued downwards with DZ, layer by
+            layer, as a simulator does.
+
+        Raises
+        ------
+        KeyError
+            The deck has no such keyword (and it has no default).
+        DeckError
+            The keyword does not hold one value per cell, leaves values to their default, or
+            is changed by an edit keyword (EQUALS, MULTIPLY, COPY, ...), which is not applied.
+
+        Examples
+        --------
+        >>> deck = read("RUNSPEC\\nDIMENS\\n 3 1 1 /\\nGRID\\nPVTNUM\\n 1 2 2 /\\n")
+        >>> deck.cell_property("pvtnum"), deck.cell_property("ACTNUM")
+        (array([1, 2, 2], dtype=int32), array([1, 1, 1], dtype=int32))
+        """
+        name = name.upper()
+        n = self.grid.number_of_cells()
+        if name not in self._parsed:
+            if name in DEFAULTS:
+                value, dtype = DEFAULTS[name]
+                return np.full(n, value, dtype=dtype)
+            raise KeyError(f"the deck has no {name} keyword")
+        self._refuse_edits(name)
+        keyword = self._parsed[name]  # the last one counts
+        item = _array_item(keyword, name)
+        values = np.array(item.get_data_list(), dtype=np.int32) if item.is_int() \
+            else np.array(item.get_raw_data_list(), dtype=np.float64)
+        slots = _defaulted_slots(str(keyword[0]))
+        if any(slots):
+            raise DeckError(f"{name}: value {slots.index(True) + 1} is left to its default (1*); "
+                            f"every cell needs its number")
+        layer = self.grid.nI * self.grid.nJ
+        if name == "TOPS" and len(values) < n and layer and len(values) % layer == 0:
+            return self._tops_downwards(values.astype(np.float64))
+        if len(values) != n:
+            raise DeckError(f"{name} holds {len(values)} value{'' if len(values) == 1 else 's'}; "
+                            f"the grid of DIMENS has {n} cells")
+        return values
+
+    def records(self, name: str) -> list[NDArray[np.float64]]:
+        """The records of any keyword as float64 arrays, every item's values in record order.
+
+        Values that the deck leaves to their default (``1*``, or a record ended early) are NaN:
+        they are not numbers of the deck.  Useful for the keywords that have no table class
+        here (EQUIL, DENSITY, RSVD, ...).
+
+        Examples
+        --------
+        >>> deck = read("RUNSPEC\\nDIMENS\\n 1 1 1 /\\nFIELD\\nTABDIMS\\n/\\nPROPS\\nDENSITY\\n 53.66 1* 0.0533 /\\n")
+        >>> deck.records("DENSITY")
+        [array([5.366e+01,       nan, 5.330e-02])]
+        """
+        name = name.upper()
+        if name not in self._parsed:
+            raise KeyError(f"the deck has no {name} keyword")
+        keyword = self._parsed[name]
+        result = []
+        for index, record in enumerate(keyword, start=1):
+            values = _record_values(record, f"{name} record {index}")
+            slots = _defaulted_slots(str(record))
+            defaulted = np.array([slots[i] if i < len(slots) else True for i in range(len(values))], dtype=bool)
+            values[defaulted] = np.nan
+            result.append(values)
+        return result
+
+    def _refuse_edits(self, name: str) -> None:
+        for keyword in self._parsed:
+            if keyword.name not in _EDIT_KEYWORDS:
+                continue
+            for index, record in enumerate(keyword, start=1):
+                texts = [item.get_str(0).strip("'").upper() for item in record
+                         if item.is_string() and len(item.get_data_list())]
+                if name in texts:
+                    raise DeckError(f"{name} is changed by {keyword.name} record {index}, which kavra does not "
+                                    f"apply; give {name} with one value per cell")
+
+    def _tops_downwards(self, tops: NDArray[np.float64]) -> NDArray[np.float64]:
+        layer = self.grid.nI * self.grid.nJ
+        dz = self.cell_property("DZ")
+        full = np.empty(self.grid.number_of_cells())
+        full[:len(tops)] = tops
+        for start in range(len(tops), len(full), layer):
+            full[start:start + layer] = full[start - layer:start] + dz[start - layer:start]
+        return full
+
+
+def read(source: str | os.PathLike[str]) -> Deck:
+    """Read the grid, the PVT and rock tables and the grid properties of a deck.
+
+    Parameters
+    ----------
+    source : str or path-like
+        A path to the deck, or the deck text itself (a string with a line break in it).
+
+    Returns
+    -------
+    Deck
+        The grid of DIMENS, the unit system, the tables of PVTO, PVTG, PVDG, PVDO, PVTW and
+        ROCK (None for those the deck does not have) with one table per PVT region, and the
+        grid properties through :meth:`Deck.cell_property`.
+
+    Raises
+    ------
+    DeckError
+        opm cannot parse the deck (its message names the keyword and the record), or a table
+        cannot be taken as written: a value left to its default, a region without records,
+        a record of the wrong length, keys that do not ascend, fewer or more regions than
+        TABDIMS gives.  The message names the keyword, the region and the record (from 1).
+        Nothing is returned then.
+    FileNotFoundError
+        `source` is a path and there is no such file.
+
+    Notes
+    -----
+    Numbers are the deck's own, never converted (opm's ``DeckItem.get_raw_data_list``).
+    Records of PVTO and PVTG are kept in deck order: the saturated point first, then the
+    undersaturated rows.  A value left to its default is refused in a table, except PVTW
+    viscosibility and ROCK compressibility, whose default is zero.
+
+    Examples
+    --------
+    >>> deck = read('''
+    ... RUNSPEC
+    ... DIMENS
+    ...  1 1 1 /
+    ... FIELD
+    ... TABDIMS
+    ... /
+    ... PROPS
+    ... PVTO
+    ...  0.5 2000 1.3 0.8
+    ...      3000 1.28 0.9 /
+    ...  0.8 3000 1.45 0.6 /
+    ... /
+    ... ''')
+    >>> deck.pvto.units, deck.pvto.regions[0][0]
+    ('FIELD', array([5.00e-01, 2.00e+03, 1.30e+00, 8.00e-01, 3.00e+03, 1.28e+00, 9.00e-01]))
+    """
+    if isinstance(source, (bytes, bytearray)):
+        raise TypeError("read needs a path or the deck text as str, not bytes")
+    if not isinstance(source, (str, os.PathLike)):
+        raise TypeError(f"read needs a path or the deck text, got {type(source).__name__}")
+    text = isinstance(source, str) and "\n" in source
+    if not text and not pathlib.Path(source).is_file():
+        raise FileNotFoundError(f"no deck at {source}")
+    # opm's default for a missing INCLUDE file is to end the process: ask it to raise.
+    context = _ParseContext([("PARSE_MISSING_INCLUDE", _action.throw)])
+    try:
+        parsed = _Parser().parse_string(source, context) if text else _Parser().parse(str(source), context)
+    except (RuntimeError, ValueError, IndexError) as error:
+        raise DeckError(f"opm cannot parse the deck: {error}") from error
+
+    units = _units(parsed)
+    grid = _grid(parsed)
+    regions = _pvt_regions(parsed)
+    tables: dict[str, Any] = {}
+    for name, build in _BUILDERS.items():
+        tables[name] = None
+        if name in parsed:
+            keyword = parsed[name]  # the last one counts
+            try:
+                tables[name] = build(keyword, regions, units)
+            except DeckError:
+                raise
+            except ValueError as error:  # a record the table class refuses: it names it
+                raise DeckError(str(error)) from error
+    return Deck(parsed, grid, units, tables)
+
+
+# --- what every table needs ----------------------------------------------------------------
+
+
+def _units(parsed: Any) -> str:
+    name = str(parsed.active_unit_system().name).upper()
+    if name not in UNIT_SYSTEMS:
+        raise DeckError(f"the deck's unit system {name} is not one of {', '.join(UNIT_SYSTEMS)}")
+    return name
+
+
+def _grid(parsed: Any) -> tessel.ReservoirTopology:
+    if "DIMENS" not in parsed:
+        raise DeckError("the deck has no DIMENS keyword: the grid size is unknown")
+    record = parsed["DIMENS"][0]
+    dims = [record[i].get_int(0) for i in range(3)]
+    try:
+        return tessel.ReservoirTopology(*dims)
+    except (ValueError, OverflowError) as error:
+        raise DeckError(f"DIMENS record 1: {error}") from error
+
+
+def _pvt_regions(parsed: Any) -> int:
+    if "TABDIMS" not in parsed:
+        return 1
+    return int(parsed["TABDIMS"][0][1].get_int(0))  # NTPVT
+
+
+def _defaulted_slots(text: str) -> list[bool]:
+    """Which values of a record opm's text of it shows as left to their default.
+
+    opm writes a record back as the deck would hold it, with ``N*`` for N values left
+    to their default; it is the one place its Python interface tells them apart.
+    Values after the last one written are defaulted as well (the caller sees them as
+    missing slots)."""
+    slots: list[bool] = []
+    for token in text.split():
+        if token == "/":
+            break
+        count, star, value = token.partition("*")
+        if star and count.isdigit():
+            slots += [not value] * int(count)
+        else:
+            slots.append(False)
+    return slots
+
+
+def _record_values(record: Any, where: str) -> NDArray[np.float64]:
+    values: list[float] = []
+    for item in record:
+        if item.is_string():
+            raise DeckError(f"{where}: item {item.name()} holds text, not numbers")
+        values += item.get_data_list() if item.is_int() else item.get_raw_data_list()
+    return np.array(values, dtype=np.float64)
+
+
+def _checked_numbers(record: Any, keyword: str, where: str) -> NDArray[np.float64]:
+    """A table record's numbers as written; DeckError where the deck left one out."""
+    values = _record_values(record, where)
+    slots = _defaulted_slots(str(record))
+    allowed = _ZERO_DEFAULTS.get(keyword, set())
+    for index in range(len(values)):
+        defaulted = slots[index] if index < len(slots) else True
+        if defaulted and not (index in allowed and values[index] == 0.0):
+            raise DeckError(f"{where}: value {index + 1} is left to its default; a table needs "
+                            f"every number written out")
+    return values
+
+
+def _ascending(keys: NDArray[np.float64], what: str, where: str, counted: str = "") -> None:
+    """DeckError unless `keys` rise strictly; `counted` names what the keys are counted in."""
+    for index in range(1, len(keys)):
+        if not keys[index] > keys[index - 1]:
+            at = f"{where}, {counted} {index + 1}" if counted else where
+            raise DeckError(f"{at}: {what} {keys[index]:g} does not rise above {keys[index - 1]:g} before it")
+
+
+def _count(keyword: str, found: int, regions: int) -> None:
+    if found != regions:
+        raise DeckError(f"{keyword} has {found} tables, TABDIMS gives {regions} PVT regions")
+
+
+# --- the tables ----------------------------------------------------------------------------
+
+
+def _record_table(cls: type[PVTO] | type[PVTG], key: str, inner: str) -> Callable[..., Any]:
+    """PVTO and PVTG: records of a key and triples, regions ended by an empty record."""
+    keyword = cls.keyword
+
+    def build(parsed_keyword: Any, regions: int, units: str) -> Any:
+        tables: list[list[NDArray[np.float64]]] = [[]]
+        for record in parsed_keyword:
+            if not record[1].get_raw_data_list():  # the empty record that ends a region
+                tables.append([])
+                continue
+            number, index = len(tables), len(tables[-1]) + 1
+            tables[-1].append(_checked_numbers(record, keyword, f"{keyword} region {number}, record {index}"))
+        _count(keyword, len(tables), regions)
+        for number, records in enumerate(tables, start=1):
+            if not records:
+                raise DeckError(f"{keyword} region {number}: no records")
+            for index, numbers in enumerate(records, start=1):
+                if len(numbers) < 4 or (len(numbers) - 1) % 3:
+                    raise DeckError(f"{keyword} region {number}, record {index}: expected {key} and three "
+                                    f"numbers per row, got {len(numbers)} numbers")
+            region = f"{keyword} region {number}"
+            _ascending(np.array([r[0] for r in records]), key, region, "record")
+            if cls is PVTO:
+                # Bubble point pressures (a key of the saturated lookups) and the
+                # pressures of each record's undersaturated rows ascend as well.
+                _ascending(np.array([r[1] for r in records]), "saturated pressure", region, "record")
+                for index, numbers in enumerate(records, start=1):
+                    _ascending(numbers[1::3], inner, f"{region}, record {index}")
+        return cls(tables, units=units)
+
+    return build
+
+
+def _dead_table(cls: type[PVDG] | type[PVDO]) -> Callable[..., Any]:
+    keyword = cls.keyword
+
+    def build(parsed_keyword: Any, regions: int, units: str) -> Any:
+        _count(keyword, len(parsed_keyword), regions)
+        tables = []
+        for number, record in enumerate(parsed_keyword, start=1):
+            numbers = _checked_numbers(record, keyword, f"{keyword} region {number}")
+            if not len(numbers) or len(numbers) % 3:
+                raise DeckError(f"{keyword} region {number}: expected rows of three numbers [p, b, mu], "
+                                f"got {len(numbers)} numbers")
+            rows = numbers.reshape(-1, 3)
+            _ascending(rows[:, 0], "pressure", f"{keyword} region {number}", "row")
+            tables.append(rows)
+        return cls(tables, units=units)
+
+    return build
+
+
+def _one_record(cls: type[PVTW] | type[ROCK]) -> Callable[..., Any]:
+    keyword = cls.keyword
+
+    def build(parsed_keyword: Any, regions: int, units: str) -> Any:
+        _count(keyword, len(parsed_keyword), regions)
+        return cls([_checked_numbers(record, keyword, f"{keyword} region {number}")
+                    for number, record in enumerate(parsed_keyword, start=1)], units=units)
+
+    return build
+
+
+_BUILDERS: dict[str, Callable[..., Any]] = {
+    "PVTO": _record_table(PVTO, "Rs", "pressure"),
+    "PVTG": _record_table(PVTG, "Pg", "Rv"),
+    "PVDG": _dead_table(PVDG),
+    "PVDO": _dead_table(PVDO),
+    "PVTW": _one_record(PVTW),
+    "ROCK": _one_record(ROCK),
+}
+
+
+def _array_item(keyword: Any, name: str) -> Any:
+    if len(keyword) != 1 or len(keyword[0]) != 1 or keyword[0][0].is_string():
+        raise DeckError(f"{name} is not a grid property: it does not hold one list of numbers")
+    return keyword[0][0]
