@@ -5,13 +5,19 @@
 * ``ReservoirSelectionTopology(parent, cells)``: cells of a grid, an (n, 3)
   array-like of (i, j, k) in selection order.
 * ``IntGridFunction``, ``FloatGridFunction``, ``DoubleGridFunction``: one value
-  per element, built from a size (zero-filled) or from 1-D values (copied);
-  ``.values`` is a writable NumPy view of the very same memory.
+  per element, built from a size (zero-filled) or from 1-D values (copied),
+  or wrapping a NumPy array's own memory with ``.wrap(array)`` (no copy: the
+  array must be one-dimensional, C-contiguous, aligned, writeable, in the
+  machine's byte order and of exactly the element type).  ``.values`` is a
+  writable NumPy view of the very same memory; ``np.asarray(gf)``, ``len``
+  and indexing go through it.
 * ``SelectionViewGridFunction(selection, backing)``: one value per selected
   cell, stored in a ``DoubleGridFunction``.
 * ``IntVector``: a list of cell numbers shared with the calculations, which
   may shorten it in place.
 """
+
+from importlib import metadata as _metadata
 
 from ._tessel import (  # noqa: F401
     IGridFunction,
@@ -30,6 +36,11 @@ from ._tessel import (  # noqa: F401
     ReservoirSelectionTopology,
     IntVector,
 )
+
+try:
+    __version__: str = _metadata.version("kavra")  # tessel ships in the kavra distribution
+except _metadata.PackageNotFoundError:  # a source tree that was never installed
+    __version__ = "0+unknown"
 
 __all__ = [
     "IGridFunction",

@@ -69,19 +69,39 @@ struct Array<T, 1>
     {
         data = m_storage.data();
     }
-    Array(Array&& other) noexcept
-        : data(nullptr), count(other.count), m_storage(std::move(other.m_storage))
+    // Elements that live elsewhere: `keeper` keeps them alive and is released
+    // when the array goes, after the array has let go of them.
+    Array(T* elements, std::uint64_t n, boost::shared_ptr<void> keeper)
+        : data(elements), count(n), m_keeper(std::move(keeper))
     {
-        data = m_storage.data();
+    }
+    Array(Array&& other) noexcept
+        : data(nullptr), count(other.count), m_storage(std::move(other.m_storage)),
+          m_keeper(std::move(other.m_keeper))
+    {
+        data = m_keeper ? other.data : m_storage.data();
         other.data = nullptr;
         other.count = 0;
     }
     Array(const Array&) = delete;
     Array& operator=(const Array&) = delete;
     Array& operator=(Array&&) = delete;
+    ~Array()
+    {
+        // Releasing the keeper may run code of whoever owns the elements (a
+        // Python object's finaliser, say): by then this array holds none.
+        data = nullptr;
+        count = 0;
+        boost::shared_ptr<void> keeper;
+        keeper.swap(m_keeper);
+    }
+
+    // Whether the elements belong to a keeper rather than to this array.
+    bool borrowed() const { return static_cast<bool>(m_keeper); }
 
 private:
     std::vector<T> m_storage;
+    boost::shared_ptr<void> m_keeper;
 };
 
 template <class A>
@@ -245,6 +265,18 @@ boost::shared_ptr<ArrayGridFunction<T>> make_array_grid_function(std::vector<T> 
     typedef GenHandleMapper<PassHandleMapperImpl, PassAcceptableHandleMappingsTrait> Mapper;
     return boost::shared_ptr<ArrayGridFunction<T>>(
         new ArrayGridFunction<T>(Impl(Array<T, 1>(std::move(values))), Mapper()));
+}
+
+// An array grid function over `count` elements at `data`, which `keeper`
+// keeps alive for as long as the grid function lives.
+template <class T>
+boost::shared_ptr<ArrayGridFunction<T>> make_array_grid_function(T* data, std::uint64_t count,
+                                                                 boost::shared_ptr<void> keeper)
+{
+    typedef ArrayGridFunctionImpl<Array<T, 1>, ArrayTraits<Array<T, 1>>> Impl;
+    typedef GenHandleMapper<PassHandleMapperImpl, PassAcceptableHandleMappingsTrait> Mapper;
+    return boost::shared_ptr<ArrayGridFunction<T>>(
+        new ArrayGridFunction<T>(Impl(Array<T, 1>(data, count, std::move(keeper))), Mapper()));
 }
 
 // The backing grid function must hold one value per selected cell

@@ -1,0 +1,162 @@
+"""Preparing NumPy inputs for the native calls, and the words of their failures.
+
+Every public function runs in two steps: a preparation that turns whatever
+the caller passed into flat, contiguous, native-order buffers of the element
+type the native code reads (without a copy where the input already is one),
+and the native call over grid functions that wrap those buffers.  The
+preparation knows nothing of the native module.
+"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from typing import Any
+
+import numpy as np
+from numpy.typing import NDArray
+
+INT32_MAX = np.iinfo(np.int32).max
+INT32_MIN = np.iinfo(np.int32).min
+
+
+def split_mask(value: Any) -> tuple[np.ndarray, NDArray[np.bool_] | None]:
+    """The data of an array-like and its mask (None when nothing is masked)."""
+    if isinstance(value, np.ma.MaskedArray):
+        mask = np.ma.getmask(value)
+        return np.asarray(value.data), (None if mask is np.ma.nomask or not mask.any() else np.asarray(mask))
+    return np.asarray(value), None
+
+
+def is_native_buffer(array: np.ndarray, dtype: np.dtype[Any]) -> bool:
+    """Whether a grid function can wrap `array` as it is."""
+    flags = array.flags
+    return (array.dtype == dtype and array.dtype.isnative and flags.c_contiguous and flags.aligned
+            and flags.writeable)
+
+
+def index_text(name: str, position: int, shape: tuple[int, ...]) -> str:
+    """``name[i, j, k] (cell N, counting from 1)`` for a flat position in an array of `shape`."""
+    index = ", ".join(str(int(i)) for i in np.unravel_index(position, shape)) if shape else "()"
+    return f"{name}[{index}] (cell {position + 1}, counting from 1)"
+
+
+@dataclass
+class CellArrays:
+    """A cell calculation's arguments, ready for the native call: flat buffers of one length."""
+
+    function: str
+    shape: tuple[int, ...]
+    regions: NDArray[np.int32] | None  # region numbers; 0 where a cell is masked
+    inputs: list[NDArray[np.float64]]
+    result: NDArray[np.float64]  # what the native call writes
+    out: np.ndarray | None  # the caller's `out`, when `result` is not its memory
+    given_out: Any  # the caller's `out` as passed (a masked array stays one)
+    mask: NDArray[np.bool_] | None
+
+    def finish(self) -> Any:
+        """The result as the caller sees it: `out` (filled) or a new array, masked where an input was."""
+        result = self.result.reshape(self.shape)
+        if self.out is not None:
+            np.copyto(self.out, result, casting="same_kind")
+        if self.given_out is not None:
+            result = self.given_out
+        if self.mask is None:
+            return result
+        if isinstance(result, np.ma.MaskedArray):
+            result.mask = self.mask
+            return result
+        return np.ma.MaskedArray(result, mask=self.mask)
+
+
+def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any,
+                  *, keep_out: bool = False) -> CellArrays:
+    """Flat float64 inputs and int32 regions of one broadcast shape, and a result buffer.
+
+    `regions` and `inputs` are (name, value) pairs; the names appear in error
+    messages.  With `keep_out` the result starts from the values of `out`
+    (zeros without it), for calculations that leave some cells alone.
+    """
+    named = ([regions] if regions is not None else []) + inputs
+    data, masks = [], []
+    for name, value in named:
+        array, mask = split_mask(value)
+        integral = regions is not None and name == regions[0]
+        if integral and array.dtype.kind not in "iu":
+            raise TypeError(f"{function}: {name} must hold integer region numbers, got {array.dtype}")
+        if not integral and array.dtype.kind not in "fiu":
+            raise TypeError(f"{function}: {name} must hold real numbers, got {array.dtype}")
+        data.append(array)
+        masks.append(mask)
+    try:
+        shape = np.broadcast_shapes(*(a.shape for a in data))
+    except ValueError:
+        shapes = ", ".join(f"{name} {a.shape}" for (name, _), a in zip(named, data))
+        raise ValueError(f"{function}: the shapes of the inputs do not broadcast together: {shapes}") from None
+
+    mask = None
+    for m in masks:
+        if m is not None:
+            mask = np.broadcast_to(m, shape).copy() if mask is None else mask | m
+
+    region_buffer = None
+    if regions is not None:
+        region_buffer = _regions(function, regions[0], data.pop(0), shape, mask)
+    float64 = np.dtype(np.float64)
+    buffers = [a.reshape(-1) if a.shape == shape and is_native_buffer(a, float64) else _converted(a, shape)
+               for a in data]
+
+    given_out, target, result = out, None, None
+    if out is not None:
+        out_data = out.data if isinstance(out, np.ma.MaskedArray) else out
+        if not isinstance(out_data, np.ndarray):
+            raise TypeError(f"{function}: out must be a NumPy array, got {type(out).__name__}")
+        if out_data.shape != shape:
+            raise ValueError(f"{function}: out has the shape {out_data.shape}, the result {shape}")
+        if not out_data.flags.writeable:
+            raise ValueError(f"{function}: out is read-only")
+        if not np.can_cast(np.float64, out_data.dtype, "same_kind"):
+            raise TypeError(f"{function}: out must hold real numbers, got {out_data.dtype}")
+        if is_native_buffer(out_data, float64):
+            result = out_data.reshape(-1)
+        else:
+            target = out_data
+            result = out_data.astype(np.float64).reshape(-1) if keep_out else np.empty(out_data.size)
+    if result is None:
+        result = np.zeros(int(np.prod(shape))) if keep_out else np.empty(int(np.prod(shape)))
+    return CellArrays(function, shape, region_buffer, buffers, result, target, given_out, mask)
+
+
+def _converted(array: np.ndarray, shape: tuple[int, ...]) -> NDArray[np.float64]:
+    """One pass: broadcast, convert to float64 in native order, contiguous."""
+    result = np.empty(shape, dtype=np.float64)
+    np.copyto(result, array, casting="unsafe")
+    return result.reshape(-1)
+
+
+def _regions(function: str, name: str, array: np.ndarray, shape: tuple[int, ...],
+             mask: NDArray[np.bool_] | None) -> NDArray[np.int32]:
+    int32 = np.dtype(np.int32)
+    if array.shape == shape and mask is None and is_native_buffer(array, int32):
+        return array.reshape(-1)
+    if array.dtype.itemsize > 4 or array.dtype == np.uint32:
+        too_big = array > INT32_MAX
+        if mask is not None:
+            too_big = too_big & ~mask
+        if too_big.any():
+            position = int(np.flatnonzero(np.broadcast_to(too_big, shape))[0])
+            value = np.broadcast_to(array, shape).reshape(-1)[position]
+            raise ValueError(f"{function}: region {value} at {index_text(name, position, shape)} is not a region "
+                             f"of any table")
+        if array.dtype.kind == "i":
+            array = np.maximum(array, INT32_MIN)  # all below 1: cells of no region
+    result = np.empty(shape, dtype=np.int32)
+    np.copyto(result, array, casting="unsafe")
+    if mask is not None:
+        result[mask] = 0  # a masked cell belongs to no region: nothing is looked up for it
+    return result.reshape(-1)
+
+
+def native_message(error: BaseException) -> str:
+    """The line of a native failure that says what was wrong (the last one of a failed check)."""
+    lines = [line for line in str(error).splitlines() if line.strip()]
+    return lines[-1] if lines else type(error).__name__

@@ -1,0 +1,477 @@
+"""Cell calculations on NumPy arrays: PVT, rock, Rs, and the pinch-out sifting.
+
+Each function gives, bit for bit, what its native ``Calc…`` function gives on
+the same numbers; it takes array-likes and returns a new float64 array (or
+fills ``out``).
+
+Conventions shared by all of them:
+
+* Inputs broadcast against each other (NumPy's rules).  Real inputs of any
+  dtype and byte order are converted to float64 once; a C-contiguous,
+  writeable float64 array in the machine's byte order of the result's shape
+  is read in place, with no copy.  Region numbers (``pvtnum``, counted from
+  1; a cell below 1 belongs to no region) are any integer array, read in
+  place when they are such an int32 array.
+* ``out``: an array of the result's shape, filled and returned.  A
+  contiguous native float64 ``out`` is written in place; any other real
+  dtype gets the float64 result cast into it (``same_kind``).  When a
+  failure stops a calculation, ``out`` may hold the cells before the one
+  that failed.
+* Masked arrays: a cell masked in any input is masked in the result, which
+  is then a ``numpy.ma.MaskedArray``; its region is not looked up (a masked
+  cell never fails) and the data under the mask is not defined.
+* Tables: the ``kavra.tables`` values or the native region lists
+  (``TPVTOList`` …).  A region number above the table's count raises
+  ``ValueError`` that names the cell and the region; the native failure is
+  its ``__cause__``.
+"""
+
+from __future__ import annotations
+
+from typing import Any
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+import tessel
+
+from . import _kavracore as _native
+from ._arrays import CellArrays, index_text, native_message, prepare_cells, split_mask
+from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
+
+__all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", "one_over_bg",
+           "rs_from_components", "porosity", "porosity_from_porv", "bulk_volume", "transmissibility_k"]
+
+_wrap_int = tessel.IntGridFunction.wrap
+_wrap_double = tessel.DoubleGridFunction.wrap
+
+
+def _native_table(function: str, name: str, table: Any, values: tuple[type[_Table], ...],
+                  native_class: type) -> Any:
+    """The native region list of `table`: the table value's own (built once), or the list itself."""
+    if isinstance(table, values):
+        return table._cached_native()
+    if isinstance(table, native_class):
+        return table
+    kinds = " or ".join(v.__name__ for v in values)
+    raise TypeError(f"{function}: {name} must be a {kinds} table or a {native_class.__name__}, "
+                    f"got {type(table).__name__}")
+
+
+def _run_table(call: Any, native_list: Any, kind: str, cells: CellArrays) -> Any:
+    """The native call of a PVT or rock calculation over the prepared buffers."""
+    assert cells.regions is not None
+    grid_functions = [_wrap_int(cells.regions), *map(_wrap_double, cells.inputs), _wrap_double(cells.result)]
+    try:
+        call(native_list, *grid_functions)
+    except RuntimeError as error:
+        raise _table_failure(cells, native_list, kind, error) from error
+    return cells.finish()
+
+
+def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: RuntimeError) -> ValueError:
+    """The native failure in the caller's words: the cell and region, counted as the caller counts."""
+    assert cells.regions is not None
+    message, regions, count = native_message(error), cells.regions, len(native_list)
+    if "region number" in message:  # the first cell whose region is past the list
+        position = int(np.flatnonzero(regions > count)[0])
+        have = f"regions 1 to {count}" if count else "no regions"
+        return ValueError(f"{cells.function}: region {regions[position]} at "
+                          f"{index_text('pvtnum', position, cells.shape)} is not in the {kind} table, "
+                          f"which has {have}")
+    if message.startswith("Empty"):  # the first cell whose region's table has no rows
+        empty = [r for r, table in enumerate(native_list, start=1) if len(table) == 0]
+        position = int(np.flatnonzero(np.isin(regions, empty))[0])
+        return ValueError(f"{cells.function}: region {regions[position]} of the {kind} table has no rows "
+                          f"(needed at {index_text('pvtnum', position, cells.shape)})")
+    return ValueError(f"{cells.function}: {message}")
+
+
+def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs: ArrayLike, *,
+                          out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """Bubble point pressure per cell, along the saturated line of the live-oil table.
+
+    Parameters
+    ----------
+    pvto : PVTO or TPVTOList
+        Live-oil table per PVT region.
+    pvtnum : array_like of int
+        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    rs : array_like of float
+        Dissolved gas-oil ratio per cell, in the table's Rs unit (sm3/sm3 in METRIC).
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        Pressure per cell in the table's pressure unit (barsa in METRIC), linear in Rs between
+        the table's records and extended linearly beyond them.
+
+    Examples
+    --------
+    >>> from kavra import bubble_point_pressure
+    >>> from kavra.tables import PVTO
+    >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8]]])
+    >>> print(bubble_point_pressure(oil, [1, 1, 0], [50.0, 65.0, 70.0]))
+    [120. 150.   0.]
+    """
+    native_list = _native_table("bubble_point_pressure", "pvto", pvto, (PVTO,), _native.TPVTOList)
+    cells = prepare_cells("bubble_point_pressure", ("pvtnum", pvtnum), [("rs", rs)], out)
+    return _run_table(_native.CalcBubblePointPressure, native_list, "PVTO", cells)  # type: ignore[no-any-return]
+
+
+def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: ArrayLike, *,
+               out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """1/B per cell of a dead oil or dry gas: B interpolated linearly in pressure, then inverted.
+
+    Parameters
+    ----------
+    pvdx : PVDG, PVDO or TPVTList
+        Dry-gas or dead-oil table per PVT region.
+    pvtnum : array_like of int
+        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    p : array_like of float
+        Pressure per cell, in the table's pressure unit (barsa in METRIC).
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        1/B per cell (sm3/rm3 in METRIC); outside the table B is extended linearly.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from kavra import one_over_b
+    >>> from kavra.tables import PVDG
+    >>> gas = PVDG([[[50.0, 0.025, 0.012], [150.0, 0.009, 0.015], [300.0, 0.0045, 0.02]]])
+    >>> print(one_over_b(gas, 1, np.array([[100.0, 150.0], [200.0, 300.0]])))
+    [[ 58.82352941 111.11111111]
+     [133.33333333 222.22222222]]
+    """
+    native_list = _native_table("one_over_b", "pvdx", pvdx, (PVDG, PVDO), _native.TPVTList)
+    cells = prepare_cells("one_over_b", ("pvtnum", pvtnum), [("p", p)], out)
+    kind = type(pvdx).__name__ if isinstance(pvdx, _Table) else "TPVTList"
+    return _run_table(_native.CalcOneOverB, native_list, kind, cells)  # type: ignore[no-any-return]
+
+
+def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike, pbub: ArrayLike, *,
+                out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """1/Bo per cell of a live oil.
+
+    Where ``|po - pbub| < 0.0001`` the oil is saturated and Bo is read along the saturated line
+    at ``po``; elsewhere Bo comes from the undersaturated rows of the first record whose
+    saturated pressure is not below ``pbub`` (the last record above them all, the second one
+    at or below the first), at ``po``.
+
+    Parameters
+    ----------
+    pvto : PVTO or TPVTOList
+        Live-oil table per PVT region.
+    pvtnum : array_like of int
+        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    po, pbub : array_like of float
+        Oil pressure and bubble point pressure per cell, in the table's pressure unit.
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        1/Bo per cell (sm3/rm3 in METRIC).
+
+    Examples
+    --------
+    >>> from kavra import one_over_bo
+    >>> from kavra.tables import PVTO
+    >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9, 200.0, 1.23, 1.0], [80.0, 180.0, 1.35, 0.8, 300.0, 1.3, 1.0]]])
+    >>> print(one_over_bo(oil, 1, po=[120.0, 250.0], pbub=[120.0, 150.0]))
+    [0.8        0.75709779]
+    """
+    native_list = _native_table("one_over_bo", "pvto", pvto, (PVTO,), _native.TPVTOList)
+    cells = prepare_cells("one_over_bo", ("pvtnum", pvtnum), [("po", po), ("pbub", pbub)], out)
+    return _run_table(_native.CalcOneOverBo, native_list, "PVTO", cells)  # type: ignore[no-any-return]
+
+
+def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike, *,
+                out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """1/Bw per cell: ``(1 + x + x**2/2) / bw`` with ``x = (pw - p_ref) * cw`` of the region.
+
+    Parameters
+    ----------
+    pvtw : PVTW or TPVTWList
+        Water record per PVT region.
+    pvtnum : array_like of int
+        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    pw : array_like of float
+        Water pressure per cell, in the table's pressure unit.
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        1/Bw per cell (sm3/rm3 in METRIC).
+
+    Examples
+    --------
+    >>> from kavra import one_over_bw
+    >>> from kavra.tables import PVTW
+    >>> water = PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]])
+    >>> print(one_over_bw(water, 1, [100.0, 1100.0]))
+    [1.    1.105]
+    """
+    native_list = _native_table("one_over_bw", "pvtw", pvtw, (PVTW,), _native.TPVTWList)
+    cells = prepare_cells("one_over_bw", ("pvtnum", pvtnum), [("pw", pw)], out)
+    return _run_table(_native.CalcOneOverBw, native_list, "PVTW", cells)  # type: ignore[no-any-return]
+
+
+def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike, pdew: ArrayLike,
+                rv: ArrayLike, *, out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """1/Bg per cell of a wet gas.
+
+    Where ``|pg - pdew| < 0.0001``, or ``pg`` is at or outside the table's first or last gas
+    pressure, 1/Bg is read along the saturated line (linear in Rv between the saturated points
+    of the two records around ``pg``); elsewhere it is interpolated in Rv within each of the two
+    records around ``pg``, then linearly in ``pg`` between them.
+
+    Parameters
+    ----------
+    pvtg : PVTG or TPVTGList
+        Wet-gas table per PVT region.
+    pvtnum : array_like of int
+        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    pg, pdew : array_like of float
+        Gas pressure and dew point pressure per cell, in the table's pressure unit.
+    rv : array_like of float
+        Vaporised oil-gas ratio per cell, in the table's Rv unit.
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        1/Bg per cell (sm3/rm3 in METRIC).
+
+    Examples
+    --------
+    >>> from kavra import one_over_bg
+    >>> from kavra.tables import PVTG
+    >>> gas = PVTG([[[100.0, 0.01, 0.02, 0.02, 0.03, 0.025, 0.02], [200.0, 0.02, 0.01, 0.02, 0.04, 0.0125, 0.02]]])
+    >>> print(one_over_bg(gas, 1, pg=[150.0, 150.0], pdew=[300.0, 150.0], rv=[0.02, 0.015]))
+    [72.5 75. ]
+    """
+    native_list = _native_table("one_over_bg", "pvtg", pvtg, (PVTG,), _native.TPVTGList)
+    cells = prepare_cells("one_over_bg", ("pvtnum", pvtnum), [("pg", pg), ("pdew", pdew), ("rv", rv)], out)
+    return _run_table(_native.CalcOneOverBg, native_list, "PVTG", cells)  # type: ignore[no-any-return]
+
+
+def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, poro: ArrayLike, *,
+             out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """Porosity under pressure: ``poro * (1 + x + x**2/2)``, ``x = (po - p_ref) * cr``, at most 1.
+
+    Parameters
+    ----------
+    rock : ROCK or TRockList
+        Reference pressure and rock compressibility per PVT region.
+    pvtnum : array_like of int
+        PVT region per cell, from 1.  A cell below 1 keeps the value that ``out`` holds (0.0
+        without ``out``).
+    po : array_like of float
+        Pressure per cell, in the table's pressure unit.
+    poro : array_like of float
+        Porosity per cell at the reference pressure (fraction).
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        Porosity per cell (fraction), capped at 1.0 (no lower cap).
+
+    Examples
+    --------
+    >>> from kavra import porosity
+    >>> from kavra.tables import ROCK
+    >>> print(porosity(ROCK([[200.0, 1e-3]]), [1, 1, 0], [300.0, 200.0, 300.0], 0.2))
+    [0.221 0.2   0.   ]
+    """
+    native_list = _native_table("porosity", "rock", rock, (ROCK,), _native.TRockList)
+    cells = prepare_cells("porosity", ("pvtnum", pvtnum), [("po", po), ("poro", poro)], out, keep_out=True)
+    return _run_table(_native.CalcPorosity, native_list, "ROCK", cells)  # type: ignore[no-any-return]
+
+
+def _run_plain(function: str, calls: list[tuple[Any, list[int]]], cells: CellArrays) -> Any:
+    """Native calls on input buffers (by position) and the result, for calculations without tables."""
+    buffers = [*map(_wrap_double, cells.inputs), _wrap_double(cells.result)]
+    try:
+        for call, arguments in calls:
+            call(*(buffers[a] for a in arguments))
+    except RuntimeError as error:
+        raise ValueError(f"{function}: {native_message(error)}") from error
+    return cells.finish()
+
+
+def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
+                       out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """Porosity per cell as ``porv / bulk_volume`` where the bulk volume is above 0, else 0.0.
+
+    Parameters
+    ----------
+    bulk_volume, porv : array_like of float
+        Bulk volume and pore volume per cell, in one volume unit (rm3 in METRIC).
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        Porosity per cell (fraction; not capped).
+
+    Examples
+    --------
+    >>> from kavra import porosity_from_porv
+    >>> print(porosity_from_porv([1000.0, 0.0, 500.0], [250.0, 10.0, 100.0]))
+    [0.25 0.   0.2 ]
+    """
+    cells = prepare_cells("porosity_from_porv", None, [("bulk_volume", bulk_volume), ("porv", porv)], out)
+    return _run_plain("porosity_from_porv", [(_native.CalcPorosityFromPORV, [0, 1, 2])], cells)  # type: ignore[no-any-return]
+
+
+def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = None,
+                out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """Bulk volume per cell as ``porv / poro`` where the porosity is above 0 (else 0.0), times ``ntg``.
+
+    Parameters
+    ----------
+    porv : array_like of float
+        Pore volume per cell (rm3 in METRIC).
+    poro : array_like of float
+        Porosity per cell (fraction).
+    ntg : array_like of float, optional
+        Net-to-gross ratio per cell, applied after the division.
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        Bulk volume per cell, in the unit of ``porv``.
+
+    Examples
+    --------
+    >>> from kavra import bulk_volume
+    >>> print(bulk_volume([250.0, 250.0], [0.25, 0.0], ntg=0.8))
+    [800.   0.]
+    """
+    inputs = [("porv", porv), ("poro", poro)] + ([("ntg", ntg)] if ntg is not None else [])
+    cells = prepare_cells("bulk_volume", None, inputs, out)
+    calls: list[tuple[Any, list[int]]] = [(_native.CalcBulkVolume, [0, 1, len(inputs)])]
+    if ntg is not None:
+        calls.append((_native.CalcBulkVolume, [2, 3]))
+    return _run_plain("bulk_volume", calls, cells)  # type: ignore[no-any-return]
+
+
+def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
+                       out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+    """Rs per cell as ``numerator / denominator`` where the denominator is above 0, else 0.0.
+
+    Parameters
+    ----------
+    denominator, numerator : array_like of float
+        Component quantities per cell (oil and dissolved gas, say, in the units whose ratio
+        is wanted).
+    out : ndarray, optional
+        Where to write the result.
+
+    Returns
+    -------
+    ndarray of float64
+        The ratio per cell.
+
+    Examples
+    --------
+    >>> from kavra import rs_from_components
+    >>> print(rs_from_components([2.0, 0.0, -1.0], [100.0, 5.0, 5.0]))
+    [50.  0.  0.]
+    """
+    cells = prepare_cells("rs_from_components", None, [("denominator", denominator), ("numerator", numerator)], out)
+    return _run_plain("rs_from_components", [(_native.CalcRsFromComponents, [0, 1, 2])], cells)  # type: ignore[no-any-return]
+
+
+def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.ReservoirSelectionTopology
+                       ) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
+    """Pinch-outs taken out of a list of non-neighbour connections, and their cells marked.
+
+    A connection joins the cells ``nnc1[p]`` and ``nnc2[p]`` (cell numbers of the selection's
+    grid, ``i + nI * (j + nJ * k)``).  Connections with a cell outside the selection go.
+    Connections within one column are pinch-outs: they go, and their first cell is marked in
+    ``trank``; a repeat from the cell marked last is dropped unexamined.  Connections between
+    columns stay, in order.
+
+    Parameters
+    ----------
+    nnc1, nnc2 : array_like of int
+        The two cells of each connection, one-dimensional, of one length.  A connection masked
+        in either is left out.
+    selection : tessel.ReservoirSelectionTopology
+        The cells that take part.
+
+    Returns
+    -------
+    nnc1, nnc2 : ndarray of int32
+        The connections between columns, both cells selected.
+    trank : ndarray of float64
+        One value per selected cell: 1.0 where a pinch-out starts, else 0.0.
+
+    Raises
+    ------
+    ValueError
+        A cell number outside the grid, or a connection within one column that does not run
+        down across at least two layers (a pinch-out must join k to k + 2 or further).
+
+    Examples
+    --------
+    >>> import tessel
+    >>> from kavra import transmissibility_k
+    >>> grid = tessel.ReservoirTopology(2, 1, 4)       # cells 0, 2, 4, 6 form column (0, 0)
+    >>> everything = tessel.ReservoirSelectionTopology(grid, [[c % 2, 0, c // 2] for c in range(8)])
+    >>> nnc1, nnc2, trank = transmissibility_k([0, 0, 1], [4, 2, 2], everything)
+    >>> print(nnc1, nnc2, trank)
+    [1] [2] [1. 0. 0. 0. 0. 0. 0. 0.]
+    """
+    function = "transmissibility_k"
+    if not isinstance(selection, tessel.ReservoirSelectionTopology):
+        raise TypeError(f"{function}: selection must be a tessel.ReservoirSelectionTopology, "
+                        f"got {type(selection).__name__}")
+    (first, mask1), (second, mask2) = split_mask(nnc1), split_mask(nnc2)
+    for name, array in (("nnc1", first), ("nnc2", second)):
+        if array.dtype.kind not in "iu":
+            raise TypeError(f"{function}: {name} must hold integer cell numbers, got {array.dtype}")
+        if array.ndim != 1:
+            raise ValueError(f"{function}: {name} must be one-dimensional, got the shape {array.shape}")
+    if first.shape != second.shape:
+        raise ValueError(f"{function}: nnc1 and nnc2 differ in length: {len(first)} and {len(second)}")
+    if mask1 is not None or mask2 is not None:
+        keep = ~((mask1 if mask1 is not None else False) | (mask2 if mask2 is not None else False))
+        first, second = first[keep], second[keep]
+    cells = selection.nI * selection.nJ * selection.nK
+    for name, array in (("nnc1", first), ("nnc2", second)):
+        outside = (array < 0) | (array >= cells)
+        if outside.any():
+            p = int(np.flatnonzero(outside)[0])
+            raise ValueError(f"{function}: {name}[{p}] = {array[p]} is not a cell of the grid of "
+                             f"{selection.nI} x {selection.nJ} x {selection.nK} cells")
+    vectors = tessel.IntVector(first.astype(np.int32)), tessel.IntVector(second.astype(np.int32))
+    trank = tessel.DoubleGridFunction(selection.number_of_selected_cells)
+    try:
+        _native.CalcTransmissibilityK(*vectors, selection, tessel.SelectionViewGridFunction(selection, trank))
+    except RuntimeError as error:
+        message = native_message(error)
+        if "pinch-out" in message:
+            message = ("a connection within one column does not run down across at least two layers "
+                       f"({message.split(' ', 1)[1]})")
+        raise ValueError(f"{function}: {message}") from error
+    return vectors[0].to_numpy(), vectors[1].to_numpy(), trank.values

@@ -1,0 +1,294 @@
+"""K-column reductions on NumPy arrays: kmax, kmin, ksum, kaverage.
+
+Each returns a new array of the input's shape and element type in which
+every cell holds the value of its column (all cells with one I and one J),
+bit for bit what the native ``KMax`` … give.
+
+* ``grid``: a ``tessel.ReservoirTopology``, an ``(nI, nJ, nK)`` tuple, or a
+  ``tessel.ReservoirSelectionTopology`` (then ``values`` has one element per
+  selected cell, in selection order, and only selected cells take part).
+* ``layout``: ``"kji"`` (the default) for arrays of the shape
+  ``(nK, nJ, nI)``, I fastest, or one-dimensional in that cell order;
+  ``"ijk"`` for arrays of the shape ``(nI, nJ, nK)``, K fastest (as many
+  grid libraries hand out properties), or one-dimensional in that order.
+  The shape alone never decides.
+* Element types: int32, uint32, int64, uint64, float32, float64, in either
+  byte order (a byte-swapped array is read through a native copy).  The
+  arithmetic stays in that type: integer sums wrap around, integer averages
+  truncate toward zero, float32 sums are single precision, added in
+  ascending K (in selection order for a selection).  ``kmax`` starts from 0
+  and ``kmin`` from the type's largest finite value, so NaN is passed over
+  by both, while it makes a column NaN in ``ksum`` and ``kaverage``.
+* Masked arrays and ``active``: a masked cell, or one where ``active``
+  (boolean, or ACTNUM-like integers, nonzero = active) is false, takes no
+  part.  The result is then a ``numpy.ma.MaskedArray`` masked at exactly
+  those cells; its data there is 0.
+"""
+
+from __future__ import annotations
+
+from typing import Any, Literal
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+import tessel
+
+from . import _kavracore as _native
+from ._arrays import native_message, split_mask
+
+__all__ = ["kmax", "kmin", "ksum", "kaverage"]
+
+Grid = tessel.ReservoirTopology | tessel.ReservoirSelectionTopology | tuple[int, int, int]
+Layout = Literal["kji", "ijk"]
+
+# The element types of the native kernels, by NumPy type character.
+_KERNEL_TYPES = "iIlLfd"
+# Same width as C long on this platform: viewed as long, bits unchanged.
+_AS_LONG = {"q": "l", "Q": "L"} if np.dtype("q").itemsize == np.dtype("l").itemsize else {}
+
+
+def _values(function: str, values: np.ndarray) -> np.ndarray:
+    """`values` in an element type of the kernels, in the machine's byte order."""
+    char = values.dtype.char
+    if char in _AS_LONG:
+        values = values.view(np.dtype(_AS_LONG[char]).newbyteorder(values.dtype.byteorder))
+        char = values.dtype.char
+    if char not in _KERNEL_TYPES:
+        raise TypeError(f"{function} takes int32, uint32, int64, uint64, float32 or float64 values, "
+                        f"got {values.dtype}")
+    if not values.dtype.isnative:
+        values = values.astype(values.dtype.newbyteorder("="))
+    return values
+
+
+def _topology(function: str, grid: Any) -> Any:
+    if isinstance(grid, (tessel.ReservoirTopology, tessel.ReservoirSelectionTopology)):
+        return grid
+    if isinstance(grid, tuple) and len(grid) == 3:
+        return tessel.ReservoirTopology(*grid)
+    raise TypeError(f"{function}: grid must be a tessel.ReservoirTopology, an (nI, nJ, nK) tuple or a "
+                    f"tessel.ReservoirSelectionTopology, got {type(grid).__name__}")
+
+
+def _reduce(function: str, native: Any, values: ArrayLike, grid: Any, active: ArrayLike | None,
+            layout: str) -> Any:
+    topology = _topology(function, grid)
+    if layout not in ("kji", "ijk"):
+        raise ValueError(f"{function}: layout must be 'kji' or 'ijk', not {layout!r}")
+    data, mask = split_mask(values)
+    data = _values(function, data)
+    selection = isinstance(topology, tessel.ReservoirSelectionTopology)
+
+    if selection:
+        if layout != "kji":
+            raise ValueError(f"{function}: a selection's values are one per selected cell, in selection "
+                             "order: layout applies to whole grids only")
+        if data.shape != (topology.number_of_selected_cells,):
+            raise ValueError(f"{function}: values of the shape {data.shape} do not fit a selection of "
+                             f"{topology.number_of_selected_cells} cells")
+    else:
+        ni, nj, nk = topology.nI, topology.nJ, topology.nK
+        grid_shape = (nk, nj, ni) if layout == "kji" else (ni, nj, nk)
+        if data.shape not in ((ni * nj * nk,), grid_shape):
+            raise ValueError(f"{function}: values of the shape {data.shape} do not fit the grid of {ni} x {nj} "
+                             f"x {nk} cells: layout {layout!r} takes the shape {grid_shape} or "
+                             f"({ni * nj * nk},)")
+    valid = _valid(function, data.shape, mask, active)
+    masked = valid is not None or isinstance(values, np.ma.MaskedArray)
+    if valid is not None and valid.all():
+        valid = None
+
+    try:
+        if selection:
+            result = _on_selection(native, topology, data, valid)
+        else:
+            shape = data.shape
+            if layout == "ijk":  # to cell order, I fastest
+                data = data.reshape(ni, nj, nk).transpose(2, 1, 0)
+                valid = valid.reshape(ni, nj, nk).transpose(2, 1, 0) if valid is not None else None
+            if valid is None:
+                result = native(topology, np.ascontiguousarray(data))
+            else:
+                result = _on_cells(native, topology, data.reshape(-1), valid.reshape(-1))
+            if layout == "ijk":
+                result = _columns_ijk(result.reshape(nk, nj, ni), valid is None)
+            result = result.reshape(shape)
+    except (RuntimeError, ValueError) as error:
+        raise ValueError(f"{function}: {native_message(error)}") from error
+
+    if not masked:
+        return result
+    if valid is not None and layout == "ijk" and not selection:
+        valid = valid.transpose(2, 1, 0)
+    return np.ma.MaskedArray(result, mask=False if valid is None else ~valid.reshape(result.shape))
+
+
+def _valid(function: str, shape: tuple[int, ...], mask: NDArray[np.bool_] | None,
+           active: ArrayLike | None) -> NDArray[np.bool_] | None:
+    """Cells that take part (None: all of them)."""
+    valid = None
+    if active is not None:
+        flags, _ = split_mask(active)
+        if flags.dtype.kind not in "biu":
+            raise TypeError(f"{function}: active must be a boolean mask (or 0/1 integers), got {flags.dtype}")
+        if flags.shape != shape:
+            raise ValueError(f"{function}: active has the shape {flags.shape}, values {shape}")
+        valid = flags.astype(bool)
+    if mask is not None:
+        valid = ~mask if valid is None else valid & ~mask
+    return valid
+
+
+def _on_selection(native: Any, selection: Any, data: np.ndarray, valid: NDArray[np.bool_] | None) -> Any:
+    if valid is None:
+        return native(selection, data)
+    subset = tessel.ReservoirSelectionTopology(selection.parent_topology, selection.selected_cells[valid])
+    result = np.zeros_like(data)
+    result[valid] = native(subset, data[valid])
+    return result
+
+
+def _on_cells(native: Any, grid: Any, data: np.ndarray, valid: NDArray[np.bool_]) -> Any:
+    """A reduction over some cells of a grid: the selection of those cells, in cell order."""
+    cells = np.flatnonzero(valid)
+    ni, nj = grid.nI, grid.nJ
+    ijk = np.column_stack([cells % ni, (cells // ni) % nj, cells // (ni * nj)]).astype(np.uint16)
+    result = np.zeros(data.shape, dtype=data.dtype)
+    result[cells] = native(tessel.ReservoirSelectionTopology(grid, ijk), data[cells])
+    return result
+
+
+def _columns_ijk(result: np.ndarray, whole: bool) -> np.ndarray:
+    """A result in cell order (nK, nJ, nI) laid out as (nI, nJ, nK), C-contiguous."""
+    nk, nj, ni = result.shape
+    if whole and nk:  # every cell of a column holds its column's value: spread one layer
+        out = np.empty((ni, nj, nk), dtype=result.dtype)
+        out[...] = result[0].T[:, :, None]
+        return out
+    return np.ascontiguousarray(result.transpose(2, 1, 0))
+
+
+def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji") -> NDArray[Any]:
+    """The largest value of each K column, in every cell of that column (0 if all are below 0).
+
+    Parameters
+    ----------
+    values : array_like
+        One value per cell (see ``layout``), or one per selected cell of a selection.
+    grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
+        The grid, or the selection of its cells.
+    active : array_like of bool, optional
+        Cells that take part (ACTNUM), of the shape of ``values``.
+    layout : {"kji", "ijk"}
+        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
+        flat with K fastest.
+
+    Returns
+    -------
+    ndarray
+        The input's shape and element type; masked where a cell took no part.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from kavra import kmax
+    >>> print(kmax(np.array([1.0, 2.0, 3.0, 4.0]), (2, 1, 2)))
+    [3. 4. 3. 4.]
+    >>> print(kmax(np.array([[[1, 3]], [[2, 4]]], dtype=np.int32), (2, 1, 2), layout="ijk"))
+    [[[3 3]]
+    <BLANKLINE>
+     [[4 4]]]
+    """
+    return _reduce("kmax", _native.KMax, values, grid, active, layout)  # type: ignore[no-any-return]
+
+
+def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji") -> NDArray[Any]:
+    """The smallest value of each K column, in every cell of that column.
+
+    Parameters
+    ----------
+    values : array_like
+        One value per cell (see ``layout``), or one per selected cell of a selection.
+    grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
+        The grid, or the selection of its cells.
+    active : array_like of bool, optional
+        Cells that take part (ACTNUM), of the shape of ``values``.
+    layout : {"kji", "ijk"}
+        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
+        flat with K fastest.
+
+    Returns
+    -------
+    ndarray
+        The input's shape and element type; masked where a cell took no part.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from kavra import kmin
+    >>> print(kmin(np.ma.masked_less([1.0, 2.0, 3.0, 4.0], 2.0), (2, 1, 2)))
+    [-- 2.0 3.0 2.0]
+    """
+    return _reduce("kmin", _native.KMin, values, grid, active, layout)  # type: ignore[no-any-return]
+
+
+def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji") -> NDArray[Any]:
+    """The sum of each K column, added in ascending K, in every cell of that column.
+
+    Parameters
+    ----------
+    values : array_like
+        One value per cell (see ``layout``), or one per selected cell of a selection.
+    grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
+        The grid, or the selection of its cells.
+    active : array_like of bool, optional
+        Cells that take part (ACTNUM), of the shape of ``values``.
+    layout : {"kji", "ijk"}
+        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
+        flat with K fastest.
+
+    Returns
+    -------
+    ndarray
+        The input's shape and element type; masked where a cell took no part.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from kavra import ksum
+    >>> print(ksum(np.array([1.0, 2.0, 3.0, 4.0]), (2, 1, 2), active=[True, True, False, True]))
+    [1.0 6.0 -- 6.0]
+    """
+    return _reduce("ksum", _native.KSum, values, grid, active, layout)  # type: ignore[no-any-return]
+
+
+def kaverage(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None,
+             layout: Layout = "kji") -> NDArray[Any]:
+    """The mean of each K column, in every cell of that column (integers truncate toward zero).
+
+    Parameters
+    ----------
+    values : array_like
+        One value per cell (see ``layout``), or one per selected cell of a selection.
+    grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
+        The grid, or the selection of its cells.
+    active : array_like of bool, optional
+        Cells that take part (ACTNUM), of the shape of ``values``.
+    layout : {"kji", "ijk"}
+        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
+        flat with K fastest.
+
+    Returns
+    -------
+    ndarray
+        The input's shape and element type; masked where a cell took no part.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from kavra import kaverage
+    >>> print(kaverage(np.array([-3, 0, 1, 2], dtype=np.int32), (1, 1, 4)))
+    [0 0 0 0]
+    """
+    return _reduce("kaverage", _native.KAverage, values, grid, active, layout)  # type: ignore[no-any-return]

@@ -1,0 +1,617 @@
+"""PVT and rock tables as plain values, named after the deck keywords.
+
+Each class holds one table per PVT region (region 1 first) as read-only NumPy
+arrays of float64, built from the records exactly as a deck writes them:
+
+========  ====================================================  =================================
+class     one region is                                         ``regions[r]`` holds
+========  ====================================================  =================================
+``PVTO``  records ``[rs, p, bo, mu, p, bo, mu, ...]``           a tuple of 1-D arrays, one per record
+``PVTG``  records ``[pg, rv, bg, mu, rv, bg, mu, ...]``         a tuple of 1-D arrays, one per record
+``PVDO``  rows ``[p, bo, mu]``                                  an ``(n, 3)`` array
+``PVDG``  rows ``[p, bg, mu]``                                  an ``(n, 3)`` array
+``PVTW``  one record ``[p_ref, bw, cw, mu, cvw]``               a ``(5,)`` array
+``ROCK``  one record ``[p_ref, cr]``                            a ``(2,)`` array
+========  ====================================================  =================================
+
+The first triple of a ``PVTO`` (``PVTG``) record is its saturated point; the
+triples after it are the undersaturated rows of that Rs (the further Rv rows
+of that gas pressure).  Numbers are kept as given: ``units`` is one of
+:data:`UNIT_SYSTEMS` and is a label only, never a conversion.  It names the
+unit of every scalar of :meth:`to_native` (see :data:`UNIT_LABELS`).
+
+Tables are values: ``==`` compares units and numbers (NaN equals NaN), they
+pickle and deep-copy, and ``repr`` shows the records (evaluable for small
+tables).  ``from_frame`` reads a pandas DataFrame (pandas is imported only by
+``to_frame``, the one method that needs it).
+"""
+
+from __future__ import annotations
+
+from collections.abc import Iterable, Iterator, Sequence
+from typing import Any, ClassVar, TypeVar
+
+import numpy as np
+from numpy.typing import NDArray
+
+from . import _kavracore as _native
+
+__all__ = ["UNIT_SYSTEMS", "UNIT_LABELS", "PVTO", "PVTG", "PVDG", "PVDO", "PVTW", "ROCK"]
+
+UNIT_SYSTEMS: tuple[str, ...] = ("METRIC", "FIELD", "LAB", "PVT-M")
+
+#: The unit label of each quantity in each unit system.  The quantity names
+#: are the ``category`` labels of the native scalars.
+UNIT_LABELS: dict[str, dict[str, str]] = {
+    "METRIC": {"pressure": "barsa", "rs": "sm3/sm3", "rv": "sm3/sm3", "oil_fvf": "rm3/sm3",
+               "gas_fvf": "rm3/sm3", "water_fvf": "rm3/sm3", "viscosity": "cP",
+               "compressibility": "1/bars", "viscosibility": "1/bars"},
+    "FIELD": {"pressure": "psia", "rs": "Mscf/stb", "rv": "stb/Mscf", "oil_fvf": "rb/stb",
+              "gas_fvf": "rb/Mscf", "water_fvf": "rb/stb", "viscosity": "cP",
+              "compressibility": "1/psi", "viscosibility": "1/psi"},
+    "LAB": {"pressure": "atma", "rs": "scc/scc", "rv": "scc/scc", "oil_fvf": "rcc/scc",
+            "gas_fvf": "rcc/scc", "water_fvf": "rcc/scc", "viscosity": "cP",
+            "compressibility": "1/atm", "viscosibility": "1/atm"},
+    "PVT-M": {"pressure": "atma", "rs": "sm3/sm3", "rv": "sm3/sm3", "oil_fvf": "rm3/sm3",
+              "gas_fvf": "rm3/sm3", "water_fvf": "rm3/sm3", "viscosity": "cP",
+              "compressibility": "1/atm", "viscosibility": "1/atm"},
+}
+
+_T = TypeVar("_T", bound="_Table")
+FloatArray = NDArray[np.float64]
+_REPR_RECORDS = 6  # records (rows) shown per region before the repr abbreviates
+
+
+def _numbers(values: Any, where: str) -> FloatArray:
+    """A read-only float64 copy of `values`; TypeError for anything but real numbers."""
+    try:
+        array = np.asarray(values)
+    except ValueError as error:  # ragged nesting
+        raise ValueError(f"{where}: expected a flat sequence of numbers ({error})") from error
+    if array.dtype.kind not in "iuf":
+        raise TypeError(f"{where}: expected real numbers, got {array.dtype} values")
+    result = np.array(array, dtype=np.float64)
+    result.flags.writeable = False
+    return result
+
+
+def _flat(values: Any, where: str) -> FloatArray:
+    array = _numbers(values, where)
+    if array.ndim != 1:
+        raise ValueError(f"{where}: expected a flat sequence of numbers, got an array of shape {array.shape}")
+    return array
+
+
+def _format(array: FloatArray) -> str:
+    return "[" + ", ".join(repr(float(x)) for x in array) + "]"
+
+
+def _abbreviated(items: Sequence[str], indent: str) -> str:
+    if len(items) > _REPR_RECORDS:
+        half = _REPR_RECORDS // 2
+        items = [*items[:half], "...", *items[-half:]]
+    return (",\n" + indent).join(items)
+
+
+class _Table:
+    """What every table value shares; the subclasses say how a region looks."""
+
+    keyword: ClassVar[str]
+    #: Columns of from_frame/to_frame after "region", one per number of a row.
+    columns: ClassVar[tuple[str, ...]]
+    #: Quantity of each column, for the unit labels of the native scalars.
+    _quantities: ClassVar[tuple[str, ...]]
+
+    __slots__ = ("_units", "_regions", "_native")
+
+    def __init__(self, regions: Iterable[Any], units: str = "METRIC") -> None:
+        if units not in UNIT_SYSTEMS:
+            raise ValueError(f"{self.keyword}: units must be one of {', '.join(UNIT_SYSTEMS)}, not {units!r}")
+        if isinstance(regions, (str, bytes)) or not isinstance(regions, Iterable):
+            raise TypeError(f"{self.keyword} needs a sequence of regions, got {type(regions).__name__}")
+        parsed = tuple(self._region(number, region) for number, region in enumerate(regions, start=1))
+        if not parsed:
+            raise ValueError(f"{self.keyword} needs at least one region")
+        self._units: str = units
+        self._regions: tuple[Any, ...] = parsed
+        self._native: Any = None
+
+    # --- what the subclasses provide ---------------------------------------------
+
+    def _region(self, number: int, region: Any) -> Any:
+        raise NotImplementedError
+
+    def _region_rows(self, region: Any) -> FloatArray:
+        """One region as rows of the frame (without the region column)."""
+        raise NotImplementedError
+
+    def _native_list(self, scalar: Any) -> Any:
+        raise NotImplementedError
+
+    # --- the value --------------------------------------------------------------
+
+    @property
+    def units(self) -> str:
+        """The unit system of the numbers: one of UNIT_SYSTEMS."""
+        return self._units
+
+    @property
+    def regions(self) -> tuple[Any, ...]:
+        """The tables, one per region (region 1 first), as read-only float64 arrays."""
+        return self._regions
+
+    def __len__(self) -> int:
+        return len(self._regions)
+
+    def __iter__(self) -> Iterator[Any]:
+        return iter(self._regions)
+
+    def __eq__(self, other: object) -> bool:
+        if type(other) is not type(self):
+            return NotImplemented
+        assert isinstance(other, _Table)
+        return self._units == other._units and len(self) == len(other) and all(
+            _same(a, b) for a, b in zip(self._regions, other._regions))
+
+    __hash__ = None  # type: ignore[assignment]  # equal by value, like a list
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        return (type(self), (self._regions, self._units))
+
+    def __repr__(self) -> str:
+        inner = ",\n".join("    " + self._region_repr(region) for region in self._regions)
+        return f"{self.keyword}(units={self._units!r}, regions=[\n{inner},\n])"
+
+    def _region_repr(self, region: Any) -> str:
+        return _format(region)
+
+    # --- native lists -----------------------------------------------------------
+
+    def to_native(self) -> Any:
+        """A new native region list of these numbers, each scalar labelled with its quantity
+        (the category) and the unit of that quantity in ``units``."""
+        labels = UNIT_LABELS[self._units]
+
+        def scalar(value: float, quantity: str) -> _native.TScalar:
+            return _native.TScalar(float(value), quantity, labels[quantity])
+
+        return self._native_list(scalar)
+
+    def _cached_native(self) -> Any:
+        """The native list that the calculations read; built once, never handed out."""
+        if self._native is None:
+            self._native = self.to_native()
+        return self._native
+
+    # --- DataFrames -------------------------------------------------------------
+
+    @classmethod
+    def from_frame(cls: type[_T], frame: Any, units: str = "METRIC") -> _T:
+        """The table of a DataFrame with the columns ``region`` (optional: region 1 if absent) and
+        ``cls.columns``.  Rows keep their order within a region; regions must run from 1 without
+        a gap.  ``PVTO``/``PVTG`` take one row per tabulated point: consecutive rows of one region
+        with the same ``rs`` (``pg``) form one record, its first row the saturated point."""
+        missing = [c for c in cls.columns if c not in frame.columns]
+        if missing:
+            raise ValueError(f"{cls.keyword}.from_frame: the frame has no column {', '.join(map(repr, missing))}"
+                             f" (columns needed: region (optional), {', '.join(cls.columns)})")
+        values = np.column_stack([_numbers(frame[c], f"{cls.keyword}.from_frame column {c!r}")
+                                  for c in cls.columns]) if len(frame) else np.empty((0, len(cls.columns)))
+        if "region" in frame.columns:
+            region = np.asarray(frame["region"])
+            if region.dtype.kind not in "iu" and not (region.dtype.kind == "f" and np.all(region == np.round(region))):
+                raise TypeError(f"{cls.keyword}.from_frame: column 'region' must hold integers")
+            region = region.astype(np.int64)
+        else:
+            region = np.ones(len(values), dtype=np.int64)
+        count = int(region.max()) if len(region) else 0
+        if len(region) and region.min() < 1:
+            raise ValueError(f"{cls.keyword}.from_frame: region numbers count from 1, got {int(region.min())}")
+        regions = []
+        for number in range(1, count + 1):
+            rows = values[region == number]
+            if not len(rows):
+                raise ValueError(f"{cls.keyword}.from_frame: region {number} has no rows")
+            regions.append(cls._records_of_rows(rows))
+        return cls(regions, units)
+
+    @classmethod
+    def _records_of_rows(cls, rows: FloatArray) -> Any:
+        return rows
+
+    def to_frame(self) -> Any:
+        """A pandas DataFrame of the table, the form that ``from_frame`` reads."""
+        try:
+            import pandas as pd
+        except ImportError as error:
+            raise ImportError(f"{self.keyword}.to_frame needs pandas: pip install pandas") from error
+        blocks = [self._region_rows(region) for region in self._regions]
+        frame = pd.DataFrame(np.concatenate(blocks), columns=list(self.columns))
+        frame.insert(0, "region", np.repeat(np.arange(1, len(blocks) + 1), [len(b) for b in blocks]))
+        return frame
+
+    # --- native lists back to values ---------------------------------------------
+
+    @classmethod
+    def _checked_list(cls, lst: Any, native_class: type) -> None:
+        if not isinstance(lst, native_class):
+            raise TypeError(f"{cls.keyword}.from_native needs a {native_class.__name__}, got {type(lst).__name__}")
+
+
+def _same(a: Any, b: Any) -> bool:
+    if isinstance(a, tuple):
+        return isinstance(b, tuple) and len(a) == len(b) and all(_same(x, y) for x, y in zip(a, b))
+    return bool(np.array_equal(a, b, equal_nan=True))
+
+
+def _value(scalar: Any, where: str) -> float:
+    if scalar is None:
+        raise ValueError(f"{where} holds no TScalar (None)")
+    return float(scalar.value)
+
+
+# --- two-level tables: PVTO and PVTG ------------------------------------------------
+
+
+class _RecordTable(_Table):
+    """Regions of records ``[key, a, b, mu, a, b, mu, ...]``."""
+
+    __slots__ = ()
+    _row_class: ClassVar[Any]
+    _nested_class: ClassVar[Any]
+    _table_class: ClassVar[Any]
+    _list_class: ClassVar[Any]
+
+    def _region(self, number: int, region: Any) -> tuple[FloatArray, ...]:
+        where = f"{self.keyword} region {number}"
+        if isinstance(region, (str, bytes)) or not isinstance(region, Iterable):
+            raise TypeError(f"{where}: expected a sequence of records, got {type(region).__name__}")
+        records = []
+        for index, record in enumerate(region, start=1):
+            numbers = _flat(record, f"{where}, record {index}")
+            if len(numbers) < 4 or (len(numbers) - 1) % 3:
+                raise ValueError(f"{where}, record {index}: expected 1 + 3*n numbers, got {len(numbers)}")
+            records.append(numbers)
+        if not records:
+            raise ValueError(f"{where}: no records")
+        return tuple(records)
+
+    def _region_repr(self, region: Any) -> str:
+        return "[" + _abbreviated([_format(r) for r in region], "     ") + "]"
+
+    def _region_rows(self, region: Any) -> FloatArray:
+        rows = [np.column_stack([np.full(len(r) // 3, r[0]), r[1:].reshape(-1, 3)]) for r in region]
+        return np.concatenate(rows)
+
+    @classmethod
+    def _records_of_rows(cls, rows: FloatArray) -> Any:
+        starts = np.flatnonzero(np.r_[True, rows[1:, 0] != rows[:-1, 0]])
+        return [np.r_[block[0, 0], block[:, 1:].ravel()] for block in np.split(rows, starts[1:])]
+
+    def _native_list(self, scalar: Any) -> Any:
+        key, a, b, mu = self._quantities
+        tables = []
+        for region in self._regions:
+            rows = []
+            for record in region:
+                triples = record[1:].reshape(-1, 3)
+                row = self._row_class(scalar(record[0], key), scalar(triples[0, 0], a),
+                                      scalar(triples[0, 1], b), scalar(triples[0, 2], mu))
+                for x, y, z in triples[1:]:
+                    row.under_sat.append(self._nested_class(scalar(x, a), scalar(y, b), scalar(z, mu)))
+                rows.append(row)
+            tables.append(self._table_class(rows))
+        return self._list_class(tables)
+
+    @classmethod
+    def _from_rows(cls: type[_T], lst: Any, units: str) -> _T:
+        key_name, a_name, b_name, mu_name = cls._native_fields  # type: ignore[attr-defined]
+        regions = []
+        for number, table in enumerate(lst, start=1):
+            records = []
+            for index, row in enumerate(table, start=1):
+                where = f"{type(lst).__name__} region {number}, record {index}"
+                numbers = [_value(getattr(row, key_name), f"{where}: {key_name}")]
+                for point in row.under_sat:
+                    numbers += [_value(getattr(point, name), f"{where}: {name}") for name in (a_name, b_name, mu_name)]
+                records.append(numbers)
+            regions.append(records)
+        return cls(regions, units)
+
+
+class PVTO(_RecordTable):
+    """Live oil: per region, records ``[rs, p, bo, mu, p, bo, mu, ...]`` as a deck writes them.
+
+    Parameters
+    ----------
+    regions : sequence of regions
+        One region per PVT region, region 1 first; a region is a sequence of records, a record
+        the flat sequence ``[rs, p, bo, mu, p, bo, mu, ...]``: Rs, then the saturated point
+        (bubble point pressure, Bo, viscosity), then any undersaturated rows of that Rs.
+    units : {"METRIC", "FIELD", "LAB", "PVT-M"}
+        The unit system of the numbers (a label; nothing is converted).
+
+    Examples
+    --------
+    >>> from kavra.tables import PVTO
+    >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9, 200.0, 1.23, 1.0], [80.0, 180.0, 1.35, 0.8]]])
+    >>> oil
+    PVTO(units='METRIC', regions=[
+        [[50.0, 120.0, 1.25, 0.9, 200.0, 1.23, 1.0],
+         [80.0, 180.0, 1.35, 0.8]],
+    ])
+    >>> len(oil), oil.regions[0][1]
+    (1, array([ 80.  , 180.  ,   1.35,   0.8 ]))
+    >>> print(oil.to_native()[0][0].Rs)
+    TScalar(50, rs, sm3/sm3)
+    """
+
+    __slots__ = ()
+    keyword = "PVTO"
+    columns = ("rs", "p", "bo", "mu")
+    _quantities = ("rs", "pressure", "oil_fvf", "viscosity")
+    _native_fields = ("Rs", "P", "B", "Mi")
+    _row_class = _native.TPVTO
+    _nested_class = _native.TPVT
+    _table_class = _native.TPVTOTable
+    _list_class = _native.TPVTOList
+
+    @classmethod
+    def from_native(cls, lst: _native.TPVTOList, units: str = "METRIC") -> PVTO:
+        """The table value of a ``TPVTOList`` (its numbers; labels are not read)."""
+        cls._checked_list(lst, _native.TPVTOList)
+        return cls._from_rows(lst, units)
+
+
+class PVTG(_RecordTable):
+    """Wet gas: per region, records ``[pg, rv, bg, mu, rv, bg, mu, ...]`` as a deck writes them.
+
+    Parameters
+    ----------
+    regions : sequence of regions
+        One region per PVT region; a region is a sequence of records, a record the flat
+        sequence ``[pg, rv, bg, mu, rv, bg, mu, ...]``: the gas pressure, then the saturated
+        point (Rv, Bg, viscosity), then any further Rv rows of that pressure.
+    units : {"METRIC", "FIELD", "LAB", "PVT-M"}
+        The unit system of the numbers (a label; nothing is converted).
+
+    Examples
+    --------
+    >>> from kavra.tables import PVTG
+    >>> gas = PVTG([[[100.0, 0.03, 0.025, 0.02, 0.01, 0.02, 0.02], [200.0, 0.04, 0.0125, 0.03]]], units="FIELD")
+    >>> gas.units, len(gas.regions[0])
+    ('FIELD', 2)
+    >>> print(gas.to_native()[0][1].under_sat[0].B)
+    TScalar(0.0125, gas_fvf, rb/Mscf)
+    """
+
+    __slots__ = ()
+    keyword = "PVTG"
+    columns = ("pg", "rv", "bg", "mu")
+    _quantities = ("pressure", "rv", "gas_fvf", "viscosity")
+    _native_fields = ("Pg", "Rv", "B", "Mi")
+    _row_class = _native.TPVTG
+    _nested_class = _native.TPVTGRecord
+    _table_class = _native.TPVTGTable
+    _list_class = _native.TPVTGList
+
+    @classmethod
+    def from_native(cls, lst: _native.TPVTGList, units: str = "METRIC") -> PVTG:
+        """The table value of a ``TPVTGList`` (its numbers; labels are not read)."""
+        cls._checked_list(lst, _native.TPVTGList)
+        return cls._from_rows(lst, units)
+
+
+# --- dead fluids: PVDO and PVDG -----------------------------------------------------
+
+
+class _DeadTable(_Table):
+    """Regions of rows ``[p, b, mu]``: one ``(n, 3)`` array per region."""
+
+    __slots__ = ()
+
+    def _region(self, number: int, region: Any) -> FloatArray:
+        where = f"{self.keyword} region {number}"
+        if isinstance(region, (str, bytes)) or not isinstance(region, Iterable):
+            raise TypeError(f"{where}: expected a sequence of [p, b, mu] records, got {type(region).__name__}")
+        rows = []
+        for index, row in enumerate(region, start=1):
+            numbers = _flat(row, f"{where}, record {index}")
+            if len(numbers) != 3:
+                raise ValueError(f"{where}, record {index}: expected 3 numbers, got {len(numbers)}")
+            rows.append(numbers)
+        if not rows:
+            raise ValueError(f"{where}: no records")
+        table = np.array(rows)
+        table.flags.writeable = False
+        return table
+
+    def _region_repr(self, region: Any) -> str:
+        return "[" + _abbreviated([_format(r) for r in region], "     ") + "]"
+
+    def _region_rows(self, region: Any) -> FloatArray:
+        return np.asarray(region)
+
+    def _native_list(self, scalar: Any) -> Any:
+        p, b, mu = self._quantities
+        return _native.TPVTList([
+            _native.TPVTTable([_native.TPVT(scalar(x, p), scalar(y, b), scalar(z, mu)) for x, y, z in region])
+            for region in self._regions])
+
+    @classmethod
+    def _from_table_list(cls: type[_T], lst: Any, units: str) -> _T:
+        if not isinstance(lst, _native.TPVTList):
+            raise TypeError(f"{cls.keyword}.from_native needs a TPVTList, got {type(lst).__name__}")
+        regions = []
+        for number, table in enumerate(lst, start=1):
+            rows = []
+            for index, row in enumerate(table, start=1):
+                where = f"TPVTList region {number}, record {index}"
+                rows.append([_value(getattr(row, name), f"{where}: {name}") for name in ("P", "B", "Mi")])
+            regions.append(rows)
+        return cls(regions, units)
+
+
+class PVDO(_DeadTable):
+    """Dead oil: per region, rows ``[p, bo, mu]``.
+
+    Parameters
+    ----------
+    regions : sequence of regions
+        One region per PVT region; a region is a sequence of ``[p, bo, mu]`` rows (pressure,
+        oil formation volume factor, viscosity), pressure ascending.
+    units : {"METRIC", "FIELD", "LAB", "PVT-M"}
+        The unit system of the numbers (a label; nothing is converted).
+
+    Examples
+    --------
+    >>> from kavra.tables import PVDO
+    >>> PVDO([[[100.0, 1.2, 1.0], [300.0, 1.1, 1.2]]]).regions[0]
+    array([[100. ,   1.2,   1. ],
+           [300. ,   1.1,   1.2]])
+    """
+
+    __slots__ = ()
+    keyword = "PVDO"
+    columns = ("p", "bo", "mu")
+    _quantities = ("pressure", "oil_fvf", "viscosity")
+
+    @classmethod
+    def from_native(cls, lst: _native.TPVTList, units: str = "METRIC") -> PVDO:
+        """The table value of a ``TPVTList`` (its numbers; labels are not read)."""
+        return cls._from_table_list(lst, units)
+
+
+class PVDG(_DeadTable):
+    """Dry gas: per region, rows ``[p, bg, mu]``.
+
+    Parameters
+    ----------
+    regions : sequence of regions
+        One region per PVT region; a region is a sequence of ``[p, bg, mu]`` rows (pressure,
+        gas formation volume factor, viscosity), pressure ascending.
+    units : {"METRIC", "FIELD", "LAB", "PVT-M"}
+        The unit system of the numbers (a label; nothing is converted).
+
+    Examples
+    --------
+    >>> from kavra.tables import PVDG
+    >>> gas = PVDG([[[50.0, 0.025, 0.012], [150.0, 0.009, 0.015]]])
+    >>> gas == PVDG.from_native(gas.to_native())
+    True
+    """
+
+    __slots__ = ()
+    keyword = "PVDG"
+    columns = ("p", "bg", "mu")
+    _quantities = ("pressure", "gas_fvf", "viscosity")
+
+    @classmethod
+    def from_native(cls, lst: _native.TPVTList, units: str = "METRIC") -> PVDG:
+        """The table value of a ``TPVTList`` (its numbers; labels are not read)."""
+        return cls._from_table_list(lst, units)
+
+
+# --- one record per region: PVTW and ROCK -------------------------------------------
+
+
+class _RecordPerRegion(_Table):
+    __slots__ = ()
+    _fields: ClassVar[tuple[str, ...]]  # of the native record, in column order
+
+    def _region(self, number: int, region: Any) -> FloatArray:
+        where = f"{self.keyword} region {number}"
+        numbers = _flat(region, where)
+        if len(numbers) != len(self.columns):
+            raise ValueError(f"{where}: expected {len(self.columns)} numbers "
+                             f"[{', '.join(self.columns)}], got {len(numbers)}")
+        return numbers
+
+    def _region_rows(self, region: Any) -> FloatArray:
+        return np.asarray(region).reshape(1, -1)
+
+    @classmethod
+    def _records_of_rows(cls, rows: FloatArray) -> Any:
+        if len(rows) != 1:
+            raise ValueError(f"{cls.keyword}.from_frame: a region has one row, got {len(rows)}")
+        return rows[0]
+
+    def _native_list(self, scalar: Any) -> Any:
+        record, native_list = self._native_classes  # type: ignore[attr-defined]
+        return native_list([record(*(scalar(v, q) for v, q in zip(region, self._quantities)))
+                            for region in self._regions])
+
+    @classmethod
+    def _from_records(cls: type[_T], lst: Any, units: str) -> _T:
+        record, native_list = cls._native_classes  # type: ignore[attr-defined]
+        if not isinstance(lst, native_list):
+            raise TypeError(f"{cls.keyword}.from_native needs a {native_list.__name__}, got {type(lst).__name__}")
+        where = native_list.__name__ + " region {}: {}"
+        return cls([[_value(getattr(r, name), where.format(number, name)) for name in cls._fields]  # type: ignore[attr-defined]
+                    for number, r in enumerate(lst, start=1)], units)
+
+
+class PVTW(_RecordPerRegion):
+    """Water: per region, one record ``[p_ref, bw, cw, mu, cvw]``.
+
+    Parameters
+    ----------
+    regions : sequence of regions
+        One record per PVT region: reference pressure, Bw at that pressure, compressibility,
+        viscosity at that pressure, viscosibility.
+    units : {"METRIC", "FIELD", "LAB", "PVT-M"}
+        The unit system of the numbers (a label; nothing is converted).
+
+    Examples
+    --------
+    >>> from kavra.tables import PVTW
+    >>> water = PVTW([[250.0, 1.02, 4.5e-5, 0.5, 0.0], [260.0, 1.03, 4.5e-5, 0.5, 0.0]])
+    >>> len(water), water.regions[1][0]
+    (2, np.float64(260.0))
+    >>> print(water.to_native()[0].Cw)
+    TScalar(4.5e-05, compressibility, 1/bars)
+    """
+
+    __slots__ = ()
+    keyword = "PVTW"
+    columns = ("p_ref", "bw", "cw", "mu", "cvw")
+    _quantities = ("pressure", "water_fvf", "compressibility", "viscosity", "viscosibility")
+    _fields = ("P_ref", "Bw_ref", "Cw", "Miw_ref", "Cvw")
+    _native_classes = (_native.TPVTW, _native.TPVTWList)
+
+    @classmethod
+    def from_native(cls, lst: _native.TPVTWList, units: str = "METRIC") -> PVTW:
+        """The table value of a ``TPVTWList`` (its numbers; labels are not read)."""
+        return cls._from_records(lst, units)
+
+
+class ROCK(_RecordPerRegion):
+    """Rock compressibility: per region, one record ``[p_ref, cr]``.
+
+    Parameters
+    ----------
+    regions : sequence of regions
+        One record per PVT region: reference pressure and rock compressibility.
+    units : {"METRIC", "FIELD", "LAB", "PVT-M"}
+        The unit system of the numbers (a label; nothing is converted).
+
+    Examples
+    --------
+    >>> from kavra.tables import ROCK
+    >>> ROCK([[200.0, 1e-3]], units="FIELD")
+    ROCK(units='FIELD', regions=[
+        [200.0, 0.001],
+    ])
+    """
+
+    __slots__ = ()
+    keyword = "ROCK"
+    columns = ("p_ref", "cr")
+    _quantities = ("pressure", "compressibility")
+    _fields = ("P_ref", "Cr")
+    _native_classes = (_native.TRock, _native.TRockList)
+
+    @classmethod
+    def from_native(cls, lst: _native.TRockList, units: str = "METRIC") -> ROCK:
+        """The table value of a ``TRockList`` (its numbers; labels are not read)."""
+        return cls._from_records(lst, units)
