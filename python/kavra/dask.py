@@ -49,8 +49,9 @@ Two ways to reach the columns, chosen per call:
   within its chunk-size limit), and the NumPy reduction runs on each chunk.
   A float sum is thus added in ascending K within each column, exactly as
   the native kernel adds it; a tree of partial sums would round
-  differently.  The result keeps the whole-column chunks.  When K already
-  lies in one chunk nothing is moved.
+  differently.  The new chunks hold about as many bytes as the largest
+  chunk of ``values``, and the result keeps them.  When K already lies in
+  one chunk nothing is moved.
 * **Tree reduction** (``kmax`` and ``kmin`` of every element type, ``ksum``
   of integers, without ``active`` and masks): each chunk is reduced to one
   layer of partial values, the partial layers are reduced in ascending K by
@@ -518,6 +519,9 @@ def _reduce(name: str, function: Callable[..., Any], tree: Callable[[np.dtype[An
         meta = np.ma.masked_array(meta)
 
     flat = values.ndim == 1
+    # Chunks made here hold about as many bytes as the largest chunk given, so the work stays
+    # spread over as many tasks as the caller chose.
+    limit = max(int(np.prod([max(c, default=0) for c in values.chunks])) * values.dtype.itemsize, 1 << 20)
     if flat:
         values = values.reshape(shape)
         active = None if active is None else active.reshape(shape)
@@ -529,13 +533,14 @@ def _reduce(name: str, function: Callable[..., Any], tree: Callable[[np.dtype[An
         result = da.broadcast_to(layer, values.shape, chunks=values.chunks)
     else:
         if len(values.chunks[k_axis]) > 1:
-            values = values.rechunk({axis: (-1 if axis == k_axis else "auto") for axis in range(3)})
+            values = values.rechunk({axis: (-1 if axis == k_axis else "auto") for axis in range(3)},
+                                    block_size_limit=limit)
         arrays = [values] if active is None else [values, active.rechunk(values.chunks)]
         result = da.map_blocks(functools.partial(_on_columns, function=function, layout=layout), *arrays,
                                dtype=values.dtype, meta=meta, token=f"kavra-{name}")
     if flat:
         if len(result.chunks[1]) > 1 or len(result.chunks[2]) > 1:
-            result = result.rechunk({0: "auto", 1: -1, 2: -1})
+            result = result.rechunk({0: "auto", 1: -1, 2: -1}, block_size_limit=limit)
         result = result.reshape((cells,))
     return result
 
