@@ -79,16 +79,19 @@ Examples
 True
 """
 
+# mypy: disable-error-code="no-untyped-call"
+# (dask leaves most of its functions without annotations)
+
 from __future__ import annotations
 
 import functools
 from collections.abc import Callable, Sequence
 from typing import Any, Literal
 
-import dask
 import dask.array as da
 import numpy as np
 from dask.array.core import unify_chunks
+from dask.delayed import delayed
 from numpy.typing import ArrayLike
 
 import tessel
@@ -166,9 +169,10 @@ def _cells(function: Callable[..., Any], table: Any, inputs: Sequence[Any],
         values = [next(replaced) if isinstance(value, da.Array) else value for value in values]
     else:
         values = [da.asarray(value) for value in values]
-    shipped = None if table is None else dask.delayed(table, pure=True)
-    return da.map_blocks(_chunk_block, function, names, shipped, *values, dtype=np.float64, meta=meta,
+    shipped = None if table is None else delayed(table, pure=True)
+    result: da.Array = da.map_blocks(_chunk_block, function, names, shipped, *values, dtype=np.float64, meta=meta,
                          token=f"kavra-{function.__name__}")
+    return result
 
 
 def bubble_point_pressure(pvto: PVTO, pvtnum: ArrayLike, rs: ArrayLike) -> da.Array:
@@ -522,6 +526,7 @@ def _reduce(name: str, function: Callable[..., Any], tree: Callable[[np.dtype[An
     # Chunks made here hold about as many bytes as the largest chunk given, so the work stays
     # spread over as many tasks as the caller chose.
     limit = max(int(np.prod([max(c, default=0) for c in values.chunks])) * values.dtype.itemsize, 1 << 20)
+    result: da.Array
     if flat:
         values = values.reshape(shape)
         active = None if active is None else active.reshape(shape)
