@@ -116,7 +116,8 @@ def test_cell_calculation_broadcasts_and_keeps_masks(fields):
 
 # case -> layout, chunks of the values, share of active cells
 REDUCTION_CASES = {
-    "kji float64, K split": ("kji", (30, 50, 100), None),  # kmax, kmin: tree; ksum, kaverage: rechunked
+    # kmax, kmin: a tree of two levels (10 chunks in K, 4 per step); ksum, kaverage: rechunked
+    "kji float64, K split": ("kji", (10, 50, 100), None),
     "flat int32": ("kji", 123_457, None),  # chunks across layer boundaries; integer sums by the tree
     "ijk float32, active": ("ijk", (50, 50, 30), 0.9),  # K split on the last axis; whole columns
 }
@@ -133,7 +134,7 @@ def reduction_inputs(client):
     values = rng.normal(0.0, 10.0, SHAPE)
     values[:, 0, :] = np.abs(values[:, 0, :])
     values[rng.random(SHAPE) < 0.05] = 0.0
-    values[(rng.random(SHAPE) < 0.05) & (values == 0.0)] = -0.0
+    values[(rng.random(SHAPE) < 0.5) & (values == 0.0)] = -0.0
     values[:, 1, :] = -np.abs(values[:, 1, :])
     values[rng.random(SHAPE) < 0.01] = np.nan
     values[rng.random(SHAPE) < 0.002] = np.inf
