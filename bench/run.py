@@ -12,7 +12,8 @@ and the ratio to two floors: np.copyto of as many bytes as the result holds
 into an array that exists ("x copy"), and the same copy into a new array
 ("x new"), which is what any call that returns a new array pays at least.
 At the end, the growth of the native cost per cell from the smallest to the
-largest size.
+largest size, and what the NumPy-first functions cost over the native calls
+(bench/api_overhead.py, 10^6 cells).
 """
 
 import argparse
@@ -386,6 +387,10 @@ def main(argv=None):
     report = dict(machine=about, repeat=args.repeat, results=rows, growth=growth)
     pathlib.Path(args.json).write_text(json.dumps(report, indent=2) + "\n")
     print(f"results written to {args.json}")
+    if not args.only:  # what the NumPy-first functions add to the native calls, at 10^6 cells
+        import api_overhead
+
+        api_overhead.main(["--sizes", "1e6"])
 
 
 if __name__ == "__main__":

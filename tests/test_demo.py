@@ -15,3 +15,8 @@ def test_demo_writes_its_figure(tmp_path, capsys):
     width, height = struct.unpack(">II", data[16:24])
     assert width > 800 and height > 300
     assert f"Figure written to {png}" in capsys.readouterr().out
+
+
+def test_the_numpy_first_example_runs(capsys):
+    runpy.run_path(str(ROOT / "examples/arrays_and_tables.py"), run_name="__main__")
+    assert "inactive cells (masked in every result): 54 of 1800" in capsys.readouterr().out

@@ -35,9 +35,10 @@ def test_stubtest_finds_no_difference(tmp_path):
     assert done.returncode == 0, done.stdout + done.stderr
 
 
-def test_demo_type_checks_strictly_against_the_stubs(tmp_path):
+@pytest.mark.parametrize("example", ["workflow.py", "arrays_and_tables.py"])
+def test_examples_type_check_strictly(tmp_path, example):
     done = subprocess.run(
-        [sys.executable, "-m", "mypy", "--strict", "--cache-dir", str(tmp_path), str(ROOT / "examples/workflow.py")],
+        [sys.executable, "-m", "mypy", "--strict", "--cache-dir", str(tmp_path), str(ROOT / "examples" / example)],
         capture_output=True, text=True, cwd=tmp_path, timeout=300,
     )
     assert done.returncode == 0, done.stdout + done.stderr
@@ -69,6 +70,12 @@ SAMPLES = {
     "ArrayLike": lambda: [1],
     "NDArray[_Element]": lambda: np.zeros(1),
     "Sequence[_E]": lambda: [],
+    "NDArray[np.int32]": lambda: np.zeros(1, np.int32),
+    "NDArray[np.float32]": lambda: np.zeros(1, np.float32),
+    "NDArray[np.float64]": lambda: np.zeros(1),
+    "DTypeLike": lambda: np.float64,
+    "bool": lambda: True,
+    "Any": lambda: 0,
 }  # and an instance for a class of the stubs
 # Parameters whose samples depend on more than their type.
 BY_NAME = {"cells": lambda: [[0, 0, 0]]}

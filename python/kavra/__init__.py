@@ -12,20 +12,22 @@ from importlib import metadata as _metadata
 
 from . import _kavracore
 from ._kavracore import *  # noqa: F401,F403
-from . import tables  # noqa: E402
-from .calculations import (  # noqa: E402
-    bubble_point_pressure,
-    bulk_volume,
-    one_over_b,
-    one_over_bg,
-    one_over_bo,
-    one_over_bw,
-    porosity,
-    porosity_from_porv,
-    rs_from_components,
-    transmissibility_k,
-)
-from .reductions import kaverage, kmax, kmin, ksum  # noqa: E402
+from . import tables as tables  # noqa: E402
+# "name as name": exported for type checkers too.
+from .calculations import bubble_point_pressure as bubble_point_pressure  # noqa: E402
+from .calculations import bulk_volume as bulk_volume  # noqa: E402
+from .calculations import one_over_b as one_over_b  # noqa: E402
+from .calculations import one_over_bg as one_over_bg  # noqa: E402
+from .calculations import one_over_bo as one_over_bo  # noqa: E402
+from .calculations import one_over_bw as one_over_bw  # noqa: E402
+from .calculations import porosity as porosity  # noqa: E402
+from .calculations import porosity_from_porv as porosity_from_porv  # noqa: E402
+from .calculations import rs_from_components as rs_from_components  # noqa: E402
+from .calculations import transmissibility_k as transmissibility_k  # noqa: E402
+from .reductions import kaverage as kaverage  # noqa: E402
+from .reductions import kmax as kmax  # noqa: E402
+from .reductions import kmin as kmin  # noqa: E402
+from .reductions import ksum as ksum  # noqa: E402
 
 try:
     __version__: str = _metadata.version("kavra")

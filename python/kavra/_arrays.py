@@ -55,17 +55,40 @@ class CellArrays:
 
     def finish(self) -> Any:
         """The result as the caller sees it: `out` (filled) or a new array, masked where an input was."""
-        result = self.result.reshape(self.shape)
+        given = self.given_out
         if self.out is not None:
-            np.copyto(self.out, result, casting="same_kind")
-        if self.given_out is not None:
-            result = self.given_out
-        if self.mask is None:
-            return result
-        if isinstance(result, np.ma.MaskedArray):
-            result.mask = self.mask
-            return result
-        return np.ma.MaskedArray(result, mask=self.mask)
+            np.copyto(self.out, self.result.reshape(self.shape), casting="same_kind")
+        if isinstance(given, np.ma.MaskedArray):  # its mask becomes that of the result
+            given.mask = np.ma.nomask if self.mask is None else self.mask
+            return given
+        result = self.result.reshape(self.shape) if given is None else given
+        return result if self.mask is None else np.ma.MaskedArray(result, mask=self.mask)
+
+
+_FLOAT64 = np.dtype(np.float64)  # builtin dtypes are singletons: `is` also tells the byte order
+_INT32 = np.dtype(np.int32)
+
+
+def _ready(array: Any, dtype: np.dtype[Any], shape: tuple[int, ...]) -> bool:
+    if type(array) is not np.ndarray or array.dtype is not dtype or array.shape != shape:
+        return False
+    flags = array.flags
+    return bool(flags.c_contiguous and flags.writeable and flags.aligned)
+
+
+def _prepared_as_they_are(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]],
+                          out: Any) -> CellArrays | None:
+    """The common case with few steps: every array ready to be read and written in place."""
+    if type(out) is not np.ndarray:
+        return None
+    shape = out.shape
+    if not _ready(out, _FLOAT64, shape) or (regions is not None and not _ready(regions[1], _INT32, shape)):
+        return None
+    for _, value in inputs:
+        if not _ready(value, _FLOAT64, shape):
+            return None
+    return CellArrays(function, shape, None if regions is None else regions[1].reshape(-1),
+                      [value.reshape(-1) for _, value in inputs], out.reshape(-1), None, out, None)
 
 
 def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any,
@@ -76,6 +99,9 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
     messages.  With `keep_out` the result starts from the values of `out`
     (zeros without it), for calculations that leave some cells alone.
     """
+    ready = _prepared_as_they_are(function, regions, inputs, out)
+    if ready is not None:
+        return ready
     named = ([regions] if regions is not None else []) + inputs
     data, masks = [], []
     for name, value in named:
@@ -87,8 +113,8 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
             raise TypeError(f"{function}: {name} must hold real numbers, got {array.dtype}")
         data.append(array)
         masks.append(mask)
-    try:
-        shape = np.broadcast_shapes(*(a.shape for a in data))
+    try:  # np.broadcast allocates nothing, unlike np.broadcast_shapes
+        shape = data[0].shape if len(data) == 1 else np.broadcast(*data).shape
     except ValueError:
         shapes = ", ".join(f"{name} {a.shape}" for (name, _), a in zip(named, data))
         raise ValueError(f"{function}: the shapes of the inputs do not broadcast together: {shapes}") from None
@@ -135,22 +161,25 @@ def _converted(array: np.ndarray, shape: tuple[int, ...]) -> NDArray[np.float64]
 
 def _regions(function: str, name: str, array: np.ndarray, shape: tuple[int, ...],
              mask: NDArray[np.bool_] | None) -> NDArray[np.int32]:
+    """Region numbers as flat int32, converted in one pass; a number past int32 fails, one below
+    int32 becomes its lowest value (both belong to no table's region)."""
     int32 = np.dtype(np.int32)
     if array.shape == shape and mask is None and is_native_buffer(array, int32):
         return array.reshape(-1)
-    if array.dtype.itemsize > 4 or array.dtype == np.uint32:
-        too_big = array > INT32_MAX
-        if mask is not None:
-            too_big = too_big & ~mask
-        if too_big.any():
-            position = int(np.flatnonzero(np.broadcast_to(too_big, shape))[0])
-            value = np.broadcast_to(array, shape).reshape(-1)[position]
+    result = np.empty(shape, dtype=np.int32)
+    if (array.dtype.itemsize > 4 or array.dtype == np.uint32) and array.size:
+        checked = array if mask is None else np.where(mask, 0, np.broadcast_to(array, shape))
+        if checked.max() > INT32_MAX:
+            position = int(np.argmax(np.broadcast_to(checked, shape).reshape(-1) > INT32_MAX))
+            value = np.broadcast_to(checked, shape).reshape(-1)[position]
             raise ValueError(f"{function}: region {value} at {index_text(name, position, shape)} is not a region "
                              f"of any table")
-        if array.dtype.kind == "i":
-            array = np.maximum(array, INT32_MIN)  # all below 1: cells of no region
-    result = np.empty(shape, dtype=np.int32)
-    np.copyto(result, array, casting="unsafe")
+        if array.dtype.kind == "i":  # no allocation: converted in the ufunc's buffers
+            np.maximum(array, INT32_MIN, out=result, casting="unsafe")
+        else:
+            np.copyto(result, array, casting="unsafe")
+    else:
+        np.copyto(result, array, casting="unsafe")
     if mask is not None:
         result[mask] = 0  # a masked cell belongs to no region: nothing is looked up for it
     return result.reshape(-1)

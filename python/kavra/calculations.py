@@ -75,11 +75,11 @@ def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: Runtim
     message, regions, count = native_message(error), cells.regions, len(native_list)
     if "region number" in message:  # the first cell whose region is past the list
         position = int(np.flatnonzero(regions > count)[0])
-        have = f"regions 1 to {count}" if count else "no regions"
+        have = f"regions 1 to {count}" if count > 1 else "only region 1" if count else "no regions"
         return ValueError(f"{cells.function}: region {regions[position]} at "
                           f"{index_text('pvtnum', position, cells.shape)} is not in the {kind} table, "
                           f"which has {have}")
-    if message.startswith("Empty"):  # the first cell whose region's table has no rows
+    if "Empty" in message:  # the first cell whose region's table has no rows
         empty = [r for r, table in enumerate(native_list, start=1) if len(table) == 0]
         position = int(np.flatnonzero(np.isin(regions, empty))[0])
         return ValueError(f"{cells.function}: region {regions[position]} of the {kind} table has no rows "

@@ -27,6 +27,7 @@ bit for bit what the native ``KMax`` … give.
 
 from __future__ import annotations
 
+from dataclasses import dataclass
 from typing import Any, Literal
 
 import numpy as np
@@ -71,15 +72,39 @@ def _topology(function: str, grid: Any) -> Any:
                     f"tessel.ReservoirSelectionTopology, got {type(grid).__name__}")
 
 
-def _reduce(function: str, native: Any, values: ArrayLike, grid: Any, active: ArrayLike | None,
-            layout: str) -> Any:
+@dataclass
+class ColumnArrays:
+    """A reduction's arguments, ready for the native kernel, and how to give its result back."""
+
+    topology: Any  # the grid, or a selection: the caller's, or that of the cells that take part
+    values: np.ndarray  # native element type and byte order; cell order (C-contiguous) or selection order
+    cells: NDArray[np.intp] | None  # where the values came from, when only some cells take part
+    size: int
+    shape: tuple[int, ...]  # of the caller's values
+    ijk: bool  # the caller's layout is (nI, nJ, nK), K fastest
+    mask: NDArray[np.bool_] | None  # of the result, in the caller's shape (None: not a masked result)
+
+    def finish(self, result: np.ndarray) -> Any:
+        if self.cells is not None:  # the cells that took no part hold 0
+            full = np.zeros(self.size, dtype=result.dtype)
+            full[self.cells] = result
+            result = full
+        if self.ijk:
+            grid = self.topology if self.cells is None else self.topology.parent_topology
+            result = _columns_ijk(result.reshape(grid.nK, grid.nJ, grid.nI), whole=self.cells is None)
+        result = result.reshape(self.shape)
+        return result if self.mask is None else np.ma.MaskedArray(result, mask=self.mask)
+
+
+def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLike | None,
+                    layout: str) -> ColumnArrays:
+    """Checks the arguments of a reduction and brings the values into the kernels' form."""
     topology = _topology(function, grid)
     if layout not in ("kji", "ijk"):
         raise ValueError(f"{function}: layout must be 'kji' or 'ijk', not {layout!r}")
     data, mask = split_mask(values)
     data = _values(function, data)
     selection = isinstance(topology, tessel.ReservoirSelectionTopology)
-
     if selection:
         if layout != "kji":
             raise ValueError(f"{function}: a selection's values are one per selected cell, in selection "
@@ -94,34 +119,39 @@ def _reduce(function: str, native: Any, values: ArrayLike, grid: Any, active: Ar
             raise ValueError(f"{function}: values of the shape {data.shape} do not fit the grid of {ni} x {nj} "
                              f"x {nk} cells: layout {layout!r} takes the shape {grid_shape} or "
                              f"({ni * nj * nk},)")
-    valid = _valid(function, data.shape, mask, active)
-    masked = valid is not None or isinstance(values, np.ma.MaskedArray)
+    given_shape = data.shape
+    valid = _valid(function, given_shape, mask, active)
+    result_mask = None if valid is None else ~valid
+    if result_mask is None and isinstance(values, np.ma.MaskedArray):
+        result_mask = np.zeros(data.shape, dtype=bool)  # masked in, masked out
     if valid is not None and valid.all():
         valid = None
 
+    ijk = layout == "ijk" and not selection
+    if ijk:  # to cell order, I fastest
+        data = data.reshape(ni, nj, nk).transpose(2, 1, 0)
+        valid = None if valid is None else valid.reshape(ni, nj, nk).transpose(2, 1, 0)
+    if valid is None:
+        return ColumnArrays(topology, data if selection else np.ascontiguousarray(data), None, data.size,
+                            given_shape, ijk, result_mask)
+    cells = np.flatnonzero(valid)
+    flat = data.reshape(-1)
+    if selection:
+        part = tessel.ReservoirSelectionTopology(topology.parent_topology, topology.selected_cells[cells])
+    else:  # the selection of those cells, in cell order: each column's sum in ascending K, as the grid kernel
+        ijk_of = np.column_stack([cells % ni, (cells // ni) % nj, cells // (ni * nj)]).astype(np.uint16)
+        part = tessel.ReservoirSelectionTopology(topology, ijk_of)
+    return ColumnArrays(part, flat[cells], cells, data.size, given_shape, ijk, result_mask)
+
+
+def _reduce(function: str, native: Any, values: ArrayLike, grid: Any, active: ArrayLike | None,
+            layout: str) -> Any:
+    columns = prepare_columns(function, values, grid, active, layout)
     try:
-        if selection:
-            result = _on_selection(native, topology, data, valid)
-        else:
-            shape = data.shape
-            if layout == "ijk":  # to cell order, I fastest
-                data = data.reshape(ni, nj, nk).transpose(2, 1, 0)
-                valid = valid.reshape(ni, nj, nk).transpose(2, 1, 0) if valid is not None else None
-            if valid is None:
-                result = native(topology, np.ascontiguousarray(data))
-            else:
-                result = _on_cells(native, topology, data.reshape(-1), valid.reshape(-1))
-            if layout == "ijk":
-                result = _columns_ijk(result.reshape(nk, nj, ni), valid is None)
-            result = result.reshape(shape)
+        result = native(columns.topology, columns.values)
     except (RuntimeError, ValueError) as error:
         raise ValueError(f"{function}: {native_message(error)}") from error
-
-    if not masked:
-        return result
-    if valid is not None and layout == "ijk" and not selection:
-        valid = valid.transpose(2, 1, 0)
-    return np.ma.MaskedArray(result, mask=False if valid is None else ~valid.reshape(result.shape))
+    return columns.finish(result)
 
 
 def _valid(function: str, shape: tuple[int, ...], mask: NDArray[np.bool_] | None,
@@ -138,25 +168,6 @@ def _valid(function: str, shape: tuple[int, ...], mask: NDArray[np.bool_] | None
     if mask is not None:
         valid = ~mask if valid is None else valid & ~mask
     return valid
-
-
-def _on_selection(native: Any, selection: Any, data: np.ndarray, valid: NDArray[np.bool_] | None) -> Any:
-    if valid is None:
-        return native(selection, data)
-    subset = tessel.ReservoirSelectionTopology(selection.parent_topology, selection.selected_cells[valid])
-    result = np.zeros_like(data)
-    result[valid] = native(subset, data[valid])
-    return result
-
-
-def _on_cells(native: Any, grid: Any, data: np.ndarray, valid: NDArray[np.bool_]) -> Any:
-    """A reduction over some cells of a grid: the selection of those cells, in cell order."""
-    cells = np.flatnonzero(valid)
-    ni, nj = grid.nI, grid.nJ
-    ijk = np.column_stack([cells % ni, (cells // ni) % nj, cells // (ni * nj)]).astype(np.uint16)
-    result = np.zeros(data.shape, dtype=data.dtype)
-    result[cells] = native(tessel.ReservoirSelectionTopology(grid, ijk), data[cells])
-    return result
 
 
 def _columns_ijk(result: np.ndarray, whole: bool) -> np.ndarray:

@@ -222,7 +222,7 @@ class _Table:
     def to_frame(self) -> Any:
         """A pandas DataFrame of the table, the form that ``from_frame`` reads."""
         try:
-            import pandas as pd
+            import pandas as pd  # type: ignore[import-untyped,unused-ignore]
         except ImportError as error:
             raise ImportError(f"{self.keyword}.to_frame needs pandas: pip install pandas") from error
         blocks = [self._region_rows(region) for region in self._regions]
