@@ -65,30 +65,32 @@ class CellArrays:
         return result if self.mask is None else np.ma.MaskedArray(result, mask=self.mask)
 
 
-_FLOAT64 = np.dtype(np.float64)  # builtin dtypes are singletons: `is` also tells the byte order
+_FLOAT64 = np.dtype(np.float64)  # mostly the very dtype of an array: `is` first, `==` else
 _INT32 = np.dtype(np.int32)
 
 
 def _ready(array: Any, dtype: np.dtype[Any], shape: tuple[int, ...]) -> bool:
-    if type(array) is not np.ndarray or array.dtype is not dtype or array.shape != shape:
+    if type(array) is not np.ndarray or array.shape != shape or not (array.dtype is dtype or array.dtype == dtype):
         return False
     flags = array.flags
     return bool(flags.c_contiguous and flags.writeable and flags.aligned)
 
 
-def _prepared_as_they_are(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]],
-                          out: Any) -> CellArrays | None:
-    """The common case with few steps: every array ready to be read and written in place."""
+def ready_buffers(regions: Any, inputs: list[Any], out: Any) -> list[np.ndarray] | None:
+    """The common case in few steps: flat views of the region numbers (None: no regions), the
+    inputs and `out`, when every one of them can be read and written in place as it is (int32
+    regions, float64 otherwise, all of one shape, contiguous, aligned, writeable, native order).
+    None when any cannot, or when `out` is not given."""
     if type(out) is not np.ndarray:
         return None
     shape = out.shape
-    if not _ready(out, _FLOAT64, shape) or (regions is not None and not _ready(regions[1], _INT32, shape)):
+    if not _ready(out, _FLOAT64, shape) or (regions is not None and not _ready(regions, _INT32, shape)):
         return None
-    for _, value in inputs:
+    for value in inputs:
         if not _ready(value, _FLOAT64, shape):
             return None
-    return CellArrays(function, shape, None if regions is None else regions[1].reshape(-1),
-                      [value.reshape(-1) for _, value in inputs], out.reshape(-1), None, out, None)
+    arrays = inputs + [out] if regions is None else [regions, *inputs, out]
+    return arrays if len(shape) == 1 else [a.reshape(-1) for a in arrays]
 
 
 def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any,
@@ -99,9 +101,6 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
     messages.  With `keep_out` the result starts from the values of `out`
     (zeros without it), for calculations that leave some cells alone.
     """
-    ready = _prepared_as_they_are(function, regions, inputs, out)
-    if ready is not None:
-        return ready
     named = ([regions] if regions is not None else []) + inputs
     data, masks = [], []
     for name, value in named:

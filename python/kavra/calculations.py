@@ -36,7 +36,7 @@ from numpy.typing import ArrayLike, NDArray
 import tessel
 
 from . import _kavracore as _native
-from ._arrays import CellArrays, index_text, native_message, prepare_cells, split_mask
+from ._arrays import CellArrays, index_text, native_message, prepare_cells, ready_buffers, split_mask
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
 
 __all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", "one_over_bg",
@@ -58,7 +58,22 @@ def _native_table(function: str, name: str, table: Any, values: tuple[type[_Tabl
                     f"got {type(table).__name__}")
 
 
-def _run_table(call: Any, native_list: Any, kind: str, cells: CellArrays) -> Any:
+def _calculate(function: str, call: Any, native_list: Any, kind: str, pvtnum: Any, inputs: list[tuple[str, Any]],
+               out: Any, keep_out: bool = False) -> NDArray[np.float64]:
+    """A PVT or rock calculation: the native call straight on the caller's buffers when they are
+    ready as they are, else on prepared ones."""
+    ready = ready_buffers(pvtnum, [value for _, value in inputs], out)
+    if ready is not None:
+        try:
+            call(native_list, _wrap_int(ready[0]), *map(_wrap_double, ready[1:]))
+            return out  # type: ignore[no-any-return]
+        except RuntimeError:
+            pass  # the same call on the prepared buffers fails the same way, and says it in words
+    cells = prepare_cells(function, ("pvtnum", pvtnum), inputs, out, keep_out=keep_out)
+    return _run_table(call, native_list, kind, cells)
+
+
+def _run_table(call: Any, native_list: Any, kind: str, cells: CellArrays) -> NDArray[np.float64]:
     """The native call of a PVT or rock calculation over the prepared buffers."""
     assert cells.regions is not None
     grid_functions = [_wrap_int(cells.regions), *map(_wrap_double, cells.inputs), _wrap_double(cells.result)]
@@ -66,7 +81,7 @@ def _run_table(call: Any, native_list: Any, kind: str, cells: CellArrays) -> Any
         call(native_list, *grid_functions)
     except RuntimeError as error:
         raise _table_failure(cells, native_list, kind, error) from error
-    return cells.finish()
+    return cells.finish()  # type: ignore[no-any-return]
 
 
 def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: RuntimeError) -> ValueError:
@@ -117,8 +132,8 @@ def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs:
     [120. 150.   0.]
     """
     native_list = _native_table("bubble_point_pressure", "pvto", pvto, (PVTO,), _native.TPVTOList)
-    cells = prepare_cells("bubble_point_pressure", ("pvtnum", pvtnum), [("rs", rs)], out)
-    return _run_table(_native.CalcBubblePointPressure, native_list, "PVTO", cells)  # type: ignore[no-any-return]
+    return _calculate("bubble_point_pressure", _native.CalcBubblePointPressure, native_list, "PVTO", pvtnum,
+                      [("rs", rs)], out)
 
 
 def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: ArrayLike, *,
@@ -152,9 +167,8 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
      [133.33333333 222.22222222]]
     """
     native_list = _native_table("one_over_b", "pvdx", pvdx, (PVDG, PVDO), _native.TPVTList)
-    cells = prepare_cells("one_over_b", ("pvtnum", pvtnum), [("p", p)], out)
     kind = type(pvdx).__name__ if isinstance(pvdx, _Table) else "TPVTList"
-    return _run_table(_native.CalcOneOverB, native_list, kind, cells)  # type: ignore[no-any-return]
+    return _calculate("one_over_b", _native.CalcOneOverB, native_list, kind, pvtnum, [("p", p)], out)
 
 
 def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike, pbub: ArrayLike, *,
@@ -191,8 +205,8 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
     [0.8        0.75709779]
     """
     native_list = _native_table("one_over_bo", "pvto", pvto, (PVTO,), _native.TPVTOList)
-    cells = prepare_cells("one_over_bo", ("pvtnum", pvtnum), [("po", po), ("pbub", pbub)], out)
-    return _run_table(_native.CalcOneOverBo, native_list, "PVTO", cells)  # type: ignore[no-any-return]
+    return _calculate("one_over_bo", _native.CalcOneOverBo, native_list, "PVTO", pvtnum,
+                      [("po", po), ("pbub", pbub)], out)
 
 
 def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike, *,
@@ -224,8 +238,7 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
     [1.    1.105]
     """
     native_list = _native_table("one_over_bw", "pvtw", pvtw, (PVTW,), _native.TPVTWList)
-    cells = prepare_cells("one_over_bw", ("pvtnum", pvtnum), [("pw", pw)], out)
-    return _run_table(_native.CalcOneOverBw, native_list, "PVTW", cells)  # type: ignore[no-any-return]
+    return _calculate("one_over_bw", _native.CalcOneOverBw, native_list, "PVTW", pvtnum, [("pw", pw)], out)
 
 
 def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike, pdew: ArrayLike,
@@ -264,8 +277,8 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
     [72.5 75. ]
     """
     native_list = _native_table("one_over_bg", "pvtg", pvtg, (PVTG,), _native.TPVTGList)
-    cells = prepare_cells("one_over_bg", ("pvtnum", pvtnum), [("pg", pg), ("pdew", pdew), ("rv", rv)], out)
-    return _run_table(_native.CalcOneOverBg, native_list, "PVTG", cells)  # type: ignore[no-any-return]
+    return _calculate("one_over_bg", _native.CalcOneOverBg, native_list, "PVTG", pvtnum,
+                      [("pg", pg), ("pdew", pdew), ("rv", rv)], out)
 
 
 def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, poro: ArrayLike, *,
@@ -299,19 +312,26 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
     [0.221 0.2   0.   ]
     """
     native_list = _native_table("porosity", "rock", rock, (ROCK,), _native.TRockList)
-    cells = prepare_cells("porosity", ("pvtnum", pvtnum), [("po", po), ("poro", poro)], out, keep_out=True)
-    return _run_table(_native.CalcPorosity, native_list, "ROCK", cells)  # type: ignore[no-any-return]
+    return _calculate("porosity", _native.CalcPorosity, native_list, "ROCK", pvtnum,
+                      [("po", po), ("poro", poro)], out, keep_out=True)
 
 
-def _run_plain(function: str, calls: list[tuple[Any, list[int]]], cells: CellArrays) -> Any:
-    """Native calls on input buffers (by position) and the result, for calculations without tables."""
-    buffers = [*map(_wrap_double, cells.inputs), _wrap_double(cells.result)]
+def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[tuple[str, Any]],
+               out: Any) -> NDArray[np.float64]:
+    """Native calls on the inputs and the result (by position), for calculations without tables:
+    straight on the caller's buffers when they are ready as they are, else on prepared ones."""
+    ready = ready_buffers(None, [value for _, value in inputs], out)
+    cells = None
+    if ready is None:
+        cells = prepare_cells(function, None, inputs, out)
+        ready = [*cells.inputs, cells.result]
+    buffers = list(map(_wrap_double, ready))
     try:
         for call, arguments in calls:
             call(*(buffers[a] for a in arguments))
     except RuntimeError as error:
         raise ValueError(f"{function}: {native_message(error)}") from error
-    return cells.finish()
+    return out if cells is None else cells.finish()  # type: ignore[no-any-return]
 
 
 def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
@@ -336,8 +356,8 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
     >>> print(porosity_from_porv([1000.0, 0.0, 500.0], [250.0, 10.0, 100.0]))
     [0.25 0.   0.2 ]
     """
-    cells = prepare_cells("porosity_from_porv", None, [("bulk_volume", bulk_volume), ("porv", porv)], out)
-    return _run_plain("porosity_from_porv", [(_native.CalcPorosityFromPORV, [0, 1, 2])], cells)  # type: ignore[no-any-return]
+    return _run_plain("porosity_from_porv", [(_native.CalcPorosityFromPORV, [0, 1, 2])],
+                      [("bulk_volume", bulk_volume), ("porv", porv)], out)
 
 
 def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = None,
@@ -367,11 +387,10 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
     [800.   0.]
     """
     inputs = [("porv", porv), ("poro", poro)] + ([("ntg", ntg)] if ntg is not None else [])
-    cells = prepare_cells("bulk_volume", None, inputs, out)
     calls: list[tuple[Any, list[int]]] = [(_native.CalcBulkVolume, [0, 1, len(inputs)])]
     if ntg is not None:
         calls.append((_native.CalcBulkVolume, [2, 3]))
-    return _run_plain("bulk_volume", calls, cells)  # type: ignore[no-any-return]
+    return _run_plain("bulk_volume", calls, inputs, out)
 
 
 def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
@@ -397,8 +416,8 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
     >>> print(rs_from_components([2.0, 0.0, -1.0], [100.0, 5.0, 5.0]))
     [50.  0.  0.]
     """
-    cells = prepare_cells("rs_from_components", None, [("denominator", denominator), ("numerator", numerator)], out)
-    return _run_plain("rs_from_components", [(_native.CalcRsFromComponents, [0, 1, 2])], cells)  # type: ignore[no-any-return]
+    return _run_plain("rs_from_components", [(_native.CalcRsFromComponents, [0, 1, 2])],
+                      [("denominator", denominator), ("numerator", numerator)], out)
 
 
 def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.ReservoirSelectionTopology

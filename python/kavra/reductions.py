@@ -43,6 +43,7 @@ __all__ = ["kmax", "kmin", "ksum", "kaverage"]
 Grid = tessel.ReservoirTopology | tessel.ReservoirSelectionTopology | tuple[int, int, int]
 Layout = Literal["kji", "ijk"]
 
+_GRID = tessel.ReservoirTopology
 # The element types of the native kernels, by NumPy type character.
 _KERNEL_TYPES = "iIlLfd"
 # Same width as C long on this platform: viewed as long, bits unchanged.
@@ -146,6 +147,13 @@ def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLi
 
 def _reduce(function: str, native: Any, values: ArrayLike, grid: Any, active: ArrayLike | None,
             layout: str) -> Any:
+    if (active is None and layout == "kji" and type(values) is np.ndarray and type(grid) is _GRID
+            and values.dtype.char in _KERNEL_TYPES and values.dtype.isnative and values.flags.c_contiguous
+            and values.size == grid.nI * grid.nJ * grid.nK):
+        try:  # the common case, in few steps: the kernel takes the array as it is
+            return native(grid, values)
+        except ValueError:
+            pass  # a shape it does not take: said in the words below
     columns = prepare_columns(function, values, grid, active, layout)
     try:
         result = native(columns.topology, columns.values)

@@ -257,6 +257,7 @@ class _RecordTable(_Table):
     """Regions of records ``[key, a, b, mu, a, b, mu, ...]``."""
 
     __slots__ = ()
+    _native_fields: ClassVar[tuple[str, str, str, str]]  # of the native row and its points
     _row_class: ClassVar[Any]
     _nested_class: ClassVar[Any]
     _table_class: ClassVar[Any]
@@ -518,6 +519,7 @@ class PVDG(_DeadTable):
 class _RecordPerRegion(_Table):
     __slots__ = ()
     _fields: ClassVar[tuple[str, ...]]  # of the native record, in column order
+    _native_classes: ClassVar[tuple[Any, Any]]  # the record and the list
 
     def _region(self, number: int, region: Any) -> FloatArray:
         where = f"{self.keyword} region {number}"
@@ -537,7 +539,7 @@ class _RecordPerRegion(_Table):
         return rows[0]
 
     def _native_list(self, scalar: Any) -> Any:
-        record, native_list = self._native_classes  # type: ignore[attr-defined]
+        record, native_list = self._native_classes
         return native_list([record(*(scalar(v, q) for v, q in zip(region, self._quantities)))
                             for region in self._regions])
 
@@ -547,7 +549,8 @@ class _RecordPerRegion(_Table):
         if not isinstance(lst, native_list):
             raise TypeError(f"{cls.keyword}.from_native needs a {native_list.__name__}, got {type(lst).__name__}")
         where = native_list.__name__ + " region {}: {}"
-        return cls([[_value(getattr(r, name), where.format(number, name)) for name in cls._fields]  # type: ignore[attr-defined]
+        fields = cls._fields  # type: ignore[attr-defined]
+        return cls([[_value(getattr(r, name), where.format(number, name)) for name in fields]
                     for number, r in enumerate(lst, start=1)], units)
 
 
