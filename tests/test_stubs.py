@@ -35,7 +35,7 @@ def test_stubtest_finds_no_difference(tmp_path):
     assert done.returncode == 0, done.stdout + done.stderr
 
 
-@pytest.mark.parametrize("example", ["workflow.py", "arrays_and_tables.py"])
+@pytest.mark.parametrize("example", ["workflow.py", "arrays_and_tables.py", "ensemble_dask.py"])
 def test_examples_type_check_strictly(tmp_path, example):
     done = subprocess.run(
         [sys.executable, "-m", "mypy", "--strict", "--cache-dir", str(tmp_path), str(ROOT / "examples" / example)],

@@ -1,0 +1,189 @@
+"""kavra.dask on a local cluster of worker processes: the same bits as the NumPy functions."""
+
+import doctest
+
+import dask
+import dask.array as da
+import numpy as np
+import pytest
+from dask.distributed import Client, LocalCluster
+
+import kavra
+import kavra.dask
+import tessel
+from kavra.tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
+
+NK, NJ, NI = 100, 100, 100  # 10^6 cells
+SHAPE = (NK, NJ, NI)
+
+
+@pytest.fixture(scope="module")
+def client():
+    with LocalCluster(processes=True, n_workers=2, threads_per_worker=1, dashboard_address=None) as cluster:
+        with Client(cluster) as client, dask.config.set({"distributed.admin.large-graph-warning-threshold": "64MB"}):
+            yield client
+
+
+def on_cluster(array, chunks):
+    """`array` in chunks, held by the workers, so that each test sends a small graph."""
+    return da.from_array(array, chunks=chunks).persist()
+
+
+def same_bits(got, expected):
+    assert type(got) is type(expected) and got.dtype == expected.dtype and got.shape == expected.shape
+    if isinstance(expected, np.ma.MaskedArray):
+        np.testing.assert_array_equal(np.ma.getmaskarray(got), np.ma.getmaskarray(expected))
+        got, expected = got.filled(0), expected.filled(0)
+    unsigned = np.dtype(f"u{expected.dtype.itemsize}")
+    np.testing.assert_array_equal(got.view(unsigned), expected.view(unsigned))
+
+
+TABLES = {
+    "pvto": PVTO([[[20.0, 80.0, 1.15, 1.1, 300.0, 1.12, 1.3], [60.0, 150.0, 1.28, 0.9, 350.0, 1.22, 1.1],
+                   [110.0, 240.0, 1.45, 0.7, 400.0, 1.40, 0.9]],
+                  [[30.0, 100.0, 1.2, 1.0, 300.0, 1.17, 1.2], [90.0, 210.0, 1.38, 0.8, 380.0, 1.33, 1.0]]]),
+    "pvdo": PVDO([[[50.0, 1.3, 1.0], [200.0, 1.2, 1.1], [400.0, 1.1, 1.3]],
+                  [[60.0, 1.25, 1.0], [350.0, 1.15, 1.2]]]),
+    "pvdg": PVDG([[[50.0, 0.025, 0.012], [150.0, 0.009, 0.015], [300.0, 0.0045, 0.02]],
+                  [[40.0, 0.03, 0.012], [320.0, 0.004, 0.02]]]),
+    "pvtw": PVTW([[200.0, 1.02, 4.5e-5, 0.5, 1e-4], [250.0, 1.01, 4e-5, 0.4, 0.0]]),
+    "pvtg": PVTG([[[100.0, 0.01, 0.02, 0.02, 0.0, 0.021, 0.018], [200.0, 0.02, 0.01, 0.02, 0.0, 0.0105, 0.019],
+                   [300.0, 0.03, 0.006, 0.03, 0.0, 0.0063, 0.028]],
+                  [[120.0, 0.015, 0.018, 0.02, 0.0, 0.019, 0.019], [280.0, 0.025, 0.007, 0.03, 0.0, 0.0074, 0.02]]]),
+    "rock": ROCK([[200.0, 5e-5], [250.0, 8e-5]]),
+}
+
+
+# Three chunkings; every calculation below mixes inputs of at least two, so its chunks do not line up.
+A, B, C = (50, 100, 100), (100, 40, 100), (30, 100, 100)
+FIELD_CHUNKS = {"pvtnum": A, "p": B, "pbub": C, "rs": B, "pdew": C, "rv": A, "poro": C, "porv": A, "ntg": B,
+                "denominator": C}
+
+
+@pytest.fixture(scope="module")
+def fields(client):
+    """Per input name: the NumPy array and the same numbers in chunks on the cluster."""
+    rng = np.random.default_rng(16)
+
+    def uniform(low, high):
+        return rng.uniform(low, high, SHAPE)
+
+    arrays = {
+        "pvtnum": rng.choice(np.array([0, 1, 2], dtype=np.int32), SHAPE, p=[0.02, 0.49, 0.49]),
+        "p": uniform(30.0, 450.0), "pbub": uniform(60.0, 260.0), "rs": uniform(0.0, 130.0),
+        "pdew": uniform(90.0, 320.0), "rv": uniform(0.0, 0.03), "poro": uniform(0.05, 0.35),
+        "porv": uniform(0.0, 500.0), "ntg": uniform(0.5, 1.0),
+        "denominator": np.where(rng.random(SHAPE) < 0.1, rng.choice([0.0, -1.0], SHAPE), uniform(0.5, 5.0)),
+    }
+    return {name: (array, on_cluster(array, FIELD_CHUNKS[name])) for name, array in arrays.items()}
+
+
+# name -> table (or None), inputs after it, keyword inputs
+CELL_CALLS = {
+    "bubble_point_pressure": ("pvto", ["pvtnum", "rs"], {}),
+    "one_over_b-pvdo": ("pvdo", ["pvtnum", "p"], {}),
+    "one_over_b-pvdg": ("pvdg", ["pvtnum", "p"], {}),
+    "one_over_bo": ("pvto", ["pvtnum", "p", "pbub"], {}),
+    "one_over_bw": ("pvtw", ["pvtnum", "p"], {}),
+    "one_over_bg": ("pvtg", ["pvtnum", "p", "pdew", "rv"], {}),
+    "rs_from_components": (None, ["denominator", "rs"], {}),
+    "porosity": ("rock", ["pvtnum", "p", "poro"], {}),
+    "porosity_from_porv": (None, ["denominator", "porv"], {}),
+    "bulk_volume": (None, ["porv", "denominator"], {"ntg": "ntg"}),
+}
+
+
+@pytest.mark.parametrize("call", CELL_CALLS, ids=str)
+def test_cell_calculations_match_numpy_over_misaligned_chunks(fields, call):
+    table_name, names, keyword_names = CELL_CALLS[call]
+    name = call.split("-")[0]
+    table = () if table_name is None else (TABLES[table_name],)
+    expected = getattr(kavra, name)(*table, *(fields[n][0] for n in names),
+                                    **{k: fields[n][0] for k, n in keyword_names.items()})
+    result = getattr(kavra.dask, name)(*table, *(fields[n][1] for n in names),
+                                       **{k: fields[n][1] for k, n in keyword_names.items()})
+    assert result.npartitions > 2
+    same_bits(result.compute(), expected)
+
+
+def test_cell_calculation_broadcasts_and_keeps_masks(fields):
+    regions = fields["pvtnum"][0][0, 0]  # one row of regions for every layer and row
+    expected = kavra.one_over_bo(TABLES["pvto"], regions, np.ma.masked_greater(fields["p"][0], 400.0), 180.0)
+    result = kavra.dask.one_over_bo(TABLES["pvto"], da.from_array(regions, chunks=30),
+                                    da.ma.masked_greater(fields["p"][1], 400.0), 180.0)
+    same_bits(result.compute(), expected)
+
+
+# case -> layout, chunks of the values, share of active cells
+REDUCTION_CASES = {
+    # kmax, kmin: a tree of two levels (10 chunks in K, 4 per step); ksum, kaverage: rechunked
+    "kji float64, K split": ("kji", (10, 50, 100), None),
+    "flat int32": ("kji", 123_457, None),  # chunks across layer boundaries; integer sums by the tree
+    "ijk float32, active": ("ijk", (50, 50, 30), 0.9),  # K split on the last axis; whole columns
+}
+
+
+@pytest.fixture(scope="module")
+def reduction_inputs(client):
+    """Per case: values (NumPy, on the cluster) and active cells (None, or NumPy and on the cluster).
+
+    Columns hold NaN, infinities, both zeros (the minimum of the columns at J=0 is whichever comes
+    first in K), ties, and only negative numbers (J=1); the integers overflow any column sum.
+    """
+    rng = np.random.default_rng(14)
+    values = rng.normal(0.0, 10.0, SHAPE)
+    values[:, 0, :] = np.abs(values[:, 0, :])
+    values[rng.random(SHAPE) < 0.05] = 0.0
+    values[(rng.random(SHAPE) < 0.5) & (values == 0.0)] = -0.0
+    values[:, 1, :] = -np.abs(values[:, 1, :])
+    values[rng.random(SHAPE) < 0.01] = np.nan
+    values[rng.random(SHAPE) < 0.002] = np.inf
+    values[rng.random(SHAPE) < 0.002] = -np.inf
+    values[:, 2, :] = np.round(values[:, 2, :])
+    active = rng.random(SHAPE) < REDUCTION_CASES["ijk float32, active"][2]
+    active[:, :2, :] = False  # columns without any active cell
+    arrays = {
+        "kji float64, K split": (values, None),
+        "flat int32": (rng.integers(-2**31, 2**31 - 1, NK * NJ * NI, dtype=np.int32, endpoint=True), None),
+        "ijk float32, active": (values.astype(np.float32).transpose(2, 1, 0).copy(), active),
+    }
+    return {case: ((v, on_cluster(v, REDUCTION_CASES[case][1])),
+                   None if a is None else (a, on_cluster(a, (100, 20, 100))))
+            for case, (v, a) in arrays.items()}
+
+
+@pytest.mark.parametrize("reduction", ["kmax", "kmin", "ksum", "kaverage"])
+@pytest.mark.parametrize("case", REDUCTION_CASES, ids=str)
+def test_reductions_match_numpy(reduction_inputs, case, reduction):
+    layout = REDUCTION_CASES[case][0]
+    (values, chunked), active = reduction_inputs[case]
+    expected = getattr(kavra, reduction)(values, (NI, NJ, NK), active=active and active[0], layout=layout)
+    result = getattr(kavra.dask, reduction)(chunked, (NI, NJ, NK), active=active and active[1], layout=layout)
+    assert result.shape == values.shape and result.dtype == values.dtype
+    same_bits(result.compute(), expected)
+
+
+def test_refusals_and_failures(fields):
+    pressure = fields["p"][1]
+    with pytest.raises(TypeError, match="must be a kavra.tables.PVTO .*from_native"):
+        kavra.dask.one_over_bo(TABLES["pvto"].to_native(), 1, pressure, pressure)
+    with pytest.raises(TypeError, match="pvtnum must hold integer region numbers"):
+        kavra.dask.one_over_bo(TABLES["pvto"], pressure, pressure, pressure)
+    grid = tessel.ReservoirTopology(NI, NJ, NK)
+    with pytest.raises(TypeError, match="selections are not supported"):
+        kavra.dask.kmax(pressure[0, 0], tessel.ReservoirSelectionTopology(grid, [[i, 0, 0] for i in range(NI)]))
+    with pytest.raises(ValueError, match=r"do not fit the grid of 100 x 100 x 100 cells"):
+        kavra.dask.ksum(pressure[1:], grid)
+    with pytest.raises(TypeError, match="float16"):
+        kavra.dask.kmin(pressure.astype(np.float16), grid)
+
+    regions = da.where(da.arange(NK)[:, None, None] == 70, 3, fields["pvtnum"][1])  # region 3 in layer 70
+    lazy = kavra.dask.one_over_bo(TABLES["pvto"], regions, pressure, 150.0)
+    with pytest.raises(ValueError, match=r"region 3 at pvtnum\[20, 0, 0\] .*\(in the chunk \[50:100, \d+:\d+, "
+                                         r"0:100\] of the result"):
+        lazy.compute()
+
+
+def test_docstring_examples(client):
+    failures, tried = doctest.testmod(kavra.dask, optionflags=doctest.NORMALIZE_WHITESPACE)
+    assert tried > 20 and failures == 0
