@@ -27,7 +27,7 @@ _LAYER = {
     "one_over_bw": "calculations", "one_over_bg": "calculations", "rs_from_components": "calculations",
     "porosity": "calculations", "porosity_from_porv": "calculations", "bulk_volume": "calculations",
     "transmissibility_k": "calculations", "kmax": "reductions", "kmin": "reductions", "ksum": "reductions",
-    "kaverage": "reductions",
+    "kaverage": "reductions", "get_num_threads": "_threads", "set_num_threads": "_threads",
 }
 
 if TYPE_CHECKING:  # "name as name": exported for type checkers
@@ -46,6 +46,8 @@ if TYPE_CHECKING:  # "name as name": exported for type checkers
     from .reductions import kmax as kmax
     from .reductions import kmin as kmin
     from .reductions import ksum as ksum
+    from ._threads import get_num_threads as get_num_threads
+    from ._threads import set_num_threads as set_num_threads
 
 
 _SUBMODULES = ("tables", "calculations", "reductions")

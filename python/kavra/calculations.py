@@ -36,6 +36,8 @@ from numpy.typing import ArrayLike, NDArray
 import tessel
 
 from . import _kavracore as _native
+from . import _parallel
+from ._threads import resolve as _resolve_threads
 from ._arrays import CellArrays, index_text, native_message, prepare_cells, ready_buffers, split_mask
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
 
@@ -58,10 +60,18 @@ def _native_table(function: str, name: str, table: Any, values: tuple[type[_Tabl
                     f"got {type(table).__name__}")
 
 
+def _on_threads(call: Any, threads: int | None) -> Any:
+    """The native `call` run on threads: kavra._parallel's function of the same name, which gives
+    the native call's bits, and its failures, for any number of threads."""
+    parallel, count = getattr(_parallel, call.__name__), _resolve_threads(threads)
+    return lambda *arguments: parallel(*arguments, count)
+
+
 def _calculate(function: str, call: Any, native_list: Any, kind: str, pvtnum: Any, inputs: list[tuple[str, Any]],
-               out: Any, keep_out: bool = False) -> NDArray[np.float64]:
+               out: Any, threads: int | None, keep_out: bool = False) -> NDArray[np.float64]:
     """A PVT or rock calculation: the native call straight on the caller's buffers when they are
     ready as they are, else on prepared ones."""
+    call = _on_threads(call, threads)
     ready = ready_buffers(pvtnum, [value for _, value in inputs], out)
     if ready is not None:
         try:
@@ -103,7 +113,7 @@ def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: Runtim
 
 
 def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs: ArrayLike, *,
-                          out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+                          out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Bubble point pressure per cell, along the saturated line of the live-oil table.
 
     Parameters
@@ -116,6 +126,8 @@ def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs:
         Dissolved gas-oil ratio per cell, in the table's Rs unit (sm3/sm3 in METRIC).
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -133,11 +145,11 @@ def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs:
     """
     native_list = _native_table("bubble_point_pressure", "pvto", pvto, (PVTO,), _native.TPVTOList)
     return _calculate("bubble_point_pressure", _native.CalcBubblePointPressure, native_list, "PVTO", pvtnum,
-                      [("rs", rs)], out)
+                      [("rs", rs)], out, threads)
 
 
 def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: ArrayLike, *,
-               out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+               out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """1/B per cell of a dead oil or dry gas: B interpolated linearly in pressure, then inverted.
 
     Parameters
@@ -150,6 +162,8 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
         Pressure per cell, in the table's pressure unit (barsa in METRIC).
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -168,11 +182,11 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
     """
     native_list = _native_table("one_over_b", "pvdx", pvdx, (PVDG, PVDO), _native.TPVTList)
     kind = type(pvdx).__name__ if isinstance(pvdx, _Table) else "TPVTList"
-    return _calculate("one_over_b", _native.CalcOneOverB, native_list, kind, pvtnum, [("p", p)], out)
+    return _calculate("one_over_b", _native.CalcOneOverB, native_list, kind, pvtnum, [("p", p)], out, threads)
 
 
 def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike, pbub: ArrayLike, *,
-                out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+                out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """1/Bo per cell of a live oil.
 
     Where ``|po - pbub| < 0.0001`` the oil is saturated and Bo is read along the saturated line
@@ -190,6 +204,8 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
         Oil pressure and bubble point pressure per cell, in the table's pressure unit.
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -206,11 +222,11 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
     """
     native_list = _native_table("one_over_bo", "pvto", pvto, (PVTO,), _native.TPVTOList)
     return _calculate("one_over_bo", _native.CalcOneOverBo, native_list, "PVTO", pvtnum,
-                      [("po", po), ("pbub", pbub)], out)
+                      [("po", po), ("pbub", pbub)], out, threads)
 
 
 def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike, *,
-                out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+                out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """1/Bw per cell: ``(1 + x + x**2/2) / bw`` with ``x = (pw - p_ref) * cw`` of the region.
 
     Parameters
@@ -223,6 +239,8 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
         Water pressure per cell, in the table's pressure unit.
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -238,11 +256,11 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
     [1.    1.105]
     """
     native_list = _native_table("one_over_bw", "pvtw", pvtw, (PVTW,), _native.TPVTWList)
-    return _calculate("one_over_bw", _native.CalcOneOverBw, native_list, "PVTW", pvtnum, [("pw", pw)], out)
+    return _calculate("one_over_bw", _native.CalcOneOverBw, native_list, "PVTW", pvtnum, [("pw", pw)], out, threads)
 
 
 def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike, pdew: ArrayLike,
-                rv: ArrayLike, *, out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+                rv: ArrayLike, *, out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """1/Bg per cell of a wet gas.
 
     Where ``|pg - pdew| < 0.0001``, or ``pg`` is at or outside the table's first or last gas
@@ -262,6 +280,8 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
         Vaporised oil-gas ratio per cell, in the table's Rv unit.
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -278,11 +298,11 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
     """
     native_list = _native_table("one_over_bg", "pvtg", pvtg, (PVTG,), _native.TPVTGList)
     return _calculate("one_over_bg", _native.CalcOneOverBg, native_list, "PVTG", pvtnum,
-                      [("pg", pg), ("pdew", pdew), ("rv", rv)], out)
+                      [("pg", pg), ("pdew", pdew), ("rv", rv)], out, threads)
 
 
 def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, poro: ArrayLike, *,
-             out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+             out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Porosity under pressure: ``poro * (1 + x + x**2/2)``, ``x = (po - p_ref) * cr``, at most 1.
 
     Parameters
@@ -298,6 +318,8 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
         Porosity per cell at the reference pressure (fraction).
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -313,11 +335,11 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
     """
     native_list = _native_table("porosity", "rock", rock, (ROCK,), _native.TRockList)
     return _calculate("porosity", _native.CalcPorosity, native_list, "ROCK", pvtnum,
-                      [("po", po), ("poro", poro)], out, keep_out=True)
+                      [("po", po), ("poro", poro)], out, threads, keep_out=True)
 
 
 def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[tuple[str, Any]],
-               out: Any) -> NDArray[np.float64]:
+               out: Any, threads: int | None) -> NDArray[np.float64]:
     """Native calls on the inputs and the result (by position), for calculations without tables:
     straight on the caller's buffers when they are ready as they are, else on prepared ones."""
     ready = ready_buffers(None, [value for _, value in inputs], out)
@@ -328,14 +350,14 @@ def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[t
     buffers = list(map(_wrap_double, ready))
     try:
         for call, arguments in calls:
-            call(*(buffers[a] for a in arguments))
+            _on_threads(call, threads)(*(buffers[a] for a in arguments))
     except RuntimeError as error:
         raise ValueError(f"{function}: {native_message(error)}") from error
     return out if cells is None else cells.finish()  # type: ignore[no-any-return]
 
 
 def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
-                       out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+                       out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Porosity per cell as ``porv / bulk_volume`` where the bulk volume is above 0, else 0.0.
 
     Parameters
@@ -344,6 +366,8 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
         Bulk volume and pore volume per cell, in one volume unit (rm3 in METRIC).
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -357,11 +381,11 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
     [0.25 0.   0.2 ]
     """
     return _run_plain("porosity_from_porv", [(_native.CalcPorosityFromPORV, [0, 1, 2])],
-                      [("bulk_volume", bulk_volume), ("porv", porv)], out)
+                      [("bulk_volume", bulk_volume), ("porv", porv)], out, threads)
 
 
 def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = None,
-                out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+                out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Bulk volume per cell as ``porv / poro`` where the porosity is above 0 (else 0.0), times ``ntg``.
 
     Parameters
@@ -374,6 +398,8 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
         Net-to-gross ratio per cell, applied after the division.
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -390,11 +416,11 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
     calls: list[tuple[Any, list[int]]] = [(_native.CalcBulkVolume, [0, 1, len(inputs)])]
     if ntg is not None:
         calls.append((_native.CalcBulkVolume, [2, 3]))
-    return _run_plain("bulk_volume", calls, inputs, out)
+    return _run_plain("bulk_volume", calls, inputs, out, threads)
 
 
 def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
-                       out: NDArray[Any] | None = None) -> NDArray[np.float64]:
+                       out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Rs per cell as ``numerator / denominator`` where the denominator is above 0, else 0.0.
 
     Parameters
@@ -404,6 +430,8 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
         is wanted).
     out : ndarray, optional
         Where to write the result.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
 
     Returns
     -------
@@ -417,7 +445,7 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
     [50.  0.  0.]
     """
     return _run_plain("rs_from_components", [(_native.CalcRsFromComponents, [0, 1, 2])],
-                      [("denominator", denominator), ("numerator", numerator)], out)
+                      [("denominator", denominator), ("numerator", numerator)], out, threads)
 
 
 def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.ReservoirSelectionTopology

@@ -1,0 +1,110 @@
+"""Calculations on threads: the same bits for every number of threads, the
+native call's failure, the interpreter lock released while the cells run."""
+
+import os
+import subprocess
+import sys
+import threading
+import time
+
+import numpy as np
+import pytest
+
+import kavra
+from kavra.tables import PVDO, PVTG, PVTO, PVTW, ROCK
+
+N = 300_007  # enough cells for 7 parts
+RNG = np.random.default_rng(7)
+REGIONS = RNG.integers(0, 3, N).astype(np.int32)  # region 0: no region
+P = RNG.uniform(50.0, 400.0, N)
+Q = RNG.uniform(50.0, 400.0, N)
+R = RNG.uniform(0.0, 0.05, N)
+
+OIL = PVTO([[[50.0, 120.0, 1.25, 0.9, 250.0, 1.22, 1.0], [80.0, 180.0, 1.35, 0.8, 300.0, 1.31, 0.9]],
+            [[40.0, 100.0, 1.2, 0.9], [90.0, 200.0, 1.4, 0.8, 300.0, 1.33, 0.9]]])
+GAS = PVTG([[[100.0, 0.01, 0.02, 0.1, 0.03, 0.025, 0.1], [200.0, 0.02, 0.01, 0.1, 0.04, 0.0125, 0.1]]] * 2)
+CALLS = {
+    "bubble_point_pressure": lambda t: kavra.bubble_point_pressure(OIL, REGIONS, R * 2000.0, threads=t),
+    "one_over_b": lambda t: kavra.one_over_b(PVDO([[[100.0, 1.2, 1], [300.0, 1.0, 1]]] * 2), REGIONS, P, threads=t),
+    "one_over_bo": lambda t: kavra.one_over_bo(OIL, REGIONS, P, np.minimum(P, Q), threads=t),
+    "one_over_bw": lambda t: kavra.one_over_bw(PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]] * 2), REGIONS, P, threads=t),
+    "one_over_bg": lambda t: kavra.one_over_bg(GAS, REGIONS, P, np.where(R > 0.04, P, Q), R, threads=t),
+    "porosity": lambda t: kavra.porosity(ROCK([[200.0, 1e-3], [100.0, 5e-4]]), REGIONS, P, R * 5, threads=t),
+    "porosity_from_porv": lambda t: kavra.porosity_from_porv(P - 60.0, Q, threads=t),
+    "bulk_volume": lambda t: kavra.bulk_volume(P, R, ntg=Q, threads=t),
+    "rs_from_components": lambda t: kavra.rs_from_components(P, Q, threads=t),
+}
+
+
+@pytest.mark.parametrize("name", CALLS)
+def test_every_thread_count_gives_the_native_bits(name):
+    one = CALLS[name](1)  # one thread is the native call itself
+    for threads in (2, 3, 7):
+        np.testing.assert_array_equal(CALLS[name](threads).view(np.uint64), one.view(np.uint64))
+
+
+@pytest.mark.parametrize("threads", [1, 4])
+def test_a_failing_cell_fails_as_the_native_call(threads):
+    regions = REGIONS.copy()
+    regions[N // 2] = 3
+    out = np.full(N, -1.0)
+    with pytest.raises(ValueError, match=f"region 3 at pvtnum\\[{N // 2}\\]") as info:
+        kavra.one_over_bo(OIL, regions, P, np.minimum(P, Q), out=out, threads=threads)
+    assert "Wrong PVT region number: 2, valid interval [0, 1]." in str(info.value.__cause__)
+    expected = kavra.one_over_bo(OIL, regions[: N // 2], P[: N // 2], np.minimum(P, Q)[: N // 2])
+    np.testing.assert_array_equal(out[: N // 2], expected)  # written up to the failing cell, as natively
+    assert (out[N // 2:] == -1.0).all()
+
+
+def test_the_interpreter_runs_other_threads_during_a_call():
+    n = 4_000_000
+    p = np.resize(P, n)
+    stamps, stop = [], threading.Event()
+
+    def tick():
+        while not stop.is_set():
+            stamps.append(time.perf_counter())
+            time.sleep(0.0005)
+
+    ticker = threading.Thread(target=tick)
+    ticker.start()
+    time.sleep(0.01)
+    start = time.perf_counter()
+    kavra.one_over_bo(OIL, np.resize(REGIONS, n), p, p, threads=2)
+    end = time.perf_counter()
+    stop.set()
+    ticker.join()
+    inside = [s for s in stamps if start + 0.005 < s < end - 0.005]
+    assert end - start > 0.02 and len(inside) >= 3
+
+
+def test_calls_from_several_threads_at_once():
+    expected = CALLS["one_over_bo"](1)
+    results = [None] * 4
+
+    def run(k):
+        results[k] = CALLS["one_over_bo"](2)
+
+    workers = [threading.Thread(target=run, args=(k,)) for k in range(4)]
+    for w in workers:
+        w.start()
+    for w in workers:
+        w.join()
+    for r in results:
+        np.testing.assert_array_equal(r, expected)
+
+
+def test_thread_settings():
+    before = kavra.get_num_threads()
+    assert before == len(os.sched_getaffinity(0)) or "KAVRA_NUM_THREADS" in os.environ
+    kavra.set_num_threads(3)
+    assert kavra.get_num_threads() == 3
+    kavra.set_num_threads(before)
+    for bad, error in ((0, ValueError), (1.5, TypeError), (True, TypeError)):
+        with pytest.raises(error):
+            kavra.set_num_threads(bad)
+        with pytest.raises(error):
+            kavra.one_over_bw(PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]]), 1, 150.0, threads=bad)
+    code = "import kavra; print(kavra.get_num_threads())"
+    env = dict(os.environ, KAVRA_NUM_THREADS="5")
+    assert subprocess.run([sys.executable, "-c", code], env=env, capture_output=True, text=True).stdout == "5\n"
