@@ -1,5 +1,6 @@
 # make demo: install what is missing, build, run the example workflow.
-# make test: install what is missing, build, run every test.
+# make test: install what is missing, build, run every test (the native
+#   unit test of the column kernels first).
 # make sanitize: the same tests on a build with AddressSanitizer and
 #   UndefinedBehaviorSanitizer, kept apart in build/sanitize and .venv-sanitize.
 VENV   := .venv
@@ -7,7 +8,7 @@ PY     := $(VENV)/bin/python
 SAN_VENV  := .venv-sanitize
 SAN_BUILD := build/sanitize
 
-.PHONY: all bootstrap build test sanitize demo bench clean
+.PHONY: all bootstrap build test native-test sanitize demo bench clean
 
 all: build
 
@@ -17,8 +18,15 @@ bootstrap:
 build: bootstrap
 	$(PY) -m pip install -q --no-build-isolation .
 
+# The column kernels are plain C++ (core/reductions): tested without Python.
+native-test:
+	@mkdir -p build
+	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_column_kernels.cpp \
+		-o build/test_column_kernels
+	build/test_column_kernels
+
 # pytest exits with 5 when it collected no test: that is a broken suite here.
-test: build
+test: build native-test
 	@$(VENV)/bin/pytest tests; rc=$$?; \
 	if [ $$rc -eq 5 ]; then echo "make test: pytest collected no tests" >&2; exit 1; fi; exit $$rc
 
