@@ -1,6 +1,8 @@
 # make demo: install what is missing, build, run the example workflow.
 # make test: install what is missing, build, run every test (the native
 #   unit test of the column kernels first).
+# make wheel: a wheel in dist/ that needs nothing from the system at run
+#   time (Boost.Python copied in by auditwheel).
 # make sanitize: the same tests on a build with AddressSanitizer and
 #   UndefinedBehaviorSanitizer, kept apart in build/sanitize and .venv-sanitize.
 VENV   := .venv
@@ -8,7 +10,7 @@ PY     := $(VENV)/bin/python
 SAN_VENV  := .venv-sanitize
 SAN_BUILD := build/sanitize
 
-.PHONY: all bootstrap build test native-test sanitize demo bench clean
+.PHONY: all bootstrap build test native-test wheel sanitize demo bench clean
 
 all: build
 
@@ -29,6 +31,15 @@ native-test:
 test: build native-test
 	@$(VENV)/bin/pytest tests; rc=$$?; \
 	if [ $$rc -eq 5 ]; then echo "make test: pytest collected no tests" >&2; exit 1; fi; exit $$rc
+
+# auditwheel copies the libraries that the modules need from outside the
+# manylinux set (Boost.Python) into kavra.libs/ and points the modules at
+# them; it tags the wheel with the oldest manylinux that its symbols allow.
+wheel: bootstrap
+	rm -rf dist/raw
+	$(PY) -m pip wheel -q --no-build-isolation --no-deps -w dist/raw .
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(VENV)/bin/auditwheel repair -w dist dist/raw/kavra-*.whl
+	rm -rf dist/raw
 
 # The interpreter is not instrumented, so the sanitizer runtimes that the
 # module links are preloaded ahead of it; its own leaks at exit are not ours.
