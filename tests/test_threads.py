@@ -43,6 +43,22 @@ def test_every_thread_count_gives_the_native_bits(name):
         np.testing.assert_array_equal(CALLS[name](threads).view(np.uint64), one.view(np.uint64))
 
 
+GRID = (61, 47, 81)  # 232 227 cells: 7 parts
+
+
+@pytest.mark.parametrize("reduction", [kavra.kmax, kavra.kmin, kavra.ksum, kavra.kaverage])
+@pytest.mark.parametrize("dtype", ["i4", "u4", "i8", "u8", "f4", "f8"])
+def test_reductions_give_the_same_bits_for_every_thread_count(reduction, dtype):
+    values = (RNG.standard_normal(GRID[::-1]) * 1e3).astype(dtype)
+    if dtype.startswith("f"):
+        values.flat[::97] = np.nan
+    one = reduction(values, GRID, threads=1)
+    for threads in (2, 3, 7):
+        result = reduction(values, GRID, threads=threads)
+        assert result.shape == one.shape and result.dtype == one.dtype
+        assert result.tobytes() == one.tobytes()
+
+
 @pytest.mark.parametrize("threads", [1, 4])
 def test_a_failing_cell_fails_as_the_native_call(threads):
     regions = REGIONS.copy()

@@ -53,8 +53,9 @@ bp::object ReduceColumns(const ReservoirTopology& grid, const bp::object& array)
     const TPyArrayWrapper<T> result(static_cast<int>(n));
     if (n > 0) {
         const TPyArrayWrapper<T> accumulator = StartAccumulator<T, Operation>(grid.nI, grid.nJ);
-        columns::ReduceGridColumns<Operation>(PyArray_BYTES(values.array()), n, npy_intp(grid.nI) * grid.nJ,
-                                              Data(accumulator), PyArray_BYTES(result.array()));
+        const npy_intp columns = npy_intp(grid.nI) * grid.nJ;
+        columns::ReduceGridColumns<Operation>(PyArray_BYTES(values.array()), n, columns, Data(accumulator),
+                                              PyArray_BYTES(result.array()), 0, columns);
     }
     if (PyArray_NDIM(reinterpret_cast<PyArrayObject*>(array.ptr())) != 3)
         return result.object();

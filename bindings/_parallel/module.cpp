@@ -13,9 +13,12 @@
 #include <boost/python.hpp>
 
 #include <cstdint>
+#include <cstring>
+#include <string>
 #include <vector>
 
 #include "core/parallel/CellParts.h"
+#include "core/reductions/ColumnKernels.h"
 #include "core/parallel/TableCopies.h"
 #include "core/pvt/BubblePointPressure.h"
 #include "core/pvt/OneOverB.h"
@@ -182,6 +185,89 @@ void RsFromComponents(G denominator, G numerator, G rs, int threads)
           threads);
 }
 
+// A C-contiguous buffer of a Python object, released with this object.
+class Buffer
+{
+public:
+    Buffer(PyObject* source, bool writable)
+    {
+        if (PyObject_GetBuffer(source, &m_view, PyBUF_C_CONTIGUOUS | PyBUF_FORMAT | (writable ? PyBUF_WRITABLE : 0)) < 0)
+            bp::throw_error_already_set();
+    }
+    ~Buffer() { PyBuffer_Release(&m_view); }
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+
+    // The element's type character, native byte order and size alone ("d", "i", ...); 0 for any other.
+    char Type() const
+    {
+        const char* format = m_view.format;
+        if (format[0] == '@' || format[0] == '=')
+            ++format;
+        return format[0] != 0 && format[1] == 0 ? format[0] : 0;
+    }
+    std::int64_t Elements() const { return m_view.itemsize ? m_view.len / m_view.itemsize : 0; }
+    char* Bytes() const { return static_cast<char*>(m_view.buf); }
+
+private:
+    Py_buffer m_view;
+};
+
+template <class Operation, class T>
+void ReduceColumnsInParts(const Buffer& values, const Buffer& result, std::int64_t columns, int threads)
+{
+    const std::int64_t n = values.Elements();
+    const unsigned parts = static_cast<unsigned>(std::min<std::int64_t>(Parts(n, threads), columns));
+    LockReleased released;
+    ParallelFor(columns, parts, [&](unsigned, std::uint64_t first, std::uint64_t last) {
+        std::vector<T> accumulator(last - first, Operation::template Initial<T>());
+        columns::ReduceGridColumns<Operation>(values.Bytes(), n, columns, accumulator.data(), result.Bytes(),
+                                              std::ptrdiff_t(first), std::ptrdiff_t(last));
+    });
+}
+
+template <class Operation>
+void ReduceByType(char type, const Buffer& values, const Buffer& result, std::int64_t columns, int threads)
+{
+    switch (type) {
+    case 'i': return ReduceColumnsInParts<Operation, int>(values, result, columns, threads);
+    case 'I': return ReduceColumnsInParts<Operation, unsigned int>(values, result, columns, threads);
+    case 'l': return ReduceColumnsInParts<Operation, long>(values, result, columns, threads);
+    case 'L': return ReduceColumnsInParts<Operation, unsigned long>(values, result, columns, threads);
+    case 'f': return ReduceColumnsInParts<Operation, float>(values, result, columns, threads);
+    case 'd': return ReduceColumnsInParts<Operation, double>(values, result, columns, threads);
+    }
+    PyErr_SetString(PyExc_ValueError, "values of an element type without a column kernel");
+    bp::throw_error_already_set();
+}
+
+// The column reduction `name` (KMax, KMin, KSum or KAverage) of a grid's
+// cells in cell order, values in and result out of the same length and
+// element type, the columns in parts on threads: the native kernel over
+// each part's columns.
+void ReduceGrid(const std::string& name, bp::object values, bp::object result, std::int64_t columns, int threads)
+{
+    const Buffer in(values.ptr(), false);
+    const Buffer out(result.ptr(), true);
+    const char type = in.Type();
+    if (type == 0 || out.Type() != type || in.Elements() != out.Elements() || columns < 1 ||
+        in.Elements() % columns != 0) {
+        PyErr_SetString(PyExc_ValueError, "ReduceGrid takes values and a result of one element type and length, "
+                                          "a whole number of layers of `columns` cells");
+        bp::throw_error_already_set();
+    }
+    if (name == columns::Max::name)
+        return ReduceByType<columns::Max>(type, in, out, columns, threads);
+    if (name == columns::Min::name)
+        return ReduceByType<columns::Min>(type, in, out, columns, threads);
+    if (name == columns::Sum::name)
+        return ReduceByType<columns::Sum>(type, in, out, columns, threads);
+    if (name == columns::Average::name)
+        return ReduceByType<columns::Average>(type, in, out, columns, threads);
+    PyErr_SetString(PyExc_ValueError, ("no column reduction " + name).c_str());
+    bp::throw_error_already_set();
+}
+
 } // namespace
 } // namespace python
 } // namespace kavra
@@ -199,4 +285,5 @@ BOOST_PYTHON_MODULE(_parallel)
     bp::def("CalcBulkVolume", &BulkVolumeTimesNTG);
     bp::def("CalcBulkVolume", &BulkVolumeFromPorosity);
     bp::def("CalcRsFromComponents", &RsFromComponents);
+    bp::def("ReduceGrid", &ReduceGrid);
 }

@@ -117,40 +117,46 @@ void AccumulateLayer(T* __restrict accumulator, const char* __restrict layer, st
 // A grid's cells in cell order: n contiguous elements of T at `in`, cell
 // c = i + nI * (j + nJ * k), so column i + nI * j of layer k is element
 // column + k * columns (columns = nI * nJ).  n need not be a whole number
-// of layers.  `accumulator` holds `columns` elements at the initial value;
-// the result goes to n elements of T at `out`.
+// of layers.  Only the columns first..last-1 are reduced and written, so
+// that parts of the columns can run side by side; each column takes the
+// same values in the same order whatever the parts.  `accumulator` holds
+// last - first elements at the initial value, for those columns; the result
+// goes to the elements of those columns among the n elements of T at `out`.
 template <class Operation, class T>
-void ReduceGridColumns(const char* in, std::ptrdiff_t n, std::ptrdiff_t columns, T* accumulator, char* out)
+void ReduceGridColumns(const char* in, std::ptrdiff_t n, std::ptrdiff_t columns, T* accumulator, char* out,
+                       std::ptrdiff_t first, std::ptrdiff_t last)
 {
-    if (n == 0)
+    if (n == 0 || first >= last)
         return;
     const std::ptrdiff_t layers = n / columns;
     const std::ptrdiff_t rest = n % columns;
+    const std::ptrdiff_t width = last - first;
+    const std::ptrdiff_t restWidth = std::max<std::ptrdiff_t>(0, std::min(last, rest) - first);
     const std::ptrdiff_t size = sizeof(T);
 
     // Pass 1: the column values, taking in one layer after the other, so
     // that per column the values go in with ascending K.
     for (std::ptrdiff_t k = 0; k < layers; ++k)
-        AccumulateLayer<Operation>(accumulator, in + k * columns * size, columns);
-    AccumulateLayer<Operation>(accumulator, in + layers * columns * size, rest);
+        AccumulateLayer<Operation>(accumulator, in + (k * columns + first) * size, width);
+    AccumulateLayer<Operation>(accumulator, in + (layers * columns + first) * size, restWidth);
     if constexpr (Operation::counts) {
-        for (std::ptrdiff_t column = 0; column < columns; ++column) {
+        for (std::ptrdiff_t column = first; column < last; ++column) {
             const int count = static_cast<int>(layers + (column < rest ? 1 : 0));
             if (count > 0)
-                accumulator[column] = Operation::Final(accumulator[column], count);
+                accumulator[column - first] = Operation::Final(accumulator[column - first], count);
         }
     }
 
     // Pass 2: every layer of the result is a copy of the column values.
     const bool bypass = platform::BypassCacheForResult(std::size_t(n) * sizeof(T));
     for (std::ptrdiff_t k = 0; k < layers; ++k) {
-        char* const layer = out + k * columns * size;
+        char* const layer = out + (k * columns + first) * size;
         if (bypass)
-            platform::CopyBypassingCache(layer, reinterpret_cast<const char*>(accumulator), columns * size);
+            platform::CopyBypassingCache(layer, reinterpret_cast<const char*>(accumulator), width * size);
         else
-            std::memcpy(layer, accumulator, columns * size);
+            std::memcpy(layer, accumulator, width * size);
     }
-    std::memcpy(out + layers * columns * size, accumulator, rest * size);
+    std::memcpy(out + (layers * columns + first) * size, accumulator, restWidth * size);
     if (bypass)
         platform::CopyBypassingCacheDone();
 }

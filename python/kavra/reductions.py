@@ -36,6 +36,8 @@ from numpy.typing import ArrayLike, NDArray
 import tessel
 
 from . import _kavracore as _native
+from . import _parallel
+from ._threads import resolve as _resolve_threads
 from ._arrays import native_message, split_mask
 
 __all__ = ["kmax", "kmin", "ksum", "kaverage"]
@@ -47,6 +49,10 @@ _GRID = tessel.ReservoirTopology
 # The element types of the native kernels, by NumPy type character.
 _KERNEL_TYPES = "iIlLfd"
 # Same width as C long on this platform: viewed as long, bits unchanged.
+# Whole grids from this many cells split their columns over threads; the
+# native kernels count elements in 32 bits.
+_MIN_THREADED = 1 << 16
+_NATIVE_LIMIT = 2**31 - 1
 _AS_LONG = {"q": "l", "Q": "L"} if np.dtype("q").itemsize == np.dtype("l").itemsize else {}
 
 
@@ -145,18 +151,30 @@ def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLi
     return ColumnArrays(part, flat[cells], cells, data.size, given_shape, ijk, result_mask)
 
 
+def _on_threads(native: Any, topology: Any, values: np.ndarray, threads: int | None) -> Any:
+    """The native reduction, its columns in parts on threads where that pays: a whole grid of
+    enough cells, whose values the native kernel takes as they are (cell order, C-contiguous)."""
+    count = _resolve_threads(threads)
+    if (count > 1 and type(topology) is _GRID and values.size >= _MIN_THREADED
+            and values.size <= _NATIVE_LIMIT and values.size == topology.nI * topology.nJ * topology.nK):
+        result = np.empty(values.shape, dtype=values.dtype)
+        _parallel.ReduceGrid(native.__name__, values, result, topology.nI * topology.nJ, count)
+        return result
+    return native(topology, values)
+
+
 def _reduce(function: str, native: Any, values: ArrayLike, grid: Any, active: ArrayLike | None,
-            layout: str) -> Any:
+            layout: str, threads: int | None = None) -> Any:
     if (active is None and layout == "kji" and type(values) is np.ndarray and type(grid) is _GRID
             and values.dtype.char in _KERNEL_TYPES and values.dtype.isnative and values.flags.c_contiguous
             and values.size == grid.nI * grid.nJ * grid.nK):
         try:  # the common case, in few steps: the kernel takes the array as it is
-            return native(grid, values)
+            return _on_threads(native, grid, values, threads)
         except ValueError:
             pass  # a shape it does not take: said in the words below
     columns = prepare_columns(function, values, grid, active, layout)
     try:
-        result = native(columns.topology, columns.values)
+        result = _on_threads(native, columns.topology, columns.values, threads)
     except (RuntimeError, ValueError) as error:
         raise ValueError(f"{function}: {native_message(error)}") from error
     return columns.finish(result)
@@ -188,7 +206,8 @@ def _columns_ijk(result: np.ndarray, whole: bool) -> np.ndarray:
     return np.ascontiguousarray(result.transpose(2, 1, 0))
 
 
-def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji") -> NDArray[Any]:
+def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji",
+         threads: int | None = None) -> NDArray[Any]:
     """The largest value of each K column, in every cell of that column (0 if all are below 0).
 
     Parameters
@@ -202,6 +221,9 @@ def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     layout : {"kji", "ijk"}
         ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
         flat with K fastest.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
+        number.  A selection, and cells left out by ``active`` or a mask, take one thread.
 
     Returns
     -------
@@ -219,10 +241,11 @@ def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     <BLANKLINE>
      [[4 4]]]
     """
-    return _reduce("kmax", _native.KMax, values, grid, active, layout)  # type: ignore[no-any-return]
+    return _reduce("kmax", _native.KMax, values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
-def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji") -> NDArray[Any]:
+def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji",
+         threads: int | None = None) -> NDArray[Any]:
     """The smallest value of each K column, in every cell of that column.
 
     Parameters
@@ -236,6 +259,9 @@ def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     layout : {"kji", "ijk"}
         ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
         flat with K fastest.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
+        number.  A selection, and cells left out by ``active`` or a mask, take one thread.
 
     Returns
     -------
@@ -249,10 +275,11 @@ def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     >>> print(kmin(np.ma.masked_less([1.0, 2.0, 3.0, 4.0], 2.0), (2, 1, 2)))
     [-- 2.0 3.0 2.0]
     """
-    return _reduce("kmin", _native.KMin, values, grid, active, layout)  # type: ignore[no-any-return]
+    return _reduce("kmin", _native.KMin, values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
-def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji") -> NDArray[Any]:
+def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji",
+         threads: int | None = None) -> NDArray[Any]:
     """The sum of each K column, added in ascending K, in every cell of that column.
 
     Parameters
@@ -266,6 +293,9 @@ def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     layout : {"kji", "ijk"}
         ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
         flat with K fastest.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
+        number.  A selection, and cells left out by ``active`` or a mask, take one thread.
 
     Returns
     -------
@@ -279,11 +309,12 @@ def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     >>> print(ksum(np.array([1.0, 2.0, 3.0, 4.0]), (2, 1, 2), active=[True, True, False, True]))
     [1.0 6.0 -- 6.0]
     """
-    return _reduce("ksum", _native.KSum, values, grid, active, layout)  # type: ignore[no-any-return]
+    return _reduce("ksum", _native.KSum, values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
 def kaverage(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None,
-             layout: Layout = "kji") -> NDArray[Any]:
+             layout: Layout = "kji",
+         threads: int | None = None) -> NDArray[Any]:
     """The mean of each K column, in every cell of that column (integers truncate toward zero).
 
     Parameters
@@ -297,6 +328,9 @@ def kaverage(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None,
     layout : {"kji", "ijk"}
         ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
         flat with K fastest.
+    threads : int, optional
+        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
+        number.  A selection, and cells left out by ``active`` or a mask, take one thread.
 
     Returns
     -------
@@ -310,4 +344,4 @@ def kaverage(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None,
     >>> print(kaverage(np.array([-3, 0, 1, 2], dtype=np.int32), (1, 1, 4)))
     [0 0 0 0]
     """
-    return _reduce("kaverage", _native.KAverage, values, grid, active, layout)  # type: ignore[no-any-return]
+    return _reduce("kaverage", _native.KAverage, values, grid, active, layout, threads)  # type: ignore[no-any-return]

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -19,13 +20,25 @@ static int failures = 0;
         }                                                                                    \
     } while (false)
 
+// The grid kernel over all columns at once, checked against the same
+// columns reduced in three parts.
 template <class Operation, class T>
 std::vector<T> Grid(const std::vector<T>& in, std::ptrdiff_t columns)
 {
-    std::vector<T> accumulator(columns, Operation::template Initial<T>()), out(in.size());
-    columns::ReduceGridColumns<Operation>(reinterpret_cast<const char*>(in.data()), in.size(), columns,
-                                          accumulator.data(), reinterpret_cast<char*>(out.data()));
-    return out;
+    auto reduce = [&](std::ptrdiff_t parts) {
+        std::vector<T> out(in.size());
+        for (std::ptrdiff_t part = 0; part < parts; ++part) {
+            const std::ptrdiff_t first = columns * part / parts, last = columns * (part + 1) / parts;
+            std::vector<T> accumulator(last - first, Operation::template Initial<T>());
+            columns::ReduceGridColumns<Operation>(reinterpret_cast<const char*>(in.data()), in.size(), columns,
+                                                  accumulator.data(), reinterpret_cast<char*>(out.data()), first,
+                                                  last);
+        }
+        return out;
+    };
+    const std::vector<T> whole = reduce(1), parts = reduce(3);
+    EXPECT(std::memcmp(whole.data(), parts.data(), whole.size() * sizeof(T)) == 0);
+    return whole;
 }
 
 struct Cell
