@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "bindings/common/BindingHelpers.h"
 #include "core/parallel/CellParts.h"
 #include "core/parallel/TableCopies.h"
 #include "core/pvt/BubblePointPressure.h"
@@ -42,10 +43,8 @@ constexpr std::uint64_t cellsPerPart = 1 << 15;
 
 unsigned Parts(std::uint64_t cells, int threads)
 {
-    if (threads < 1) {
-        PyErr_SetString(PyExc_ValueError, "the number of threads must be at least 1");
-        bp::throw_error_already_set();
-    }
+    if (threads < 1)
+        Raise(PyExc_ValueError, "the number of threads must be at least 1");
     const std::uint64_t most = cells / cellsPerPart;
     return static_cast<unsigned>(std::max<std::uint64_t>(1, std::min<std::uint64_t>(threads, most)));
 }

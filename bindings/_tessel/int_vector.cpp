@@ -5,7 +5,7 @@
 // during a loop is never read out of bounds.
 #include "tessel_python.h"
 
-#include "bindings/common/PrivateSequence.h"
+#include "bindings/common/BindingHelpers.h"
 
 #include <climits>
 #include <sstream>
