@@ -1,9 +1,10 @@
 #pragma once
 
 // Helpers of the Python modules _kavracore, _parallel and _tessel: raising a
-// Python error, Python's index rule and the items of an iterable that no
-// other code can change.
+// Python error, Python's index rule, the items of an iterable that no other
+// code can change, and the element types that pass between C++ and NumPy.
 #include <boost/python.hpp>
+#include <numpy/ndarraytypes.h> // the type numbers only: no NumPy function table is used here
 
 #include <cstddef>
 #include <string>
@@ -43,6 +44,32 @@ inline boost::python::handle<> PrivateSequence(PyObject* iterable, const char* m
         return boost::python::handle<>(PyList_GetSlice(iterable, 0, PyList_GET_SIZE(iterable)));
     return items;
 }
+
+// An element type of NumPy arrays: its type number, the name of the grid
+// function class over it and the dtype named in error texts.
+template <class T>
+struct ElementType;
+template <>
+struct ElementType<int>
+{
+    static constexpr int typenum = NPY_INT;
+    static constexpr const char* name = "Int";
+    static constexpr const char* dtype = "int32";
+};
+template <>
+struct ElementType<float>
+{
+    static constexpr int typenum = NPY_FLOAT;
+    static constexpr const char* name = "Float";
+    static constexpr const char* dtype = "float32";
+};
+template <>
+struct ElementType<double>
+{
+    static constexpr int typenum = NPY_DOUBLE;
+    static constexpr const char* name = "Double";
+    static constexpr const char* dtype = "float64";
+};
 
 } // namespace python
 } // namespace kavra
