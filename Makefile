@@ -1,10 +1,13 @@
 # make demo: install what is missing, build, run the example workflows.
-# make test: install what is missing, build, run every test.
+# make test: install what is missing, build, run every test (the native
+#   unit test of the column kernels first).
 # Both install the package with its deck extra (opm), so the deck tests and
 # the deck workflow run.
 # make ensemble: the same, then 20 realizations of a 10^6-cell grid on a local
 #   Dask cluster of worker processes (examples/ensemble_dask.py), with a progress
 #   bar and a summary per realization; about 15 s on two cores.
+# make wheel: a wheel in dist/ that needs nothing from the system at run
+#   time (Boost.Python copied in by auditwheel).
 # make sanitize: the same tests on a build with AddressSanitizer and
 #   UndefinedBehaviorSanitizer, kept apart in build/sanitize and .venv-sanitize.
 VENV   := .venv
@@ -12,7 +15,7 @@ PY     := $(VENV)/bin/python
 SAN_VENV  := .venv-sanitize
 SAN_BUILD := build/sanitize
 
-.PHONY: all bootstrap build test sanitize demo ensemble bench clean
+.PHONY: all bootstrap build test native-test wheel sanitize demo ensemble bench clean
 
 all: build
 
@@ -22,10 +25,26 @@ bootstrap:
 build: bootstrap
 	$(PY) -m pip install -q --no-build-isolation ".[deck]"
 
+# The column kernels are plain C++ (core/reductions): tested without Python.
+native-test:
+	@mkdir -p build
+	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_column_kernels.cpp \
+		-o build/test_column_kernels
+	build/test_column_kernels
+
 # pytest exits with 5 when it collected no test: that is a broken suite here.
-test: build
+test: build native-test
 	@$(VENV)/bin/pytest tests; rc=$$?; \
 	if [ $$rc -eq 5 ]; then echo "make test: pytest collected no tests" >&2; exit 1; fi; exit $$rc
+
+# auditwheel copies the libraries that the modules need from outside the
+# manylinux set (Boost.Python) into kavra.libs/ and points the modules at
+# them; it tags the wheel with the oldest manylinux that its symbols allow.
+wheel: bootstrap
+	rm -rf dist/raw
+	$(PY) -m pip wheel -q --no-build-isolation --no-deps -w dist/raw .
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(VENV)/bin/auditwheel repair -w dist dist/raw/kavra-*.whl
+	rm -rf dist/raw
 
 # The interpreter is not instrumented, so the sanitizer runtimes that the
 # module links are preloaded ahead of it; its own leaks at exit are not ours.

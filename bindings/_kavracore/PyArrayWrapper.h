@@ -4,9 +4,11 @@
 // array whose element type is T, identified by NumPy type number; elements
 // are always reached through the array's own strides.
 #include <cstdio>
-#include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include <boost/python.hpp>
 
@@ -26,23 +28,50 @@ namespace kavra {
     RaiseValueError(message.c_str());
 }
 
-// The NumPy type number that a wrapper of T demands and the type character
-// it reports for itself.  `long` follows the platform's width, as NumPy's
-// NPY_LONG does; NPY_LONGLONG and NPY_ULONGLONG have no wrapper.
+// The element types of NumPy arrays that the module reads and makes, with
+// the NumPy type number that a wrapper of T demands and the type character
+// it reports for itself.  This list is the one place that names them: the
+// traits below and the switch of VisitElementType are made from it.  Each
+// type number has its own entry, also where two have the same width;
+// `long` follows the platform's width, as NumPy's NPY_LONG does.
+// NPY_LONGLONG and NPY_ULONGLONG have none.
+template <class T, int typeNumber, char typeCharacter>
+struct ArrayElementType
+{
+    typedef T type;
+    static constexpr int number = typeNumber;
+    static constexpr char character = typeCharacter;
+};
+
+template <class... Elements>
+struct ArrayElementList
+{
+};
+
+typedef ArrayElementList<ArrayElementType<int, NPY_INT, 'i'>, ArrayElementType<unsigned int, NPY_UINT, 'I'>,
+                         ArrayElementType<long, NPY_LONG, 'l'>, ArrayElementType<unsigned long, NPY_ULONG, 'L'>,
+                         ArrayElementType<float, NPY_FLOAT, 'f'>, ArrayElementType<double, NPY_DOUBLE, 'd'>>
+    ArrayElements;
+
+namespace detail {
+
+template <class T, class List>
+struct FindArrayElement;
+
+template <class T, class First, class... Rest>
+struct FindArrayElement<T, ArrayElementList<First, Rest...>>
+    : std::conditional_t<std::is_same<T, typename First::type>::value, First,
+                         FindArrayElement<T, ArrayElementList<Rest...>>>
+{
+};
+
+} // namespace detail
+
+// ArrayElement<T>::number and ::character: the entry of T in ArrayElements.
 template <class T>
-struct ArrayElement;
-template <>
-struct ArrayElement<int> { static constexpr int number = NPY_INT; static constexpr char character = 'i'; };
-template <>
-struct ArrayElement<unsigned int> { static constexpr int number = NPY_UINT; static constexpr char character = 'I'; };
-template <>
-struct ArrayElement<long> { static constexpr int number = NPY_LONG; static constexpr char character = 'l'; };
-template <>
-struct ArrayElement<unsigned long> { static constexpr int number = NPY_ULONG; static constexpr char character = 'L'; };
-template <>
-struct ArrayElement<float> { static constexpr int number = NPY_FLOAT; static constexpr char character = 'f'; };
-template <>
-struct ArrayElement<double> { static constexpr int number = NPY_DOUBLE; static constexpr char character = 'd'; };
+struct ArrayElement : detail::FindArrayElement<T, ArrayElements>
+{
+};
 
 // True for an ndarray or an instance of one of its subclasses.
 inline bool IsNumpyArray(PyObject* object)
@@ -95,15 +124,6 @@ public:
 
     const boost::python::object& object() const { return m_object; }
     PyArrayObject* array() const { return m_array; }
-    char type() const { return m_type; }
-
-    // Element c of a one-dimensional array and element [i][j] of a
-    // two-dimensional one.  The copies through memcpy make unaligned and
-    // byte-offset arrays safe to read.
-    T Get(npy_intp c) const { return Load(PyArray_BYTES(m_array) + c * PyArray_STRIDE(m_array, 0)); }
-    void Set(npy_intp c, T value) const { Store(PyArray_BYTES(m_array) + c * PyArray_STRIDE(m_array, 0), value); }
-    T Get(npy_intp i, npy_intp j) const { return Load(Address(i, j)); }
-    void Set(npy_intp i, npy_intp j, T value) const { Store(Address(i, j), value); }
 
 private:
     void Allocate(int ndim, npy_intp* dims)
@@ -114,20 +134,6 @@ private:
         m_array = reinterpret_cast<PyArrayObject*>(array);
         m_type = PyArray_DESCR(m_array)->type;
     }
-
-    char* Address(npy_intp i, npy_intp j) const
-    {
-        return PyArray_BYTES(m_array) + i * PyArray_STRIDE(m_array, 0) + j * PyArray_STRIDE(m_array, 1);
-    }
-
-    static T Load(const char* address)
-    {
-        T value;
-        std::memcpy(&value, address, sizeof(T));
-        return value;
-    }
-
-    static void Store(char* address, T value) { std::memcpy(address, &value, sizeof(T)); }
 
     boost::python::object m_object; // the owning reference
     PyArrayObject* m_array;         // the same object, null while no array is held
@@ -152,30 +158,31 @@ TPyArrayWrapper<T> ZeroArray(npy_intp size0, npy_intp size1)
         boost::python::handle<>(PyArray_Zeros(2, dims, PyArray_DescrFromType(ArrayElement<T>::number), 0))));
 }
 
-// Calls visit(T()) for the element type T of `typeNumber`, and returns what
-// it returns.  Any other type number raises ValueError
-// "Unsupported array data type = <number>!\n".
-template <class Visitor>
-auto VisitElementType(int typeNumber, Visitor&& visit)
+namespace detail {
+
+template <class Visitor, class... Elements>
+auto VisitElementType(int typeNumber, Visitor& visit, ArrayElementList<Elements...>)
 {
-    switch (typeNumber) {
-    case NPY_INT:
-        return visit(int());
-    case NPY_UINT:
-        return visit((unsigned int)0);
-    case NPY_LONG:
-        return visit(long());
-    case NPY_ULONG:
-        return visit((unsigned long)0);
-    case NPY_FLOAT:
-        return visit(float());
-    case NPY_DOUBLE:
-        return visit(double());
-    default:
+    std::optional<decltype(visit(int()))> result;
+    const bool found = ((typeNumber == Elements::number && (result.emplace(visit(typename Elements::type())), true)) ||
+                        ...);
+    if (!found) {
         char message[128];
         std::snprintf(message, sizeof(message), "Unsupported array data type = %d!\n", typeNumber);
         RaiseValueError(message);
     }
+    return std::move(*result);
+}
+
+} // namespace detail
+
+// Calls visit(T()) for the element type T of `typeNumber` in ArrayElements,
+// and returns what it returns.  Any other type number raises ValueError
+// "Unsupported array data type = <number>!\n".
+template <class Visitor>
+auto VisitElementType(int typeNumber, Visitor&& visit)
+{
+    return detail::VisitElementType(typeNumber, visit, ArrayElements());
 }
 
 } // namespace kavra

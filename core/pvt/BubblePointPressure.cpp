@@ -2,41 +2,41 @@
 
 #include "core/pvt/RegionCells.h"
 
-#include "core/pvt/FlatTables.h"
-
 namespace kavra {
 
 namespace {
 
-typedef FlatLine<LineForm::Slope> FlatPbub;
+// The rule: the pressure of the saturated line of the region's live-oil
+// table at the cell's Rs, linear in Rs (the row search and the bracket rule
+// on the rows' Rs; the ordinate is each row's saturated pressure,
+// under_sat[0].P).  Outside the table the end bracket is extended, and a
+// table of one row gives its saturated pressure for every Rs.
+const auto BubblePointAt = [](const auto& pbubLine, double rs) { return pbubLine.At(rs, rs); };
 
-bool Flatten(FlatPbub& line, const TPVTOTable& table)
-{
-    auto Rs = [](const TPVTO& row) { return Present(row.Rs); };
-    return line.Build(table, Rs, Rs, [](const TPVTO& row) {
-        const TPVT* saturated = SaturatedPointOrNull(row);
-        return saturated ? Present(saturated->P) : std::nullopt;
-    });
-}
+// A region's table, flattened where it can be: one line of Pbub in Rs.  No
+// other field of the table is read (not B, not the further under_sat rows).
+typedef FlatLine<PbubLine> FlatPbub;
 
-template <class Regions, class Values>
-void BubblePointCells(const TPVTOList& p_pvtoList, Regions p_PVTNum, Values p_RS, Values Pbub, std::uint64_t nElts)
+// The checks of a cell's region, made before its first cell is computed:
+// the region has a table, and the table has rows.  Cells of a region below
+// 1 never get here: they are written 0.0, and their Rs is not read.
+const TPVTOTable& RegionTable(const TPVTOList& p_pvtoList, std::uint64_t pvtID)
 {
-    const FlatRegions<FlatPbub> flat(p_pvtoList, Flatten);
-    ForEachRegionRun(p_PVTNum, Pbub, nElts, [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
-        PRECONDITION(pvtID<p_pvtoList.size(), (WrongRegion{pvtID, p_pvtoList.size()}));
-        const TPVTOTable& pvto_table = p_pvtoList[pvtID];
-        PRECONDITION(!pvto_table.empty(), "Empty PVTO table!!");
-        const FlatPbub* line = flat[pvtID];
-        for (std::uint64_t h = begin; h < end; ++h) {
-            const double rs = p_RS.get(h);
-            Pbub.set(h, line ? line->At(rs, rs) : InterpolatePbub(pvto_table, rs));
-        }
-    });
+    // The message speaks of pvtID, counted from 0; for an empty list the
+    // upper bound wraps around in the unsigned type and shows 2^64 - 1.
+    PRECONDITION(pvtID<p_pvtoList.size(), (WrongRegion{pvtID, p_pvtoList.size()}));
+    const TPVTOTable& pvto_table = p_pvtoList[pvtID];
+    PRECONDITION(!pvto_table.empty(), "Empty PVTO table!!");
+    return pvto_table;
 }
 
 } // namespace
 
+// The argument checks come first, in this order: None, then the count of
+// every grid function against the result's.  A refused call writes nothing.
+// Variants: PVTNum an array of int with arrays of double for the others, or
+// of float (values widened to double, the result rounded once to float),
+// else any grid functions through their accessors.
 void CalcBubblePointPressure(const TPVTOList& p_pvtoList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_RS,
                              GridFunctionPtr Pbub)
 {
@@ -48,10 +48,8 @@ void CalcBubblePointPressure(const TPVTOList& p_pvtoList, GridFunctionPtr p_PVTN
     PRECONDITION(nElts == p_PVTNum->number_of_elements(), "Pbub and PVTNum should have the same number of elements.");
     PRECONDITION(nElts == p_RS->number_of_elements(), "Pbub and RS should have the same number of elements.");
 
-    DispatchGridFunctions(
-        FloatVariant::Present,
-        [&](auto regions, auto rs, auto result) { BubblePointCells(p_pvtoList, regions, rs, result, nElts); },
-        p_PVTNum, p_RS, Pbub);
+    CalculateByRegion<FlatPbub, RegionTable>(ElementTypes<double, float>(), p_pvtoList, BubblePointAt, nElts, p_PVTNum,
+                                             p_RS, Pbub);
 }
 
 } // namespace kavra

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstddef>
-
+#include <optional>
 #include "core/types/Records.h"
 #include "core/utils/Precondition.h"
 
@@ -51,41 +51,148 @@ enum class LineForm
     Fraction // y0 - ((y0 - y1) * ((x0 - x) / (x0 - x1)))
 };
 
-// Linear interpolation between the two rows that the row search on
-// `searchValue` and the bracket rule pick, evaluated at `x`; a table of one
-// row gives that row's ordinate.  Outside the table the end bracket is
-// extended.
-template <LineForm form, class Rows, class Key, class Abscissa, class Ordinate>
-double InterpolateRows(const Rows& rows, double searchValue, double x, Key key, Abscissa abscissa, Ordinate ordinate)
+template <class Line, class Rows>
+double InterpolateFound(const Rows& rows, std::size_t found, double x);
+
+// The value along `Line` (below) at x, read from the rows themselves.
+template <class Line, class Rows>
+double InterpolateRows(const Rows& rows, double searchValue, double x)
 {
     PRECONDITION(!rows.empty(), "Cannot interpolate in a table without rows.");
-    if (rows.size() == 1)
-        return ordinate(rows[0]);
-    const std::size_t upper = BracketUpper(RowSearch(rows, searchValue, key), rows.size());
-    const double x0 = abscissa(rows[upper - 1]);
-    const double x1 = abscissa(rows[upper]);
-    const double y0 = ordinate(rows[upper - 1]);
-    const double y1 = ordinate(rows[upper]);
-    if (form == LineForm::Slope)
-        return (x - x0) * ((y1 - y0) / (x1 - x0)) + y0;
-    const double t = (x0 - x) / (x0 - x1);
-    return y0 - ((y0 - y1) * t);
+    // A table of one row gives its ordinate without a search.
+    const std::size_t found = rows.size() == 1 ? 0 : RowSearch(rows, searchValue, [](const auto& row) {
+        return Line::Key::Read(row);
+    });
+    return InterpolateFound<Line>(rows, found, x);
 }
 
-// Bubble point pressure along the saturated line, linear in Rs.
-double InterpolatePbub(const TPVTOTable& table, double Rs);
+// ---------------------------------------------------------------------------
+// A line of a table: which number of a row is its search key, its abscissa
+// and its ordinate, and the form of its expression.  Interpolating along a
+// line at x, for a search value s: the row search on s over the keys and
+// the bracket rule pick two rows, and the value at x lies on the straight
+// line through their (abscissa, ordinate) points; a table of one row gives
+// its ordinate.  Outside the table the end bracket is extended.
+//
+// Each number of a row is read in one of two ways: `Read` for a lookup,
+// where an unset scalar (or a missing saturated point) is a failed check at
+// the cell that reaches it, and `Find` for flattening a table ahead of the
+// cells, which gives std::nullopt where `Read` would fail.
 
-// B of a pressure table, linear in pressure (callers invert afterwards).
-double InterpolateB(const TPVTTable& table, double pressure);
+inline std::optional<double> Present(const TScalarPtr& scalar)
+{
+    if (!scalar)
+        return std::nullopt;
+    return scalar->value;
+}
 
+// The scalar at `member` of a row.
+template <auto member>
+struct Field
+{
+    template <class Row>
+    static double Read(const Row& row) { return ScalarValue(row.*member); }
+    template <class Row>
+    static std::optional<double> Find(const Row& row) { return Present(row.*member); }
+};
+
+// The scalar at `member` of a row's saturated point (element 0 of under_sat).
+template <auto member>
+struct SaturatedField
+{
+    template <class Row>
+    static double Read(const Row& row) { return ScalarValue(SaturatedPoint(row).*member); }
+    template <class Row>
+    static std::optional<double> Find(const Row& row)
+    {
+        return row.under_sat.empty() ? std::nullopt : Present(row.under_sat[0].*member);
+    }
+};
+
+// 1.0 over a number of a row.
+template <class Number>
+struct Reciprocal
+{
+    template <class Row>
+    static double Read(const Row& row) { return 1.0 / Number::Read(row); }
+    template <class Row>
+    static std::optional<double> Find(const Row& row)
+    {
+        const std::optional<double> value = Number::Find(row);
+        return value ? std::optional<double>(1.0 / *value) : std::nullopt;
+    }
+};
+
+template <LineForm lineForm, class KeyNumber, class AbscissaNumber, class OrdinateNumber>
+struct Line
+{
+    static constexpr LineForm form = lineForm;
+    typedef KeyNumber Key;
+    typedef AbscissaNumber Abscissa;
+    typedef OrdinateNumber Ordinate;
+};
+
+// The lines that the calculations interpolate along.
+// Bubble point pressure of a live-oil table, linear in Rs.
+typedef Line<LineForm::Slope, Field<&TPVTO::Rs>, Field<&TPVTO::Rs>, SaturatedField<&TPVT::P>> PbubLine;
+// B of a pressure table (dead fluid, or the rows of one live-oil row), linear in pressure.
+typedef Line<LineForm::Slope, Field<&TPVT::P>, Field<&TPVT::P>, Field<&TPVT::B>> BLine;
 // Saturated Bo of a live-oil table, linear in pressure.
-double InterpolateBoSat(const TPVTOTable& table, double pressure);
-
-// 1/Bg along the saturated line: rows picked by Pg, interpolated in Rv
-// between their first records.
-double InterpolateOneOverBgSat(const TPVTGTable& table, double Rv, double Pg);
-
+typedef Line<LineForm::Slope, SaturatedField<&TPVT::P>, SaturatedField<&TPVT::P>, SaturatedField<&TPVT::B>>
+    BoSaturatedLine;
+// 1/Bg along the saturated line of a wet-gas table: rows picked by Pg,
+// interpolated in Rv between their first records.
+typedef Line<LineForm::Slope, Field<&TPVTG::Pg>, SaturatedField<&TPVTGRecord::Rv>,
+             Reciprocal<SaturatedField<&TPVTGRecord::B>>>
+    BgSaturatedLine;
 // 1/Bg within the records of one wet-gas row, linear in Rv.
-double InterpolateOneOverBgRecords(const TPVTGRecordTable& records, double Rv);
+typedef Line<LineForm::Fraction, Field<&TPVTGRecord::Rv>, Field<&TPVTGRecord::Rv>, Reciprocal<Field<&TPVTGRecord::B>>>
+    BgRecordsLine;
+
+// One bracket of a line: the lower row's point and the part of the
+// expression that does not depend on x, computed with the very operands
+// that the expression written out in full would use.
+template <LineForm form>
+struct Bracket
+{
+    double x0;
+    double y0;
+    double a; // slope form: (y1 - y0) / (x1 - x0); fraction form: x0 - x1
+    double b; // fraction form: y0 - y1
+
+    static Bracket Between(double x0, double x1, double y0, double y1)
+    {
+        if (form == LineForm::Slope)
+            return Bracket{x0, y0, (y1 - y0) / (x1 - x0), 0.0};
+        return Bracket{x0, y0, x0 - x1, y0 - y1};
+    }
+
+    double At(double x) const
+    {
+        if (form == LineForm::Slope)
+            return (x - x0) * a + y0;
+        const double t = (x0 - x) / a;
+        return y0 - (b * t);
+    }
+};
+
+// The value along `Line` at x in the bracket that the bracket rule makes of
+// a row search result `found`; a table of one row gives its ordinate.  The
+// rows are read in the order x0, x1, y0, y1.
+template <class Line, class Rows>
+double InterpolateFound(const Rows& rows, std::size_t found, double x)
+{
+    if (rows.size() == 1)
+        return Line::Ordinate::Read(rows[0]);
+    const std::size_t upper = BracketUpper(found, rows.size());
+    const double x0 = Line::Abscissa::Read(rows[upper - 1]);
+    const double x1 = Line::Abscissa::Read(rows[upper]);
+    const double y0 = Line::Ordinate::Read(rows[upper - 1]);
+    const double y1 = Line::Ordinate::Read(rows[upper]);
+    return Bracket<Line::form>::Between(x0, x1, y0, y1).At(x);
+}
+
+// B of a pressure table at a pressure (callers invert afterwards).
+double InterpolateB(const TPVTTable& table, double pressure);
 
 } // namespace kavra

@@ -2,38 +2,38 @@
 
 #include "core/pvt/RegionCells.h"
 
-#include "core/pvt/FlatTables.h"
-
 namespace kavra {
 
 namespace {
 
-typedef FlatLine<LineForm::Slope> FlatB;
+// The rule: B interpolated linearly in pressure along the region's table
+// (the row search and the bracket rule on P), then inverted: 1.0 over the
+// interpolated B, never an interpolated 1/B.
+const auto OneOverBAt = [](const auto& pressureLine, double p) { return 1.0 / pressureLine.At(p, p); };
 
-bool Flatten(FlatB& line, const TPVTTable& table)
-{
-    auto P = [](const TPVT& row) { return Present(row.P); };
-    return line.Build(table, P, P, [](const TPVT& row) { return Present(row.B); });
-}
+// A region's table, flattened where it can be: one line of B in P.
+typedef FlatLine<BLine> FlatB;
 
-template <class Regions, class Values>
-void OneOverBCells(const TPVTList& pvtList, Regions p_PVTNum, Values p_P, Values OneOverB, std::uint64_t nElts)
+// The checks of a cell's region, made before its first cell is computed:
+// the region has a table, and the table has rows.  Cells of a region below
+// 1 never get here: they are written 0.0, and their pressure is not read.
+const TPVTTable& RegionTable(const TPVTList& pvtList, std::uint64_t pvtID)
 {
-    const FlatRegions<FlatB> flat(pvtList, Flatten);
-    ForEachRegionRun(p_PVTNum, OneOverB, nElts, [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
-        PRECONDITION(pvtID<pvtList.size(), (WrongRegion{pvtID, pvtList.size()}));
-        const TPVTTable& pvt_table = pvtList[pvtID];
-        PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
-        const FlatB* line = flat[pvtID];
-        for (std::uint64_t h = begin; h < end; ++h) {
-            const double p = p_P.get(h);
-            OneOverB.set(h, 1.0 / (line ? line->At(p, p) : InterpolateB(pvt_table, p)));
-        }
-    });
+    // The message speaks of pvtID, counted from 0; for an empty list the
+    // upper bound wraps around in the unsigned type and shows 2^64 - 1.
+    PRECONDITION(pvtID<pvtList.size(), (WrongRegion{pvtID, pvtList.size()}));
+    const TPVTTable& pvt_table = pvtList[pvtID];
+    PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
+    return pvt_table;
 }
 
 } // namespace
 
+// The argument checks come first, in this order: None, then the count of
+// every grid function against the result's.  A refused call writes nothing.
+// Variants: PVTNum an array of int with arrays of double for the others,
+// else any grid functions through their accessors (the same numbers).  A
+// failure at a cell leaves the cells before it written.
 void CalcOneOverB(const TPVTList& pvtList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_P, GridFunctionPtr OneOverB)
 {
     CheckGridFunctionGiven("PVTNum", p_PVTNum);
@@ -44,10 +44,7 @@ void CalcOneOverB(const TPVTList& pvtList, GridFunctionPtr p_PVTNum, GridFunctio
     PRECONDITION(nElts == p_PVTNum->number_of_elements(), "OneOverB and PVTNum should have the same number of elements.");
     PRECONDITION(nElts == p_P->number_of_elements(), "OneOverB and P should have the same number of elements.");
 
-    DispatchGridFunctions(
-        FloatVariant::Absent,
-        [&](auto regions, auto pressure, auto result) { OneOverBCells(pvtList, regions, pressure, result, nElts); },
-        p_PVTNum, p_P, OneOverB);
+    CalculateByRegion<FlatB, RegionTable>(ElementTypes<double>(), pvtList, OneOverBAt, nElts, p_PVTNum, p_P, OneOverB);
 }
 
 } // namespace kavra

@@ -1,7 +1,20 @@
 #pragma once
 
+// The cell walk that every PVT calculation shares: the grid functions
+// reached by dispatch, the cells taken in runs of one region, each region's
+// checks made once per run, and each cell computed by the calculation's
+// rule on the model of its region's table (flattened where it could be,
+// else the table in place; core/pvt/TableModels.h).
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <ostream>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "core/pvt/TableModels.h"
+#include "core/utils/GridFunctionAccess.h"
 
 namespace kavra {
 
@@ -46,6 +59,66 @@ struct WrongRegion
 inline std::ostream& operator<<(std::ostream& os, const WrongRegion& wrong)
 {
     return os << "Wrong PVT region number: " << wrong.pvtID << ", valid interval [0, " << wrong.count - 1 << "].";
+}
+
+namespace detail {
+
+// Cells begin..end-1 of one region: each reads its inputs in argument
+// order, then gets rule(model, inputs...).  A small model is taken by value,
+// so that the stores of the results cannot be taken to change it.
+template <class Model, class Rule, class Accesses, std::size_t... I>
+void WriteCells(std::conditional_t<std::is_trivially_copyable<Model>::value, const Model, const Model&> model,
+                const Rule& rule, std::uint64_t begin, std::uint64_t end, const Accesses& accesses,
+                std::index_sequence<I...>)
+{
+    const auto& result = std::get<sizeof...(I)>(accesses);
+    for (std::uint64_t h = begin; h < end; ++h) {
+        const std::array<double, sizeof...(I)> inputs{{static_cast<double>(std::get<I>(accesses).get(h))...}};
+        result.set(h, rule(model, inputs[I]...));
+    }
+}
+
+} // namespace detail
+
+// Runs a PVT calculation once its arguments are checked.  `regions` holds
+// the region numbers, the last of `gridFunctions` is the result and the
+// others are the inputs; `types` are the element types of the calculation's
+// array variants.  At the first cell of a run of a region,
+// `regionTable(list, pvtID)` makes the calculation's checks of the region
+// and gives its table (or record); every cell of the run then gets
+// `rule(model, inputs...)`, the model being the table flattened as `Flat`
+// where it could be, else the table in place.
+template <class Flat, auto regionTable, class... T, class List, class Rule, class... GridFunctions>
+void CalculateByRegion(ElementTypes<T...> types, const List& list, const Rule& rule, std::uint64_t nElts,
+                       const GridFunctionPtr& regions, const GridFunctions&... gridFunctions)
+{
+    DispatchGridFunctions(
+        types,
+        [&](auto regionNumbers, auto... access) {
+            typedef typename List::value_type Table;
+            typedef typename Flat::template InPlace<Table> InPlace;
+            const FlatRegions<Flat> flat(list);
+            const auto accesses = std::make_tuple(access...);
+            const auto inputs = std::make_index_sequence<sizeof...(access) - 1>();
+            // The region of the run before: checked already, and the checks
+            // of one region always end alike (nothing changes the tables
+            // during a call).  Runs of one cell, as through accessors, make
+            // this the common case.
+            std::uint64_t checked = 0;
+            const Table* table = nullptr;
+            ForEachRegionRun(regionNumbers, std::get<sizeof...(access) - 1>(accesses), nElts,
+                             [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
+                if (table == nullptr || pvtID != checked) {
+                    table = &regionTable(list, pvtID);
+                    checked = pvtID;
+                }
+                if (const Flat* model = flat[pvtID])
+                    detail::WriteCells<Flat>(*model, rule, begin, end, accesses, inputs);
+                else
+                    detail::WriteCells<InPlace>(InPlace(*table), rule, begin, end, accesses, inputs);
+            });
+        },
+        RegionNumbers{regions}, gridFunctions...);
 }
 
 } // namespace kavra

@@ -30,8 +30,8 @@ void CalcBulkVolume(GridFunctionPtr p_NTG, GridFunctionPtr p_BulkVolume)
     const std::uint64_t nElts = BulkVolume->number_of_elements();
     PRECONDITION(nElts == NTG->number_of_elements(), "BulkVolume and NTG should have the same number of elements.");
 
-    DispatchTypedGridFunctions(
-        [nElts](auto ntg, auto bulkVolume) {
+    DispatchGridFunctions(
+        ElementTypes<double>(), [nElts](auto ntg, auto bulkVolume) {
             for (std::uint64_t h = 0; h < nElts; ++h)
                 bulkVolume.set(h, bulkVolume.get(h) * ntg.get(h));
         },

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "core/utils/gridfunction_checking.h"
+#include "core/utils/GridFunctionAccess.h"
 
 namespace kavra {
 
@@ -12,7 +12,8 @@ namespace kavra {
 inline void GuardedQuotient(const DoubleGridFunctionPtr& numerator, const DoubleGridFunctionPtr& denominator,
                             const WritableDoubleGridFunctionPtr& result, std::uint64_t nElts)
 {
-    DispatchTypedGridFunctions(
+    DispatchGridFunctions(
+        ElementTypes<double>(),
         [nElts](auto num, auto den, auto out) {
             for (std::uint64_t h = 0; h < nElts; ++h) {
                 const double d = den.get(h);

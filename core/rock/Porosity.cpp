@@ -24,8 +24,8 @@ void CalcPorosity(const TRockList& rockList, GridFunctionPtr p_PVTNum, GridFunct
     PRECONDITION(nElts == Po->number_of_elements(), "Porosity and Po should have the same number of elements.");
     PRECONDITION(nElts == PORO->number_of_elements(), "Porosity and PORO should have the same number of elements.");
 
-    DispatchTypedGridFunctions(
-        [nElts, &rockList](auto pvtNum, auto po, auto poro, auto porosity) {
+    DispatchGridFunctions(
+        ElementTypes<double>(), [nElts, &rockList](auto pvtNum, auto po, auto poro, auto porosity) {
             for (std::uint64_t h = 0; h < nElts; ++h) {
                 const int region = pvtNum.get(h);
                 // Cells outside every region keep whatever the caller put there.
