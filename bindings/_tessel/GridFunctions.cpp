@@ -36,7 +36,7 @@ void SetValue(IWritableTypeGridFunction<T, T>& gf, bp::object h, T v)
 template <class T>
 boost::shared_ptr<ArrayGridFunction<T>> MakeArray(bp::object source)
 {
-    const std::string cls = std::string(ElementType<T>::name) + "GridFunction";
+    const std::string cls = std::string(elementTraits<T>.name) + "GridFunction";
     PyObject* s = source.ptr();
     if (PyIndex_Check(s) && !PyBool_Check(s) && !PyArray_Check(s)) {
         const long long n = IntegerArgument(s, 0, PY_SSIZE_T_MAX, (cls + " size").c_str());
@@ -76,16 +76,16 @@ void ReleaseKeeper(ArrayKeeper* keeper)
 template <class T>
 boost::shared_ptr<ArrayGridFunction<T>> WrapArray(bp::object source)
 {
-    const std::string what = std::string(ElementType<T>::name) + "GridFunction.wrap";
+    const std::string what = std::string(elementTraits<T>.name) + "GridFunction.wrap";
     const std::string copyHint =
-        " (" + std::string(ElementType<T>::name) + "GridFunction(values) makes a converted copy)";
+        " (" + std::string(elementTraits<T>.name) + "GridFunction(values) makes a converted copy)";
     PyObject* s = source.ptr();
     if (!PyArray_Check(s))
         Raise(PyExc_TypeError, what + " needs a NumPy array, got " + Py_TYPE(s)->tp_name + copyHint);
     RefuseMasked(s, what.c_str());
     PyArrayObject* array = reinterpret_cast<PyArrayObject*>(s);
-    if (PyArray_DESCR(array)->type_num != ElementType<T>::typenum)
-        Raise(PyExc_TypeError, what + " needs " + ElementType<T>::dtype + " elements, got " +
+    if (PyArray_DESCR(array)->type_num != elementTraits<T>.typenum)
+        Raise(PyExc_TypeError, what + " needs " + elementTraits<T>.dtype + " elements, got " +
                                    DtypeText(array) + copyHint);
     if (!PyArray_ISNOTSWAPPED(array))
         Raise(PyExc_ValueError, what + " needs elements in the machine's byte order, got " + DtypeText(array) +
@@ -158,19 +158,19 @@ template <class T>
 bp::object ArrayValues(bp::object self)
 {
     ArrayGridFunction<T>& gf = bp::extract<ArrayGridFunction<T>&>(self);
-    return ArrayView(self, gf.data, static_cast<npy_intp>(gf.count), ElementType<T>::typenum);
+    return ArrayView(self, gf.data, static_cast<npy_intp>(gf.count), elementTraits<T>.typenum);
 }
 
 template <class T>
 std::string ArrayRepr(const ArrayGridFunction<T>& gf)
 {
-    return std::string(ElementType<T>::name) + "GridFunction(" + std::to_string(gf.count) + " elements)";
+    return std::string(elementTraits<T>.name) + "GridFunction(" + std::to_string(gf.count) + " elements)";
 }
 
 template <class T>
 void RegisterTyped()
 {
-    const std::string name = ElementType<T>::name;
+    const std::string name = elementTraits<T>.name;
     bp::class_<ITypeGridFunction<T>, boost::shared_ptr<ITypeGridFunction<T>>, bp::bases<IGridFunction>,
                boost::noncopyable>(("I" + name + "TypeGridFunction").c_str(), bp::no_init);
     bp::class_<IWritableTypeGridFunction<T, T>, boost::shared_ptr<IWritableTypeGridFunction<T, T>>,

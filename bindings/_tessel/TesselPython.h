@@ -17,7 +17,7 @@
 namespace tessel {
 namespace python {
 
-using kavra::python::ElementType;
+using kavra::python::elementTraits;
 using kavra::python::NormalizeIndex;
 using kavra::python::PrivateSequence;
 using kavra::python::Raise;

@@ -45,30 +45,43 @@ inline boost::python::handle<> PrivateSequence(PyObject* iterable, const char* m
     return items;
 }
 
-// An element type of NumPy arrays: its type number, the name of the grid
-// function class over it and the dtype named in error texts.
+// What the modules know of an element type of NumPy arrays.
+struct ElementTraits
+{
+    int typenum;       // NumPy's type number
+    char character;    // dtype.char
+    const char* dtype; // the dtype's name in error texts
+    const char* name;  // the name in class names (tessel's IntGridFunction, FloatGridFunction, ...)
+};
+
+// A type without an entry below does not compile where its entry is asked for.
 template <class T>
-struct ElementType;
+struct NoElementTraits;
+
+// The element types that the modules read and make, one entry per NumPy type
+// number, also where two have the same width (`long` follows the platform,
+// as NumPy's NPY_LONG does).
+template <class T>
+inline constexpr ElementTraits elementTraits = NoElementTraits<T>::traits;
 template <>
-struct ElementType<int>
-{
-    static constexpr int typenum = NPY_INT;
-    static constexpr const char* name = "Int";
-    static constexpr const char* dtype = "int32";
-};
+inline constexpr ElementTraits elementTraits<int> = {NPY_INT, 'i', "int32", "Int"};
 template <>
-struct ElementType<float>
-{
-    static constexpr int typenum = NPY_FLOAT;
-    static constexpr const char* name = "Float";
-    static constexpr const char* dtype = "float32";
-};
+inline constexpr ElementTraits elementTraits<unsigned int> = {NPY_UINT, 'I', "uint32", "UInt"};
 template <>
-struct ElementType<double>
+inline constexpr ElementTraits elementTraits<long> = {NPY_LONG, 'l', sizeof(long) == 8 ? "int64" : "int32", "Long"};
+template <>
+inline constexpr ElementTraits elementTraits<unsigned long> = {NPY_ULONG, 'L', sizeof(long) == 8 ? "uint64" : "uint32",
+                                                               "ULong"};
+template <>
+inline constexpr ElementTraits elementTraits<float> = {NPY_FLOAT, 'f', "float32", "Float"};
+template <>
+inline constexpr ElementTraits elementTraits<double> = {NPY_DOUBLE, 'd', "float64", "Double"};
+
+// A list of element types, for code made once per type in it (the switch
+// over type numbers of the column reductions).
+template <class... T>
+struct ElementTypeList
 {
-    static constexpr int typenum = NPY_DOUBLE;
-    static constexpr const char* name = "Double";
-    static constexpr const char* dtype = "float64";
 };
 
 } // namespace python
