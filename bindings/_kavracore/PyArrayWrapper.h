@@ -11,7 +11,7 @@
 #include <boost/python.hpp>
 
 #include "bindings/common/BindingHelpers.h"
-#include "numpy_api.h"
+#include "NumpyApi.h"
 
 namespace kavra {
 
