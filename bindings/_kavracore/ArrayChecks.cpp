@@ -11,7 +11,7 @@ namespace {
 PyArrayObject* CheckedArray(const boost::python::object& array)
 {
     if (!IsNumpyArray(array.ptr()))
-        RaiseValueError("Wrong array type, expecting a numpy array!");
+        Raise(PyExc_ValueError, "Wrong array type, expecting a numpy array!");
     return reinterpret_cast<PyArrayObject*>(array.ptr());
 }
 
@@ -21,22 +21,22 @@ void CheckReservoirArray(tessel::strata::ReservoirTopologyPtr topology, boost::p
 {
     PyArrayObject* a = CheckedArray(array);
     if (!(PyArray_FLAGS(a) & NPY_ARRAY_C_CONTIGUOUS))
-        RaiseValueError("Wrong array layout, expecting a contiguous numpy array!");
+        Raise(PyExc_ValueError, "Wrong array layout, expecting a contiguous numpy array!");
     switch (PyArray_NDIM(a)) {
     case 1: {
         // The cell count is compared as an unsigned 32-bit number.
         const std::uint32_t cells =
             static_cast<std::uint32_t>(std::uint64_t(topology->nI) * topology->nJ * topology->nK);
         if (PyArray_DIM(a, 0) != static_cast<npy_intp>(cells))
-            RaiseValueError("Wrong 1D array size!");
+            Raise(PyExc_ValueError, "Wrong 1D array size!");
         break;
     }
     case 3:
         if (PyArray_DIM(a, 2) != topology->nI || PyArray_DIM(a, 1) != topology->nJ || PyArray_DIM(a, 0) != topology->nK)
-            RaiseValueError("Wrong 3D array size!");
+            Raise(PyExc_ValueError, "Wrong 3D array size!");
         break;
     default:
-        RaiseValueError("Wrong array dimension! Expecting 1D or 3D");
+        Raise(PyExc_ValueError, "Wrong array dimension! Expecting 1D or 3D");
     }
 }
 
@@ -44,9 +44,9 @@ void CheckSelectionArray(tessel::strata::ReservoirSelectionTopologyPtr topology,
 {
     PyArrayObject* a = CheckedArray(array);
     if (PyArray_NDIM(a) != 1)
-        RaiseValueError("Wrong array dimension!");
+        Raise(PyExc_ValueError, "Wrong array dimension!");
     if (static_cast<std::uint64_t>(PyArray_DIM(a, 0)) != topology->number_of_selected_cells)
-        RaiseValueError("Wrong array size!");
+        Raise(PyExc_ValueError, "Wrong array size!");
 }
 
 } // namespace kavra

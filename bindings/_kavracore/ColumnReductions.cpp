@@ -102,13 +102,13 @@ template <class Operation, class Topology>
 bp::object Reduce(boost::shared_ptr<Topology> topology, bp::object array)
 {
     if (!topology)
-        RaiseValueError(std::string(Operation::name) +
-                        " needs a ReservoirTopology or a ReservoirSelectionTopology, got None");
+        Raise(PyExc_ValueError,
+              std::string(Operation::name) + " needs a ReservoirTopology or a ReservoirSelectionTopology, got None");
     CheckArray(topology, array);
     const npy_intp size = PyArray_SIZE(reinterpret_cast<PyArrayObject*>(array.ptr()));
     if (size > std::numeric_limits<std::int32_t>::max())
-        RaiseValueError(std::string(Operation::name) + " takes arrays of at most 2147483647 elements, got " +
-                        std::to_string(size));
+        Raise(PyExc_ValueError, std::string(Operation::name) + " takes arrays of at most 2147483647 elements, got " +
+                                    std::to_string(size));
     return VisitElementType(ArrayTypeNumber(array), [&](auto zero) {
         return ReduceColumns<decltype(zero), Operation>(*topology, array);
     });

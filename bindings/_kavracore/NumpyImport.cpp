@@ -1,5 +1,5 @@
 #define KAVRA_NUMPY_API_DEFINITION
-#include "numpy_api.h"
+#include "NumpyApi.h"
 
 #include <boost/python/errors.hpp>
 

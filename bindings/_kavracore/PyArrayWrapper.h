@@ -3,75 +3,23 @@
 // Typed access to NumPy arrays.  TPyArrayWrapper<T> owns one reference to an
 // array whose element type is T, identified by NumPy type number; elements
 // are always reached through the array's own strides.
-#include <cstdio>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <type_traits>
 #include <utility>
 
 #include <boost/python.hpp>
 
-#include "numpy_api.h"
+#include "bindings/common/BindingHelpers.h"
+#include "NumpyApi.h"
 
 namespace kavra {
 
-// Raise `message` as a Python ValueError and leave through Boost.Python.
-[[noreturn]] inline void RaiseValueError(const char* message)
-{
-    PyErr_SetString(PyExc_ValueError, message);
-    throw boost::python::error_already_set();
-}
+using python::elementTraits;
+using python::ElementTypeList;
+using python::Raise;
 
-[[noreturn]] inline void RaiseValueError(const std::string& message)
-{
-    RaiseValueError(message.c_str());
-}
-
-// The element types of NumPy arrays that the module reads and makes, with
-// the NumPy type number that a wrapper of T demands and the type character
-// it reports for itself.  This list is the one place that names them: the
-// traits below and the switch of VisitElementType are made from it.  Each
-// type number has its own entry, also where two have the same width;
-// `long` follows the platform's width, as NumPy's NPY_LONG does.
-// NPY_LONGLONG and NPY_ULONGLONG have none.
-template <class T, int typeNumber, char typeCharacter>
-struct ArrayElementType
-{
-    typedef T type;
-    static constexpr int number = typeNumber;
-    static constexpr char character = typeCharacter;
-};
-
-template <class... Elements>
-struct ArrayElementList
-{
-};
-
-typedef ArrayElementList<ArrayElementType<int, NPY_INT, 'i'>, ArrayElementType<unsigned int, NPY_UINT, 'I'>,
-                         ArrayElementType<long, NPY_LONG, 'l'>, ArrayElementType<unsigned long, NPY_ULONG, 'L'>,
-                         ArrayElementType<float, NPY_FLOAT, 'f'>, ArrayElementType<double, NPY_DOUBLE, 'd'>>
-    ArrayElements;
-
-namespace detail {
-
-template <class T, class List>
-struct FindArrayElement;
-
-template <class T, class First, class... Rest>
-struct FindArrayElement<T, ArrayElementList<First, Rest...>>
-    : std::conditional_t<std::is_same<T, typename First::type>::value, First,
-                         FindArrayElement<T, ArrayElementList<Rest...>>>
-{
-};
-
-} // namespace detail
-
-// ArrayElement<T>::number and ::character: the entry of T in ArrayElements.
-template <class T>
-struct ArrayElement : detail::FindArrayElement<T, ArrayElements>
-{
-};
+using python::ArrayElements;
 
 // True for an ndarray or an instance of one of its subclasses.
 inline bool IsNumpyArray(PyObject* object)
@@ -102,10 +50,10 @@ public:
         m_object = object;
         m_array = reinterpret_cast<PyArrayObject*>(m_object.ptr());
         m_type = PyArray_DESCR(m_array)->type;
-        if (PyArray_DESCR(m_array)->type_num != ArrayElement<T>::number)
+        if (PyArray_DESCR(m_array)->type_num != elementTraits<T>.typenum)
             throw std::runtime_error(std::string("TPyArrayWrapper: received a numeric array object with wrong type\n"
                                                  "\tArray is of type: ") +
-                                     m_type + "\n\tWrapper type is: " + ArrayElement<T>::character);
+                                     m_type + "\n\tWrapper type is: " + elementTraits<T>.character);
     }
 
     // A new, uninitialised one-dimensional array of `size` elements.
@@ -128,7 +76,7 @@ public:
 private:
     void Allocate(int ndim, npy_intp* dims)
     {
-        PyObject* array = PyArray_New(&PyArray_Type, ndim, dims, ArrayElement<T>::number, nullptr, nullptr, 0, 0,
+        PyObject* array = PyArray_New(&PyArray_Type, ndim, dims, elementTraits<T>.typenum, nullptr, nullptr, 0, 0,
                                       nullptr);
         m_object = boost::python::object(boost::python::handle<>(array)); // a null result raises NumPy's error
         m_array = reinterpret_cast<PyArrayObject*>(array);
@@ -155,22 +103,18 @@ TPyArrayWrapper<T> ZeroArray(npy_intp size0, npy_intp size1)
 {
     npy_intp dims[2] = {size0, size1};
     return TPyArrayWrapper<T>(boost::python::object(
-        boost::python::handle<>(PyArray_Zeros(2, dims, PyArray_DescrFromType(ArrayElement<T>::number), 0))));
+        boost::python::handle<>(PyArray_Zeros(2, dims, PyArray_DescrFromType(elementTraits<T>.typenum), 0))));
 }
 
 namespace detail {
 
-template <class Visitor, class... Elements>
-auto VisitElementType(int typeNumber, Visitor& visit, ArrayElementList<Elements...>)
+template <class Visitor, class... T>
+auto VisitElementType(int typeNumber, Visitor& visit, ElementTypeList<T...>)
 {
     std::optional<decltype(visit(int()))> result;
-    const bool found = ((typeNumber == Elements::number && (result.emplace(visit(typename Elements::type())), true)) ||
-                        ...);
-    if (!found) {
-        char message[128];
-        std::snprintf(message, sizeof(message), "Unsupported array data type = %d!\n", typeNumber);
-        RaiseValueError(message);
-    }
+    const bool found = ((typeNumber == elementTraits<T>.typenum && (result.emplace(visit(T())), true)) || ...);
+    if (!found)
+        Raise(PyExc_ValueError, "Unsupported array data type = " + std::to_string(typeNumber) + "!\n");
     return std::move(*result);
 }
 

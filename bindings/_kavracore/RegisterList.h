@@ -13,26 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "bindings/common/PrivateSequence.h"
+#include "bindings/common/BindingHelpers.h"
 #include "core/types/Records.h"
 #include "core/utils/Precondition.h"
 
 namespace kavra {
 namespace python {
-
-// Position of a Python index in a list of `size` elements; negative indices
-// count from the end.  IndexError "index out of range" otherwise.
-inline std::size_t NormalizeIndex(std::int64_t index, std::size_t size)
-{
-    const std::int64_t n = static_cast<std::int64_t>(size);
-    if (index < 0)
-        index += n;
-    if (index < 0 || index > n - 1) {
-        PyErr_SetString(PyExc_IndexError, "index out of range");
-        boost::python::throw_error_already_set();
-    }
-    return static_cast<std::size_t>(index);
-}
 
 // Growing a vector beyond its maximum size is refused with the same words
 // for every way of growing it.
@@ -121,7 +107,7 @@ std::size_t Size(const std::vector<E>& v)
 template <class E>
 E GetItem(const std::vector<E>& v, std::int64_t index)
 {
-    return v[NormalizeIndex(index, v.size())];
+    return v[NormalizeIndex(index, v.size(), "index out of range")];
 }
 
 // Elements leave a list only by being swapped out into a local, so that the
@@ -131,7 +117,7 @@ template <class E>
 void SetItem(std::vector<E>& v, std::int64_t index, const E& element)
 {
     E replaced(element);
-    std::swap(v[NormalizeIndex(index, v.size())], replaced);
+    std::swap(v[NormalizeIndex(index, v.size(), "index out of range")], replaced);
 }
 
 template <class E>

@@ -4,7 +4,7 @@
 #include <boost/python.hpp>
 
 #include "Registration.h"
-#include "numpy_api.h"
+#include "NumpyApi.h"
 
 namespace {
 

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bindings/common/BindingHelpers.h"
 #include "core/parallel/CellParts.h"
 #include "core/reductions/ColumnKernels.h"
 #include "core/parallel/TableCopies.h"
@@ -45,10 +46,8 @@ constexpr std::uint64_t cellsPerPart = 1 << 15;
 
 unsigned Parts(std::uint64_t cells, int threads)
 {
-    if (threads < 1) {
-        PyErr_SetString(PyExc_ValueError, "the number of threads must be at least 1");
-        bp::throw_error_already_set();
-    }
+    if (threads < 1)
+        Raise(PyExc_ValueError, "the number of threads must be at least 1");
     const std::uint64_t most = cells / cellsPerPart;
     return static_cast<unsigned>(std::max<std::uint64_t>(1, std::min<std::uint64_t>(threads, most)));
 }
@@ -226,19 +225,15 @@ void ReduceColumnsInParts(const Buffer& values, const Buffer& result, std::int64
     });
 }
 
-template <class Operation>
-void ReduceByType(char type, const Buffer& values, const Buffer& result, std::int64_t columns, int threads)
+template <class Operation, class... T>
+void ReduceByType(char type, const Buffer& values, const Buffer& result, std::int64_t columns, int threads,
+                  ElementTypeList<T...>)
 {
-    switch (type) {
-    case 'i': return ReduceColumnsInParts<Operation, int>(values, result, columns, threads);
-    case 'I': return ReduceColumnsInParts<Operation, unsigned int>(values, result, columns, threads);
-    case 'l': return ReduceColumnsInParts<Operation, long>(values, result, columns, threads);
-    case 'L': return ReduceColumnsInParts<Operation, unsigned long>(values, result, columns, threads);
-    case 'f': return ReduceColumnsInParts<Operation, float>(values, result, columns, threads);
-    case 'd': return ReduceColumnsInParts<Operation, double>(values, result, columns, threads);
-    }
-    PyErr_SetString(PyExc_ValueError, "values of an element type without a column kernel");
-    bp::throw_error_already_set();
+    const bool found = ((type == elementTraits<T>.character &&
+                         (ReduceColumnsInParts<Operation, T>(values, result, columns, threads), true)) ||
+                        ...);
+    if (!found)
+        Raise(PyExc_ValueError, "values of an element type without a column kernel");
 }
 
 // The column reduction `name` (KMax, KMin, KSum or KAverage) of a grid's
@@ -251,21 +246,18 @@ void ReduceGrid(const std::string& name, bp::object values, bp::object result, s
     const Buffer out(result.ptr(), true);
     const char type = in.Type();
     if (type == 0 || out.Type() != type || in.Elements() != out.Elements() || columns < 1 ||
-        in.Elements() % columns != 0) {
-        PyErr_SetString(PyExc_ValueError, "ReduceGrid takes values and a result of one element type and length, "
-                                          "a whole number of layers of `columns` cells");
-        bp::throw_error_already_set();
-    }
+        in.Elements() % columns != 0)
+        Raise(PyExc_ValueError, "ReduceGrid takes values and a result of one element type and length, "
+                                "a whole number of layers of `columns` cells");
     if (name == columns::Max::name)
-        return ReduceByType<columns::Max>(type, in, out, columns, threads);
+        return ReduceByType<columns::Max>(type, in, out, columns, threads, ArrayElements());
     if (name == columns::Min::name)
-        return ReduceByType<columns::Min>(type, in, out, columns, threads);
+        return ReduceByType<columns::Min>(type, in, out, columns, threads, ArrayElements());
     if (name == columns::Sum::name)
-        return ReduceByType<columns::Sum>(type, in, out, columns, threads);
+        return ReduceByType<columns::Sum>(type, in, out, columns, threads, ArrayElements());
     if (name == columns::Average::name)
-        return ReduceByType<columns::Average>(type, in, out, columns, threads);
-    PyErr_SetString(PyExc_ValueError, ("no column reduction " + name).c_str());
-    bp::throw_error_already_set();
+        return ReduceByType<columns::Average>(type, in, out, columns, threads, ArrayElements());
+    Raise(PyExc_ValueError, "no column reduction " + name);
 }
 
 } // namespace

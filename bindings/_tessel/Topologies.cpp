@@ -1,6 +1,6 @@
 // Python classes of the topologies: ITopology, ReservoirTopology and
 // ReservoirSelectionTopology.
-#include "tessel_python.h"
+#include "TesselPython.h"
 
 #include <string>
 
@@ -14,17 +14,17 @@ namespace tessel {
 namespace python {
 namespace {
 
-const long long max_dimension = 65535;
+const long long maxDimension = 65535;
 
-ReservoirTopologyPtr make_topology(bp::object nI, bp::object nJ, bp::object nK)
+ReservoirTopologyPtr MakeTopology(bp::object nI, bp::object nJ, bp::object nK)
 {
     return ReservoirTopologyPtr(new ReservoirTopology(
-        static_cast<std::uint16_t>(integer_argument(nI.ptr(), 0, max_dimension, "nI")),
-        static_cast<std::uint16_t>(integer_argument(nJ.ptr(), 0, max_dimension, "nJ")),
-        static_cast<std::uint16_t>(integer_argument(nK.ptr(), 0, max_dimension, "nK"))));
+        static_cast<std::uint16_t>(IntegerArgument(nI.ptr(), 0, maxDimension, "nI")),
+        static_cast<std::uint16_t>(IntegerArgument(nJ.ptr(), 0, maxDimension, "nJ")),
+        static_cast<std::uint16_t>(IntegerArgument(nK.ptr(), 0, maxDimension, "nK"))));
 }
 
-std::string topology_repr(const ReservoirTopology& t)
+std::string TopologyRepr(const ReservoirTopology& t)
 {
     return "ReservoirTopology(" + std::to_string(t.nI) + ", " + std::to_string(t.nJ) + ", " + std::to_string(t.nK) +
            ")";
@@ -32,22 +32,22 @@ std::string topology_repr(const ReservoirTopology& t)
 
 // Cells as an (n, 3) array-like of integer (i, j, k); an empty sequence
 // selects nothing.
-ReservoirSelectionTopologyPtr make_selection(const ReservoirTopologyPtr& parent, bp::object cells)
+ReservoirSelectionTopologyPtr MakeSelection(const ReservoirTopologyPtr& parent, bp::object cells)
 {
     if (!parent)
-        raise(PyExc_ValueError, "ReservoirSelectionTopology needs a parent ReservoirTopology, not None");
-    refuse_masked(cells.ptr(), "ReservoirSelectionTopology");
-    bp::object array_object(bp::handle<>(PyArray_FromAny(cells.ptr(), nullptr, 0, 0, 0, nullptr)));
-    PyArrayObject* array = reinterpret_cast<PyArrayObject*>(array_object.ptr());
+        Raise(PyExc_ValueError, "ReservoirSelectionTopology needs a parent ReservoirTopology, not None");
+    RefuseMasked(cells.ptr(), "ReservoirSelectionTopology");
+    bp::object arrayObject(bp::handle<>(PyArray_FromAny(cells.ptr(), nullptr, 0, 0, 0, nullptr)));
+    PyArrayObject* array = reinterpret_cast<PyArrayObject*>(arrayObject.ptr());
     const char kind = PyArray_DESCR(array)->kind;
     std::vector<CellIJK> selected;
     if (PyArray_SIZE(array) == 0)
         return ReservoirSelectionTopologyPtr(new ReservoirSelectionTopology(parent, selected));
     if (PyArray_NDIM(array) != 2 || PyArray_DIM(array, 1) != 3)
-        raise(PyExc_ValueError, "ReservoirSelectionTopology needs cells as an (n, 3) array of (i, j, k)");
+        Raise(PyExc_ValueError, "ReservoirSelectionTopology needs cells as an (n, 3) array of (i, j, k)");
     if (kind != 'i' && kind != 'u')
-        raise(PyExc_TypeError, "ReservoirSelectionTopology needs integer cell coordinates");
-    bp::object wide(bp::handle<>(PyArray_FromAny(array_object.ptr(), PyArray_DescrFromType(NPY_LONGLONG), 0, 0,
+        Raise(PyExc_TypeError, "ReservoirSelectionTopology needs integer cell coordinates");
+    bp::object wide(bp::handle<>(PyArray_FromAny(arrayObject.ptr(), PyArray_DescrFromType(NPY_LONGLONG), 0, 0,
                                                  NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED | NPY_ARRAY_FORCECAST,
                                                  nullptr)));
     const long long* ijk = static_cast<const long long*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(wide.ptr())));
@@ -58,7 +58,7 @@ ReservoirSelectionTopologyPtr make_selection(const ReservoirTopologyPtr& parent,
         const long long* c = ijk + 3 * s;
         // Unsigned input above LLONG_MAX wraps to a negative number here and is refused as well.
         if (c[0] < 0 || c[0] >= dims[0] || c[1] < 0 || c[1] >= dims[1] || c[2] < 0 || c[2] >= dims[2])
-            raise(PyExc_ValueError, "selected cell " + std::to_string(s) + " = (" + std::to_string(c[0]) + ", " +
+            Raise(PyExc_ValueError, "selected cell " + std::to_string(s) + " = (" + std::to_string(c[0]) + ", " +
                                         std::to_string(c[1]) + ", " + std::to_string(c[2]) +
                                         ") lies outside the grid of " + std::to_string(dims[0]) + " x " +
                                         std::to_string(dims[1]) + " x " + std::to_string(dims[2]) + " cells");
@@ -68,7 +68,7 @@ ReservoirSelectionTopologyPtr make_selection(const ReservoirTopologyPtr& parent,
     return ReservoirSelectionTopologyPtr(new ReservoirSelectionTopology(parent, std::move(selected)));
 }
 
-bp::object selected_cells(const ReservoirSelectionTopology& t)
+bp::object SelectedCells(const ReservoirSelectionTopology& t)
 {
     npy_intp dims[2] = {static_cast<npy_intp>(t.number_of_selected_cells), 3};
     bp::object result(bp::handle<>(PyArray_SimpleNew(2, dims, NPY_LONGLONG)));
@@ -81,7 +81,7 @@ bp::object selected_cells(const ReservoirSelectionTopology& t)
     return result;
 }
 
-bp::object cell_to_selection(const ReservoirSelectionTopology& t)
+bp::object CellToSelection(const ReservoirSelectionTopology& t)
 {
     npy_intp dims[1] = {static_cast<npy_intp>(t.parent_topology->number_of_cells())};
     bp::object result(bp::handle<>(PyArray_SimpleNew(1, dims, NPY_LONGLONG)));
@@ -91,30 +91,30 @@ bp::object cell_to_selection(const ReservoirSelectionTopology& t)
     return result;
 }
 
-std::string selection_repr(const ReservoirSelectionTopology& t)
+std::string SelectionRepr(const ReservoirSelectionTopology& t)
 {
-    return "ReservoirSelectionTopology(" + topology_repr(*t.parent_topology) + ", " +
+    return "ReservoirSelectionTopology(" + TopologyRepr(*t.parent_topology) + ", " +
            std::to_string(t.number_of_selected_cells) + " cells)";
 }
 
 } // namespace
 
-void register_topologies()
+void RegisterTopologies()
 {
     bp::class_<ITopology, boost::shared_ptr<ITopology>, boost::noncopyable>("ITopology", bp::no_init)
         .def("number_of_cells", &ITopology::number_of_cells);
 
     bp::class_<ReservoirTopology, ReservoirTopologyPtr, bp::bases<ITopology>, boost::noncopyable>("ReservoirTopology",
                                                                                                  bp::no_init)
-        .def("__init__", bp::make_constructor(&make_topology))
+        .def("__init__", bp::make_constructor(&MakeTopology))
         .add_property("nI", bp::make_getter(&ReservoirTopology::nI))
         .add_property("nJ", bp::make_getter(&ReservoirTopology::nJ))
         .add_property("nK", bp::make_getter(&ReservoirTopology::nK))
-        .def("__repr__", &topology_repr);
+        .def("__repr__", &TopologyRepr);
 
     bp::class_<ReservoirSelectionTopology, ReservoirSelectionTopologyPtr, bp::bases<ITopology>, boost::noncopyable>(
         "ReservoirSelectionTopology", bp::no_init)
-        .def("__init__", bp::make_constructor(&make_selection))
+        .def("__init__", bp::make_constructor(&MakeSelection))
         .add_property("parent_topology",
                       bp::make_getter(&ReservoirSelectionTopology::parent_topology,
                                       bp::return_value_policy<bp::return_by_value>()))
@@ -123,9 +123,9 @@ void register_topologies()
         .add_property("nK", bp::make_getter(&ReservoirSelectionTopology::nK))
         .add_property("number_of_selected_cells",
                       bp::make_getter(&ReservoirSelectionTopology::number_of_selected_cells))
-        .add_property("selected_cells", &selected_cells)
-        .add_property("cell_to_selection", &cell_to_selection)
-        .def("__repr__", &selection_repr);
+        .add_property("selected_cells", &SelectedCells)
+        .add_property("cell_to_selection", &CellToSelection)
+        .def("__repr__", &SelectionRepr);
 }
 
 } // namespace python

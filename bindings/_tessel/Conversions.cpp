@@ -1,4 +1,4 @@
-#include "tessel_python.h"
+#include "TesselPython.h"
 
 #include <cstdint>
 #include <cstring>
@@ -11,17 +11,10 @@ namespace bp = boost::python;
 namespace tessel {
 namespace python {
 
-void raise(PyObject* type, const std::string& message)
-{
-    PyErr_SetString(type, message.c_str());
-    bp::throw_error_already_set();
-    throw 0; // not reached: throw_error_already_set always throws
-}
-
-long long integer_argument(PyObject* value, long long lo, long long hi, const char* what)
+long long IntegerArgument(PyObject* value, long long lo, long long hi, const char* what)
 {
     if (PyBool_Check(value) || !PyIndex_Check(value) || PyArray_Check(value))
-        raise(PyExc_TypeError, std::string(what) + " must be an integer, not " + Py_TYPE(value)->tp_name);
+        Raise(PyExc_TypeError, std::string(what) + " must be an integer, not " + Py_TYPE(value)->tp_name);
     bp::handle<> index(PyNumber_Index(value));
     int overflow = 0;
     long long result = PyLong_AsLongLongAndOverflow(index.get(), &overflow);
@@ -29,42 +22,48 @@ long long integer_argument(PyObject* value, long long lo, long long hi, const ch
         bp::throw_error_already_set();
     if (overflow != 0 || result < lo || result > hi) {
         bp::handle<> text(PyObject_Str(index.get()));
-        raise(PyExc_ValueError, std::string(what) + " = " + PyUnicode_AsUTF8(text.get()) + " is outside [" +
+        Raise(PyExc_ValueError, std::string(what) + " = " + PyUnicode_AsUTF8(text.get()) + " is outside [" +
                                     std::to_string(lo) + ", " + std::to_string(hi) + "]");
     }
     return result;
 }
 
-void refuse_masked(PyObject* source, const char* what)
+void RefuseMasked(PyObject* source, const char* what)
 {
     if (!PyArray_Check(source) || PyArray_CheckExact(source))
         return;
-    static PyObject* masked_type = nullptr; // numpy.ma.MaskedArray, kept for the life of the process
-    if (masked_type == nullptr) {
+    static PyObject* maskedType = nullptr; // numpy.ma.MaskedArray, kept for the life of the process
+    if (maskedType == nullptr) {
         bp::object ma(bp::handle<>(PyImport_ImportModule("numpy.ma")));
         bp::object type = ma.attr("MaskedArray");
-        masked_type = bp::incref(type.ptr());
+        maskedType = bp::incref(type.ptr());
     }
-    const int masked = PyObject_IsInstance(source, masked_type);
+    const int masked = PyObject_IsInstance(source, maskedType);
     if (masked < 0)
         bp::throw_error_already_set();
     if (masked)
-        raise(PyExc_TypeError, std::string(what) +
+        Raise(PyExc_TypeError, std::string(what) +
                                    " does not take a masked array, whose mask it would drop: pass "
                                    "a.filled(value), or a.data to ignore the mask");
+}
+
+std::string DtypeText(PyArrayObject* array)
+{
+    bp::object text(bp::handle<>(PyObject_Str(reinterpret_cast<PyObject*>(PyArray_DESCR(array)))));
+    return bp::extract<std::string>(text);
 }
 
 namespace {
 
 // Byte-swapped and unaligned arrays are read through NumPy's casts below,
 // which convert them to native values.
-bp::object as_array(bp::object source, const char* what)
+bp::object AsArray(bp::object source, const char* what)
 {
-    refuse_masked(source.ptr(), what);
+    RefuseMasked(source.ptr(), what);
     return bp::object(bp::handle<>(PyArray_FromAny(source.ptr(), nullptr, 0, 0, 0, nullptr)));
 }
 
-bp::object cast_array(PyArrayObject* array, int typenum)
+bp::object CastArray(PyArrayObject* array, int typenum)
 {
     return bp::object(bp::handle<>(
         PyArray_FromAny(reinterpret_cast<PyObject*>(array), PyArray_DescrFromType(typenum), 0, 0,
@@ -72,14 +71,14 @@ bp::object cast_array(PyArrayObject* array, int typenum)
 }
 
 template <class T, class Wide>
-void copy_checked(PyArrayObject* wide, std::vector<T>& out, const char* what)
+void CopyChecked(PyArrayObject* wide, std::vector<T>& out, const char* what)
 {
     const Wide* data = static_cast<const Wide*>(PyArray_DATA(wide));
     for (std::size_t n = 0; n < out.size(); ++n) {
         const Wide v = data[n];
         if ((std::is_signed<Wide>::value && v < static_cast<Wide>(std::numeric_limits<T>::min())) ||
             v > static_cast<Wide>(std::numeric_limits<T>::max()))
-            raise(PyExc_ValueError, std::string(what) + ": value " + std::to_string(v) + " at position " +
+            Raise(PyExc_ValueError, std::string(what) + ": value " + std::to_string(v) + " at position " +
                                         std::to_string(n) + " does not fit a 32-bit int");
         out[n] = static_cast<T>(v);
     }
@@ -88,36 +87,35 @@ void copy_checked(PyArrayObject* wide, std::vector<T>& out, const char* what)
 } // namespace
 
 template <class T>
-std::vector<T> values_from_array_like(bp::object source, const char* what)
+std::vector<T> ValuesFromArrayLike(bp::object source, const char* what)
 {
-    bp::object array_object = as_array(source, what);
-    PyArrayObject* array = reinterpret_cast<PyArrayObject*>(array_object.ptr());
+    bp::object arrayObject = AsArray(source, what);
+    PyArrayObject* array = reinterpret_cast<PyArrayObject*>(arrayObject.ptr());
     const char kind = PyArray_DESCR(array)->kind;
     const bool integral = kind == 'b' || kind == 'i' || kind == 'u';
     if (PyArray_SIZE(array) == 0)
         return std::vector<T>(); // an empty sequence has no element type to check
     if (!integral && (std::is_integral<T>::value || kind != 'f')) {
-        bp::object dtype_text(bp::handle<>(PyObject_Str(reinterpret_cast<PyObject*>(PyArray_DESCR(array)))));
-        raise(PyExc_TypeError, std::string(what) + " needs " +
+        Raise(PyExc_TypeError, std::string(what) + " needs " +
                                    (std::is_integral<T>::value ? "integer" : "real") + " values, got dtype " +
-                                   bp::extract<std::string>(dtype_text)());
+                                   DtypeText(array));
     }
     if (PyArray_NDIM(array) != 1)
-        raise(PyExc_ValueError, std::string(what) + " needs one-dimensional values, got " +
+        Raise(PyExc_ValueError, std::string(what) + " needs one-dimensional values, got " +
                                     std::to_string(PyArray_NDIM(array)) + " dimensions");
 
     std::vector<T> values(static_cast<std::size_t>(PyArray_SIZE(array)));
     if constexpr (std::is_integral<T>::value) {
         if (kind == 'u') {
-            bp::object wide = cast_array(array, NPY_ULONGLONG);
-            copy_checked<T, unsigned long long>(reinterpret_cast<PyArrayObject*>(wide.ptr()), values, what);
+            bp::object wide = CastArray(array, NPY_ULONGLONG);
+            CopyChecked<T, unsigned long long>(reinterpret_cast<PyArrayObject*>(wide.ptr()), values, what);
         } else {
-            bp::object wide = cast_array(array, NPY_LONGLONG);
-            copy_checked<T, long long>(reinterpret_cast<PyArrayObject*>(wide.ptr()), values, what);
+            bp::object wide = CastArray(array, NPY_LONGLONG);
+            CopyChecked<T, long long>(reinterpret_cast<PyArrayObject*>(wide.ptr()), values, what);
         }
     } else {
         const int typenum = std::is_same<T, float>::value ? NPY_FLOAT : NPY_DOUBLE;
-        bp::object converted = cast_array(array, typenum);
+        bp::object converted = CastArray(array, typenum);
         if (!values.empty())
             std::memcpy(values.data(), PyArray_DATA(reinterpret_cast<PyArrayObject*>(converted.ptr())),
                         values.size() * sizeof(T));
@@ -125,16 +123,16 @@ std::vector<T> values_from_array_like(bp::object source, const char* what)
     return values;
 }
 
-template std::vector<int> values_from_array_like<int>(bp::object, const char*);
-template std::vector<float> values_from_array_like<float>(bp::object, const char*);
-template std::vector<double> values_from_array_like<double>(bp::object, const char*);
+template std::vector<int> ValuesFromArrayLike<int>(bp::object, const char*);
+template std::vector<float> ValuesFromArrayLike<float>(bp::object, const char*);
+template std::vector<double> ValuesFromArrayLike<double>(bp::object, const char*);
 
-bp::object array_view(bp::object owner, void* data, npy_intp count, int typenum)
+bp::object ArrayView(bp::object owner, void* data, npy_intp count, int typenum)
 {
-    static double empty_buffer[1]; // an empty view still needs a pointer that NumPy does not own
+    static double emptyBuffer[1]; // an empty view still needs a pointer that NumPy does not own
     npy_intp dims[1] = {count};
     if (data == nullptr)
-        data = empty_buffer;
+        data = emptyBuffer;
     bp::object array(bp::handle<>(
         PyArray_New(&PyArray_Type, 1, dims, typenum, nullptr, data, 0, NPY_ARRAY_CARRAY, nullptr)));
     Py_INCREF(owner.ptr());

@@ -9,32 +9,40 @@
 #include <boost/python.hpp>
 #include <numpy/arrayobject.h>
 
+#include <string>
 #include <vector>
+
+#include "bindings/common/BindingHelpers.h"
 
 namespace tessel {
 namespace python {
 
-// Raise `type` with `message` as the pending Python error and leave.
-[[noreturn]] void raise(PyObject* type, const std::string& message);
+using kavra::python::elementTraits;
+using kavra::python::NormalizeIndex;
+using kavra::python::PrivateSequence;
+using kavra::python::Raise;
 
 // A Python integer (anything with __index__, bools excluded) as a long long;
 // TypeError otherwise, ValueError outside [lo, hi].
-long long integer_argument(PyObject* value, long long lo, long long hi, const char* what);
+long long IntegerArgument(PyObject* value, long long lo, long long hi, const char* what);
 
 // TypeError for a masked array (numpy.ma), whose mask a conversion would drop.
-void refuse_masked(PyObject* source, const char* what);
+void RefuseMasked(PyObject* source, const char* what);
+
+// The text of an array's dtype, as str(a.dtype) gives it.
+std::string DtypeText(PyArrayObject* array);
 
 // Values of a one-dimensional array-like, converted to T.  Integers only for
 // an integer T (each must fit T), numbers of any real kind for a floating T.
 template <class T>
-std::vector<T> values_from_array_like(boost::python::object source, const char* what);
+std::vector<T> ValuesFromArrayLike(boost::python::object source, const char* what);
 
 // A NumPy array over `count` elements at `data` that keeps `owner` alive.
-boost::python::object array_view(boost::python::object owner, void* data, npy_intp count, int typenum);
+boost::python::object ArrayView(boost::python::object owner, void* data, npy_intp count, int typenum);
 
-void register_grid_functions();
-void register_topologies();
-void register_int_vector();
+void RegisterGridFunctions();
+void RegisterTopologies();
+void RegisterIntVector();
 
 } // namespace python
 } // namespace tessel
