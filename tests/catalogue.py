@@ -7,6 +7,8 @@ import pathlib
 import sys
 from typing import NamedTuple
 
+import numpy as np
+import tessel
 from tessel import DoubleGridFunction, FloatGridFunction, IntGridFunction
 
 import kavra
@@ -140,3 +142,42 @@ LISTS = {
 def element(cls, scalar=None):
     """One element of the list class named `cls`."""
     return LISTS[cls][0](scalar if scalar is not None else S(1.0))
+
+
+def pinch_out():
+    """A column of three cells, all selected, with one pinch-out from k 0 to k 2: CalcTransmissibilityK's arguments."""
+    everything = tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(1, 1, 3), [[0, 0, 0], [0, 0, 1], [0, 0, 2]])
+    return (tessel.IntVector([0]), tessel.IntVector([2]), everything,
+            tessel.SelectionViewGridFunction(everything, DoubleGridFunction([7.0] * 3)))
+
+
+def two_cells(*values):
+    return DoubleGridFunction(list(values))
+
+
+# A valid call of every function, on two cells where it has cells; the last
+# grid function is the result, and it starts at 7.0.
+CALLS = {
+    **{name: (lambda name=name: (PVT[name].make(SAMPLE[name]), IntGridFunction([1, 1]),
+                                 *(two_cells(150.0, 120.0) for _ in PVT[name].inputs), two_cells(7.0, 7.0)))
+       for name in PVT},
+    "InterpolateB": lambda: (dead_table(SAMPLE["CalcOneOverB"][0]), 150.0),
+    "CalcBulkVolume": lambda: (two_cells(0.5, 0.5), two_cells(7.0, 7.0)),
+    "CalcBulkVolume three": lambda: (two_cells(1.0, 2.0), two_cells(0.2, 0.1), two_cells(7.0, 7.0)),
+    "CalcRsFromComponents": lambda: (two_cells(2.0, 4.0), two_cells(1.0, 1.0), two_cells(7.0, 7.0)),
+    "CalcPorosity": lambda: (rock_list([(200.0, 1e-3)]), IntGridFunction([1, 1]), two_cells(300.0, 200.0),
+                             two_cells(0.2, 0.2), two_cells(7.0, 7.0)),
+    "CalcPorosityFromPORV": lambda: (two_cells(10.0, 0.0), two_cells(2.0, 1.0), two_cells(7.0, 7.0)),
+    "CalcTransmissibilityK": pinch_out,
+    "KMax": lambda: (tessel.ReservoirTopology(2, 1, 1), np.array([1.0, 2.0])),
+    "KMin selection": lambda: (tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(2, 1, 1), [[0, 0, 0], [1, 0, 0]]),
+                               np.array([1, 2], dtype=np.int32)),
+    "KSum": lambda: (tessel.ReservoirTopology(2, 1, 1), np.array([1.0, 2.0]).reshape(1, 1, 2)),
+    "KAverage selection": lambda: (tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(1, 1, 2), [[0, 0, 1]]),
+                                   np.array([1.0], dtype=np.float32)),
+}
+
+
+def function(name):
+    """The function of a CALLS entry."""
+    return getattr(kavra, name.split()[0])

@@ -12,25 +12,8 @@ import pytest
 from tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
 
 import kavra
-from kavra import TPVT, TPVTG, TPVTO, TPVTW, TPVTGRecord, TRock, TScalar
-
-
-def S(value):
-    return TScalar(value, "", "")
-
-
-# Per list class: an element whose first scalar is `s`, and that scalar read back.
-ELEMENTS = {
-    "TPVTTable": (lambda s: TPVT(s, S(2), S(3)), lambda e: e.P),
-    "TPVTOTable": (lambda s: TPVTO(s, S(2), S(3), S(4)), lambda e: e.Rs),
-    "TPVTWList": (lambda s: TPVTW(s, S(2), S(3), S(4), S(5)), lambda e: e.P_ref),
-    "TPVTGRecordTable": (lambda s: TPVTGRecord(s, S(2), S(3)), lambda e: e.Rv),
-    "TPVTGTable": (lambda s: TPVTG(s, S(2), S(3), S(4)), lambda e: e.Pg),
-    "TRockList": (lambda s: TRock(s, S(2)), lambda e: e.P_ref),
-    "TPVTList": (lambda s: kavra.TPVTTable([TPVT(s, S(2), S(3))]), lambda e: e[0].P),
-    "TPVTOList": (lambda s: kavra.TPVTOTable([TPVTO(s, S(2), S(3), S(4))]), lambda e: e[0].Rs),
-    "TPVTGList": (lambda s: kavra.TPVTGTable([TPVTG(s, S(2), S(3), S(4))]), lambda e: e[0].Pg),
-}
+from catalogue import LISTS, S
+from kavra import TPVT, TPVTG, TPVTO, TPVTGRecord, TScalar
 
 
 class DyingScalar(TScalar):
@@ -72,9 +55,9 @@ ATTACKS = {
 @pytest.mark.parametrize("callback_kind", ["del", "weakref"])
 @pytest.mark.parametrize("attack", ATTACKS)
 @pytest.mark.parametrize("operation", ["resize", "setitem"])
-@pytest.mark.parametrize("name", ELEMENTS)
+@pytest.mark.parametrize("name", LISTS)
 def test_elements_die_after_the_list_is_whole(name, operation, attack, callback_kind):
-    make, first_scalar = ELEMENTS[name]
+    make, first_scalar = LISTS[name]
     act, expected_length = ATTACKS[attack]
     ran = []
 

@@ -122,7 +122,8 @@ def test_float_grid_functions_take_real_values():
     [(IntGridFunction, [1.5], TypeError), (IntGridFunction, [2**31], ValueError),
      (IntGridFunction, np.array([2**40], dtype=np.uint64), ValueError), (DoubleGridFunction, [1j], TypeError),
      (DoubleGridFunction, ["a"], TypeError), (DoubleGridFunction, [[1.0, 2.0]], ValueError),
-     (DoubleGridFunction, -1, ValueError), (FloatGridFunction, None, TypeError)],
+     (DoubleGridFunction, -1, ValueError), (FloatGridFunction, None, TypeError),
+     *[(cls, 2**62, MemoryError) for cls, _ in GRID_FUNCTIONS]],
 )
 def test_grid_function_refuses_bad_values(cls, source, error):
     with pytest.raises(error):
