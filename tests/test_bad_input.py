@@ -1,9 +1,7 @@
-"""Bad input swept over the whole surface: every argument None or of a wrong
-type, grid functions of another class, and unset scalars or emptied under_sat
-lists in every field a calculation reads.  Each gives a Python exception; a
-refused call changes nothing, and a cell that fails leaves the cells before
-it written (with the values of the complete table) and the rest untouched.
-"""
+"""Bad input over the whole surface: every argument None or of a wrong type, grid functions of another
+class, unset scalars and emptied under_sat lists in every field a calculation reads.  A refused call
+changes nothing; a cell that fails leaves the cells before it written (with the values of the complete
+table) and the rest untouched."""
 
 import numpy as np
 import pytest
@@ -36,16 +34,15 @@ TABLES = {
 
 def calculate(name, rows):
     """The two cells' results (7.0 where unwritten) and the error text, or None."""
-    out = DoubleGridFunction([7.0, 7.0])
+    out, error = DoubleGridFunction([7.0, 7.0]), None
     try:
         if name == "InterpolateB":
             out.set_double(0, kavra.InterpolateB(kavra.TPVTTable(rows), 150.0))
         else:
-            _, make, inputs = TABLES[name]
-            function(name)(make(rows), IntGridFunction([1, 1]), *map(DoubleGridFunction, inputs), out)
-    except RuntimeError as error:
-        return list(out.values), str(error)
-    return list(out.values), None
+            function(name)(TABLES[name][1](rows), IntGridFunction([1, 1]), *map(DoubleGridFunction, TABLES[name][2]), out)
+    except RuntimeError as failure:
+        error = str(failure)
+    return list(out.values), error
 
 
 # (calculation, where the None goes, the first cell that reads it; None when no lookup reads it).
@@ -123,9 +120,7 @@ def contents(argument):
     """What a call could change in an argument."""
     if hasattr(argument, "values"):
         return np.array(argument.values)
-    if isinstance(argument, (np.ndarray, tessel.IntVector)):
-        return np.array(list(argument))
-    return None
+    return np.array(list(argument)) if isinstance(argument, (np.ndarray, tessel.IntVector)) else None
 
 
 @pytest.mark.parametrize("wrong", [None, 1.0, [1.0, 2.0], kavra.TRockList()], ids=["None", "float", "list", "class"])

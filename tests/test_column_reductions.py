@@ -29,7 +29,8 @@ def reduce_one_column(kind, reduction, values):
     return result[0]
 
 
-BIG = {"i": 2**31 - 1, "I": 2**32 - 1, "l": 2**63 - 1, "L": 2**64 - 1}
+# What the random comparisons below are unlikely to meet.  (Wrapping integer sums, unsigned comparisons,
+# truncating averages and float sums in K order are met there too.)
 COLUMN_CASES = [
     # KMax starts at 0, KMin at the largest finite value; both pass NaN over.
     *[(kavra.KMax, d, [-3, -1], 0) for d in SIGNED],
@@ -39,22 +40,13 @@ COLUMN_CASES = [
     *[(kavra.KMin, d, [nan, nan], np.finfo(d).max) for d in FLOATS],
     *[(f, d, [nan, 2, nan], 2) for f in (kavra.KMax, kavra.KMin) for d in FLOATS],
     *[(f, d, [1, nan], nan) for f in (kavra.KSum, kavra.KAverage) for d in FLOATS],
-    # Unsigned comparisons and the full range of each type.
-    *[(kavra.KMin, np.dtype(c), [big], big) for c, big in BIG.items()],
-    *[(kavra.KMax, np.dtype(c), [big, 0], big) for c, big in BIG.items() if c in "IL"],
-    # Integer sums wrap at the width of T; averages truncate toward zero.
-    *[(kavra.KSum, np.dtype(c), [big, 1], -big - 1 if c in "il" else 0) for c, big in BIG.items()],
+    *[(kavra.KMin, np.dtype(c), [big], big) for c, big in {"I": 2**32 - 1, "L": 2**64 - 1}.items()],
+    (kavra.KSum, np.dtype("i"), [2**31 - 1, 1], -(2**31)),
     (kavra.KAverage, np.dtype("i"), [2**31 - 1, 1], -(2**30)),
     *[(kavra.KAverage, np.dtype(c), [-3, 0], -1) for c in "il"],
-    *[(kavra.KAverage, d, [1, 2], 1) for d in DTYPES[:4]],
-    *[(kavra.KAverage, d, [1, 2], 1.5) for d in FLOATS],
-    # Float sums keep T's precision and add bottom-up (K ascending).
     (kavra.KSum, np.dtype("f"), [1, 1e8, -1e8], 0),
-    (kavra.KSum, np.dtype("d"), [1, 1e17, -1e17], 0),
     (kavra.KAverage, np.dtype("f"), [1, 1e8, -1e8], 0),
-    # One-cell columns.
     *[(f, d, [7], 7) for f in REDUCTIONS for d in DTYPES],
-    *[(kavra.KMax, d, [-7], 0) for d in SIGNED],
 ]
 
 
@@ -67,25 +59,6 @@ COLUMN_CASES = [
 def test_column_values(kind, reduction, dtype, values, expected):
     got = reduce_one_column(kind, reduction, np.array(values, dtype))
     np.testing.assert_array_equal(got, np.array(expected, dtype))
-
-
-@pytest.mark.parametrize("reduction, expected", [(kavra.KSum, [6, 6, 5, 6]), (kavra.KAverage, [2, 2, 5, 2])])
-def test_repeated_selection_entries_count_each_time(reduction, expected):
-    selection = ReservoirSelectionTopology(ReservoirTopology(2, 1, 2), [[0, 0, 0], [0, 0, 0], [1, 0, 1], [0, 0, 1]])
-    np.testing.assert_array_equal(reduction(selection, np.array([1.0, 1.0, 5.0, 4.0])), expected)
-
-
-@pytest.mark.parametrize("reduction", REDUCTIONS, ids=NAME)
-@pytest.mark.parametrize(
-    "make",
-    [lambda v: np.repeat(v, 3)[::3], lambda v: np.broadcast_to(v[:1], v.shape)],
-    ids=["step", "broadcast"],
-)
-def test_selection_reads_any_stride(make, reduction):
-    cells = [[2, 1, 1], [0, 0, 0], [2, 1, 0], [0, 0, 1], [1, 1, 1]]
-    selection = ReservoirSelectionTopology(ReservoirTopology(3, 2, 2), cells)
-    given = make(np.array([4.0, -2.0, 9.0, 3.0, 5.0]))
-    np.testing.assert_array_equal(reduction(selection, given), reduction(selection, np.ascontiguousarray(given)))
 
 
 GRID = ReservoirTopology(2, 3, 4)
@@ -125,15 +98,9 @@ def test_unsupported_element_types_are_refused(dtype, kind, reduction):
 
 
 @pytest.mark.parametrize("reduction", REDUCTIONS, ids=NAME)
-@pytest.mark.parametrize(
-    "topology, given",
-    [
-        (ReservoirTopology(0, 3, 2), np.zeros(0, "i")),
-        (ReservoirTopology(0, 3, 2), np.zeros((2, 3, 0), "L")),
-        (ReservoirTopology(4, 0, 0), np.zeros((0, 0, 4), "f")),
-        (ReservoirSelectionTopology(GRID, np.zeros((0, 3), int)), np.zeros(0)),
-    ],
-)
+@pytest.mark.parametrize("topology, given", [
+    (ReservoirTopology(0, 3, 2), np.zeros(0, "i")), (ReservoirTopology(0, 3, 2), np.zeros((2, 3, 0), "L")),
+    (ReservoirTopology(4, 0, 0), np.zeros((0, 0, 4), "f")), (ReservoirSelectionTopology(GRID, np.zeros((0, 3), int)), np.zeros(0))])
 def test_zero_size_inputs_give_empty_results(topology, given, reduction):
     result = reduction(topology, given)
     assert result.shape == given.shape and result.dtype == given.dtype
@@ -238,4 +205,7 @@ def test_selection_reductions_equal_the_documented_steps(reduction, dtype):
     values = random_values(rng, dtype, 2 * len(cells))[::-2]  # read through a negative stride
     column = cells[:, 0] + ni * cells[:, 1]
     want = column_values(reduction, dtype, [values[column == c] for c in range(ni * nj)])[column]
-    assert_same_bits(reduction(ReservoirSelectionTopology(ReservoirTopology(ni, nj, nk), cells), values), want)
+    selection = ReservoirSelectionTopology(ReservoirTopology(ni, nj, nk), cells)
+    assert_same_bits(reduction(selection, values), want)
+    same = np.broadcast_to(values[:1], values.shape)  # a stride of 0
+    assert_same_bits(reduction(selection, same), reduction(selection, np.ascontiguousarray(same)))

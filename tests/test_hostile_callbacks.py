@@ -99,17 +99,6 @@ def test_under_sat_rows_die_after_the_record_is_whole(record, attack, callback_k
     check_readable(rec.under_sat)
 
 
-def test_a_calculation_in_a_callback_sees_the_shortened_table():
-    """A shrinking resize used to let InterpolateB read rows already destroyed."""
-    seen = []
-    table = kavra.TPVTTable(
-        [TPVT(S(100.0), S(1.25), S(1)), TPVT(doomed_scalar("weakref", lambda: seen.append(
-            kavra.InterpolateB(table, 150.0))), S(1.0), S(1))]
-    )
-    table.resize(1)
-    assert seen == [kavra.InterpolateB(table, 150.0)] == [1.25]
-
-
 class Index:
     """An integer whose conversion first runs `action`."""
 

@@ -55,13 +55,6 @@ def test_scalar_text(value, category, unit, text):
     assert str(scalar) == "TScalar(2.5, , bar)"
 
 
-def test_scalar_init_is_positional_and_typed():
-    for call in (lambda: TScalar(1.0, "c"), lambda: TScalar(value=1.0, category="c", unit="u"),
-                 lambda: TScalar("1", "c", "u")):
-        with pytest.raises(TypeError):
-            call()
-
-
 @pytest.mark.parametrize(
     "cls, fields",
     [(TPVT, ("P", "B", "Mi")), (TPVTW, ("P_ref", "Bw_ref", "Cw", "Miw_ref", "Cvw")),
@@ -89,7 +82,7 @@ def test_two_level_records_put_three_arguments_into_their_first_row(cls, first, 
     assert not hasattr(rec.under_sat[0], "Bg") and not hasattr(rec, "P")
 
 
-def test_documentation_texts():
+def test_documentation_texts_and_positional_arguments():
     p = "kavra::TScalarPtr "
     assert {cls.__name__: cls.__doc__ for cls in (TPVT, TPVTO, TPVTW, TPVTGRecord, TPVTG, TRock, TScalar)} == {
         "TPVT": f"TPVT( {p}_P, {p}_B, {p}_Mi )",
@@ -101,8 +94,10 @@ def test_documentation_texts():
         "TScalar": "TScalar( double value, string category, string unit)",
     }
     assert TPVTTable.__doc__ is None
-    with pytest.raises(TypeError):
-        TPVT(_P=s(), _B=s(), _Mi=s())
+    for call in (lambda: TPVT(_P=s(), _B=s(), _Mi=s()), lambda: TScalar(value=1.0, category="c", unit="u"),
+                 lambda: TScalar(1.0, "c"), lambda: TScalar("1", "c", "u")):  # positional and typed
+        with pytest.raises(TypeError):
+            call()
 
 
 # --- copies in and out ---------------------------------------------------------------
