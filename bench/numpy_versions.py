@@ -76,10 +76,10 @@ def one_over_bo(table, po, pbub):
     points of one row (the bracket's upper row around Pbub), never a blend."""
     _, psat, bsat = saturated(table)
     bo = line(psat, psat, bsat, po, po)
-    under = ~(TOLERANCE > np.abs(po - pbub))
-    row = bracket_upper(row_search(psat, pbub), len(table)) if len(table) > 1 else np.zeros(len(po), dtype=int)
-    for r in np.unique(row[under]):
-        cells = under & (row == r)
+    under = np.flatnonzero(~(TOLERANCE > np.abs(po - pbub)))
+    row = bracket_upper(row_search(psat, pbub[under]), len(table)) if len(table) > 1 else np.zeros(len(under), int)
+    for r in np.unique(row):
+        cells = under[row == r]
         p, b = columns(table[r][1])
         bo[cells] = line(p, p, b, po[cells], po[cells])
     return 1.0 / bo

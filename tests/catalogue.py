@@ -9,7 +9,7 @@ from typing import NamedTuple
 
 import numpy as np
 import tessel
-from tessel import DoubleGridFunction, FloatGridFunction, IntGridFunction
+from tessel import DoubleGridFunction, IntGridFunction
 
 import kavra
 from kavra import TPVT, TPVTG, TPVTO, TPVTW, TPVTGRecord, TRock, TScalar
@@ -99,14 +99,6 @@ SAMPLE = {
 }
 
 
-def run(name, tables, regions, inputs, result, kind="double"):
-    """Calls a PVT calculation on array grid functions of a kind; returns the result values."""
-    make = {"double": DoubleGridFunction, "float": FloatGridFunction}[kind]
-    out = make(result)
-    PVT[name].call(PVT[name].make(tables), IntGridFunction(regions), *(make(v) for v in inputs), out)
-    return out.values
-
-
 def expected(name, tables, regions, inputs, unwritten=123.0):
     """The reference result of a PVT calculation, and the failure that stops it (or None):
     cells from the failing one on keep `unwritten`."""
@@ -116,13 +108,6 @@ def expected(name, tables, regions, inputs, unwritten=123.0):
     except ref.CellFailure as stop:
         rest = [unwritten] * (len(regions) - stop.cell)
         return list(stop.values) + rest, stop
-
-
-def failure_text(name, stop, n_tables):
-    """The message of the check that a reference failure stands for."""
-    if stop.kind == "empty":
-        return PVT[name].empty[1]
-    return f"Wrong PVT region number: {stop.region - 1}, valid interval [0, {(n_tables - 1) % 2**64}]."
 
 
 # One element of each list class made from its first scalar, and that scalar read back.

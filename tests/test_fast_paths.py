@@ -1,8 +1,6 @@
-"""The fast paths against the reference (the documented steps) on random data:
-short and long tables, unsorted ones, repeated keys, NaN and infinities,
-regions in runs, every grid function variant; and the rock calculations
-through buffers and through accessors.  Results must be the same bit for bit
-(NaN compared as NaN)."""
+"""The fast paths against the reference (the documented steps) on random data: short and long tables,
+unsorted ones, repeated keys, NaN and infinities, regions in runs, every grid function variant; and the rock
+calculations through buffers and through accessors.  Results must agree bit for bit (NaN as NaN)."""
 
 import numpy as np
 import pytest

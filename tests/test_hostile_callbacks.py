@@ -1,9 +1,6 @@
-"""Python that runs in the middle of a native operation and turns on the
-container being worked on: a scalar's __del__ or weakref callback when a list
-drops its last reference, an __index__ during a conversion.  Each operation
-must finish with its container whole before such code runs, or read what it
-converts from a copy; the code then sees, and may change, a consistent list.
-"""
+"""Python that runs in the middle of a native operation (a scalar's __del__ or weakref callback when a list
+drops it, an __index__ during a conversion) and turns on the container being worked on: each operation leaves
+its container whole before such code runs, or reads what it converts from a copy."""
 
 import weakref
 

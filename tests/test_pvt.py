@@ -10,10 +10,17 @@ from hypothesis import strategies as st
 from tessel import DoubleGridFunction, FloatGridFunction, IntGridFunction
 
 import kavra
-from catalogue import PVT, SAMPLE, S, dead_table, expected, failure_text, ref, run
+from catalogue import PVT, SAMPLE, S, dead_table, expected, ref
 from conftest import precondition_text
 
 nan = float("nan")
+
+
+def run(name, tables, regions, inputs, result):
+    """Calls a PVT calculation on double grid functions; returns the result values."""
+    out = DoubleGridFunction(result)
+    PVT[name].call(PVT[name].make(tables), IntGridFunction(regions), *map(DoubleGridFunction, inputs), out)
+    return out.values
 
 
 def test_interpolate_b():
@@ -42,16 +49,18 @@ def test_interpolate_b():
 @pytest.mark.parametrize(
     "name, tables, regions, inputs, want",
     [
-        # Saturated within 0.0001 of Pbub; else the undersaturated points of the
+        # Saturated closer than 0.0001 to Pbub; else the undersaturated points of the
         # bracket's upper row around Pbub (also below the first row), unblended.
-        ("CalcOneOverBo", SAMPLE["CalcOneOverBo"], [1] * 8,
-         [[150.0, 150.0, 300.0, 300.0, 300.0, 150.0, 150.0, nan],
-          [150.0, 150.00005, 150.0, 100.0, 250.0, 180.0, 150.0 + 0.0001, 150.0]],
-         1.0 / np.array([1.25, 1.25, 1.25, 1.25, 1.25, 1.325, 1.325, nan])),
-        # The saturated line at Pdew and at or beyond the table's ends, else a blend in Pg.
+        ("CalcOneOverBo", SAMPLE["CalcOneOverBo"], [1] * 9,
+         [[150.0, 150.0, 300.0, 300.0, 300.0, 150.0, 150.0, nan, 0.0001],
+          [150.0, 150.00005, 150.0, 100.0, 250.0, 180.0, 150.0 + 0.0001, 150.0, 0.0]],
+         1.0 / np.array([1.25, 1.25, 1.25, 1.25, 1.25, 1.325, 1.325, nan, 1.39999995])),
+        # The saturated line closer than 0.0001 to Pdew and at or beyond the table's ends, else a blend in Pg.
         ("CalcOneOverBg", SAMPLE["CalcOneOverBg"], [1] * 6,
          [[150.0, 200.0, 100.0, 250.0, 150.0, nan], [300.0, 300.0, 300.0, 300.0, 150.0, 300.0],
           [0.02, 0.02, 0.02, 0.015, 0.015, 0.02]], [72.5, 100.0, 100.0, 75.0, 75.0, 100.0]),
+        ("CalcOneOverBg", [[(0.0, [(0.01, 0.02), (0.03, 0.025)]), (0.001, [(0.02, 0.01), (0.04, 0.0125)])]], [1, 1],
+         [[0.0001, 0.0001], [0.0, 0.0001], [0.02, 0.02]], [50.5, 100.0]),
         ("CalcOneOverBw", [(100.0, 1.0, 1e-4), (100.0, 2.0, 0.0)], [1, 1, 2, 0, -3],
          [[1100.0, 100.0, 500.0, 1.0, 1.0]], [1.105, 1.0, 0.5, 0.0, 0.0]),
         ("CalcBubblePointPressure", SAMPLE["CalcBubblePointPressure"], [1, 1, 1, 0], [[15.0, 20.0, 30.0, 1.0]],
@@ -116,6 +125,13 @@ def test_a_failing_cell_keeps_the_cells_before_it(name, raises_text, failing):
     raises_text(precondition_text(calc.source, condition, text), calc.call, calc.make(tables),
                 IntGridFunction([0, region, 1]), *inputs, out)
     assert list(out.values) == [0.0, 7.0, 7.0]  # written before, not at or after
+
+
+def failure_text(name, stop, n_tables):
+    """The message of the check that a reference failure stands for."""
+    if stop.kind == "empty":
+        return PVT[name].empty[1]
+    return f"Wrong PVT region number: {stop.region - 1}, valid interval [0, {(n_tables - 1) % 2**64}]."
 
 
 # --- property test against the reference ----------------------------------------------------

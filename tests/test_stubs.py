@@ -1,11 +1,6 @@
-"""The type stubs against the built modules.
-
-stubtest compares names, classes, properties and metaclasses.  Boost.Python
-functions carry no introspectable signature, so parameters are checked by
-calling: every stubbed overload accepts arguments of its annotated types, and
-the stubs have exactly the arities of the C++ overloads that Boost.Python lists
-when a call matches none.
-"""
+"""The type stubs against the built modules: stubtest compares names, classes, properties and metaclasses.
+Boost.Python functions carry no signature to compare, so every stubbed overload is called with arguments of
+its annotated types, and its arities are compared with those of the C++ overloads that Boost.Python lists."""
 
 import ast
 import importlib
