@@ -153,17 +153,9 @@ def test_list_indexing_and_growing(cls):
     lst = cls([element(cls.__name__) for _ in range(3)])
     assert len(lst) == lst.size() == 3 and [type(x) for x in lst] == [type(element(cls.__name__))] * 3
     lst[-3] = lst[2] = element(cls.__name__)
-    for bad in (3, -4, 2**62):
-        with pytest.raises(IndexError, match="^index out of range$"):
-            lst[bad]
-        with pytest.raises(IndexError, match="^index out of range$"):
-            lst[bad] = element(cls.__name__)
-    for wrong in (lambda: lst[0:1], lambda: lst.__setitem__(0, 1.0), lambda: lst.extend([element(cls.__name__), 1.0])):
-        with pytest.raises(TypeError):
-            wrong()
+    with pytest.raises(TypeError):
+        lst.extend([element(cls.__name__), 1.0])
     assert len(lst) == 4  # items before a bad one stay appended
-    with pytest.raises(IndexError):
-        cls()[0]
     assert len(cls(lst)) == 4 and len(cls((element(cls.__name__),))) == 1
     lst.extend(lst)  # a snapshot is taken first
     assert len(lst) == 8
@@ -227,16 +219,18 @@ def test_lying_iterables(cls, yielded, length, outcome):
         (lambda lst: lst.resize(-1), OverflowError),
         (lambda lst: lst.reserve(-1), OverflowError),
         (lambda lst: lst[2**63], OverflowError),
-        (lambda lst: lst[-(2**63)], IndexError),
-        (lambda lst: lst.__setitem__(2**62, lst[0]), IndexError),
+        *[(lambda lst, i=i: lst[i], IndexError) for i in (1, -2, 2**62, -(2**63))],
+        *[(lambda lst, i=i: lst.__setitem__(i, lst[0]), IndexError) for i in (1, -2, 2**62)],
         (lambda lst: lst[1.0], TypeError),
+        (lambda lst: lst[0:1], TypeError),
+        (lambda lst: lst.__setitem__(0, 1.0), TypeError),
     ],
 )
 @pytest.mark.parametrize("cls", CLASSES, ids=lambda c: c.__name__)
 def test_huge_counts_and_indices_leave_the_list_alone(cls, operation, error):
     lst = cls([element(cls.__name__)])
     before = repr(lst)
-    with pytest.raises(error, match="^vector too long$" if error is RuntimeError else None):
+    with pytest.raises(error, match={RuntimeError: "^vector too long$", IndexError: "^index out of range$"}.get(error)):
         operation(lst)
     assert repr(lst) == before
 
