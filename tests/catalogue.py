@@ -136,6 +136,10 @@ def pinch_out():
             tessel.SelectionViewGridFunction(everything, DoubleGridFunction([7.0] * 3)))
 
 
+def selection(n_i, cells):
+    return tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(n_i, 1, 1), cells)
+
+
 def two_cells(*values):
     return DoubleGridFunction(list(values))
 
@@ -155,11 +159,9 @@ CALLS = {
     "CalcPorosityFromPORV": lambda: (two_cells(10.0, 0.0), two_cells(2.0, 1.0), two_cells(7.0, 7.0)),
     "CalcTransmissibilityK": pinch_out,
     "KMax": lambda: (tessel.ReservoirTopology(2, 1, 1), np.array([1.0, 2.0])),
-    "KMin selection": lambda: (tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(2, 1, 1), [[0, 0, 0], [1, 0, 0]]),
-                               np.array([1, 2], dtype=np.int32)),
+    "KMin selection": lambda: (selection(2, [[0, 0, 0], [1, 0, 0]]), np.array([1, 2], dtype=np.int32)),
     "KSum": lambda: (tessel.ReservoirTopology(2, 1, 1), np.array([1.0, 2.0]).reshape(1, 1, 2)),
-    "KAverage selection": lambda: (tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(1, 1, 2), [[0, 0, 1]]),
-                                   np.array([1.0], dtype=np.float32)),
+    "KAverage selection": lambda: (selection(1, [[0, 0, 0]]), np.array([1.0], dtype=np.float32)),
 }
 
 

@@ -9,7 +9,7 @@ import tessel
 from tessel import DoubleGridFunction, IntGridFunction
 
 import kavra
-from catalogue import CALLS, PVT, S, function, two_level
+from catalogue import CALLS, S, function, two_level
 from kavra import TPVT, TPVTG, TPVTO, TPVTW, TPVTGRecord, TRock
 
 OIL = [(10.0, [(100.0, 1.2), (200.0, 1.1)]), (20.0, [(150.0, 1.3), (250.0, 1.25)])]

@@ -100,7 +100,8 @@ def test_unsupported_element_types_are_refused(dtype, kind, reduction):
 @pytest.mark.parametrize("reduction", REDUCTIONS, ids=NAME)
 @pytest.mark.parametrize("topology, given", [
     (ReservoirTopology(0, 3, 2), np.zeros(0, "i")), (ReservoirTopology(0, 3, 2), np.zeros((2, 3, 0), "L")),
-    (ReservoirTopology(4, 0, 0), np.zeros((0, 0, 4), "f")), (ReservoirSelectionTopology(GRID, np.zeros((0, 3), int)), np.zeros(0))])
+    (ReservoirTopology(4, 0, 0), np.zeros((0, 0, 4), "f")),
+    (ReservoirSelectionTopology(GRID, np.zeros((0, 3), int)), np.zeros(0))])
 def test_zero_size_inputs_give_empty_results(topology, given, reduction):
     result = reduction(topology, given)
     assert result.shape == given.shape and result.dtype == given.dtype

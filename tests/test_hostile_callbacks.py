@@ -4,7 +4,6 @@ its container whole before such code runs, or reads what it converts from a copy
 
 import weakref
 
-import numpy as np
 import pytest
 from tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
 

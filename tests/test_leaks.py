@@ -28,8 +28,10 @@ def resident_bytes():
 
 def connections(first, second):
     """CalcTransmissibilityK's arguments on a fully selected grid of 2 x 1 x 3 cells."""
-    everything = tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(2, 1, 3), [[c % 2, 0, c // 2] for c in range(6)])
-    return tessel.IntVector(first), tessel.IntVector(second), everything, tessel.SelectionViewGridFunction(everything, D(6))
+    grid = tessel.ReservoirTopology(2, 1, 3)
+    everything = tessel.ReservoirSelectionTopology(grid, [[c % 2, 0, c // 2] for c in range(6)])
+    tran_k = tessel.SelectionViewGridFunction(everything, D(6))
+    return tessel.IntVector(first), tessel.IntVector(second), everything, tran_k
 
 
 def selection():

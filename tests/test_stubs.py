@@ -47,7 +47,8 @@ CONCRETE = {"IGridFunction": "DoubleGridFunction", "IDoubleTypeGridFunction": "D
             "IWritableFloatTypeGridFunction": "FloatGridFunction", "ITopology": "ReservoirTopology"}
 SAMPLES = {"float": lambda: 1.0, "int": lambda: 0, "str": lambda: "s", "object": object, "None": lambda: None,
            "SupportsIndex": lambda: 1, "ArrayLike": lambda: [1], "NDArray[_Element]": lambda: np.zeros(1),
-           "Sequence[_E]": list, "TScalar": lambda: S(1.0), "ReservoirTopology": lambda: tessel.ReservoirTopology(1, 1, 1),
+           "Sequence[_E]": list, "TScalar": lambda: S(1.0),
+           "ReservoirTopology": lambda: tessel.ReservoirTopology(1, 1, 1),
            "ReservoirSelectionTopology": lambda: tessel.ReservoirSelectionTopology(SAMPLES["ReservoirTopology"](),
                                                                                     [[0, 0, 0]]),
            "SelectionViewGridFunction": lambda: tessel.SelectionViewGridFunction(

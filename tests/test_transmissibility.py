@@ -73,8 +73,8 @@ NOT_HELD = text("held", "TranK has no element for cell 4 at nnc1[1], which topo 
         ([0, 4], [8, 8], ALL, lambda: view(ONLY_0), PINCH_OUT, [1.0]),
         ([0, 4], [8, 12], ALL, lambda: view(ONLY_0), NOT_HELD, [1.0]),
         # Refused before anything changes.
-        ([0, 1], [8], SELECTION, None, text("nnc1->size()==nnc2->size()", "NNC arrays have different sizes, nnc1=2, nnc2=1"),
-         None),
+        ([0, 1], [8], SELECTION, None,
+         text("nnc1->size()==nnc2->size()", "NNC arrays have different sizes, nnc1=2, nnc2=1"), None),
         (None, [8], SELECTION, None, text("nnc1.get()!=0", "The NNC list nnc1 is None!!"), None),
         ([0], None, SELECTION, None, text("nnc2.get()!=0", "The NNC list nnc2 is None!!"), None),
         ([0], [8], None, view, text("topo", "Invalid topology passed."), None),
@@ -97,7 +97,8 @@ def test_failures_leave_the_lists_and_earlier_marks(raises_text, nnc1, nnc2, top
 
 def test_tran_k_on_a_larger_grid_is_marked_at_the_same_cells():
     nnc1, nnc2 = IntVector([0, 5, 1]), IntVector([8, 13, 2])
-    tran_k = view(ReservoirSelectionTopology(ReservoirTopology(3, 3, 6), [[c % 3, c // 3 % 3, c // 9] for c in range(54)]))
+    larger = ReservoirTopology(3, 3, 6)
+    tran_k = view(ReservoirSelectionTopology(larger, [[c % 3, c // 3 % 3, c // 9] for c in range(54)]))
     kavra.CalcTransmissibilityK(nnc1, nnc2, SELECTION, tran_k)
     # (0, 0, 0) and (1, 0, 1) are the cells 0 and 1 + 3 * 3 * 1 of the 3 x 3 x 6 grid
     np.testing.assert_array_equal(np.flatnonzero(tran_k.values), [0, 10])
