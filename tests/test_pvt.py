@@ -115,11 +115,11 @@ def test_none_grid_function_is_refused_before_writing(name, raises_text):
                                            if failing != "empty" or PVT[name].empty])
 def test_a_failing_cell_keeps_the_cells_before_it(name, raises_text, failing):
     calc = PVT[name]
-    tables = {"region": SAMPLE[name], "no tables": [], "empty": SAMPLE[name] + [[]]}[failing]
-    region = {"region": 3, "no tables": 1, "empty": 2}[failing]
-    text = {"region": "Wrong PVT region number: 2, valid interval [0, 0].",
-            "no tables": "Wrong PVT region number: 0, valid interval [0, 18446744073709551615]."}.get(failing)
-    condition, text = calc.empty if failing == "empty" else (calc.region, text)
+    tables, region, condition, text = {
+        "region": (SAMPLE[name], 3, calc.region, "Wrong PVT region number: 2, valid interval [0, 0]."),
+        "no tables": ([], 1, calc.region, "Wrong PVT region number: 0, valid interval [0, 18446744073709551615]."),
+        "empty": (SAMPLE[name] + [[]], 2, *(calc.empty or (None, None))),
+    }[failing]
     out = DoubleGridFunction([7.0] * 3)
     inputs = [DoubleGridFunction([150.0] * 3) for _ in calc.inputs]
     raises_text(precondition_text(calc.source, condition, text), calc.call, calc.make(tables),
