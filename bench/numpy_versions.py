@@ -1,106 +1,148 @@
-"""The calculations written the way a script would write them in vectorised
-NumPy, with the same expression grouping so that results agree bit for bit
-on the benchmark data (sorted tables, no NaN inputs)."""
+"""The calculations as a script would write them in vectorised NumPy,
+following the documented steps in their documented grouping, so that the
+results agree with the native ones bit for bit.  The tests take them as the
+reference; the benchmarks time them against the native calculations.
+
+PVT tables are plain data, one table per region:
+    dead fluid     [(P, B), ...]
+    live oil       [(Rs, [(P, B), ...]), ...]   the first point of a row is its saturated point
+    wet gas        [(Pg, [(Rv, B), ...]), ...]  the first record of a row is its saturated one
+    water          (P_ref, Bw_ref, Cw)
+"""
 
 import numpy as np
 
 TOLERANCE = 0.0001
 
 
-def bracket(keys, search):
-    """Upper row of the bracket for each search value (first key not below it)."""
-    n = len(keys)
-    found = np.searchsorted(keys, search, side="left")
-    return np.where(found == n, n - 1, np.where(found == 0, 1, found))
+def row_search(keys, x):
+    """The first row whose key is not below x: a halving search with the test
+    x > key, so that a key equal to x is found and a NaN x ends at row 0.  On
+    keys that ascend this is the number of keys below x."""
+    keys, x = np.asarray(keys, dtype=float), np.asarray(x, dtype=float)
+    if np.all(keys[:-1] <= keys[1:]):
+        return np.where(np.isnan(x), 0, np.searchsorted(keys, x))
+    first, count = np.zeros(x.shape, dtype=np.intp), np.full(x.shape, len(keys))
+    while count.any():
+        half = count // 2
+        right = (count > 0) & (x > keys[np.minimum(first + half, len(keys) - 1)])
+        first, count = np.where(right, first + half + 1, first), np.where(right, count - half - 1, half)
+    return first
 
 
-def line(keys, xs, ys, search, x):
+def bracket_upper(found, n):
+    """The upper row of the bracket (n >= 2): the first bracket also serves
+    every x at or below the first key, the last one every x above the last."""
+    return np.clip(found, 1, n - 1)
+
+
+def line(keys, xs, ys, search, x, form="slope"):
+    """Linear interpolation at x between the rows that the row search on
+    `search` and the bracket rule pick; a table of one row gives its ordinate."""
+    xs, ys, x = np.asarray(xs, dtype=float), np.asarray(ys, dtype=float), np.asarray(x, dtype=float)
     if len(ys) == 1:
-        return np.full(np.shape(x), ys[0])
-    upper = bracket(keys, search)
+        return np.full(x.shape, ys[0])
+    upper = bracket_upper(row_search(keys, search), len(ys))
     x0, x1, y0, y1 = xs[upper - 1], xs[upper], ys[upper - 1], ys[upper]
-    return (x - x0) * ((y1 - y0) / (x1 - x0)) + y0
+    if form == "slope":
+        return (x - x0) * ((y1 - y0) / (x1 - x0)) + y0
+    return y0 - ((y0 - y1) * ((x0 - x) / (x0 - x1)))
 
 
-def line_fraction(keys, ys, x):
-    if len(ys) == 1:
-        return np.full(np.shape(x), ys[0])
-    upper = bracket(keys, x)
-    x0, x1, y0, y1 = keys[upper - 1], keys[upper], ys[upper - 1], ys[upper]
-    t = (x0 - x) / (x0 - x1)
-    return y0 - ((y0 - y1) * t)
+def columns(rows):
+    """The two columns of [(x, y), ...] as arrays."""
+    return np.array([r[0] for r in rows], dtype=float), np.array([r[1] for r in rows], dtype=float)
 
 
-def per_region(pvtnum, n_regions, out, compute):
-    """out[c] = compute(region index, mask) where the region is valid, 0.0 elsewhere."""
+def saturated(table):
+    """Keys, and the saturated point's two values, of every row of a two-level table."""
+    return (np.array([r[0] for r in table], dtype=float),) + columns([r[1][0] for r in table])
+
+
+# --- one table, the values of its cells --------------------------------------------
+
+def one_over_b(table, p):
+    keys, b = columns(table)
+    return 1.0 / line(keys, keys, b, p, p)
+
+
+def bubble_point(table, rs):
+    keys, psat, _ = saturated(table)
+    return line(keys, keys, psat, rs, rs)
+
+
+def one_over_bo(table, po, pbub):
+    """Saturated Bo within the tolerance of Pbub; elsewhere the undersaturated
+    points of one row (the bracket's upper row around Pbub), never a blend."""
+    _, psat, bsat = saturated(table)
+    bo = line(psat, psat, bsat, po, po)
+    under = np.flatnonzero(~(TOLERANCE > np.abs(po - pbub)))
+    row = bracket_upper(row_search(psat, pbub[under]), len(table)) if len(table) > 1 else np.zeros(len(under), int)
+    for r in np.unique(row):
+        cells = under[row == r]
+        p, b = columns(table[r][1])
+        bo[cells] = line(p, p, b, po[cells], po[cells])
+    return 1.0 / bo
+
+
+def one_over_bg_records(records, rv):
+    keys, b = columns(records)
+    return line(keys, keys, 1.0 / b, rv, rv, form="fraction")
+
+
+def one_over_bg(table, pg, pdew, rv):
+    """The saturated line (rows by Pg, 1/Bg in Rv) within the tolerance of
+    Pdew and for Pg at or beyond either end; else a blend in Pg of the two
+    rows' records."""
+    keys, rv_sat, b_sat = saturated(table)
+    result = line(keys, rv_sat, 1.0 / b_sat, pg, rv)
+    found = row_search(keys, pg)
+    blend = ~(TOLERANCE > np.abs(pg - pdew)) & (found > 0) & (found < len(table))
+    for r in np.unique(found[blend]):
+        cells = blend & (found == r)
+        f1 = one_over_bg_records(table[r][1], rv[cells])
+        f0 = one_over_bg_records(table[r - 1][1], rv[cells])
+        t = (keys[r] - pg[cells]) / (keys[r] - keys[r - 1])
+        result[cells] = f1 - ((f1 - f0) * t)
+    return result
+
+
+def one_over_bw(record, pw):
+    p_ref, bw_ref, cw = record
+    x = (pw - p_ref) * cw
+    return (((x * 0.5) * x) + (x + 1.0)) / bw_ref
+
+
+class CellFailure(Exception):
+    """The walk stops at `cell`, whose region number `region` has no table
+    ("region") or an empty one ("empty"); `values` are those of the cells before."""
+
+    def __init__(self, cell, kind, region, values):
+        super().__init__(kind)
+        self.cell, self.kind, self.region, self.values = cell, kind, region, values
+
+
+def over_regions(per_table, tables, regions, *inputs, check_empty=True, out=None):
+    """Every cell's value from the table of its region, 0.0 where the region
+    number is below 1.  Cells are walked in order: the first cell whose region
+    has no table, or an empty one, stops the walk (CellFailure, with the
+    values of the cells before it)."""
+    regions = np.asarray(regions)
+    inputs = [np.asarray(v, dtype=float) for v in inputs]
+    out = np.zeros(len(regions)) if out is None else out
     out[...] = 0.0
-    for r in range(n_regions):
-        mask = pvtnum == r + 1
-        out[mask] = compute(r, mask)
+    missing = np.array([check_empty and len(t) == 0 for t in tables] + [True])
+    bad = np.flatnonzero((regions >= 1) & missing[np.clip(regions.astype(np.int64) - 1, 0, len(tables))])
+    stop = bad[0] if len(bad) else len(regions)
+    with np.errstate(all="ignore"):
+        for r, table in enumerate(tables):
+            cells = regions[:stop] == r + 1
+            if cells.any():
+                out[:stop][cells] = per_table(table, *(v[:stop][cells] for v in inputs))
+    if stop < len(regions):
+        kind = "region" if regions[stop] > len(tables) else "empty"
+        raise CellFailure(stop, kind, int(regions[stop]), out[:stop])
     return out
-
-
-def one_over_b(tables, pvtnum, p, out):
-    # tables[r] = (P, B) arrays
-    return per_region(pvtnum, len(tables), out,
-                      lambda r, m: 1.0 / line(tables[r][0], tables[r][0], tables[r][1], p[m], p[m]))
-
-
-def bubble_point(tables, pvtnum, rs, out):
-    # tables[r] = (Rs, Psat, Bsat, [(P, B) undersaturated arrays per row])
-    return per_region(pvtnum, len(tables), out,
-                      lambda r, m: line(tables[r][0], tables[r][0], tables[r][1], rs[m], rs[m]))
-
-
-def one_over_bo(tables, pvtnum, po, pbub, out):
-    def region(r, m):
-        rs_keys, psat, bsat, rows = tables[r]
-        x, pb = po[m], pbub[m]
-        bo = line(psat, psat, bsat, x, x)
-        under = ~(TOLERANCE > np.abs(x - pb))
-        if under.any():
-            xu = x[under]
-            row = bracket(psat, pb[under]) if len(psat) > 1 else np.zeros(len(xu), dtype=np.intp)
-            bu = np.empty(len(xu))
-            for k, (p_rows, b_rows) in enumerate(rows):
-                sel = row == k
-                bu[sel] = line(p_rows, p_rows, b_rows, xu[sel], xu[sel])
-            bo[under] = bu
-        return 1.0 / bo
-    return per_region(pvtnum, len(tables), out, region)
-
-
-def one_over_bw(records, pvtnum, pw, out):
-    # records[r] = (P_ref, Bw_ref, Cw)
-    def region(r, m):
-        p_ref, bw_ref, cw = records[r]
-        x = (pw[m] - p_ref) * cw
-        return (((x * 0.5) * x) + (x + 1.0)) / bw_ref
-    return per_region(pvtnum, len(records), out, region)
-
-
-def one_over_bg(tables, pvtnum, pg, pdew, rv, out):
-    # tables[r] = (Pg, Rv_sat, 1/Bg_sat, [(Rv, 1/B) record arrays per row])
-    def region(r, m):
-        pgk, rv_sat, inv_sat, rows = tables[r]
-        g, d, v = pg[m], pdew[m], rv[m]
-        result = line(pgk, rv_sat, inv_sat, g, v)
-        found = np.searchsorted(pgk, g, side="left")
-        two_level = ~(TOLERANCE > np.abs(g - d)) & (found > 0) & (found < len(pgk))
-        if two_level.any():
-            f = found[two_level]
-            gv, vv = g[two_level], v[two_level]
-            f1 = np.empty(len(f))
-            f0 = np.empty(len(f))
-            for k, (rv_rows, inv_rows) in enumerate(rows):
-                upper, lower = f == k, f - 1 == k
-                f1[upper] = line_fraction(rv_rows, inv_rows, vv[upper])
-                f0[lower] = line_fraction(rv_rows, inv_rows, vv[lower])
-            p1, p0 = pgk[f], pgk[f - 1]
-            t = (p1 - gv) / (p1 - p0)
-            result[two_level] = f1 - ((f1 - f0) * t)
-        return result
-    return per_region(pvtnum, len(tables), out, region)
 
 
 # --- K reductions ----------------------------------------------------------------

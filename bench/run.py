@@ -34,15 +34,13 @@ import kavra  # noqa: E402
 import tessel  # noqa: E402
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests"))
 import numpy_versions as npv  # noqa: E402
+from catalogue import PVT, rock_list  # noqa: E402  (how the tests call each calculation)
 
 HERE = pathlib.Path(__file__).resolve().parent
 RNG = np.random.default_rng(2024)
 N_REGIONS = 4
-
-
-def S(v):
-    return kavra.TScalar(float(v), "", "")
 
 
 def grid_for(n):
@@ -61,62 +59,40 @@ def block_regions(grid):
     return (1 + (2 * i) // max(grid.nI, 1) + 2 * ((2 * j) // max(grid.nJ, 1))).astype(np.int32)
 
 
-# --- tables: the same numbers as native tables and as NumPy arrays ----------------
+# --- tables, one per region, as plain data (see numpy_versions.py) --------------------
 
 def dead_tables():
-    native, arrays = kavra.TPVTList(), []
+    tables = []
     for r in range(N_REGIONS):
         p = np.linspace(20.0, 420.0, 15)
-        b = 1.30 - 2e-4 * (r + 1) * (p - 20.0) ** 0.9
-        native.append(kavra.TPVTTable([kavra.TPVT(S(x), S(y), S(0.5)) for x, y in zip(p, b)]))
-        arrays.append((p, b))
-    return native, arrays
+        tables.append(list(zip(p, 1.30 - 2e-4 * (r + 1) * (p - 20.0) ** 0.9)))
+    return tables
 
 
 def oil_tables():
-    native, arrays = kavra.TPVTOList(), []
+    tables = []
     for r in range(N_REGIONS):
         rs = np.linspace(10.0, 200.0, 12)
-        psat = 30.0 + 1.8 * rs + 5.0 * r
-        bsat = 1.05 + 0.0021 * rs
-        rows, table = [], kavra.TPVTOTable()
-        for k in range(len(rs)):
-            p_rows = psat[k] + np.array([0.0, 60.0, 150.0, 300.0])
-            b_rows = bsat[k] - np.array([0.0, 0.004, 0.009, 0.016])
-            row = kavra.TPVTO(S(rs[k]), S(p_rows[0]), S(b_rows[0]), S(1.0))
-            for x, y in zip(p_rows[1:], b_rows[1:]):
-                row.under_sat.append(kavra.TPVT(S(x), S(y), S(1.0)))
-            table.append(row)
-            rows.append((p_rows, b_rows))
-        native.append(table)
-        arrays.append((rs, psat, bsat, rows))
-    return native, arrays
+        psat, bsat = 30.0 + 1.8 * rs + 5.0 * r, 1.05 + 0.0021 * rs
+        tables.append([(rs[k], list(zip(psat[k] + np.array([0.0, 60.0, 150.0, 300.0]),
+                                        bsat[k] - np.array([0.0, 0.004, 0.009, 0.016])))) for k in range(len(rs))])
+    return tables
 
 
 def gas_tables():
-    native, arrays = kavra.TPVTGList(), []
+    tables = []
     for r in range(N_REGIONS):
         pg = np.linspace(40.0, 400.0, 10) + 3.0 * r
-        rv_sat = 1e-5 * pg
-        bg_sat = 1.2 / pg
-        rows, table = [], kavra.TPVTGTable()
+        rows = []
         for k in range(len(pg)):
-            rv_rows = rv_sat[k] * np.array([1.0, 1.25, 1.5, 2.0, 3.0])
-            b_rows = bg_sat[k] * (1.0 + 0.05 * rv_rows / rv_sat[k])  # saturated record first, Rv ascending
-            row = kavra.TPVTG(S(pg[k]), S(rv_rows[0]), S(b_rows[0]), S(0.02))
-            for x, y in zip(rv_rows[1:], b_rows[1:]):
-                row.under_sat.append(kavra.TPVTGRecord(S(x), S(y), S(0.02)))
-            table.append(row)
-            rows.append((rv_rows, 1.0 / b_rows))
-        native.append(table)
-        arrays.append((pg, np.array([r[0][0] for r in rows]), np.array([r[1][0] for r in rows]), rows))
-    return native, arrays
+            rv = 1e-5 * pg[k] * np.array([1.0, 1.25, 1.5, 2.0, 3.0])  # saturated record first, Rv ascending
+            rows.append((pg[k], list(zip(rv, 1.2 / pg[k] * (1.0 + 0.05 * rv / rv[0])))))
+        tables.append(rows)
+    return tables
 
 
 def water_records():
-    records = [(200.0 + 10 * r, 1.02 + 0.005 * r, 4.5e-5) for r in range(N_REGIONS)]
-    native = kavra.TPVTWList([kavra.TPVTW(S(a), S(b), S(c), S(0.5), S(0.0)) for a, b, c in records])
-    return native, records
+    return [(200.0 + 10 * r, 1.02 + 0.005 * r, 4.5e-5) for r in range(N_REGIONS)]
 
 
 # --- cases --------------------------------------------------------------------
@@ -129,8 +105,10 @@ VARIANT_STORAGE = {
 }
 
 
-def pvt_case(name, native, arrays, inputs, variants):
+def pvt_case(name, tables, inputs, variants):
     """inputs: function(n) -> list of double arrays."""
+    calc = PVT["Calc" + name]
+    native = calc.make(tables)
 
     def build(grid, variant):
         n = grid.number_of_cells()
@@ -138,10 +116,9 @@ def pvt_case(name, native, arrays, inputs, variants):
         regions = block_regions(grid)
         values = [v.astype(dtype).astype(np.float64) for v in inputs(n)]
         gfs = [region_cls(regions)] + [value_cls(v) for v in values] + [value_cls(n)]
-        native_call = getattr(kavra, "Calc" + name)
-        run_native = lambda: native_call(native, *gfs)  # noqa: E731
+        run_native = lambda: calc.call(native, *gfs)  # noqa: E731
         expected = np.empty(n)
-        run_numpy = lambda: getattr(npv, NUMPY_NAMES[name])(arrays, regions, *values, expected)  # noqa: E731
+        run_numpy = lambda: npv.over_regions(calc.reference, tables, regions, *values, out=expected)  # noqa: E731
 
         def check():
             run_native()
@@ -154,12 +131,6 @@ def pvt_case(name, native, arrays, inputs, variants):
         return run_native, run_numpy, check, gfs[-1].values.nbytes, n
 
     return [(f"{name} ({v})", lambda grid, v=v: build(grid, v)) for v in variants]
-
-
-NUMPY_NAMES = {
-    "OneOverB": "one_over_b", "BubblePointPressure": "bubble_point", "OneOverBo": "one_over_bo",
-    "OneOverBw": "one_over_bw", "OneOverBg": "one_over_bg",
-}
 
 
 def pressures(n, low=40.0, high=400.0):
@@ -235,7 +206,7 @@ def reduction_case(name, dtype, kind):
 
 def rock_records():
     records = [(250.0 + 5 * r, 5e-5 * (r + 1)) for r in range(N_REGIONS)]
-    return kavra.TRockList([kavra.TRock(S(p), S(c)) for p, c in records]), records
+    return rock_list(records), records
 
 
 def rock_case(label, run_native, run_numpy, inputs, in_place=False):
@@ -297,11 +268,11 @@ def all_cases():
     reductions = [reduction_case(name, dtype, kind) for name in REDUCTIONS for dtype in (np.float64, np.int32)
                   for kind in ("grid", "selection")]
     return reductions + (
-        pvt_case("BubblePointPressure", oil[0], oil[1], lambda n: [RNG.uniform(5.0, 210.0, n)], ["double", "float", "generic"])
-        + pvt_case("OneOverB", dead[0], dead[1], lambda n: [pressures(n)], ["double", "generic"])
-        + pvt_case("OneOverBo", oil[0], oil[1], bo_inputs, ["double", "float", "generic"])
-        + pvt_case("OneOverBw", water[0], water[1], lambda n: [pressures(n)], ["double", "generic"])
-        + pvt_case("OneOverBg", gas[0], gas[1], bg_inputs, ["double", "float", "generic"])
+        pvt_case("BubblePointPressure", oil, lambda n: [RNG.uniform(5.0, 210.0, n)], ["double", "float", "generic"])
+        + pvt_case("OneOverB", dead, lambda n: [pressures(n)], ["double", "generic"])
+        + pvt_case("OneOverBo", oil, bo_inputs, ["double", "float", "generic"])
+        + pvt_case("OneOverBw", water, lambda n: [pressures(n)], ["double", "generic"])
+        + pvt_case("OneOverBg", gas, bg_inputs, ["double", "float", "generic"])
         + rock_cases()
     )
 

@@ -1,36 +1,15 @@
-"""Python that runs in the middle of a native operation and turns on the
-container being worked on: a scalar's __del__ or weakref callback when a list
-drops its last reference, an __index__ during a conversion.  Each operation
-must finish with its container whole before such code runs, or read what it
-converts from a copy; the code then sees, and may change, a consistent list.
-"""
+"""Python that runs in the middle of a native operation (a scalar's __del__ or weakref callback when a list
+drops it, an __index__ during a conversion) and turns on the container being worked on: each operation leaves
+its container whole before such code runs, or reads what it converts from a copy."""
 
 import weakref
 
-import numpy as np
 import pytest
 from tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
 
 import kavra
-from kavra import TPVT, TPVTG, TPVTO, TPVTW, TPVTGRecord, TRock, TScalar
-
-
-def S(value):
-    return TScalar(value, "", "")
-
-
-# Per list class: an element whose first scalar is `s`, and that scalar read back.
-ELEMENTS = {
-    "TPVTTable": (lambda s: TPVT(s, S(2), S(3)), lambda e: e.P),
-    "TPVTOTable": (lambda s: TPVTO(s, S(2), S(3), S(4)), lambda e: e.Rs),
-    "TPVTWList": (lambda s: TPVTW(s, S(2), S(3), S(4), S(5)), lambda e: e.P_ref),
-    "TPVTGRecordTable": (lambda s: TPVTGRecord(s, S(2), S(3)), lambda e: e.Rv),
-    "TPVTGTable": (lambda s: TPVTG(s, S(2), S(3), S(4)), lambda e: e.Pg),
-    "TRockList": (lambda s: TRock(s, S(2)), lambda e: e.P_ref),
-    "TPVTList": (lambda s: kavra.TPVTTable([TPVT(s, S(2), S(3))]), lambda e: e[0].P),
-    "TPVTOList": (lambda s: kavra.TPVTOTable([TPVTO(s, S(2), S(3), S(4))]), lambda e: e[0].Rs),
-    "TPVTGList": (lambda s: kavra.TPVTGTable([TPVTG(s, S(2), S(3), S(4))]), lambda e: e[0].Pg),
-}
+from catalogue import LISTS, S
+from kavra import TPVT, TPVTG, TPVTO, TPVTGRecord, TScalar
 
 
 class DyingScalar(TScalar):
@@ -72,9 +51,9 @@ ATTACKS = {
 @pytest.mark.parametrize("callback_kind", ["del", "weakref"])
 @pytest.mark.parametrize("attack", ATTACKS)
 @pytest.mark.parametrize("operation", ["resize", "setitem"])
-@pytest.mark.parametrize("name", ELEMENTS)
+@pytest.mark.parametrize("name", LISTS)
 def test_elements_die_after_the_list_is_whole(name, operation, attack, callback_kind):
-    make, first_scalar = ELEMENTS[name]
+    make, first_scalar = LISTS[name]
     act, expected_length = ATTACKS[attack]
     ran = []
 
@@ -114,17 +93,6 @@ def test_under_sat_rows_die_after_the_record_is_whole(record, attack, callback_k
     assert ran == [2]
     assert len(rec.under_sat) == expected_length(2)
     check_readable(rec.under_sat)
-
-
-def test_a_calculation_in_a_callback_sees_the_shortened_table():
-    """A shrinking resize used to let InterpolateB read rows already destroyed."""
-    seen = []
-    table = kavra.TPVTTable(
-        [TPVT(S(100.0), S(1.25), S(1)), TPVT(doomed_scalar("weakref", lambda: seen.append(
-            kavra.InterpolateB(table, 150.0))), S(1.0), S(1))]
-    )
-    table.resize(1)
-    assert seen == [kavra.InterpolateB(table, 150.0)] == [1.25]
 
 
 class Index:

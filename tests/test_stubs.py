@@ -1,12 +1,6 @@
-"""The type stubs against the built modules.
-
-stubtest checks that the stubs and the modules have the same names, classes,
-properties and metaclasses.  Boost.Python functions carry no introspectable
-signature, so stubtest cannot compare parameters; the tests below do that by
-calling: every overload in the stubs is accepted by the module with
-arguments of the annotated types, and the stubs have exactly the arities of
-the C++ overloads that Boost.Python lists when a call matches none.
-"""
+"""The type stubs against the built modules: stubtest compares names, classes, properties and metaclasses.
+Boost.Python functions carry no signature to compare, so every stubbed overload is called with arguments of
+its annotated types, and its arities are compared with those of the C++ overloads that Boost.Python lists."""
 
 import ast
 import importlib
@@ -19,242 +13,113 @@ import pytest
 import tessel
 
 import kavra
-from conftest import ROOT
+from catalogue import ROOT, S
 
-STUBS = {
-    "kavra._kavracore": ROOT / "python/kavra/_kavracore.pyi",
-    "tessel._tessel": ROOT / "python/tessel/_tessel.pyi",
-}
+STUBS = {"kavra._kavracore": ROOT / "python/kavra/_kavracore.pyi", "tessel._tessel": ROOT / "python/tessel/_tessel.pyi"}
 
 
-def test_stubtest_finds_no_difference(tmp_path):
-    done = subprocess.run(
-        [sys.executable, "-m", "mypy.stubtest", "--allowlist", str(ROOT / "tests/stubtest_allowlist.txt"), *STUBS],
-        capture_output=True, text=True, cwd=tmp_path, timeout=300,
-    )
-    assert done.returncode == 0, done.stdout + done.stderr
-
-
-@pytest.mark.parametrize("example", ["workflow.py", "arrays_and_tables.py", "ensemble_dask.py"])
-def test_examples_type_check_strictly(tmp_path, example):
-    done = subprocess.run(
-        [sys.executable, "-m", "mypy", "--strict", "--cache-dir", str(tmp_path), str(ROOT / "examples" / example)],
-        capture_output=True, text=True, cwd=tmp_path, timeout=300,
-    )
+@pytest.mark.parametrize("command", [
+    ["mypy.stubtest", "--allowlist", str(ROOT / "tests/stubtest_allowlist.txt"), *STUBS],
+    *(["mypy", "--strict", "--cache-dir", "{tmp}", str(ROOT / "examples" / example)]
+      for example in ("workflow.py", "arrays_and_tables.py", "ensemble_dask.py")),
+], ids=["stubtest", "workflow-strict", "arrays-strict", "ensemble-strict"])
+def test_tools_find_no_difference(tmp_path, command):
+    command = [sys.executable, "-m", *(c.replace("{tmp}", str(tmp_path)) for c in command)]
+    done = subprocess.run(command, capture_output=True, text=True, cwd=tmp_path, timeout=300)
     assert done.returncode == 0, done.stdout + done.stderr
 
 
 def test_installed_packages_ship_stubs_and_marker():
-    for module in STUBS:
+    for module, stub in STUBS.items():
         package = pathlib.Path(importlib.import_module(module.split(".")[0]).__file__).parent
         assert (package / "py.typed").is_file()
-        installed = package / (module.split(".")[1] + ".pyi")
-        assert installed.read_text() == STUBS[module].read_text()
+        assert (package / (module.split(".")[1] + ".pyi")).read_text() == stub.read_text()
 
 
-# --- signatures, by calling ------------------------------------------------------
+def runtime(name):
+    return getattr(kavra._kavracore, name, None) or getattr(tessel._tessel, name)
 
 
-def _selection():
-    return tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(1, 1, 1), [[0, 0, 0]])
+TREES = [ast.parse(path.read_text()) for path in STUBS.values()]
+CLASSES = {node.name: node for tree in TREES for node in tree.body if isinstance(node, ast.ClassDef)}
+CONCRETE = {"IGridFunction": "DoubleGridFunction", "IDoubleTypeGridFunction": "DoubleGridFunction",
+            "IWritableDoubleTypeGridFunction": "DoubleGridFunction", "IIntTypeGridFunction": "IntGridFunction",
+            "IWritableIntTypeGridFunction": "IntGridFunction", "IFloatTypeGridFunction": "FloatGridFunction",
+            "IWritableFloatTypeGridFunction": "FloatGridFunction", "ITopology": "ReservoirTopology"}
+SAMPLES = {"float": lambda: 1.0, "int": lambda: 0, "str": lambda: "s", "object": object, "None": lambda: None,
+           "SupportsIndex": lambda: 1, "ArrayLike": lambda: [1], "NDArray[_Element]": lambda: np.zeros(1),
+           "Sequence[_E]": list, "TScalar": lambda: S(1.0), "NDArray[np.int32]": lambda: np.zeros(1, np.int32),
+           "NDArray[np.float32]": lambda: np.zeros(1, np.float32), "NDArray[np.float64]": lambda: np.zeros(1),
+           "DTypeLike": lambda: np.float64, "bool": lambda: True, "Any": lambda: 0,
+           "ReservoirTopology": lambda: tessel.ReservoirTopology(1, 1, 1),
+           "ReservoirSelectionTopology": lambda: tessel.ReservoirSelectionTopology(SAMPLES["ReservoirTopology"](),
+                                                                                    [[0, 0, 0]]),
+           "SelectionViewGridFunction": lambda: tessel.SelectionViewGridFunction(
+               SAMPLES["ReservoirSelectionTopology"](), tessel.DoubleGridFunction(1))}
 
 
-# One sample value per annotation (or union member) used in the stubs.
-SAMPLES = {
-    "float": lambda: 1.0,
-    "int": lambda: 0,
-    "str": lambda: "s",
-    "object": object,
-    "None": lambda: None,
-    "SupportsIndex": lambda: 1,
-    "ArrayLike": lambda: [1],
-    "NDArray[_Element]": lambda: np.zeros(1),
-    "Sequence[_E]": lambda: [],
-    "NDArray[np.int32]": lambda: np.zeros(1, np.int32),
-    "NDArray[np.float32]": lambda: np.zeros(1, np.float32),
-    "NDArray[np.float64]": lambda: np.zeros(1),
-    "DTypeLike": lambda: np.float64,
-    "bool": lambda: True,
-    "Any": lambda: 0,
-}  # and an instance for a class of the stubs
-# Parameters whose samples depend on more than their type.
-BY_NAME = {"cells": lambda: [[0, 0, 0]]}
+def sample(annotation, owner):
+    """An instance of a stub annotation (a union member, _E already replaced)."""
+    name = CONCRETE.get(annotation, annotation)
+    if name in SAMPLES:
+        return SAMPLES[name]()
+    if name == "_Vector[_E]" or name.endswith(("List", "Table")):
+        return runtime(owner if name == "_Vector[_E]" else name)()
+    init = next((f for f in CLASSES[name].body if isinstance(f, ast.FunctionDef) and f.name == "__init__"), None)
+    if name in ("IntGridFunction", "FloatGridFunction", "DoubleGridFunction", "IntVector"):
+        return runtime(name)([1])
+    return runtime(name)(*[None] * (len(init.args.posonlyargs) - 1))  # a record of unset scalars
 
 
-def _runtime(name):
-    for module in (kavra._kavracore, tessel._tessel):
-        if hasattr(module, name):
-            return getattr(module, name)
-    raise LookupError(name)
+def entries():
+    """(class or None, name, overloads, element type) for every function and method of the stubs."""
+    for tree in TREES:
+        functions = [n for n in tree.body if isinstance(n, ast.FunctionDef)]
+        for name in dict.fromkeys(f.name for f in functions):
+            yield pytest.param(None, name, [f for f in functions if f.name == name], None, id=name)
+    for cls in CLASSES.values():
+        base = cls.bases[0] if cls.bases else None
+        element, methods = None, [n for n in cls.body if isinstance(n, ast.FunctionDef)]
+        if isinstance(base, ast.Subscript):  # a list class: the _Vector methods, with its element type
+            element, methods = ast.unparse(base.slice), methods + [
+                n for n in CLASSES["_Vector"].body if isinstance(n, ast.FunctionDef)]
+        if cls.name.startswith("_"):
+            continue
+        methods = [m for m in methods if not m.decorator_list or ast.unparse(m.decorator_list[0]) == "overload"]
+        for name in dict.fromkeys(m.name for m in methods):
+            if name not in ("__eq__", "__ne__", "__str__", "__iter__"):  # Python's own fallbacks answer for these
+                yield pytest.param(cls.name, name, [m for m in methods if m.name == name], element,
+                                   id=f"{cls.name}.{name}")
 
 
-class Stub:
-    """The functions and classes of one stub file, from its syntax tree."""
-
-    def __init__(self, path):
-        self.tree = ast.parse(path.read_text())
-        self.classes = {n.name: n for n in self.tree.body if isinstance(n, ast.ClassDef)}
-
-    def functions(self):
-        names = sorted({n.name for n in self.tree.body if isinstance(n, ast.FunctionDef)})
-        return [(name, [n for n in self.tree.body if isinstance(n, ast.FunctionDef) and n.name == name])
-                for name in names]
-
-    def methods(self, cls):
-        """The methods of a class and its stub bases ({name: overloads}) and the element type of a _Vector base."""
-        found, owners, element = {}, {}, None
-        node = self.classes[cls]
-        while node is not None and node.name != "_Instance":
-            for item in node.body:
-                if isinstance(item, ast.FunctionDef) and not _is_property(item):
-                    if owners.setdefault(item.name, node.name) == node.name:  # the most derived class wins
-                        found.setdefault(item.name, []).append(item)
-            base = node.bases[0] if node.bases else None
-            if isinstance(base, ast.Subscript):
-                element = ast.unparse(base.slice)
-                base = base.value
-            node = self.classes.get(ast.unparse(base)) if base is not None else None
-        return found, element
-
-
-def _is_property(function):
-    return any(ast.unparse(d) == "property" for d in function.decorator_list)
-
-
-def _members(annotation, element):
-    text = ast.unparse(annotation)
-    members = [m.strip() for m in text.split("|")]
-    return [element if m == "_E" else m for m in members]
-
-
-def _sample(member, param, owner):
-    if param in BY_NAME:
-        return BY_NAME[param]()
-    if member.startswith("_Vector["):
-        return _runtime(owner)()
-    if member in SAMPLES:
-        return SAMPLES[member]()
-    return _construct(member)
-
-
-def _construct(cls):
-    """An instance of a stub class: the class itself where it can be built, else a concrete subclass."""
-    concrete = {"IGridFunction": "DoubleGridFunction", "IDoubleTypeGridFunction": "DoubleGridFunction",
-                "IWritableDoubleTypeGridFunction": "DoubleGridFunction", "IIntTypeGridFunction": "IntGridFunction",
-                "IWritableIntTypeGridFunction": "IntGridFunction", "IFloatTypeGridFunction": "FloatGridFunction",
-                "IWritableFloatTypeGridFunction": "FloatGridFunction", "ITopology": "ReservoirTopology"}
-    cls = concrete.get(cls, cls)
-    if cls == "SelectionViewGridFunction":
-        return tessel.SelectionViewGridFunction(_selection(), tessel.DoubleGridFunction(1))
-    if cls == "ReservoirSelectionTopology":
-        return _selection()
-    if cls == "ReservoirTopology":
-        return tessel.ReservoirTopology(1, 1, 1)
-    if cls in ("IntGridFunction", "FloatGridFunction", "DoubleGridFunction", "IntVector"):
-        return _runtime(cls)([1])
-    if cls == "TScalar":
-        return kavra.TScalar(1.0, "", "")
-    # Records take one scalar (or None) per field; lists start empty.
-    init = next((f for f in STUB_KAVRA.classes[cls].body if isinstance(f, ast.FunctionDef) and f.name == "__init__"), None)
-    return _runtime(cls)(*([None] * (len(init.args.posonlyargs) - 1 if init else 0)))
-
-
-def _argument_sets(overload, element, owner):
-    """Argument lists for one overload: every union member of every parameter at least once."""
-    params = overload.args.posonlyargs + overload.args.args
-    if params and params[0].arg == "self":
-        params = params[1:]
-    options = [_members(p.annotation, element) for p in params]
-    rounds = max((len(o) for o in options), default=1)
-    for r in range(rounds):
-        yield [_sample(o[min(r, len(o) - 1)], p.arg, owner) for o, p in zip(options, params)]
-
-
-def _cpp_arities(function):
+def cpp_arities(function):
     """Numbers of arguments of the C++ overloads that Boost.Python lists for `function`."""
-    with pytest.raises(TypeError) as info:
+    with pytest.raises(TypeError, match=r"did not match C\+\+ signature") as info:
         function()
-    text = str(info.value)
-    assert "did not match C++ signature" in text, text
     arities = set()
-    for line in text.split("did not match C++ signature:")[1].strip().splitlines():
+    for line in str(info.value).split("did not match C++ signature:")[1].strip().splitlines():
         inside = line.strip()[line.strip().index("(") + 1 : -1]
         depth, count = 0, 1 if inside.strip() else 0
         for ch in inside:
-            depth += ch in "<(" and 1 or ch in ">)" and -1 or 0
+            depth += (ch in "<(") - (ch in ">)")
             count += ch == "," and depth == 0
         arities.add(count)
     return arities
 
 
-def _stub_arities(overloads):
-    return {len(o.args.posonlyargs + o.args.args) for o in overloads}
-
-
-def _check(call, runtime_function, overloads, element, owner):
-    for overload in overloads:
-        for args in _argument_sets(overload, element, owner):
-            try:
-                call(*args)
-            except Exception as error:  # noqa: BLE001 - only a failed match is a stub error
-                assert type(error).__name__ != "ArgumentError", f"{owner}: {ast.unparse(overload.args)}\n{error}"
-    assert _cpp_arities(runtime_function) == _stub_arities(overloads)
-
-
-STUB_KAVRA = Stub(STUBS["kavra._kavracore"])
-STUB_TESSEL = Stub(STUBS["tessel._tessel"])
-
-
-def _function_cases():
-    for stub in (STUB_KAVRA, STUB_TESSEL):
-        for name, overloads in stub.functions():
-            yield pytest.param(stub, name, overloads, id=name)
-
-
-def _method_cases():
-    for stub in (STUB_KAVRA, STUB_TESSEL):
-        for cls in stub.classes:
-            if cls.startswith("_"):
-                continue
-            methods, element = stub.methods(cls)
-            for name, overloads in methods.items():
-                if name in ("__eq__", "__ne__", "__str__", "__repr__", "__iter__"):
-                    continue  # Python's own fallbacks answer for these; __iter__ is tested below
-                yield pytest.param(cls, name, overloads, element, id=f"{cls}.{name}")
-
-
-@pytest.mark.parametrize("stub, name, overloads", list(_function_cases()))
-def test_function_stub_matches_overloads(stub, name, overloads):
-    function = _runtime(name)
-    _check(function, function, overloads, None, name)
-
-
-@pytest.mark.parametrize("cls, name, overloads, element", list(_method_cases()))
-def test_method_stub_matches_overloads(cls, name, overloads, element):
-    runtime_class = _runtime(cls)
-    raw = runtime_class.__dict__.get(name) or next(
-        vars(k)[name] for k in runtime_class.__mro__ if name in vars(k))
-    if name == "__init__":
-        call = runtime_class
+@pytest.mark.parametrize("owner, name, overloads, element", list(entries()))
+def test_every_stubbed_overload_is_callable(owner, name, overloads, element):
+    if owner is None:
+        call = raw = runtime(name)
     else:
-        instance = _construct(cls)
-        call = getattr(instance, name)
-    _check(call, raw, overloads, element, cls)
-
-
-def _iterable_cases():
-    for stub in (STUB_KAVRA, STUB_TESSEL):
-        for cls in stub.classes:
-            methods, element = stub.methods(cls)
-            if not cls.startswith("_") and "__iter__" in methods:
-                declared = ast.unparse(methods["__iter__"][0].returns)  # Iterator[...]
-                yield pytest.param(cls, element if declared.endswith("[_E]") else declared[9:-1], id=cls)
-
-
-@pytest.mark.parametrize("cls, element", list(_iterable_cases()))
-def test_declared_iteration_works_through_the_sequence_protocol(cls, element):
-    item = _sample(element, "", cls)
-    container = _runtime(cls)([item, item])
-    items = list(container)
-    assert len(items) == 2
-    assert all(type(i) is type(item) for i in items)
+        raw = getattr(runtime(owner), name)
+        call = runtime(owner) if name == "__init__" else getattr(sample(owner, owner), name)
+    for overload in overloads:
+        params = (overload.args.posonlyargs + overload.args.args)[1 if owner else 0 :]
+        options = [[element if m == "_E" else m for m in ast.unparse(p.annotation).split(" | ")] for p in params]
+        for r in range(max((len(o) for o in options), default=1)):  # every union member at least once
+            try:
+                call(*(sample(o[min(r, len(o) - 1)], owner) for o in options))
+            except Exception as error:  # noqa: BLE001 - only a failed match is a stub error
+                assert type(error).__name__ != "ArgumentError", f"{ast.unparse(overload.args)}\n{error}"
+    assert cpp_arities(raw) == {len(o.args.posonlyargs + o.args.args) for o in overloads}
