@@ -18,8 +18,9 @@ RNG = np.random.default_rng(7)
 REGIONS = RNG.integers(0, 3, N).astype(np.int32)  # region 0: no region
 P, Q, R = RNG.uniform(50.0, 400.0, N), RNG.uniform(50.0, 400.0, N), RNG.uniform(0.0, 0.05, N)
 
-OIL = PVTO([[[50.0, 120.0, 1.25, 0.9, 250.0, 1.22, 1.0], [80.0, 180.0, 1.35, 0.8, 300.0, 1.31, 0.9]],
-            [[40.0, 100.0, 1.2, 0.9], [90.0, 200.0, 1.4, 0.8, 300.0, 1.33, 0.9]]])
+OIL_RECORDS = [[[50.0, 120.0, 1.25, 0.9, 250.0, 1.22, 1.0], [80.0, 180.0, 1.35, 0.8, 300.0, 1.31, 0.9]],
+               [[40.0, 100.0, 1.2, 0.9], [90.0, 200.0, 1.4, 0.8, 300.0, 1.33, 0.9]]]
+OIL = PVTO(OIL_RECORDS)
 GAS = PVTG([[[100.0, 0.01, 0.02, 0.1, 0.03, 0.025, 0.1], [200.0, 0.02, 0.01, 0.1, 0.04, 0.0125, 0.1]]] * 2)
 CALLS = {
     "bubble_point_pressure": lambda t: kavra.bubble_point_pressure(OIL, REGIONS, R * 2000.0, threads=t),
@@ -80,22 +81,29 @@ def test_the_interpreter_runs_other_threads_during_a_call():
     ticker = threading.Thread(target=tick)
     ticker.start()
     time.sleep(0.01)
+    regions, out = np.resize(REGIONS, n), np.empty(n)  # ready buffers: between start and end, the native call alone
     start = time.perf_counter()
-    kavra.one_over_bo(OIL, np.resize(REGIONS, n), p, p, threads=2)
+    kavra.one_over_bo(OIL, regions, p, p, out=out, threads=2)
     end = time.perf_counter()
     stop.set()
     ticker.join()
     assert end - start > 0.02 and len([s for s in stamps if start + 0.005 < s < end - 0.005]) >= 3
 
 
-def test_calls_from_several_threads_at_once():
-    results = []
-    workers = [threading.Thread(target=lambda: results.append(CALLS["one_over_bo"](2))) for _ in range(4)]
+def test_calls_from_several_threads_at_once():  # each with a table of its own
+    tables = [PVTO([[[v * (1 + k / 8) for v in record] for record in region] for region in OIL_RECORDS])
+              for k in range(4)]
+
+    def call(k, threads=2):
+        return kavra.one_over_bo(tables[k], REGIONS, P, np.minimum(P, Q), threads=threads)
+
+    results = [None] * 4
+    workers = [threading.Thread(target=lambda k=k: results.__setitem__(k, call(k))) for k in range(4)]
     for w in workers:
         w.start()
     for w in workers:
         w.join()
-    assert [r.tobytes() for r in results] == [CALLS["one_over_bo"](1).tobytes()] * 4
+    assert [r.tobytes() for r in results] == [call(k, threads=1).tobytes() for k in range(4)]
 
 
 def test_thread_settings():
