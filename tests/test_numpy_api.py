@@ -155,6 +155,13 @@ def test_a_region_past_the_table_names_the_cell_and_region(name):
     (lambda: kavra.one_over_b(TABLES["pvdg"], [2**40], [1.0]), ValueError, r"region 1099511627776 at pvtnum\[0\]"),
     (lambda: kavra.one_over_b(native.TPVTList([native.TPVTTable()]), [1], [1.0]), ValueError,
      r"region 1 of the TPVTList table has no rows \(needed at pvtnum\[0\]"),
+    (lambda: kavra.kmax(np.zeros(6, np.int16), (1, 2, 3)), TypeError, "takes int32, uint32"),
+    (lambda: kavra.kmax(np.zeros((1, 2, 3)), (1, 2, 3)), ValueError,
+     r"do not fit the grid of 1 x 2 x 3 cells: layout 'kji' takes the shape \(3, 2, 1\) or \(6,\)"),
+    (lambda: kavra.kmax(np.zeros((3, 2, 1)), (1, 2, 3), layout="ijk"), ValueError, r"takes the shape \(1, 2, 3\)"),
+    (lambda: kavra.kmax(np.zeros(6), (1, 2, 3), layout="kij"), ValueError, "layout must be 'kji' or 'ijk'"),
+    (lambda: kavra.kmax(np.zeros(6), [1, 2, 3]), TypeError, "grid must be a tessel.ReservoirTopology"),
+    (lambda: kavra.kmax(np.zeros(6), (1, 2, 3), active=np.zeros(6, float)), TypeError, "active must be a boolean"),
 ])
 def test_failures_in_python_words(call, error, words):
     with pytest.raises(error, match=words):
@@ -233,20 +240,6 @@ def test_reductions_equal_the_native_kernels(name, dims, dtype, order, layout, f
     same_bits(np.ma.getdata(got).reshape(-1), as_given(expected).reshape(-1).astype(np.ma.getdata(got).dtype))
     if masking:
         np.testing.assert_array_equal(np.ma.getmaskarray(got), ~active)
-
-
-@pytest.mark.parametrize("call, error, words", [
-    (lambda: kavra.kmax(np.zeros(6, np.int16), (1, 2, 3)), TypeError, "takes int32, uint32"),
-    (lambda: kavra.kmax(np.zeros((1, 2, 3)), (1, 2, 3)), ValueError,
-     r"do not fit the grid of 1 x 2 x 3 cells: layout 'kji' takes the shape \(3, 2, 1\) or \(6,\)"),
-    (lambda: kavra.kmax(np.zeros((3, 2, 1)), (1, 2, 3), layout="ijk"), ValueError, r"takes the shape \(1, 2, 3\)"),
-    (lambda: kavra.kmax(np.zeros(6), (1, 2, 3), layout="kij"), ValueError, "layout must be 'kji' or 'ijk'"),
-    (lambda: kavra.kmax(np.zeros(6), [1, 2, 3]), TypeError, "grid must be a tessel.ReservoirTopology"),
-    (lambda: kavra.kmax(np.zeros(6), (1, 2, 3), active=np.zeros(6, float)), TypeError, "active must be a boolean"),
-])
-def test_reduction_failures_in_python_words(call, error, words):
-    with pytest.raises(error, match=words):
-        call()
 
 
 @pytest.mark.parametrize("module", [kavra.calculations, kavra.reductions, kavra.tables])
