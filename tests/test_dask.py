@@ -24,8 +24,7 @@ def client():
             yield client
 
 
-def on_cluster(array, chunks):
-    """`array` in chunks, held by the workers, so that each test sends a small graph."""
+def on_cluster(array, chunks):  # held by the workers: each test sends a small graph
     return da.from_array(array, chunks=chunks).persist()
 
 
@@ -42,8 +41,7 @@ TABLES = {
     "pvto": PVTO([[[20.0, 80.0, 1.15, 1.1, 300.0, 1.12, 1.3], [60.0, 150.0, 1.28, 0.9, 350.0, 1.22, 1.1],
                    [110.0, 240.0, 1.45, 0.7, 400.0, 1.40, 0.9]],
                   [[30.0, 100.0, 1.2, 1.0, 300.0, 1.17, 1.2], [90.0, 210.0, 1.38, 0.8, 380.0, 1.33, 1.0]]]),
-    "pvdo": PVDO([[[50.0, 1.3, 1.0], [200.0, 1.2, 1.1], [400.0, 1.1, 1.3]],
-                  [[60.0, 1.25, 1.0], [350.0, 1.15, 1.2]]]),
+    "pvdo": PVDO([[[50.0, 1.3, 1.0], [200.0, 1.2, 1.1], [400.0, 1.1, 1.3]], [[60.0, 1.25, 1.0], [350.0, 1.15, 1.2]]]),
     "pvdg": PVDG([[[50.0, 0.025, 0.012], [150.0, 0.009, 0.015], [300.0, 0.0045, 0.02]],
                   [[40.0, 0.03, 0.012], [320.0, 0.004, 0.02]]]),
     "pvtw": PVTW([[200.0, 1.02, 4.5e-5, 0.5, 1e-4], [250.0, 1.01, 4e-5, 0.4, 0.0]]),
@@ -52,58 +50,44 @@ TABLES = {
                   [[120.0, 0.015, 0.018, 0.02, 0.0, 0.019, 0.019], [280.0, 0.025, 0.007, 0.03, 0.0, 0.0074, 0.02]]]),
     "rock": ROCK([[200.0, 5e-5], [250.0, 8e-5]]),
 }
-
-
 # Three chunkings; every calculation below mixes inputs of at least two, so its chunks do not line up.
 A, B, C = (50, 100, 100), (100, 40, 100), (30, 100, 100)
-FIELD_CHUNKS = {"pvtnum": A, "p": B, "pbub": C, "rs": B, "pdew": C, "rv": A, "poro": C, "porv": A, "ntg": B,
-                "denominator": C}
+FIELD_CHUNKS = dict(pvtnum=A, p=B, pbub=C, rs=B, pdew=C, rv=A, poro=C, porv=A, ntg=B, denominator=C)
 
 
 @pytest.fixture(scope="module")
 def fields(client):
     """Per input name: the NumPy array and the same numbers in chunks on the cluster."""
     rng = np.random.default_rng(16)
-
-    def uniform(low, high):
-        return rng.uniform(low, high, SHAPE)
-
-    arrays = {
-        "pvtnum": rng.choice(np.array([0, 1, 2], dtype=np.int32), SHAPE, p=[0.02, 0.49, 0.49]),
-        "p": uniform(30.0, 450.0), "pbub": uniform(60.0, 260.0), "rs": uniform(0.0, 130.0),
-        "pdew": uniform(90.0, 320.0), "rv": uniform(0.0, 0.03), "poro": uniform(0.05, 0.35),
-        "porv": uniform(0.0, 500.0), "ntg": uniform(0.5, 1.0),
-        "denominator": np.where(rng.random(SHAPE) < 0.1, rng.choice([0.0, -1.0], SHAPE), uniform(0.5, 5.0)),
-    }
+    arrays = {"pvtnum": rng.choice(np.array([0, 1, 2], dtype=np.int32), SHAPE, p=[0.02, 0.49, 0.49])}
+    for name, low, high in [("p", 30.0, 450.0), ("pbub", 60.0, 260.0), ("rs", 0.0, 130.0), ("pdew", 90.0, 320.0),
+                            ("rv", 0.0, 0.03), ("poro", 0.05, 0.35), ("porv", 0.0, 500.0), ("ntg", 0.5, 1.0)]:
+        arrays[name] = rng.uniform(low, high, SHAPE)
+    arrays["denominator"] = np.where(rng.random(SHAPE) < 0.1, rng.choice([0.0, -1.0], SHAPE),
+                                     rng.uniform(0.5, 5.0, SHAPE))
     return {name: (array, on_cluster(array, FIELD_CHUNKS[name])) for name, array in arrays.items()}
 
 
-# name -> table (or None), inputs after it, keyword inputs
-CELL_CALLS = {
-    "bubble_point_pressure": ("pvto", ["pvtnum", "rs"], {}),
-    "one_over_b-pvdo": ("pvdo", ["pvtnum", "p"], {}),
-    "one_over_b-pvdg": ("pvdg", ["pvtnum", "p"], {}),
-    "one_over_bo": ("pvto", ["pvtnum", "p", "pbub"], {}),
-    "one_over_bw": ("pvtw", ["pvtnum", "p"], {}),
-    "one_over_bg": ("pvtg", ["pvtnum", "p", "pdew", "rv"], {}),
-    "rs_from_components": (None, ["denominator", "rs"], {}),
-    "porosity": ("rock", ["pvtnum", "p", "poro"], {}),
-    "porosity_from_porv": (None, ["denominator", "porv"], {}),
-    "bulk_volume": (None, ["porv", "denominator"], {"ntg": "ntg"}),
-}
+# function[-case]: the table (- for none) and the inputs; bulk_volume's last one is ntg=
+CELL_CALLS = {"bubble_point_pressure": "pvto pvtnum rs", "one_over_b-pvdo": "pvdo pvtnum p",
+              "one_over_b-pvdg": "pvdg pvtnum p", "one_over_bo": "pvto pvtnum p pbub", "one_over_bw": "pvtw pvtnum p",
+              "one_over_bg": "pvtg pvtnum p pdew rv", "rs_from_components": "- denominator rs",
+              "porosity": "rock pvtnum p poro", "porosity_from_porv": "- denominator porv",
+              "bulk_volume": "- porv denominator ntg"}
 
 
 @pytest.mark.parametrize("call", CELL_CALLS, ids=str)
 def test_cell_calculations_match_numpy_over_misaligned_chunks(fields, call):
-    table_name, names, keyword_names = CELL_CALLS[call]
-    name = call.split("-")[0]
-    table = () if table_name is None else (TABLES[table_name],)
-    expected = getattr(kavra, name)(*table, *(fields[n][0] for n in names),
-                                    **{k: fields[n][0] for k, n in keyword_names.items()})
-    result = getattr(kavra.dask, name)(*table, *(fields[n][1] for n in names),
-                                       **{k: fields[n][1] for k, n in keyword_names.items()})
+    table, *names = CELL_CALLS[call].split()
+
+    def run(module, which):
+        args = [fields[n][which] for n in names]
+        keywords = {"ntg": args.pop()} if call == "bulk_volume" else {}
+        return getattr(module, call.split("-")[0])(*([TABLES[table]] if table != "-" else []), *args, **keywords)
+
+    result = run(kavra.dask, 1)
     assert result.npartitions > 2
-    same_bits(result.compute(), expected)
+    same_bits(result.compute(), run(kavra, 0))
 
 
 def test_cell_calculation_broadcasts_and_keeps_masks(fields):
@@ -114,22 +98,17 @@ def test_cell_calculation_broadcasts_and_keeps_masks(fields):
     same_bits(result.compute(), expected)
 
 
-# case -> layout, chunks of the values, share of active cells
-REDUCTION_CASES = {
-    # kmax, kmin: a tree of two levels (10 chunks in K, 4 per step); ksum, kaverage: rechunked
-    "kji float64, K split": ("kji", (10, 50, 100), None),
-    "flat int32": ("kji", 123_457, None),  # chunks across layer boundaries; integer sums by the tree
-    "ijk float32, active": ("ijk", (50, 50, 30), 0.9),  # K split on the last axis; whole columns
+REDUCTION_CASES = {  # layout, chunks of the values
+    "kji float64, K split": ("kji", (10, 50, 100)),  # kmax, kmin: a tree of two levels; ksum, kaverage: rechunked
+    "flat int32": ("kji", 123_457),  # chunks across layer boundaries; integer sums by the tree
+    "ijk float32, active": ("ijk", (50, 50, 30)),  # K split on the last axis; whole columns
 }
 
 
 @pytest.fixture(scope="module")
 def reduction_inputs(client):
-    """Per case: values (NumPy, on the cluster) and active cells (None, or NumPy and on the cluster).
-
-    Columns hold NaN, infinities, both zeros (the minimum of the columns at J=0 is whichever comes
-    first in K), ties, and only negative numbers (J=1); the integers overflow any column sum.
-    """
+    """Per case: values and active cells (or None), each as NumPy and on the cluster. Columns hold NaN,
+    infinities, both zeros (first in K wins at J=0), ties, only negatives (J=1); integer sums overflow."""
     rng = np.random.default_rng(14)
     values = rng.normal(0.0, 10.0, SHAPE)
     values[:, 0, :] = np.abs(values[:, 0, :])
@@ -140,15 +119,12 @@ def reduction_inputs(client):
     values[rng.random(SHAPE) < 0.002] = np.inf
     values[rng.random(SHAPE) < 0.002] = -np.inf
     values[:, 2, :] = np.round(values[:, 2, :])
-    active = rng.random(SHAPE) < REDUCTION_CASES["ijk float32, active"][2]
+    active = rng.random(SHAPE) < 0.9
     active[:, :2, :] = False  # columns without any active cell
-    arrays = {
-        "kji float64, K split": (values, None),
-        "flat int32": (rng.integers(-2**31, 2**31 - 1, NK * NJ * NI, dtype=np.int32, endpoint=True), None),
-        "ijk float32, active": (values.astype(np.float32).transpose(2, 1, 0).copy(), active),
-    }
-    return {case: ((v, on_cluster(v, REDUCTION_CASES[case][1])),
-                   None if a is None else (a, on_cluster(a, (100, 20, 100))))
+    integers = rng.integers(-2**31, 2**31 - 1, NK * NJ * NI, dtype=np.int32, endpoint=True)
+    arrays = {"kji float64, K split": (values, None), "flat int32": (integers, None),
+              "ijk float32, active": (values.astype(np.float32).transpose(2, 1, 0).copy(), active)}
+    return {case: ((v, on_cluster(v, REDUCTION_CASES[case][1])), a if a is None else (a, on_cluster(a, (100, 20, 100))))
             for case, (v, a) in arrays.items()}
 
 

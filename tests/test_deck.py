@@ -12,25 +12,22 @@ import pytest
 import kavra
 from conftest import ROOT
 
-needs_opm = pytest.mark.skipif(importlib.util.find_spec("opm") is None,
-                               reason="opm is not installed (pip install '.[deck]')")
+deck_module = importlib.import_module("kavra.deck") if importlib.util.find_spec("opm") else None
+needs_opm = pytest.mark.skipif(deck_module is None, reason="opm is not installed (pip install '.[deck]')")
 DATA = ROOT / "tests" / "data"
 
 
 @pytest.fixture(scope="module")
 def spe1():
-    import kavra.deck
-    return kavra.deck.read(DATA / "SPE1CASE1.DATA")
+    return deck_module.read(DATA / "SPE1CASE1.DATA")
 
 
 @pytest.fixture(scope="module")
 def spe3():
-    import kavra.deck
-    return kavra.deck.read(str(DATA / "SPE3CASE1.DATA"))
+    return deck_module.read(str(DATA / "SPE3CASE1.DATA"))
 
 
-def slope(x, x0, x1, y0, y1):
-    """The interpolation the calculations do between two table rows."""
+def slope(x, x0, x1, y0, y1):  # the interpolation between two table rows
     return (x - x0) * ((y1 - y0) / (x1 - x0)) + y0
 
 
@@ -40,8 +37,7 @@ def test_tables_hold_the_deck_numbers(spe1, spe3):
     assert (spe1.pvtg, spe1.pvdo, spe3.pvdg) == (None, None, None)
     assert [len(t) for t in (spe1.pvto, spe1.pvdg, spe1.pvtw, spe1.rock, spe3.pvtg)] == [1] * 5
     oil = spe1.pvto.regions[0]
-    assert len(oil) == 9
-    assert list(oil[0]) == [0.0010, 14.7, 1.0620, 1.0400]
+    assert len(oil) == 9 and list(oil[0]) == [0.0010, 14.7, 1.0620, 1.0400]
     assert list(oil[8]) == [1.6180, 5014.7, 1.8270, 0.4490, 9014.7, 1.7370, 0.6310]
     assert spe1.pvdg.regions[0][[0, -1]].tolist() == [[14.700, 166.666, 0.008000], [9014.7, 0.38600, 0.047000]]
     assert list(spe1.pvtw.regions[0]) == [4017.55, 1.038, 3.22E-6, 0.318, 0.0]
@@ -58,18 +54,16 @@ def test_tables_hold_the_deck_numbers(spe1, spe3):
 
 @needs_opm
 def test_oil_calculations_at_between_and_outside_the_nodes(spe1, spe3):
-    rs, p = np.array([0.0010, 0.0905, 0.1800, 0.3710, 0.6360, 0.7750, 0.9300, 1.2700, 1.6180]), \
-        np.array([14.7, 264.7, 514.7, 1014.7, 2014.7, 2514.7, 3014.7, 4014.7, 5014.7])
-    # At a tabulated Rs the tabulated pressure, to the last bit but at Rs 0.0905,
-    # where the row's slope lands one unit in the last place above 264.7.
+    rs = [0.0010, 0.0905, 0.1800, 0.3710, 0.6360, 0.7750, 0.9300, 1.2700, 1.6180]
+    p = [14.7, 264.7, 514.7, 1014.7, 2014.7, 2514.7, 3014.7, 4014.7, 5014.7]
+    # At a tabulated Rs the tabulated pressure, to the bit but at 0.0905 (one unit in the last place above).
     np.testing.assert_array_max_ulp(kavra.bubble_point_pressure(spe1.pvto, np.ones(9, int), rs), p, maxulp=1)
     assert kavra.bubble_point_pressure(spe1.pvto, [1, 1, 1], [1.0, 2.0, 0.0]).tolist() == [
         slope(1.0, 0.93, 1.27, 3014.7, 4014.7), slope(2.0, 1.27, 1.618, 4014.7, 5014.7),
         slope(0.0, 0.001, 0.0905, 14.7, 264.7)]
     assert kavra.bubble_point_pressure(spe3.pvto, [1, 1], [0.826985, 3.605023]).tolist() == [1500.0, 4000.0]
 
-    # 1/Bo: an undersaturated record of the deck, between records, above the
-    # last one, and on the saturated line.
+    # 1/Bo: an undersaturated record of the deck, between records, above the last one, on the saturated line.
     po, pbub = [9014.7, 6000.0, 10000.0, 2014.7, 3427.6, 3200.0], [4014.7, 5014.7, 5014.7, 2014.7, 1500.0, 1500.0]
     one_over_bo = kavra.one_over_bo(spe1.pvto, np.ones(4, int), po[:4], pbub[:4])
     assert one_over_bo.tolist() == [1.0 / slope(9014.7, 4014.7, 9014.7, 1.695, 1.579),
@@ -83,12 +77,9 @@ def test_oil_calculations_at_between_and_outside_the_nodes(spe1, spe3):
 
 @needs_opm
 def test_gas_and_rock_calculations(spe1, spe3):
-    # Dry gas at a node and between nodes.
     assert kavra.one_over_b(spe1.pvdg, [1, 1], [1014.7, 1500.0]).tolist() == [
         1.0 / slope(1014.7, 514.7, 1014.7, 6.274, 3.197), 1.0 / slope(1500.0, 1014.7, 2014.7, 3.197, 1.614)]
-    # Wet gas: away from the dew point 1/Bg runs linearly in Pg between the rows'
-    # 1/Bg (these rows hold one record each); at the dew point it runs in Rv
-    # between the saturated records of the two rows around Pg.
+    # Wet gas: off the dew point linear in Pg between the rows' 1/Bg (one record each); at it, in Rv.
     pg, pdew, rv = [3000.0, 2250.0, 2750.0], [3427.6, 3427.6, 2750.0], [0.1, 0.1, 0.08]
     f1, f0 = 1.0 / 1.123337, 1.0 / 1.408289
     assert kavra.one_over_bg(spe3.pvtg, [1, 1, 1], pg, pdew, rv).tolist() == [
@@ -96,32 +87,26 @@ def test_gas_and_rock_calculations(spe1, spe3):
         slope(0.08, 0.0679314005, 0.1043958616, 1.0 / 1.123337, 1.0 / 0.959755)]
     # Rock: PORO (1 + x + x^2/2), x = (Po - P_ref) Cr.
     x = (4800.0 - 14.7) * 3e-6
-    poro = spe1.cell_property("PORO")
-    result = kavra.porosity(spe1.rock, spe1.cell_property("PVTNUM"), np.full(300, 4800.0), poro)
+    result = kavra.porosity(spe1.rock, spe1.cell_property("PVTNUM"), np.full(300, 4800.0), spe1.cell_property("PORO"))
     assert np.all(result == 0.3 * ((x * 0.5) * x + (x + 1.0)))
 
 
 @needs_opm
 @pytest.mark.parametrize("name, dtype, layers", [
-    ("PORO", np.float64, [0.3, 0.3, 0.3]),
-    ("PERMX", np.float64, [500, 50, 200]),
-    ("DZ", np.float64, [20, 30, 50]),
+    ("PORO", np.float64, [0.3, 0.3, 0.3]), ("PERMX", np.float64, [500, 50, 200]), ("DZ", np.float64, [20, 30, 50]),
     ("TOPS", np.float64, [8325, 8345, 8375]),  # given for layer 1, continued down with DZ
-    ("NTG", np.float64, [1, 1, 1]),            # not in the deck: the simulator's defaults
-    ("pvtnum", np.int32, [1, 1, 1]),
-    ("ACTNUM", np.int32, [1, 1, 1]),
+    ("NTG", np.float64, [1, 1, 1]),  # not in the deck: the simulator's defaults
+    ("pvtnum", np.int32, [1, 1, 1]), ("ACTNUM", np.int32, [1, 1, 1]),
 ])
 def test_cell_properties_of_spe1(spe1, name, dtype, layers):
     values = spe1.cell_property(name)
-    assert values.dtype == dtype and values.shape == (300,)
-    assert np.array_equal(values.reshape(3, 100), np.repeat(np.array(layers, dtype)[:, None], 100, axis=1))
+    assert values.dtype == dtype and values.tolist() == np.repeat(layers, 100).tolist()
 
 
 @needs_opm
 def test_cell_order_active_mask_and_missing_keywords(spe3):
-    import kavra.deck
-    deck = kavra.deck.read("RUNSPEC\nDIMENS\n 3 2 1 /\nGRID\nACTNUM\n 1 0 1 1 1 0 /\nPERMX\n 1 2 3 4 5 6 /\n")
-    assert deck.grid.nI == 3 and deck.grid.nJ == 2 and deck.grid.nK == 1
+    deck = deck_module.read("RUNSPEC\nDIMENS\n 3 2 1 /\nGRID\nACTNUM\n 1 0 1 1 1 0 /\nPERMX\n 1 2 3 4 5 6 /\n")
+    assert (deck.grid.nI, deck.grid.nJ, deck.grid.nK) == (3, 2, 1)
     assert deck.active.tolist() == [True, False, True, True, True, False]
     assert deck.cell_property("PERMX").tolist() == [1, 2, 3, 4, 5, 6]  # I fastest
     assert (spe3.grid.nI, spe3.grid.nJ, spe3.grid.nK) == (9, 9, 4) and spe3.active.all()
@@ -133,8 +118,7 @@ def test_cell_order_active_mask_and_missing_keywords(spe3):
 @needs_opm
 @pytest.mark.parametrize("units", ["METRIC", "FIELD", "LAB", "PVT-M"])
 def test_unit_systems_and_the_defaults_that_are_zero_in_every_one(units):
-    import kavra.deck
-    deck = kavra.deck.read(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nTABDIMS\n/\nPROPS\n"
+    deck = deck_module.read(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nTABDIMS\n/\nPROPS\n"
                            "PVTW\n 100 1.02 1e-5 0.5 /\nROCK\n 100 /\n")
     assert deck.units == deck.pvtw.units == deck.rock.units == units
     assert list(deck.pvtw.regions[0]) == [100, 1.02, 1e-5, 0.5, 0.0] and list(deck.rock.regions[0]) == [100, 0.0]
@@ -157,12 +141,9 @@ OIL = " 0.1 100 1.1 1.0 /\n"
     (1, "INCLUDE\n 'no_such_file.inc' /", "", "(?s)no_such_file.inc.*does not exist"),  # opm would end the process
 ])
 def test_bad_decks_name_the_keyword_and_record(regions, grid, props, words):
-    import kavra.deck
     text = HEAD.format(regions=regions, grid=grid, props=props)
-    if "DIMENS" in words:
-        text = text.replace("DIMENS\n 2 1 1 /\n", "")
-    with pytest.raises(kavra.deck.DeckError, match=words) as info:
-        kavra.deck.read(text)
+    with pytest.raises(deck_module.DeckError, match=words) as info:
+        deck_module.read(text.replace("DIMENS\n 2 1 1 /\n", "") if "DIMENS" in words else text)
     assert isinstance(info.value, ValueError)
 
 
@@ -173,16 +154,14 @@ def test_bad_decks_name_the_keyword_and_record(regions, grid, props, words):
     ("PORO\n 2*0.1 /\nEQUALS\n PORO 0.2 /\n/", "PORO is changed by EQUALS record 1"),
 ])
 def test_grid_properties_kavra_cannot_take_as_written(grid, words):
-    import kavra.deck
-    deck = kavra.deck.read(HEAD.format(regions=1, grid=grid, props=""))
-    with pytest.raises(kavra.deck.DeckError, match=words):
+    deck = deck_module.read(HEAD.format(regions=1, grid=grid, props=""))
+    with pytest.raises(deck_module.DeckError, match=words):
         deck.cell_property("PORO")
 
 
 @needs_opm
 def test_docstring_examples_run_as_written():
-    import kavra.deck
-    result = doctest.testmod(kavra.deck, optionflags=doctest.NORMALIZE_WHITESPACE)
+    result = doctest.testmod(deck_module, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert result.attempted > 0 and result.failed == 0
 
 

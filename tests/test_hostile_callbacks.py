@@ -1,6 +1,5 @@
-"""Python that runs in the middle of a native operation (a scalar's __del__ or weakref callback when a list
-drops it, an __index__ during a conversion) and turns on the container being worked on: each operation leaves
-its container whole before such code runs, or reads what it converts from a copy."""
+"""Python run in the middle of a native operation (a scalar's __del__ or weakref callback as a list
+drops it, an __index__ during a conversion) sees, and may change, a whole container."""
 
 import weakref
 
@@ -8,39 +7,25 @@ import pytest
 from tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
 
 import kavra
-from catalogue import LISTS, S
+from catalogue import LISTS as ELEMENTS, S
 from kavra import TPVT, TPVTG, TPVTO, TPVTGRecord, TScalar
 
-
-class DyingScalar(TScalar):
-    def __init__(self, value, callback):
-        super().__init__(value, "", "")
-        self.callback = callback
-
-    def __del__(self):
-        self.callback()
-
-
-_weakrefs = []
+WEAKREFS = []
 
 
 def doomed_scalar(kind, callback):
     """A scalar that runs `callback` when its last reference goes."""
     if kind == "del":
-        return DyingScalar(1.0, callback)
-    scalar = S(1.0)
-    _weakrefs.append(weakref.ref(scalar, lambda _: callback()))
+        return type("Dying", (TScalar,), {"__del__": lambda self: callback()})(1.0, "", "")
+    WEAKREFS.append(weakref.ref(scalar := S(1.0), lambda _: callback()))
     return scalar
 
 
 def check_readable(lst):
-    """Every method that reads the list works on what it holds."""
-    assert len(list(lst)) == len(lst)
-    repr(lst)
+    assert len(list(lst)) == len(lst) and repr(lst)
 
 
-# What the callback does to the list, and the length that leaves behind when
-# the operation left n elements.
+# What the callback does to the list, and the length that leaves if the operation left n elements.
 ATTACKS = {
     "append": (lambda lst, make: [lst.append(make(S(0.0))) for _ in range(100)], lambda n: n + 100),
     "resize": (lambda lst, make: lst.resize(0), lambda n: 0),
@@ -48,91 +33,74 @@ ATTACKS = {
 }
 
 
+# The list classes, resized or set an item; the records, given new under_sat rows.
+CONTAINERS = [(name, operation) for name in ELEMENTS for operation in ("resize", "setitem")] + [
+    ("TPVTO", "under_sat"), ("TPVTG", "under_sat")]
+
+
 @pytest.mark.parametrize("callback_kind", ["del", "weakref"])
 @pytest.mark.parametrize("attack", ATTACKS)
-@pytest.mark.parametrize("operation", ["resize", "setitem"])
-@pytest.mark.parametrize("name", LISTS)
-def test_elements_die_after_the_list_is_whole(name, operation, attack, callback_kind):
-    make, first_scalar = LISTS[name]
+@pytest.mark.parametrize("name, operation", CONTAINERS)
+def test_elements_die_after_the_container_is_whole(name, operation, attack, callback_kind):
+    make, first_scalar = ELEMENTS[{"TPVTO": "TPVTTable", "TPVTG": "TPVTGRecordTable"}.get(name, name)]
     act, expected_length = ATTACKS[attack]
     ran = []
 
     def callback():
-        ran.append(len(lst))
-        act(lst, make)
+        ran.append(len(container()))
+        act(container(), make)
 
-    lst = getattr(kavra, name)([make(doomed_scalar(callback_kind, callback))] + [make(S(4.0))] * 3)
-    if operation == "resize":
-        lst.resize(0)
-        lst_after_op = 0
+    if operation == "under_sat":
+        record = getattr(kavra, name)(S(10.0), doomed_scalar(callback_kind, callback), S(2), S(3))
+        container, left = (lambda: record.under_sat), 2
+        record.under_sat = type(record.under_sat)([make(S(42.0)), make(S(43.0))])
     else:
-        lst[0] = make(S(42.0))
-        lst_after_op = 4
-    assert ran == [lst_after_op], "the callback ran once, on the list as the operation left it"
-    assert len(lst) == expected_length(lst_after_op)
-    check_readable(lst)
-    if attack != "resize" and lst_after_op:
-        assert first_scalar(lst[0]).value == 42.0
+        lst = getattr(kavra, name)([make(doomed_scalar(callback_kind, callback))] + [make(S(4.0))] * 3)
+        container, left = (lambda: lst), (0 if operation == "resize" else 4)
+        if left:
+            lst[0] = make(S(42.0))
+        else:
+            lst.resize(0)
+    assert ran == [left], "the callback ran once, on the container as the operation left it"
+    assert len(container()) == expected_length(left)
+    check_readable(container())
+    if attack != "resize" and left:
+        assert first_scalar(container()[0]).value == 42.0
 
 
-@pytest.mark.parametrize("callback_kind", ["del", "weakref"])
-@pytest.mark.parametrize("attack", ATTACKS)
-@pytest.mark.parametrize("record", [TPVTO, TPVTG])
-def test_under_sat_rows_die_after_the_record_is_whole(record, attack, callback_kind):
-    row = TPVT if record is TPVTO else TPVTGRecord
-    act, expected_length = ATTACKS[attack]
-    ran = []
-
-    def callback():
-        ran.append(len(rec.under_sat))
-        act(rec.under_sat, lambda s: row(s, S(2), S(3)))
-
-    rec = record(S(10.0), doomed_scalar(callback_kind, callback), S(2), S(3))
-    new_rows = type(rec.under_sat)([row(S(42.0), S(1), S(1)), row(S(43.0), S(1), S(1))])
-    rec.under_sat = new_rows
-    assert ran == [2]
-    assert len(rec.under_sat) == expected_length(2)
-    check_readable(rec.under_sat)
+def test_a_calculation_in_a_callback_sees_the_shortened_table():
+    seen = []
+    dying = doomed_scalar("weakref", lambda: seen.append(kavra.InterpolateB(table, 150.0)))
+    table = kavra.TPVTTable([TPVT(S(100.0), S(1.25), S(1)), TPVT(dying, S(1.0), S(1))])
+    del dying
+    table.resize(1)
+    assert seen == [kavra.InterpolateB(table, 150.0)] == [1.25]
 
 
-class Index:
+def converting(value, action):
     """An integer whose conversion first runs `action`."""
-
-    def __init__(self, value, action):
-        self.value, self.action = value, action
-
-    def __index__(self):
-        self.action()
-        return self.value
+    return type("Index", (), {"__index__": lambda self: (action(), value)[1]})()
 
 
 @pytest.mark.parametrize("build", ["init", "extend"])
 def test_int_vector_reads_items_from_a_copy(build):
     items = [1, 2]
-    items += [Index(7, items.clear), 4, 5]
-    if build == "init":
-        vector = IntVector(items)
-    else:
-        vector = IntVector([0])
+    items += [converting(7, items.clear), 4, 5]
+    vector = IntVector(items if build == "init" else [0])
+    if build == "extend":
         vector.extend(items)
-    assert list(vector)[-5:] == [1, 2, 7, 4, 5]
-    assert items == []
+    assert list(vector)[-5:] == [1, 2, 7, 4, 5] and items == []
 
 
-GRID = ReservoirTopology(1, 1, 6)
-NOTHING_SELECTED_TWICE = ReservoirSelectionTopology(GRID, [[0, 0, 5]])
-
-
-def shorten(n1, n2):
-    """A calculation that takes every connection out of n1 and n2."""
-    tran_k = SelectionViewGridFunction(NOTHING_SELECTED_TWICE, DoubleGridFunction(1))
-    return lambda: kavra.CalcTransmissibilityK(n1, n2, NOTHING_SELECTED_TWICE, tran_k)
+ONE_CELL = ReservoirSelectionTopology(ReservoirTopology(1, 1, 6), [[0, 0, 5]])
 
 
 @pytest.mark.parametrize("through", ["value", "index"])
 def test_int_vector_setitem_checks_the_position_after_converting(through):
     n1, n2 = IntVector([0, 1, 2, 3]), IntVector([2, 3, 4, 5])
-    value, index = (Index(9, shorten(n1, n2)), 3) if through == "value" else (9, Index(3, shorten(n1, n2)))
+    tran_k = SelectionViewGridFunction(ONE_CELL, DoubleGridFunction(1))
+    shorten = converting(9 if through == "value" else 3, lambda: kavra.CalcTransmissibilityK(n1, n2, ONE_CELL, tran_k))
+    value, index = (shorten, 3) if through == "value" else (9, shorten)
     with pytest.raises(IndexError):
         n1[index] = value
     assert list(n1) == list(n2) == []
