@@ -52,8 +52,8 @@ wheel: bootstrap
 # before an abort stays visible.
 sanitize:
 	@VENV=$(SAN_VENV) bash scripts/bootstrap.sh
-	$(SAN_VENV)/bin/python -m pip install -q --no-build-isolation -C cmake.define.KAVRA_SANITIZE=ON \
-		-C build-dir=$(SAN_BUILD) .
+	$(SAN_VENV)/bin/python -m pip install -q --no-build-isolation -C cmake.define.KAVRA_SANITIZE=ON ".[deck]" \
+		-C build-dir=$(SAN_BUILD)
 	@preload="$$(ldd $(SAN_BUILD)/_kavracore*.so | awk '/lib(a|ub)san/ {print $$3}' | tr '\n' ' ')"; \
 	if [ -z "$$preload" ]; then echo "make sanitize: the module links no sanitizer runtime" >&2; exit 1; fi; \
 	LD_PRELOAD="$$preload" ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
