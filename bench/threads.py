@@ -53,7 +53,7 @@ from kavra.tables import PVDO, PVTG, PVTO, PVTW, ROCK  # noqa: E402
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 import numba_kernels as nk  # noqa: E402
-from run import block_regions, grid_for, side_by_side  # noqa: E402
+from run import block_regions, grid_for  # noqa: E402
 
 RNG = np.random.default_rng(16)
 ALL = len(os.sched_getaffinity(0))
@@ -263,8 +263,26 @@ def first_difference(a, b):
            f"{b.reshape(-1)[diff[0]]!r}" if len(diff) else "shapes or types differ"
 
 
+def rounds(functions, repeat):
+    """Wall and CPU seconds of each function in each of `repeat` rounds; every round runs them
+    all in turn, so that a disturbance of the machine hits them alike."""
+    for fn in functions:  # one untimed round: first-touch and warm-up costs stay out
+        fn()
+    walls, cpus = [[] for _ in functions], [[] for _ in functions]
+    for _ in range(repeat):
+        for wall, cpu, fn in zip(walls, cpus, functions):
+            start, start_cpu = time.perf_counter(), time.process_time()
+            fn()
+            wall.append(time.perf_counter() - start)
+            cpu.append(time.process_time() - start_cpu)
+    return walls, cpus
+
+
+STATISTICS = {"median": statistics.median, "best": min}
+
+
 def measure(case, grid, repeat):
-    """One row of the table: the checks, then the medians of `repeat` rounds."""
+    """One row of the table: the checks, then `repeat` rounds."""
     built = case.build(grid)
     run_kavra, run_numba, n = built[:3]
     one = run_kavra(1).copy()
@@ -277,46 +295,44 @@ def measure(case, grid, repeat):
         print(f"  {case.label}: the numba kernel does not give kavra's bits ({first_difference(one, numba_result)});"
               " not timed", flush=True)
     threaded = getattr(case, "threaded", True)
-    functions = [lambda: run_kavra(1)]
+    functions = {"one": lambda: run_kavra(1)}
     if threaded:
-        functions.append(lambda: run_kavra(ALL))
+        functions["all"] = lambda: run_kavra(ALL)
     if numba_same:
-        functions.append(run_numba)
+        functions["numba"] = run_numba
     if case.group == REDUCTION:
-        functions += built[3]
-    times = iter(side_by_side(functions, repeat))
-    per_cell = lambda t: 1e9 * t / n  # noqa: E731
+        functions["copy"], functions["np_copy"] = built[3]
+    walls, cpus = rounds(list(functions.values()), repeat)
     row = dict(case=case.label, group=case.group, cells=n, grid=[grid.nI, grid.nJ, grid.nK], threads=ALL,
-               threaded=threaded, numba_same_bits=numba_same)
-    row["one_ns"] = per_cell(next(times))
-    row["all_ns"] = per_cell(next(times)) if threaded else None
-    row["numba_ns"] = per_cell(next(times)) if numba_same else None
-    if case.group == REDUCTION:
-        row["copy_ns"], row["np_copy_ns"] = per_cell(next(times)), per_cell(next(times))
-    best = row["all_ns"] if threaded else row["one_ns"]
-    row["speedup"] = row["one_ns"] / row["all_ns"] if threaded else None
-    row["vs_numba"] = row["numba_ns"] / best if numba_same else None
-    row["x_copy"] = best / row["copy_ns"] if case.group == REDUCTION else None
-    row["x_np_copy"] = best / row["np_copy_ns"] if case.group == REDUCTION else None
+               threaded=threaded, numba_same_bits=numba_same,
+               seconds={key: wall for key, wall in zip(functions, walls)},
+               cores={key: sum(cpu) / sum(wall) for key, wall, cpu in zip(functions, walls, cpus)})
+    for stat, reduce in STATISTICS.items():
+        ns = {key: 1e9 * reduce(wall) / n for key, wall in zip(functions, walls)}
+        best = ns["all"] if threaded else ns["one"]
+        row[stat] = dict(ns, speedup=ns["one"] / ns["all"] if threaded else None,
+                         vs_numba=ns["numba"] / best if numba_same else None,
+                         x_copy=best / ns["copy"] if "copy" in ns else None,
+                         x_np_copy=best / ns["np_copy"] if "np_copy" in ns else None)
     return row
 
 
-def targets(row):
+def targets(row, stat):
     """What the row misses of its targets: '' when it meets them all, None when it has none."""
     if row["group"] == ROCK_GROUP:
         return None
-    missed = []
+    figures, missed = row[stat], []
     if row["group"] == PVT:
-        if row["speedup"] is not None and row["speedup"] < SPEEDUP_TARGET:
+        if figures["speedup"] is not None and figures["speedup"] < SPEEDUP_TARGET:
             missed.append(f"speed-up < {SPEEDUP_TARGET}")
-        if row["vs_numba"] is None:
+        if figures["vs_numba"] is None:
             missed.append("no numba figure")
-        elif row["vs_numba"] < NUMBA_TARGET:
+        elif figures["vs_numba"] < NUMBA_TARGET:
             missed.append(f"vs numba < {NUMBA_TARGET}")
     if row["group"] == REDUCTION:
         if not row["threaded"]:
             missed.append("one thread only")
-        if row["x_copy"] > COPY_TARGET:
+        if figures["x_copy"] > COPY_TARGET:
             missed.append(f"x copy > {COPY_TARGET}")
     return ", ".join(missed)
 
@@ -325,19 +341,21 @@ def fmt(value, spec, missing="-"):
     return missing if value is None else format(value, spec)
 
 
-HEADER = ["case", "cells", "1 thread", f"{ALL} threads", "speed-up", "numba par.", "vs numba", "x copy",
+HEADER = ["case", "1 thread", f"{ALL} threads", "used", "speed-up", "numba par.", "used", "vs numba", "x copy",
           "x np.copy", "targets"]
 
 
-def cells_of(row):
-    return [row["case"], str(row["cells"]), fmt(row["one_ns"], ".2f"),
-            fmt(row["all_ns"], ".2f", "(1 thread)"), fmt(row["speedup"], ".2f", "-"),
-            fmt(row["numba_ns"], ".2f", "not same bits" if not row["numba_same_bits"] else "-"),
-            fmt(row["vs_numba"], ".2f"), fmt(row["x_copy"], ".2f"), fmt(row["x_np_copy"], ".2f"),
-            fmt(targets(row), "", "-") or "met"]
+def cells_of(row, stat):
+    figures, cores = row[stat], row["cores"]
+    return [row["case"], fmt(figures["one"], ".2f"),
+            fmt(figures.get("all"), ".2f", "(1 thread)"), fmt(cores.get("all"), ".2f"),
+            fmt(figures["speedup"], ".2f"),
+            fmt(figures.get("numba"), ".2f", "not same bits" if not row["numba_same_bits"] else "-"),
+            fmt(cores.get("numba"), ".2f"), fmt(figures["vs_numba"], ".2f"), fmt(figures["x_copy"], ".2f"),
+            fmt(figures["x_np_copy"], ".2f"), fmt(targets(row, stat), "", "-") or "met"]
 
 
-WIDTHS = [22, 11, 10, 11, 10, 12, 10, 8, 11, 0]
+WIDTHS = [22, 10, 11, 6, 10, 12, 6, 10, 8, 11, 0]
 
 
 def print_row(cells):
@@ -345,9 +363,25 @@ def print_row(cells):
                   for i, (c, w) in enumerate(zip(cells, WIDTHS))), flush=True)
 
 
-def markdown(rows):
-    lines = ["| " + " | ".join(HEADER) + " |", "|" + "---|" * len(HEADER)]
-    lines += ["| " + " | ".join(cells_of(row)) + " |" for row in rows]
+def print_table(rows, stat, repeat):
+    what = {"median": f"the median of {repeat} rounds", "best": f"the fastest of {repeat} rounds"}[stat]
+    sizes = sorted({row["cells"] for row in rows})
+    for size in sizes:
+        print(f"\n{size} cells: ns per cell, {what}")
+        print_row(HEADER)
+        for row in rows:
+            if row["cells"] == size:
+                print_row(cells_of(row, stat))
+    for group, what in ((PVT, "the PVT calculations"), (REDUCTION, "the reductions")):
+        group_rows = [r for r in rows if r["group"] == group]
+        if group_rows:
+            met = sum(targets(r, stat) == "" for r in group_rows)
+            print(f"{stat}: targets met by {met} of {len(group_rows)} rows of {what}")
+
+
+def markdown(rows, stat):
+    lines = ["| " + " | ".join(["cells"] + HEADER) + " |", "|" + "---|" * (len(HEADER) + 1)]
+    lines += ["| " + " | ".join([str(row["cells"])] + cells_of(row, stat)) + " |" for row in rows]
     return "\n".join(lines)
 
 
@@ -366,10 +400,8 @@ def parts_from_source():
 
 
 def per_call(functions, blocks=31, block_seconds=0.004):
-    """Seconds per call of each function, and of each the median ratio to the first: `blocks`
-    rounds, each running every function in turn for a block of calls long enough to time.
-    The ratio is taken within a round, so that a change of the machine's load between rounds
-    does not enter it."""
+    """Seconds per call of each function in each of `blocks` rounds; a round runs every function
+    in turn, for a block of calls long enough to time."""
     for fn in functions:
         fn()
     start = time.perf_counter()
@@ -382,8 +414,7 @@ def per_call(functions, blocks=31, block_seconds=0.004):
             for _ in range(loops):
                 fn()
             spent.append((time.perf_counter() - start) / loops)
-    return ([statistics.median(t) for t in times],
-            [statistics.median(b / a for a, b in zip(times[0], t)) for t in times])
+    return times
 
 
 def bulk_volume_call(n):
@@ -403,33 +434,41 @@ def one_over_bo_call(n, oil=live_oil()):
 def crossover(cells_per_part):
     calculations = {"bulk_volume": bulk_volume_call, "one_over_bo": one_over_bo_call}
     sizes = [2**e for e in range(10, 21)]
-    print(f"\ncrossover: 2 threads against 1, per call; 'faster' is at most {SPLIT_GAIN:.0%} of the time of 1")
+    print(f"\ncrossover: 2 threads against 1, per call (medians of 31 rounds); 'faster' is at most "
+          f"{SPLIT_GAIN:.0%} of the time of 1")
     if cells_per_part:
         print(f"(the module splits a call from 2 x cellsPerPart = {2 * cells_per_part} cells on: below that, "
               "threads=2 runs the very one-thread code)")
     result = {}
     for name, make in calculations.items():
-        print(f"{name:<14}{'cells':>9}{'1 thread us':>13}{'2 threads us':>14}{'2 / 1':>8}{'break-even':>12}")
+        print(f"{name:<14}{'cells':>9}{'1 thread us':>13}{'2 threads us':>14}{'2 / 1':>8}{'best':>7}"
+              f"{'break-even':>12}")
         rows = []
         for n in sizes:
             call = make(n)
-            (t1, t2), (_, ratio) = per_call([lambda: call(1), lambda: call(2)])
+            one, two = per_call([lambda: call(1), lambda: call(2)])
+            # 'median': of the ratios within a round, so that a change of load between rounds stays
+            # out; 'best': of the fastest rounds
+            ratios = dict(median=statistics.median(b / a for a, b in zip(one, two)), best=min(two) / min(one))
             # the cost of a split, from where a split happens: t2 = t1 / 2 + cost pays from
-            # n * t1 / 2 > cost, i.e. from n * (2 * t2 / t1 - 1) cells
+            # n * t1 / 2 > cost, i.e. from n * (2 * t2 / t1 - 1) cells (of the fastest rounds)
             split = cells_per_part is None or n >= 2 * cells_per_part
-            even = n * (2 * ratio - 1) if split else None
-            rows.append(dict(cells=n, one_us=1e6 * t1, two_us=1e6 * t2, ratio=ratio, break_even=even))
-            print(f"{'':<14}{n:>9}{1e6 * t1:>13.1f}{1e6 * t2:>14.1f}{ratio:>8.2f}{fmt(even, '.0f'):>12}",
-                  flush=True)
-        faster = [r["ratio"] <= SPLIT_GAIN for r in rows]
-        from_size = next((rows[i]["cells"] for i in range(len(rows)) if all(faster[i:])), None)
+            even = n * (2 * ratios["best"] - 1) if split else None
+            rows.append(dict(cells=n, one_us=1e6 * statistics.median(one), two_us=1e6 * statistics.median(two),
+                             ratio=ratios["median"], best_ratio=ratios["best"], break_even=even))
+            print(f"{'':<14}{n:>9}{rows[-1]['one_us']:>13.1f}{rows[-1]['two_us']:>14.1f}{ratios['median']:>8.2f}"
+                  f"{ratios['best']:>7.2f}{fmt(even, '.0f'):>12}", flush=True)
         estimates = [r["break_even"] for r in rows if r["break_even"] is not None]
-        estimate = statistics.median(estimates) if estimates else None
-        result[name] = dict(rows=rows, faster_from=from_size, break_even_estimate=estimate)
-        said = (f"2 threads are faster from {from_size} cells on, not below" if from_size else
-                "2 threads are not faster at any size measured")
-        print(f"  {name}: {said}.  Break-even of one split, from the sizes that split: "
-              f"{fmt(estimate, '.0f', 'n/a')} cells (median)")
+        result[name] = dict(rows=rows, break_even_estimate=statistics.median(estimates) if estimates else None)
+        for stat, key in (("median", "ratio"), ("best", "best_ratio")):
+            faster = [r[key] <= SPLIT_GAIN for r in rows]
+            from_size = next((rows[i]["cells"] for i in range(len(rows)) if all(faster[i:])), None)
+            result[name][f"faster_from_{stat}"] = from_size
+            said = (f"2 threads are faster from {from_size} cells on, not below" if from_size else
+                    "2 threads are not faster at any size measured")
+            print(f"  {name}, {stat}: {said}")
+        print(f"  {name}: break-even of one split, from the sizes that split: "
+              f"{fmt(result[name]['break_even_estimate'], '.0f', 'n/a')} cells (median)")
     return result
 
 
@@ -480,23 +519,24 @@ def main(argv=None):
     rows = []
     cases = [c for c in all_cases() if wanted in c.label.lower().replace("_", "").replace(" ", "")]
     if cases and wanted != "crossover":
-        print(f"\nns per cell, median of {args.repeat} rounds; numba: parallel=True on {ALL} threads")
-        print_row(HEADER)
+        print(f"numba: parallel=True on {ALL} threads; 'used': the cores a call kept busy (CPU time over wall "
+              "time, means of the rounds)")
         for size in sizes:
             grid = grid_for(size)
             for case in cases:
                 rows.append(measure(case, grid, args.repeat))
-                print_row(cells_of(rows[-1]))
+                row = rows[-1]
+                print(f"  {row['case']:<22} {row['cells']} cells  " + "  ".join(
+                    f"{key} {1e9 * statistics.median(t) / row['cells']:.2f}" for key, t in row["seconds"].items()),
+                    flush=True)
         print(f"numba threading layer: {numba.threading_layer()}")
+        for stat in STATISTICS:
+            print_table(rows, stat, args.repeat)
         if not all(getattr(c, "threaded", True) for c in cases):
             print("the reductions marked '(1 thread)' take no threads= yet: timed on one thread")
-        for group, what in ((PVT, "the PVT calculations"), (REDUCTION, "the reductions")):
-            group_rows = [r for r in rows if r["group"] == group]
-            if group_rows:
-                met = sum(targets(r) == "" for r in group_rows)
-                print(f"targets met by {met} of {len(group_rows)} rows of {what}")
         if args.markdown:
-            print("\n" + markdown(rows))
+            for stat in STATISTICS:
+                print(f"\n{stat}:\n" + markdown(rows, stat))
 
     cells_per_part = parts_from_source()
     cross = None
