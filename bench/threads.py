@@ -17,14 +17,21 @@ copy into a new NumPy array ("x copy": numba, all threads) and against
 ``ndarray.copy`` ("x np.copy": one thread).  The reductions are timed with
 ``threads=`` when they take it, else on one thread (said in the table).
 
-Each figure is the median of --repeat rounds; a round runs kavra on one
-thread, on all, and the numba kernel in turn, so that a disturbance of the
-machine hits them alike.  The load of the machine during the run is printed:
-the cores that other processes kept busy, from /proc/stat.
+A round runs kavra on one thread, on all, the numba kernel (and the copies)
+in turn, so that a disturbance of the machine hits them alike; two tables
+follow, of the median of --repeat rounds and of the fastest round.  "used"
+is the cores a call kept busy (CPU time over wall time): on a machine that
+others load, a call on two threads may get one core or less, and then no
+speed-up can show.  The load during the run is printed too: the cores that
+other processes kept busy, from /proc/stat.
 
 Crossover: bulk_volume (the cheapest calculation) and one_over_bo timed on
-2^10 to 2^20 cells with 1 and 2 threads; printed is the size from which 2
-threads are faster (by 5 % or more) at that size and every larger one.
+2^10 to 2^20 cells with 1 and 2 threads (31 rounds of blocks of calls);
+printed is the size from which 2 threads are faster (by 5 % or more) at that
+size and every larger one, of the median ratio within a round and of the
+fastest rounds, and the break-even of one split that the sizes which split
+imply.  The module splits a call only from 2 x cellsPerPart cells on
+(bindings/_parallel/module.cpp, read for the printout).
 `make bench` runs this after bench/run.py.
 """
 
