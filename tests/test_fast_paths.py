@@ -130,14 +130,15 @@ def test_result_that_is_also_an_input(name):
     assert_same_bits(shared.values, expected(name, tables, regions, inputs)[0])
 
 
-# The rock calculations read array grid functions' buffers directly and any
-# other grid function through its accessors: both must give the same bits,
+# The rock calculations and Rs read array grid functions' buffers directly and
+# any other grid function through its accessors: both must give the same bits,
 # also when one grid function stands in two places.
 ROCK = {
     "CalcPorosity": ("int", "po", "poro", "out"),
     "CalcPorosityFromPORV": ("bulk", "porv", "out"),
     "CalcBulkVolume": ("porv", "poro", "out"),
     "CalcBulkVolume NTG": ("ntg", "out"),
+    "CalcRsFromComponents": ("bulk", "porv", "out"),
 }
 
 

@@ -1,5 +1,7 @@
 #include "core/pvt/RsFromComponents.h"
 
+#include "core/utils/GridFunctionAccess.h"
+
 namespace kavra {
 
 void CalcRsFromComponents(GridFunctionPtr p_Denominator, GridFunctionPtr p_Numerator, GridFunctionPtr p_Rs)
@@ -16,11 +18,19 @@ void CalcRsFromComponents(GridFunctionPtr p_Denominator, GridFunctionPtr p_Numer
                  "Numerator has fewer elements than Rs. Rs elements: "
                      << nElts << ", Numerator elements: " << p_Numerator->number_of_elements());
 
-    for (std::uint64_t h = 0; h < nElts; ++h) {
-        const double a = p_Numerator->get_double(h);
-        const double b = p_Denominator->get_double(h);
-        p_Rs->set_double(h, b > 0.0 ? a / b : 0.0);
-    }
+    // Arrays of double are read and written through their buffers, any other
+    // grid function through get_double and set_double: the same reads and
+    // writes in the same order, so the same bits.
+    DispatchGridFunctions(
+        ElementTypes<double>(),
+        [nElts](auto den, auto num, auto rs) {
+            for (std::uint64_t h = 0; h < nElts; ++h) {
+                const double a = num.get(h);
+                const double b = den.get(h);
+                rs.set(h, b > 0.0 ? a / b : 0.0);
+            }
+        },
+        p_Denominator, p_Numerator, p_Rs);
 }
 
 } // namespace kavra
