@@ -30,7 +30,7 @@ Crossover: bulk_volume (the cheapest calculation) and one_over_bo timed on
 printed is the size from which 2 threads are faster (by 5 % or more) at that
 size and every larger one, of the median ratio within a round and of the
 fastest rounds, and the break-even of one split that the sizes which split
-imply.  The module splits a call only from 2 x cellsPerPart cells on
+imply.  The module splits a call only from twice its least cells per part on
 (bindings/_parallel/module.cpp, read for the printout).
 `make bench` runs this after bench/run.py.
 """
@@ -395,15 +395,17 @@ def markdown(rows, stat):
 # --- the crossover ----------------------------------------------------------------------
 
 def parts_from_source():
-    """cellsPerPart of the threaded module, read from its source (None when not found)."""
+    """The threaded module's least cells per part, of calculations with tables ("Table") and
+    without ("Plain"), read from its source (None where not found)."""
     try:
         text = (HERE.parent / "bindings" / "_parallel" / "module.cpp").read_text()
     except OSError:
-        return None
-    found = re.search(r"cellsPerPart\s*=\s*([0-9]+)\s*(?:<<\s*([0-9]+))?\s*;", text)
-    if not found:
-        return None
-    return int(found.group(1)) << int(found.group(2) or 0)
+        text = ""
+    sizes = {}
+    for kind in ("Table", "Plain"):
+        found = re.search(rf"cellsPer{kind}Part\s*=\s*([0-9]+)\s*(?:<<\s*([0-9]+))?\s*;", text)
+        sizes[kind] = int(found.group(1)) << int(found.group(2) or 0) if found else None
+    return sizes
 
 
 def per_call(functions, blocks=31, block_seconds=0.004):
@@ -438,16 +440,17 @@ def one_over_bo_call(n, oil=live_oil()):
     return lambda threads: kavra.one_over_bo(oil, regions, po, pbub, out=out, threads=threads)
 
 
-def crossover(cells_per_part):
-    calculations = {"bulk_volume": bulk_volume_call, "one_over_bo": one_over_bo_call}
+def crossover(parts):
+    calculations = {"bulk_volume": (bulk_volume_call, parts["Plain"]),
+                    "one_over_bo": (one_over_bo_call, parts["Table"])}
     sizes = [2**e for e in range(10, 21)]
     print(f"\ncrossover: 2 threads against 1, per call (medians of 31 rounds); 'faster' is at most "
           f"{SPLIT_GAIN:.0%} of the time of 1")
-    if cells_per_part:
-        print(f"(the module splits a call from 2 x cellsPerPart = {2 * cells_per_part} cells on: below that, "
-              "threads=2 runs the very one-thread code)")
     result = {}
-    for name, make in calculations.items():
+    for name, (make, cells_per_part) in calculations.items():
+        if cells_per_part:
+            print(f"(the module splits {name} from 2 x {cells_per_part} cells on: below that, threads=2 runs "
+                  "the very one-thread code)")
         print(f"{name:<14}{'cells':>9}{'1 thread us':>13}{'2 threads us':>14}{'2 / 1':>8}{'best':>7}"
               f"{'break-even':>12}")
         rows = []

@@ -13,7 +13,7 @@ import pytest
 import kavra
 from kavra.tables import PVDO, PVTG, PVTO, PVTW, ROCK
 
-N = 300_007  # enough cells for 7 parts
+N = 460_013  # enough cells for 7 parts of every calculation
 RNG = np.random.default_rng(7)
 REGIONS = RNG.integers(0, 3, N).astype(np.int32)  # region 0: no region
 P, Q, R = RNG.uniform(50.0, 400.0, N), RNG.uniform(50.0, 400.0, N), RNG.uniform(0.0, 0.05, N)

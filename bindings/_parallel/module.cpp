@@ -39,12 +39,14 @@ namespace {
 
 typedef std::vector<GridFunctionPtr> Arguments;
 
-// Fewer cells than this per part cost more in handing out than they save
-// (bench/README.md, "Threads": the crossover measured for the cheapest
-// calculation).
-constexpr std::uint64_t cellsPerPart = 1 << 15;
+// Fewer cells than these per part cost more in handing out than they save
+// (bench/README.md, "Threads": the crossover measured): a calculation over
+// tables spends 3-20 ns on a cell, one without tables and a K reduction
+// about 2 ns.
+constexpr std::uint64_t cellsPerTablePart = 1 << 15;
+constexpr std::uint64_t cellsPerPlainPart = 1 << 16;
 
-unsigned Parts(std::uint64_t cells, int threads)
+unsigned Parts(std::uint64_t cells, int threads, std::uint64_t cellsPerPart)
 {
     if (threads < 1)
         Raise(PyExc_ValueError, "the number of threads must be at least 1");
@@ -98,7 +100,7 @@ template <class List, class Calc>
 void WithTables(Calc calc, const List& list, const Arguments& arguments, int threads)
 {
     const std::uint64_t n = ResultSize(arguments);
-    const unsigned parts = Parts(n, threads);
+    const unsigned parts = Parts(n, threads, cellsPerTablePart);
     if (parts == 1 || !Sliceable(arguments, n, true) || !Complete(list))
         return calc(list, arguments);
     const List own = PrivateCopy(list);
@@ -118,7 +120,7 @@ template <class Calc>
 void Plain(Calc calc, const Arguments& arguments, int threads)
 {
     const std::uint64_t n = ResultSize(arguments);
-    const unsigned parts = Parts(n, threads);
+    const unsigned parts = Parts(n, threads, cellsPerPlainPart);
     if (parts == 1 || !Sliceable(arguments, n, false))
         return calc(arguments);
     LockReleased released;
@@ -216,7 +218,7 @@ template <class Operation, class T>
 void ReduceColumnsInParts(const Buffer& values, const Buffer& result, std::int64_t columns, int threads)
 {
     const std::int64_t n = values.Elements();
-    const unsigned parts = static_cast<unsigned>(std::min<std::int64_t>(Parts(n, threads), columns));
+    const unsigned parts = static_cast<unsigned>(std::min<std::int64_t>(Parts(n, threads, cellsPerPlainPart), columns));
     LockReleased released;
     ParallelFor(columns, parts, [&](unsigned, std::uint64_t first, std::uint64_t last) {
         std::vector<T> accumulator(last - first, Operation::template Initial<T>());
