@@ -344,8 +344,8 @@ def targets(row, stat):
     return ", ".join(missed)
 
 
-def fmt(value, spec, missing="-"):
-    return missing if value is None else format(value, spec)
+def fmt(value, form, missing="-"):
+    return missing if value is None else format(value, form)
 
 
 HEADER = ["case", "1 thread", f"{ALL} threads", "used", "speed-up", "numba par.", "used", "vs numba", "x copy",
