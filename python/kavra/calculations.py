@@ -39,6 +39,7 @@ from . import _kavracore as _native
 from . import _parallel
 from ._threads import resolve as _resolve_threads
 from ._arrays import CellArrays, index_text, native_message, prepare_cells, ready_buffers, split_mask
+from ._docs import filled
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
 
 __all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", "one_over_bg",
@@ -112,22 +113,18 @@ def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: Runtim
     return ValueError(f"{cells.function}: {message}")
 
 
+@filled
 def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs: ArrayLike, *,
                           out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Bubble point pressure per cell, along the saturated line of the live-oil table.
 
     Parameters
     ----------
-    pvto : PVTO or TPVTOList
-        Live-oil table per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
-    rs : array_like of float
-        Dissolved gas-oil ratio per cell, in the table's Rs unit (sm3/sm3 in METRIC).
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(pvto)s
+    %(pvtnum)s
+    %(rs)s
+    %(out)s
+    %(threads)s
 
     Returns
     -------
@@ -148,6 +145,7 @@ def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs:
                       [("rs", rs)], out, threads)
 
 
+@filled
 def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: ArrayLike, *,
                out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """1/B per cell of a dead oil or dry gas: B interpolated linearly in pressure, then inverted.
@@ -156,14 +154,10 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
     ----------
     pvdx : PVDG, PVDO or TPVTList
         Dry-gas or dead-oil table per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
-    p : array_like of float
-        Pressure per cell, in the table's pressure unit (barsa in METRIC).
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(pvtnum)s
+    %(p)s
+    %(out)s
+    %(threads)s
 
     Returns
     -------
@@ -185,6 +179,7 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
     return _calculate("one_over_b", _native.CalcOneOverB, native_list, kind, pvtnum, [("p", p)], out, threads)
 
 
+@filled
 def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike, pbub: ArrayLike, *,
                 out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """1/Bo per cell of a live oil.
@@ -196,16 +191,12 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
 
     Parameters
     ----------
-    pvto : PVTO or TPVTOList
-        Live-oil table per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    %(pvto)s
+    %(pvtnum)s
     po, pbub : array_like of float
         Oil pressure and bubble point pressure per cell, in the table's pressure unit.
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(out)s
+    %(threads)s
 
     Returns
     -------
@@ -225,6 +216,7 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
                       [("po", po), ("pbub", pbub)], out, threads)
 
 
+@filled
 def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike, *,
                 out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """1/Bw per cell: ``(1 + x + x**2/2) / bw`` with ``x = (pw - p_ref) * cw`` of the region.
@@ -233,14 +225,11 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
     ----------
     pvtw : PVTW or TPVTWList
         Water record per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    %(pvtnum)s
     pw : array_like of float
         Water pressure per cell, in the table's pressure unit.
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(out)s
+    %(threads)s
 
     Returns
     -------
@@ -259,6 +248,7 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
     return _calculate("one_over_bw", _native.CalcOneOverBw, native_list, "PVTW", pvtnum, [("pw", pw)], out, threads)
 
 
+@filled
 def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike, pdew: ArrayLike,
                 rv: ArrayLike, *, out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """1/Bg per cell of a wet gas.
@@ -272,16 +262,13 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
     ----------
     pvtg : PVTG or TPVTGList
         Wet-gas table per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    %(pvtnum)s
     pg, pdew : array_like of float
         Gas pressure and dew point pressure per cell, in the table's pressure unit.
     rv : array_like of float
         Vaporised oil-gas ratio per cell, in the table's Rv unit.
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(out)s
+    %(threads)s
 
     Returns
     -------
@@ -301,6 +288,7 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
                       [("pg", pg), ("pdew", pdew), ("rv", rv)], out, threads)
 
 
+@filled
 def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, poro: ArrayLike, *,
              out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Porosity under pressure: ``poro * (1 + x + x**2/2)``, ``x = (po - p_ref) * cr``, at most 1.
@@ -314,12 +302,9 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
         without ``out``).
     po : array_like of float
         Pressure per cell, in the table's pressure unit.
-    poro : array_like of float
-        Porosity per cell at the reference pressure (fraction).
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(poro_at_reference)s
+    %(out)s
+    %(threads)s
 
     Returns
     -------
@@ -356,18 +341,16 @@ def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[t
     return out if cells is None else cells.finish()  # type: ignore[no-any-return]
 
 
+@filled
 def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
                        out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Porosity per cell as ``porv / bulk_volume`` where the bulk volume is above 0, else 0.0.
 
     Parameters
     ----------
-    bulk_volume, porv : array_like of float
-        Bulk volume and pore volume per cell, in one volume unit (rm3 in METRIC).
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(bulk_volume_porv)s
+    %(out)s
+    %(threads)s
 
     Returns
     -------
@@ -384,22 +367,18 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
                       [("bulk_volume", bulk_volume), ("porv", porv)], out, threads)
 
 
+@filled
 def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = None,
                 out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Bulk volume per cell as ``porv / poro`` where the porosity is above 0 (else 0.0), times ``ntg``.
 
     Parameters
     ----------
-    porv : array_like of float
-        Pore volume per cell (rm3 in METRIC).
-    poro : array_like of float
-        Porosity per cell (fraction).
-    ntg : array_like of float, optional
-        Net-to-gross ratio per cell, applied after the division.
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(porv)s
+    %(poro)s
+    %(ntg)s
+    %(out)s
+    %(threads)s
 
     Returns
     -------
@@ -419,19 +398,16 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
     return _run_plain("bulk_volume", calls, inputs, out, threads)
 
 
+@filled
 def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
                        out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Rs per cell as ``numerator / denominator`` where the denominator is above 0, else 0.0.
 
     Parameters
     ----------
-    denominator, numerator : array_like of float
-        Component quantities per cell (oil and dissolved gas, say, in the units whose ratio
-        is wanted).
-    out : ndarray, optional
-        Where to write the result.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.
+    %(denominator_numerator)s
+    %(out)s
+    %(threads)s
 
     Returns
     -------

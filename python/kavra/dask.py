@@ -96,6 +96,7 @@ from numpy.typing import ArrayLike
 
 import tessel
 
+from ._docs import filled
 from . import calculations as _calculations
 from . import reductions as _reductions
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
@@ -175,6 +176,7 @@ def _cells(function: Callable[..., Any], table: Any, inputs: Sequence[Any],
     return result
 
 
+@filled
 def bubble_point_pressure(pvto: PVTO, pvtnum: ArrayLike, rs: ArrayLike) -> da.Array:
     """Bubble point pressure per cell, along the saturated line of the live-oil table.
 
@@ -182,12 +184,9 @@ def bubble_point_pressure(pvto: PVTO, pvtnum: ArrayLike, rs: ArrayLike) -> da.Ar
 
     Parameters
     ----------
-    pvto : kavra.tables.PVTO
-        Live-oil table per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
-    rs : array_like of float
-        Dissolved gas-oil ratio per cell, in the table's Rs unit (sm3/sm3 in METRIC).
+    %(pvto_value)s
+    %(pvtnum)s
+    %(rs)s
 
     Returns
     -------
@@ -208,6 +207,7 @@ def bubble_point_pressure(pvto: PVTO, pvtnum: ArrayLike, rs: ArrayLike) -> da.Ar
     return _cells(_calculations.bubble_point_pressure, pvto, [pvtnum, rs])
 
 
+@filled
 def one_over_b(pvdx: PVDO | PVDG, pvtnum: ArrayLike, p: ArrayLike) -> da.Array:
     """1/B per cell of a dead oil or dry gas: B interpolated linearly in pressure, then inverted.
 
@@ -217,10 +217,8 @@ def one_over_b(pvdx: PVDO | PVDG, pvtnum: ArrayLike, p: ArrayLike) -> da.Array:
     ----------
     pvdx : kavra.tables.PVDO or kavra.tables.PVDG
         Dead-oil or dry-gas table per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
-    p : array_like of float
-        Pressure per cell, in the table's pressure unit (barsa in METRIC).
+    %(pvtnum)s
+    %(p)s
 
     Returns
     -------
@@ -241,6 +239,7 @@ def one_over_b(pvdx: PVDO | PVDG, pvtnum: ArrayLike, p: ArrayLike) -> da.Array:
     return _cells(_calculations.one_over_b, pvdx, [pvtnum, p])
 
 
+@filled
 def one_over_bo(pvto: PVTO, pvtnum: ArrayLike, po: ArrayLike, pbub: ArrayLike) -> da.Array:
     """1/Bo per cell of a live oil, saturated or undersaturated by the cell's bubble point.
 
@@ -248,10 +247,8 @@ def one_over_bo(pvto: PVTO, pvtnum: ArrayLike, po: ArrayLike, pbub: ArrayLike) -
 
     Parameters
     ----------
-    pvto : kavra.tables.PVTO
-        Live-oil table per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    %(pvto_value)s
+    %(pvtnum)s
     po : array_like of float
         Oil pressure per cell, in the table's pressure unit (barsa in METRIC).
     pbub : array_like of float
@@ -277,6 +274,7 @@ def one_over_bo(pvto: PVTO, pvtnum: ArrayLike, po: ArrayLike, pbub: ArrayLike) -
     return _cells(_calculations.one_over_bo, pvto, [pvtnum, po, pbub])
 
 
+@filled
 def one_over_bw(pvtw: PVTW, pvtnum: ArrayLike, pw: ArrayLike) -> da.Array:
     """1/Bw per cell of water, from the reference state and compressibility of its region.
 
@@ -286,8 +284,7 @@ def one_over_bw(pvtw: PVTW, pvtnum: ArrayLike, pw: ArrayLike) -> da.Array:
     ----------
     pvtw : kavra.tables.PVTW
         Water properties per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    %(pvtnum)s
     pw : array_like of float
         Water pressure per cell, in the table's pressure unit (barsa in METRIC).
 
@@ -310,6 +307,7 @@ def one_over_bw(pvtw: PVTW, pvtnum: ArrayLike, pw: ArrayLike) -> da.Array:
     return _cells(_calculations.one_over_bw, pvtw, [pvtnum, pw])
 
 
+@filled
 def one_over_bg(pvtg: PVTG, pvtnum: ArrayLike, pg: ArrayLike, pdew: ArrayLike, rv: ArrayLike) -> da.Array:
     """1/Bg per cell of a wet gas, interpolated in gas pressure and vaporised oil.
 
@@ -319,8 +317,7 @@ def one_over_bg(pvtg: PVTG, pvtnum: ArrayLike, pg: ArrayLike, pdew: ArrayLike, r
     ----------
     pvtg : kavra.tables.PVTG
         Wet-gas table per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1; a cell below 1 gets 0.0.
+    %(pvtnum)s
     pg : array_like of float
         Gas pressure per cell, in the table's pressure unit (barsa in METRIC).
     pdew : array_like of float
@@ -348,6 +345,7 @@ def one_over_bg(pvtg: PVTG, pvtnum: ArrayLike, pg: ArrayLike, pdew: ArrayLike, r
     return _cells(_calculations.one_over_bg, pvtg, [pvtnum, pg, pdew, rv])
 
 
+@filled
 def rs_from_components(denominator: ArrayLike, numerator: ArrayLike) -> da.Array:
     """Rs per cell as ``numerator / denominator`` where the denominator is above 0, else 0.0.
 
@@ -355,9 +353,7 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike) -> da.Array
 
     Parameters
     ----------
-    denominator, numerator : array_like of float
-        Component quantities per cell (oil and dissolved gas, say, in the units whose ratio
-        is wanted).
+    %(denominator_numerator)s
 
     Returns
     -------
@@ -375,6 +371,7 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike) -> da.Array
     return _cells(_calculations.rs_from_components, None, [denominator, numerator])
 
 
+@filled
 def porosity(rock: ROCK, pvtnum: ArrayLike, po: ArrayLike, poro: ArrayLike) -> da.Array:
     """Porosity per cell at the cell's pressure, from the rock compressibility of its region.
 
@@ -388,8 +385,7 @@ def porosity(rock: ROCK, pvtnum: ArrayLike, po: ArrayLike, poro: ArrayLike) -> d
         PVT region per cell, from 1.
     po : array_like of float
         Pressure per cell, in the table's pressure unit (barsa in METRIC).
-    poro : array_like of float
-        Porosity per cell at the reference pressure (fraction).
+    %(poro_at_reference)s
 
     Returns
     -------
@@ -409,6 +405,7 @@ def porosity(rock: ROCK, pvtnum: ArrayLike, po: ArrayLike, poro: ArrayLike) -> d
     return _cells(_calculations.porosity, rock, [pvtnum, po, poro])
 
 
+@filled
 def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike) -> da.Array:
     """Porosity per cell as ``porv / bulk_volume`` where the bulk volume is above 0, else 0.0.
 
@@ -416,8 +413,7 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike) -> da.Array:
 
     Parameters
     ----------
-    bulk_volume, porv : array_like of float
-        Bulk volume and pore volume per cell, in one volume unit (rm3 in METRIC).
+    %(bulk_volume_porv)s
 
     Returns
     -------
@@ -435,6 +431,7 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike) -> da.Array:
     return _cells(_calculations.porosity_from_porv, None, [bulk_volume, porv])
 
 
+@filled
 def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = None) -> da.Array:
     """Bulk volume per cell as ``porv / poro`` where the porosity is above 0 (else 0.0), times ``ntg``.
 
@@ -442,12 +439,9 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
 
     Parameters
     ----------
-    porv : array_like of float
-        Pore volume per cell (rm3 in METRIC).
-    poro : array_like of float
-        Porosity per cell (fraction).
-    ntg : array_like of float, optional
-        Net-to-gross ratio per cell, applied after the division.
+    %(porv)s
+    %(poro)s
+    %(ntg)s
 
     Returns
     -------
@@ -562,28 +556,14 @@ def _never(dtype: np.dtype[Any]) -> bool:
     return False
 
 
+@filled
 def kmax(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None, layout: Layout = "kji") -> da.Array:
     """The largest value of each K column, in every cell of that column (0 if all are below 0).
 
     Chunk by chunk :func:`kavra.kmax`; a tree reduction when K is split over chunks (and
     neither ``active`` nor a mask is given), whole columns otherwise (see the module notes).
 
-    Parameters
-    ----------
-    values : dask or NumPy array
-        One value per cell, of the shape given by ``layout`` or flat in its cell order.
-    grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
-        The grid.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
-
-    Returns
-    -------
-    dask.array.Array
-        The shape and element type of ``values``; masked where a cell took no part.
+    %(dask_k_arguments)s
 
     Examples
     --------
@@ -599,28 +579,14 @@ def kmax(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None, layou
     return _reduce("kmax", _reductions.kmax, _any_type, values, grid, active, layout)
 
 
+@filled
 def kmin(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None, layout: Layout = "kji") -> da.Array:
     """The smallest value of each K column, in every cell of that column.
 
     Chunk by chunk :func:`kavra.kmin`; a tree reduction when K is split over chunks (and
     neither ``active`` nor a mask is given), whole columns otherwise (see the module notes).
 
-    Parameters
-    ----------
-    values : dask or NumPy array
-        One value per cell, of the shape given by ``layout`` or flat in its cell order.
-    grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
-        The grid.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
-
-    Returns
-    -------
-    dask.array.Array
-        The shape and element type of ``values``; masked where a cell took no part.
+    %(dask_k_arguments)s
 
     Examples
     --------
@@ -634,6 +600,7 @@ def kmin(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None, layou
     return _reduce("kmin", _reductions.kmin, _any_type, values, grid, active, layout)
 
 
+@filled
 def ksum(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None, layout: Layout = "kji") -> da.Array:
     """The sum of each K column, added in ascending K, in every cell of that column.
 
@@ -641,22 +608,7 @@ def ksum(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None, layou
     split over chunks, so the sum is added in the native order), a tree reduction for
     integers, whose sums wrap around alike in any grouping (see the module notes).
 
-    Parameters
-    ----------
-    values : dask or NumPy array
-        One value per cell, of the shape given by ``layout`` or flat in its cell order.
-    grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
-        The grid.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
-
-    Returns
-    -------
-    dask.array.Array
-        The shape and element type of ``values``; masked where a cell took no part.
+    %(dask_k_arguments)s
 
     Examples
     --------
@@ -670,6 +622,7 @@ def ksum(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None, layou
     return _reduce("ksum", _reductions.ksum, _integers, values, grid, active, layout)
 
 
+@filled
 def kaverage(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None,
              layout: Layout = "kji") -> da.Array:
     """The mean of each K column, in every cell of that column (integers truncate toward zero).
@@ -677,22 +630,7 @@ def kaverage(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None,
     Chunk by chunk :func:`kavra.kaverage`, always over whole columns (rechunked when K is
     split over chunks; see the module notes).
 
-    Parameters
-    ----------
-    values : dask or NumPy array
-        One value per cell, of the shape given by ``layout`` or flat in its cell order.
-    grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
-        The grid.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
-
-    Returns
-    -------
-    dask.array.Array
-        The shape and element type of ``values``; masked where a cell took no part.
+    %(dask_k_arguments)s
 
     Examples
     --------

@@ -39,6 +39,7 @@ from . import _kavracore as _native
 from . import _parallel
 from ._threads import resolve as _resolve_threads
 from ._arrays import native_message, split_mask
+from ._docs import filled
 
 __all__ = ["kmax", "kmin", "ksum", "kaverage"]
 
@@ -206,29 +207,12 @@ def _columns_ijk(result: np.ndarray, whole: bool) -> np.ndarray:
     return np.ascontiguousarray(result.transpose(2, 1, 0))
 
 
+@filled
 def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji",
          threads: int | None = None) -> NDArray[Any]:
     """The largest value of each K column, in every cell of that column (0 if all are below 0).
 
-    Parameters
-    ----------
-    values : array_like
-        One value per cell (see ``layout``), or one per selected cell of a selection.
-    grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
-        The grid, or the selection of its cells.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
-        number.  A selection, and cells left out by ``active`` or a mask, take one thread.
-
-    Returns
-    -------
-    ndarray
-        The input's shape and element type; masked where a cell took no part.
+    %(k_arguments)s
 
     Examples
     --------
@@ -244,29 +228,12 @@ def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     return _reduce("kmax", _native.KMax, values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
+@filled
 def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji",
          threads: int | None = None) -> NDArray[Any]:
     """The smallest value of each K column, in every cell of that column.
 
-    Parameters
-    ----------
-    values : array_like
-        One value per cell (see ``layout``), or one per selected cell of a selection.
-    grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
-        The grid, or the selection of its cells.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
-        number.  A selection, and cells left out by ``active`` or a mask, take one thread.
-
-    Returns
-    -------
-    ndarray
-        The input's shape and element type; masked where a cell took no part.
+    %(k_arguments)s
 
     Examples
     --------
@@ -278,29 +245,12 @@ def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     return _reduce("kmin", _native.KMin, values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
+@filled
 def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layout: Layout = "kji",
          threads: int | None = None) -> NDArray[Any]:
     """The sum of each K column, added in ascending K, in every cell of that column.
 
-    Parameters
-    ----------
-    values : array_like
-        One value per cell (see ``layout``), or one per selected cell of a selection.
-    grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
-        The grid, or the selection of its cells.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
-        number.  A selection, and cells left out by ``active`` or a mask, take one thread.
-
-    Returns
-    -------
-    ndarray
-        The input's shape and element type; masked where a cell took no part.
+    %(k_arguments)s
 
     Examples
     --------
@@ -312,30 +262,13 @@ def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     return _reduce("ksum", _native.KSum, values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
+@filled
 def kaverage(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None,
              layout: Layout = "kji",
          threads: int | None = None) -> NDArray[Any]:
     """The mean of each K column, in every cell of that column (integers truncate toward zero).
 
-    Parameters
-    ----------
-    values : array_like
-        One value per cell (see ``layout``), or one per selected cell of a selection.
-    grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
-        The grid, or the selection of its cells.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
-    threads : int, optional
-        Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
-        number.  A selection, and cells left out by ``active`` or a mask, take one thread.
-
-    Returns
-    -------
-    ndarray
-        The input's shape and element type; masked where a cell took no part.
+    %(k_arguments)s
 
     Examples
     --------

@@ -1,0 +1,107 @@
+"""Docstring pieces that several public functions share.
+
+A docstring line that holds nothing but ``%(name)s`` is replaced by the piece
+of that name, indented as the line is: the functions of ``kavra`` and
+``kavra.dask`` describe an argument they share in one place.
+"""
+
+from __future__ import annotations
+
+from typing import Callable, TypeVar
+
+F = TypeVar("F", bound=Callable[..., object])
+
+PIECES = {
+    "pvto": """\
+pvto : PVTO or TPVTOList
+    Live-oil table per PVT region.""",
+    "pvto_value": """\
+pvto : kavra.tables.PVTO
+    Live-oil table per PVT region.""",
+    "pvtnum": """\
+pvtnum : array_like of int
+    PVT region per cell, from 1; a cell below 1 gets 0.0.""",
+    "rs": """\
+rs : array_like of float
+    Dissolved gas-oil ratio per cell, in the table's Rs unit (sm3/sm3 in METRIC).""",
+    "p": """\
+p : array_like of float
+    Pressure per cell, in the table's pressure unit (barsa in METRIC).""",
+    "denominator_numerator": """\
+denominator, numerator : array_like of float
+    Component quantities per cell (oil and dissolved gas, say, in the units whose ratio
+    is wanted).""",
+    "poro_at_reference": """\
+poro : array_like of float
+    Porosity per cell at the reference pressure (fraction).""",
+    "bulk_volume_porv": """\
+bulk_volume, porv : array_like of float
+    Bulk volume and pore volume per cell, in one volume unit (rm3 in METRIC).""",
+    "porv": """\
+porv : array_like of float
+    Pore volume per cell (rm3 in METRIC).""",
+    "poro": """\
+poro : array_like of float
+    Porosity per cell (fraction).""",
+    "ntg": """\
+ntg : array_like of float, optional
+    Net-to-gross ratio per cell, applied after the division.""",
+    "out": """\
+out : ndarray, optional
+    Where to write the result.""",
+    "threads": """\
+threads : int, optional
+    Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.""",
+    "k_arguments": """\
+Parameters
+----------
+values : array_like
+    One value per cell (see ``layout``), or one per selected cell of a selection.
+grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
+    The grid, or the selection of its cells.
+active : array_like of bool, optional
+    Cells that take part (ACTNUM), of the shape of ``values``.
+layout : {"kji", "ijk"}
+    ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
+    flat with K fastest.
+threads : int, optional
+    Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
+    number.  A selection, and cells left out by ``active`` or a mask, take one thread.
+
+Returns
+-------
+ndarray
+    The input's shape and element type; masked where a cell took no part.""",
+    "dask_k_arguments": """\
+Parameters
+----------
+values : dask or NumPy array
+    One value per cell, of the shape given by ``layout`` or flat in its cell order.
+grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
+    The grid.
+active : array_like of bool, optional
+    Cells that take part (ACTNUM), of the shape of ``values``.
+layout : {"kji", "ijk"}
+    ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
+    flat with K fastest.
+
+Returns
+-------
+dask.array.Array
+    The shape and element type of ``values``; masked where a cell took no part.""",
+}
+
+
+def filled(function: F) -> F:
+    """`function` with the pieces its docstring names filled in (a no-op under ``python -OO``)."""
+    if function.__doc__:
+        lines: list[str] = []
+        for line in function.__doc__.split("\n"):
+            name = line.strip()
+            if name.startswith("%(") and name.endswith(")s"):
+                indent = line[: len(line) - len(line.lstrip())]
+                lines.extend(indent + piece if piece else piece for piece in PIECES[name[2:-2]].split("\n"))
+            else:
+                lines.append(line)
+        function.__doc__ = "\n".join(lines)
+    return function
