@@ -55,14 +55,31 @@ def test_every_thread_count_gives_the_same_bits(name):
         assert (result.shape, result.dtype, result.tobytes()) == (one.shape, one.dtype, one.tobytes())
 
 
+def emptied_second_table():
+    tables = OIL.to_native()
+    tables[1] = kavra.TPVTOTable([])
+    return tables
+
+
+# A region beyond the table; an empty table, needed from the middle cell on and again in the last part
+# (a call split over threads would write that part's cells before it).
+FAILURES = {
+    "region": (lambda: OIL, 3, "region 3 at pvtnum\\[{}\\]", "Wrong PVT region number: 2, valid interval [0, 1]."),
+    "empty table": (emptied_second_table, 2, "region 2 of the PVTO table has no rows \\(needed at pvtnum\\[{}\\]",
+                    "Empty PVT table!!"),
+}
+
+
 @pytest.mark.parametrize("threads", [1, 4])
-def test_a_failing_cell_fails_as_the_native_call(threads):
-    regions = REGIONS.copy()
-    regions[N // 2] = 3
+@pytest.mark.parametrize("failure", FAILURES)
+def test_a_failing_cell_fails_as_the_native_call(failure, threads):
+    tables, region, message, cause = FAILURES[failure]
+    regions = np.where(REGIONS == 2, 1, REGIONS)
+    regions[N // 2] = regions[-5] = region
     out = np.full(N, -1.0)
-    with pytest.raises(ValueError, match=f"region 3 at pvtnum\\[{N // 2}\\]") as info:
-        kavra.one_over_bo(OIL, regions, P, np.minimum(P, Q), out=out, threads=threads)
-    assert "Wrong PVT region number: 2, valid interval [0, 1]." in str(info.value.__cause__)
+    with pytest.raises(ValueError, match=message.format(N // 2)) as info:
+        kavra.one_over_bo(tables(), regions, P, np.minimum(P, Q), out=out, threads=threads)
+    assert cause in str(info.value.__cause__)
     expected = kavra.one_over_bo(OIL, regions[: N // 2], P[: N // 2], np.minimum(P, Q)[: N // 2])
     np.testing.assert_array_equal(out[: N // 2], expected)  # written up to the failing cell, as natively
     assert (out[N // 2:] == -1.0).all()
