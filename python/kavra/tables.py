@@ -29,7 +29,7 @@ tables).  ``from_frame`` reads a pandas DataFrame (pandas is imported only by
 from __future__ import annotations
 
 from collections.abc import Iterable, Iterator, Sequence
-from typing import Any, ClassVar, TypeVar
+from typing import Any, ClassVar, Self, TypeVar
 
 import numpy as np
 from numpy.typing import NDArray
@@ -105,6 +105,8 @@ class _Table:
     columns: ClassVar[tuple[str, ...]]
     #: Quantity of each column, for the unit labels of the native scalars.
     _quantities: ClassVar[tuple[str, ...]]
+    #: The native list class that to_native makes and from_native reads.
+    _list_class: ClassVar[Any]
 
     __slots__ = ("_units", "_regions", "_native")
 
@@ -237,9 +239,18 @@ class _Table:
     # --- native lists back to values ---------------------------------------------
 
     @classmethod
-    def _checked_list(cls, lst: Any, native_class: type) -> None:
-        if not isinstance(lst, native_class):
-            raise TypeError(f"{cls.keyword}.from_native needs a {native_class.__name__}, got {type(lst).__name__}")
+    def from_native(cls, lst: Any, units: str = "METRIC") -> Self:
+        """The table value of a native list: ``TPVTOList`` for PVTO, ``TPVTGList`` for PVTG,
+        ``TPVTList`` for PVDO and PVDG, ``TPVTWList`` for PVTW, ``TRockList`` for ROCK (its
+        numbers; labels are not read)."""
+        if not isinstance(lst, cls._list_class):
+            raise TypeError(f"{cls.keyword}.from_native needs a {cls._list_class.__name__}, got {type(lst).__name__}")
+        return cls(cls._regions_of_list(lst), units)
+
+    @classmethod
+    def _regions_of_list(cls, lst: Any) -> list[Any]:
+        """The regions, as the constructor takes them, of a native list of this keyword."""
+        raise NotImplementedError
 
 
 def _same(a: Any, b: Any) -> bool:
@@ -265,7 +276,6 @@ class _RecordTable(_Table):
     _row_class: ClassVar[Any]
     _nested_class: ClassVar[Any]
     _table_class: ClassVar[Any]
-    _list_class: ClassVar[Any]
 
     def _region(self, number: int, region: Any) -> tuple[FloatArray, ...]:
         where = f"{self.keyword} region {number}"
@@ -309,8 +319,8 @@ class _RecordTable(_Table):
         return self._list_class(tables)
 
     @classmethod
-    def _from_rows(cls: type[_T], lst: Any, units: str) -> _T:
-        key_name, a_name, b_name, mu_name = cls._native_fields  # type: ignore[attr-defined]
+    def _regions_of_list(cls, lst: Any) -> list[Any]:
+        key_name, a_name, b_name, mu_name = cls._native_fields
         regions = []
         for number, table in enumerate(lst, start=1):
             records = []
@@ -321,7 +331,7 @@ class _RecordTable(_Table):
                     numbers += [_value(getattr(point, name), f"{where}: {name}") for name in (a_name, b_name, mu_name)]
                 records.append(numbers)
             regions.append(records)
-        return cls(regions, units)
+        return regions
 
 
 class PVTO(_RecordTable):
@@ -361,12 +371,6 @@ class PVTO(_RecordTable):
     _table_class = _native.TPVTOTable
     _list_class = _native.TPVTOList
 
-    @classmethod
-    def from_native(cls, lst: _native.TPVTOList, units: str = "METRIC") -> PVTO:
-        """The table value of a ``TPVTOList`` (its numbers; labels are not read)."""
-        cls._checked_list(lst, _native.TPVTOList)
-        return cls._from_rows(lst, units)
-
 
 class PVTG(_RecordTable):
     """Wet gas: per region, records ``[pg, rv, bg, mu, rv, bg, mu, ...]`` as a deck writes them.
@@ -400,12 +404,6 @@ class PVTG(_RecordTable):
     _table_class = _native.TPVTGTable
     _list_class = _native.TPVTGList
 
-    @classmethod
-    def from_native(cls, lst: _native.TPVTGList, units: str = "METRIC") -> PVTG:
-        """The table value of a ``TPVTGList`` (its numbers; labels are not read)."""
-        cls._checked_list(lst, _native.TPVTGList)
-        return cls._from_rows(lst, units)
-
 
 # --- dead fluids: PVDO and PVDG -----------------------------------------------------
 
@@ -414,6 +412,7 @@ class _DeadTable(_Table):
     """Regions of rows ``[p, b, mu]``: one ``(n, 3)`` array per region."""
 
     __slots__ = ()
+    _list_class = _native.TPVTList
 
     def _region(self, number: int, region: Any) -> FloatArray:
         where = f"{self.keyword} region {number}"
@@ -437,14 +436,12 @@ class _DeadTable(_Table):
 
     def _native_list(self, scalar: Any) -> Any:
         p, b, mu = self._quantities
-        return _native.TPVTList([
+        return self._list_class([
             _native.TPVTTable([_native.TPVT(scalar(x, p), scalar(y, b), scalar(z, mu)) for x, y, z in region])
             for region in self._regions])
 
     @classmethod
-    def _from_table_list(cls: type[_T], lst: Any, units: str) -> _T:
-        if not isinstance(lst, _native.TPVTList):
-            raise TypeError(f"{cls.keyword}.from_native needs a TPVTList, got {type(lst).__name__}")
+    def _regions_of_list(cls, lst: Any) -> list[Any]:
         regions = []
         for number, table in enumerate(lst, start=1):
             rows = []
@@ -452,7 +449,7 @@ class _DeadTable(_Table):
                 where = f"TPVTList region {number}, record {index}"
                 rows.append([_value(getattr(row, name), f"{where}: {name}") for name in ("P", "B", "Mi")])
             regions.append(rows)
-        return cls(regions, units)
+        return regions
 
 
 class PVDO(_DeadTable):
@@ -479,11 +476,6 @@ class PVDO(_DeadTable):
     columns = ("p", "bo", "mu")
     _quantities = ("pressure", "oil_fvf", "viscosity")
 
-    @classmethod
-    def from_native(cls, lst: _native.TPVTList, units: str = "METRIC") -> PVDO:
-        """The table value of a ``TPVTList`` (its numbers; labels are not read)."""
-        return cls._from_table_list(lst, units)
-
 
 class PVDG(_DeadTable):
     """Dry gas: per region, rows ``[p, bg, mu]``.
@@ -509,11 +501,6 @@ class PVDG(_DeadTable):
     columns = ("p", "bg", "mu")
     _quantities = ("pressure", "gas_fvf", "viscosity")
 
-    @classmethod
-    def from_native(cls, lst: _native.TPVTList, units: str = "METRIC") -> PVDG:
-        """The table value of a ``TPVTList`` (its numbers; labels are not read)."""
-        return cls._from_table_list(lst, units)
-
 
 # --- one record per region: PVTW and ROCK -------------------------------------------
 
@@ -521,7 +508,7 @@ class PVDG(_DeadTable):
 class _RecordPerRegion(_Table):
     __slots__ = ()
     _fields: ClassVar[tuple[str, ...]]  # of the native record, in column order
-    _native_classes: ClassVar[tuple[Any, Any]]  # the record and the list
+    _record_class: ClassVar[Any]
 
     def _region(self, number: int, region: Any) -> FloatArray:
         where = f"{self.keyword} region {number}"
@@ -541,19 +528,14 @@ class _RecordPerRegion(_Table):
         return rows[0]
 
     def _native_list(self, scalar: Any) -> Any:
-        record, native_list = self._native_classes
-        return native_list([record(*(scalar(v, q) for v, q in zip(region, self._quantities)))
-                            for region in self._regions])
+        return self._list_class([self._record_class(*(scalar(v, q) for v, q in zip(region, self._quantities)))
+                                 for region in self._regions])
 
     @classmethod
-    def _from_records(cls: type[_T], lst: Any, units: str) -> _T:
-        record, native_list = cls._native_classes  # type: ignore[attr-defined]
-        if not isinstance(lst, native_list):
-            raise TypeError(f"{cls.keyword}.from_native needs a {native_list.__name__}, got {type(lst).__name__}")
-        where = native_list.__name__ + " region {}: {}"
-        fields = cls._fields  # type: ignore[attr-defined]
-        return cls([[_value(getattr(r, name), where.format(number, name)) for name in fields]
-                    for number, r in enumerate(lst, start=1)], units)
+    def _regions_of_list(cls, lst: Any) -> list[Any]:
+        where = cls._list_class.__name__ + " region {}: {}"
+        return [[_value(getattr(r, name), where.format(number, name)) for name in cls._fields]
+                for number, r in enumerate(lst, start=1)]
 
 
 class PVTW(_RecordPerRegion):
@@ -582,12 +564,7 @@ class PVTW(_RecordPerRegion):
     columns = ("p_ref", "bw", "cw", "mu", "cvw")
     _quantities = ("pressure", "water_fvf", "compressibility", "viscosity", "viscosibility")
     _fields = ("P_ref", "Bw_ref", "Cw", "Miw_ref", "Cvw")
-    _native_classes = (_native.TPVTW, _native.TPVTWList)
-
-    @classmethod
-    def from_native(cls, lst: _native.TPVTWList, units: str = "METRIC") -> PVTW:
-        """The table value of a ``TPVTWList`` (its numbers; labels are not read)."""
-        return cls._from_records(lst, units)
+    _record_class, _list_class = _native.TPVTW, _native.TPVTWList
 
 
 class ROCK(_RecordPerRegion):
@@ -614,9 +591,4 @@ class ROCK(_RecordPerRegion):
     columns = ("p_ref", "cr")
     _quantities = ("pressure", "compressibility")
     _fields = ("P_ref", "Cr")
-    _native_classes = (_native.TRock, _native.TRockList)
-
-    @classmethod
-    def from_native(cls, lst: _native.TRockList, units: str = "METRIC") -> ROCK:
-        """The table value of a ``TRockList`` (its numbers; labels are not read)."""
-        return cls._from_records(lst, units)
+    _record_class, _list_class = _native.TRock, _native.TRockList
