@@ -23,7 +23,6 @@ import os
 import pathlib
 import statistics
 import sys
-import time
 
 os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
 
@@ -31,10 +30,10 @@ import numpy as np  # noqa: E402
 
 import kavra  # noqa: E402
 import tessel  # noqa: E402
-from kavra.tables import PVTO, PVTW, ROCK  # noqa: E402
+from kavra.tables import PVTO  # noqa: E402
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from run import block_regions, grid_for  # noqa: E402
+from run import block_regions, grid_for, rounds, table_values  # noqa: E402
 
 RNG = np.random.default_rng(11)
 
@@ -48,8 +47,8 @@ def oil_table():
     return PVTO(records)
 
 
-WATER = PVTW([[200.0 + 10 * r, 1.02 + 0.005 * r, 4.5e-5, 0.5, 0.0] for r in range(4)])
-ROCKS = ROCK([[250.0 + 5 * r, 5e-5 * (r + 1)] for r in range(4)])
+TABLES = table_values()
+WATER, ROCKS = TABLES["pvtw"], TABLES["rock"]
 OIL = oil_table()
 
 
@@ -103,15 +102,8 @@ def timings(functions, repeat):
     """The median time of each function over `repeat` rounds, and the mean of its fastest quarter
     of rounds; every round runs them all in turn.  On a shared machine the fastest rounds are the
     steadier figure."""
-    for fn in functions:
-        fn()
-    times = [[] for _ in functions]
-    for _ in range(repeat):
-        for spent, fn in zip(times, functions):
-            start = time.perf_counter()
-            fn()
-            spent.append(time.perf_counter() - start)
-    return [(statistics.median(t), statistics.fmean(sorted(t)[: max(1, len(t) // 4)])) for t in times]
+    return [(statistics.median(t), statistics.fmean(sorted(t)[: max(1, len(t) // 4)]))
+            for t in rounds(functions, repeat)]
 
 
 def main(argv=None):

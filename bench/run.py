@@ -32,6 +32,7 @@ import numpy as np  # noqa: E402
 
 import kavra  # noqa: E402
 import tessel  # noqa: E402
+from kavra.tables import PVDO, PVTG, PVTO, PVTW, ROCK  # noqa: E402
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests"))
@@ -93,6 +94,19 @@ def gas_tables():
 
 def water_records():
     return [(200.0 + 10 * r, 1.02 + 0.005 * r, 4.5e-5) for r in range(N_REGIONS)]
+
+
+def table_values():
+    """The tables of this bench (and the rock's records) as kavra.tables values, for the
+    NumPy-first functions; viscosities are made up (no calculation reads them)."""
+    def records(key, rows, mu):
+        return [key, *(v for a, b in rows for v in (a, b, mu))]
+    return dict(
+        pvdo=PVDO([[[p, b, 0.5] for p, b in table] for table in dead_tables()]),
+        pvto=PVTO([[records(rs, rows, 1.0) for rs, rows in table] for table in oil_tables()]),
+        pvtg=PVTG([[records(pg, rows, 0.02) for pg, rows in table] for table in gas_tables()]),
+        pvtw=PVTW([[p, b, c, 0.5, 0.0] for p, b, c in water_records()]),
+        rock=ROCK([list(record) for record in rock_records()[1]]))
 
 
 # --- cases --------------------------------------------------------------------
@@ -277,9 +291,9 @@ def all_cases():
     )
 
 
-def side_by_side(functions, repeat):
-    """Median time of each function over `repeat` rounds; every round runs them all
-    in turn, so that a disturbance of the machine hits them alike."""
+def rounds(functions, repeat):
+    """The times of each function in `repeat` rounds; every round runs them all in turn,
+    so that a disturbance of the machine hits them alike."""
     for fn in functions:  # one untimed round: first-touch and warm-up costs stay out
         fn()
     times = [[] for _ in functions]
@@ -288,7 +302,12 @@ def side_by_side(functions, repeat):
             start = time.perf_counter()
             fn()
             spent.append(time.perf_counter() - start)
-    return [statistics.median(spent) for spent in times]
+    return times
+
+
+def side_by_side(functions, repeat):
+    """Median time of each function over `repeat` rounds (see rounds)."""
+    return [statistics.median(spent) for spent in rounds(functions, repeat)]
 
 
 def copy_floors(nbytes):

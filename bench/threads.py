@@ -55,12 +55,11 @@ import numba  # noqa: E402
 import numpy as np  # noqa: E402
 
 import kavra  # noqa: E402
-from kavra.tables import PVDO, PVTG, PVTO, PVTW, ROCK  # noqa: E402
 
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 import numba_kernels as nk  # noqa: E402
-from run import block_regions, grid_for  # noqa: E402
+from run import block_regions, grid_for, table_values  # noqa: E402
 
 RNG = np.random.default_rng(16)
 ALL = len(os.sched_getaffinity(0))
@@ -73,42 +72,8 @@ SPLIT_GAIN = 0.95  # "faster" in the crossover: at most this share of the one-th
 
 # --- tables, as a script would build them ------------------------------------------
 
-def dead_oil():
-    regions = []
-    for r in range(N_REGIONS):
-        p = np.linspace(20.0, 420.0, 15)
-        regions.append(np.column_stack([p, 1.30 - 2e-4 * (r + 1) * (p - 20.0) ** 0.9, np.full(15, 0.5)]))
-    return PVDO(regions)
-
-
-def live_oil():
-    regions = []
-    for r in range(N_REGIONS):
-        rs = np.linspace(10.0, 200.0, 12)
-        records = []
-        for k in range(len(rs)):
-            p = 30.0 + 1.8 * rs[k] + 5.0 * r + np.array([0.0, 60.0, 150.0, 300.0])
-            b = 1.05 + 0.0021 * rs[k] - np.array([0.0, 0.004, 0.009, 0.016])
-            records.append(np.r_[rs[k], np.column_stack([p, b, np.ones(4)]).ravel()])
-        regions.append(records)
-    return PVTO(regions)
-
-
-def wet_gas():
-    regions = []
-    for r in range(N_REGIONS):
-        pg = np.linspace(40.0, 400.0, 10) + 3.0 * r
-        records = []
-        for k in range(len(pg)):
-            rv = 1e-5 * pg[k] * np.array([1.0, 1.25, 1.5, 2.0, 3.0])  # the saturated record first, Rv ascending
-            bg = 1.2 / pg[k] * (1.0 + 0.05 * rv / rv[0])
-            records.append(np.r_[pg[k], np.column_stack([rv, bg, np.full(5, 0.02)]).ravel()])
-        regions.append(records)
-    return PVTG(regions)
-
-
-WATER = PVTW([[200.0 + 10 * r, 1.02 + 0.005 * r, 4.5e-5, 0.5, 0.0] for r in range(N_REGIONS)])
-ROCKS = ROCK([[250.0 + 5 * r, 5e-5 * (r + 1)] for r in range(N_REGIONS)])
+TABLES = table_values()
+WATER, ROCKS = TABLES["pvtw"], TABLES["rock"]
 
 
 # --- cells ------------------------------------------------------------------------
@@ -165,7 +130,7 @@ class Calculation:
 
 
 def pvt_cases():
-    dead, oil, gas = dead_oil(), live_oil(), wet_gas()
+    dead, oil, gas = TABLES["pvdo"], TABLES["pvto"], TABLES["pvtg"]
     flat_dead, flat_oil, flat_gas = nk.flat_dead(dead), nk.flat_pvto(oil), nk.flat_pvtg(gas)
     water = nk.flat_columns(WATER, (0, 1, 2))
     rock = nk.flat_columns(ROCKS, (0, 1))
@@ -432,7 +397,7 @@ def bulk_volume_call(n):
     return lambda threads: kavra.bulk_volume(porv, poro, out=out, threads=threads)
 
 
-def one_over_bo_call(n, oil=live_oil()):
+def one_over_bo_call(n, oil=TABLES["pvto"]):
     regions = (1 + np.arange(n) * N_REGIONS // n).astype(np.int32)
     po = uniform(n, 60.0, 600.0)
     pbub = near(n, po, 50.0, 420.0)
