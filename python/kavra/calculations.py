@@ -61,10 +61,10 @@ def _native_table(function: str, name: str, table: Any, values: tuple[type[_Tabl
                     f"got {type(table).__name__}")
 
 
-def _on_threads(call: Any, threads: int | None) -> Any:
-    """The native `call` run on threads: kavra._parallel's function of the same name, which gives
-    the native call's bits, and its failures, for any number of threads."""
-    parallel, count = getattr(_parallel, call.__name__), _resolve_threads(threads)
+def _on_threads(call: Any, count: int) -> Any:
+    """The native `call` run on `count` threads: kavra._parallel's function of the same name, which
+    gives the native call's bits, and its failures, for any number of threads."""
+    parallel = getattr(_parallel, call.__name__)
     return lambda *arguments: parallel(*arguments, count)
 
 
@@ -72,7 +72,7 @@ def _calculate(function: str, call: Any, native_list: Any, kind: str, pvtnum: An
                out: Any, threads: int | None, keep_out: bool = False) -> NDArray[np.float64]:
     """A PVT or rock calculation: the native call straight on the caller's buffers when they are
     ready as they are, else on prepared ones."""
-    call = _on_threads(call, threads)
+    call = _on_threads(call, _resolve_threads(threads))
     ready = ready_buffers(pvtnum, [value for _, value in inputs], out)
     if ready is not None:
         try:
@@ -327,6 +327,7 @@ def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[t
                out: Any, threads: int | None) -> NDArray[np.float64]:
     """Native calls on the inputs and the result (by position), for calculations without tables:
     straight on the caller's buffers when they are ready as they are, else on prepared ones."""
+    count = _resolve_threads(threads)
     ready = ready_buffers(None, [value for _, value in inputs], out)
     cells = None
     if ready is None:
@@ -335,7 +336,7 @@ def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[t
     buffers = list(map(_wrap_double, ready))
     try:
         for call, arguments in calls:
-            _on_threads(call, threads)(*(buffers[a] for a in arguments))
+            _on_threads(call, count)(*(buffers[a] for a in arguments))
     except RuntimeError as error:
         raise ValueError(f"{function}: {native_message(error)}") from error
     return out if cells is None else cells.finish()  # type: ignore[no-any-return]

@@ -496,14 +496,10 @@ def _first_layer(block: np.ndarray, axis: Any = None, keepdims: bool = True, *,
 def _reduce(name: str, function: Callable[..., Any], tree: Callable[[np.dtype[Any]], bool], values: Any,
             grid: Any, active: Any, layout: str) -> da.Array:
     ni, nj, nk = _dimensions(name, grid)
-    if layout not in ("kji", "ijk"):
-        raise ValueError(f"kavra.dask.{name}: layout must be 'kji' or 'ijk', not {layout!r}")
+    _reductions.check_layout(f"kavra.dask.{name}", layout)
     values = da.asarray(values)
-    shape = (nk, nj, ni) if layout == "kji" else (ni, nj, nk)
+    shape = _reductions.check_grid_shape(f"kavra.dask.{name}", values.shape, (ni, nj, nk), layout)
     cells = ni * nj * nk
-    if values.shape not in ((cells,), shape):
-        raise ValueError(f"kavra.dask.{name}: values of the shape {values.shape} do not fit the grid of {ni} x "
-                         f"{nj} x {nk} cells: layout {layout!r} takes the shape {shape} or ({cells},)")
     if active is not None:
         active = da.asarray(active)
         if active.shape != values.shape:

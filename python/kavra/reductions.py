@@ -27,6 +27,7 @@ bit for bit what the native ``KMax`` … give.
 
 from __future__ import annotations
 
+import math
 from dataclasses import dataclass
 from typing import Any, Literal
 
@@ -87,14 +88,13 @@ class ColumnArrays:
     topology: Any  # the grid, or a selection: the caller's, or that of the cells that take part
     values: np.ndarray  # native element type and byte order; cell order (C-contiguous) or selection order
     cells: NDArray[np.intp] | None  # where the values came from, when only some cells take part
-    size: int
     shape: tuple[int, ...]  # of the caller's values
     ijk: bool  # the caller's layout is (nI, nJ, nK), K fastest
     mask: NDArray[np.bool_] | None  # of the result, in the caller's shape (None: not a masked result)
 
     def finish(self, result: np.ndarray) -> Any:
         if self.cells is not None:  # the cells that took no part hold 0
-            full = np.zeros(self.size, dtype=result.dtype)
+            full = np.zeros(math.prod(self.shape), dtype=result.dtype)
             full[self.cells] = result
             result = full
         if self.ijk:
@@ -104,12 +104,28 @@ class ColumnArrays:
         return result if self.mask is None else np.ma.MaskedArray(result, mask=self.mask)
 
 
+def check_layout(where: str, layout: str) -> None:
+    if layout not in ("kji", "ijk"):
+        raise ValueError(f"{where}: layout must be 'kji' or 'ijk', not {layout!r}")
+
+
+def check_grid_shape(where: str, shape: tuple[int, ...], dimensions: tuple[int, int, int],
+                     layout: str) -> tuple[int, int, int]:
+    """The 3-D shape of a grid of (nI, nJ, nK) `dimensions` in `layout`, after checking that values
+    of `shape` fit it (in that shape, or flat)."""
+    ni, nj, nk = dimensions
+    grid_shape = (nk, nj, ni) if layout == "kji" else (ni, nj, nk)
+    if shape not in ((ni * nj * nk,), grid_shape):
+        raise ValueError(f"{where}: values of the shape {shape} do not fit the grid of {ni} x {nj} x {nk} "
+                         f"cells: layout {layout!r} takes the shape {grid_shape} or ({ni * nj * nk},)")
+    return grid_shape
+
+
 def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLike | None,
                     layout: str) -> ColumnArrays:
     """Checks the arguments of a reduction and brings the values into the kernels' form."""
     topology = _topology(function, grid)
-    if layout not in ("kji", "ijk"):
-        raise ValueError(f"{function}: layout must be 'kji' or 'ijk', not {layout!r}")
+    check_layout(function, layout)
     data, mask = split_mask(values)
     data = _values(function, data)
     selection = isinstance(topology, tessel.ReservoirSelectionTopology)
@@ -122,11 +138,7 @@ def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLi
                              f"{topology.number_of_selected_cells} cells")
     else:
         ni, nj, nk = topology.nI, topology.nJ, topology.nK
-        grid_shape = (nk, nj, ni) if layout == "kji" else (ni, nj, nk)
-        if data.shape not in ((ni * nj * nk,), grid_shape):
-            raise ValueError(f"{function}: values of the shape {data.shape} do not fit the grid of {ni} x {nj} "
-                             f"x {nk} cells: layout {layout!r} takes the shape {grid_shape} or "
-                             f"({ni * nj * nk},)")
+        check_grid_shape(function, data.shape, (ni, nj, nk), layout)
     given_shape = data.shape
     valid = _valid(function, given_shape, mask, active)
     result_mask = None if valid is None else ~valid
@@ -140,16 +152,15 @@ def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLi
         data = data.reshape(ni, nj, nk).transpose(2, 1, 0)
         valid = None if valid is None else valid.reshape(ni, nj, nk).transpose(2, 1, 0)
     if valid is None:
-        return ColumnArrays(topology, data if selection else np.ascontiguousarray(data), None, data.size,
-                            given_shape, ijk, result_mask)
+        return ColumnArrays(topology, data if selection else np.ascontiguousarray(data), None, given_shape, ijk,
+                            result_mask)
     cells = np.flatnonzero(valid)
-    flat = data.reshape(-1)
     if selection:
         part = tessel.ReservoirSelectionTopology(topology.parent_topology, topology.selected_cells[cells])
     else:  # the selection of those cells, in cell order: each column's sum in ascending K, as the grid kernel
         ijk_of = np.column_stack([cells % ni, (cells // ni) % nj, cells // (ni * nj)]).astype(np.uint16)
         part = tessel.ReservoirSelectionTopology(topology, ijk_of)
-    return ColumnArrays(part, flat[cells], cells, data.size, given_shape, ijk, result_mask)
+    return ColumnArrays(part, data[valid], cells, given_shape, ijk, result_mask)  # data[valid]: in cell order
 
 
 def _on_threads(native: Any, topology: Any, values: np.ndarray, threads: int | None) -> Any:
