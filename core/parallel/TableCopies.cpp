@@ -9,45 +9,40 @@ namespace {
 
 bool Set(const TScalarPtr& s) { return s.get() != nullptr; }
 
+template <class E>
+bool Every(const std::vector<E>& elements);
+
+// A table needs rows; a record needs the numbers a calculation reads.
+template <class E>
+bool Complete(const std::vector<E>& table) { return !table.empty() && Every(table); }
 bool Complete(const TPVT& r) { return Set(r.P) && Set(r.B); }
 bool Complete(const TPVTGRecord& r) { return Set(r.Rv) && Set(r.B); }
 bool Complete(const TPVTW& r) { return Set(r.P_ref) && Set(r.Bw_ref) && Set(r.Cw); }
 bool Complete(const TRock& r) { return Set(r.P_ref) && Set(r.Cr); }
+bool Complete(const TPVTO& r) { return Set(r.Rs) && Complete(r.under_sat); }
+bool Complete(const TPVTG& r) { return Set(r.Pg) && Complete(r.under_sat); }
 
 template <class E>
-bool CompleteRows(const std::vector<E>& rows);
-
-bool Complete(const TPVTO& r) { return Set(r.Rs) && CompleteRows(r.under_sat); }
-bool Complete(const TPVTG& r) { return Set(r.Pg) && CompleteRows(r.under_sat); }
-
-template <class E>
-bool CompleteRows(const std::vector<E>& rows)
+bool Every(const std::vector<E>& elements)
 {
-    return !rows.empty() && std::all_of(rows.begin(), rows.end(), [](const E& e) { return Complete(e); });
+    return std::all_of(elements.begin(), elements.end(), [](const E& e) { return Complete(e); });
 }
 
-TScalarPtr Own(const TScalarPtr& s) { return s ? boost::make_shared<TScalar>(*s) : s; }
+template <class E>
+std::vector<E> Own(const std::vector<E>& rows);
 
+TScalarPtr Own(const TScalarPtr& s) { return s ? boost::make_shared<TScalar>(*s) : s; }
 TPVT Own(const TPVT& r) { return TPVT(Own(r.P), Own(r.B), Own(r.Mi)); }
 TPVTGRecord Own(const TPVTGRecord& r) { return TPVTGRecord(Own(r.Rv), Own(r.B), Own(r.Mi)); }
 TPVTW Own(const TPVTW& r) { return TPVTW(Own(r.P_ref), Own(r.Bw_ref), Own(r.Cw), Own(r.Miw_ref), Own(r.Cvw)); }
 TRock Own(const TRock& r) { return TRock(Own(r.P_ref), Own(r.Cr)); }
-
-template <class E>
-std::vector<E> OwnRows(const std::vector<E>& rows);
-
-template <class E>
-std::vector<E> Own(const std::vector<E>& rows)
-{
-    return OwnRows(rows);
-}
 
 template <class Row>
 Row OwnTwoLevel(const Row& r, TScalarPtr Row::*key)
 {
     Row copy(r);
     copy.*key = Own(r.*key);
-    copy.under_sat = OwnRows(r.under_sat);
+    copy.under_sat = Own(r.under_sat);
     return copy;
 }
 
@@ -55,7 +50,7 @@ TPVTO Own(const TPVTO& r) { return OwnTwoLevel(r, &TPVTO::Rs); }
 TPVTG Own(const TPVTG& r) { return OwnTwoLevel(r, &TPVTG::Pg); }
 
 template <class E>
-std::vector<E> OwnRows(const std::vector<E>& rows)
+std::vector<E> Own(const std::vector<E>& rows)
 {
     std::vector<E> copy;
     copy.reserve(rows.size());
@@ -66,16 +61,26 @@ std::vector<E> OwnRows(const std::vector<E>& rows)
 
 } // namespace
 
-bool Complete(const TPVTList& list) { return std::all_of(list.begin(), list.end(), CompleteRows<TPVT>); }
-bool Complete(const TPVTOList& list) { return std::all_of(list.begin(), list.end(), CompleteRows<TPVTO>); }
-bool Complete(const TPVTWList& list) { return CompleteRows(list) || list.empty(); }
-bool Complete(const TPVTGList& list) { return std::all_of(list.begin(), list.end(), CompleteRows<TPVTG>); }
-bool Complete(const TRockList& list) { return CompleteRows(list) || list.empty(); }
+template <class List>
+bool Complete(const List& list)
+{
+    return Every(list);
+}
 
-TPVTList PrivateCopy(const TPVTList& list) { return OwnRows(list); }
-TPVTOList PrivateCopy(const TPVTOList& list) { return OwnRows(list); }
-TPVTWList PrivateCopy(const TPVTWList& list) { return OwnRows(list); }
-TPVTGList PrivateCopy(const TPVTGList& list) { return OwnRows(list); }
-TRockList PrivateCopy(const TRockList& list) { return OwnRows(list); }
+template <class List>
+List PrivateCopy(const List& list)
+{
+    return Own(list);
+}
+
+#define KAVRA_TABLE_COPIES(List) \
+    template bool Complete<List>(const List&); \
+    template List PrivateCopy<List>(const List&);
+KAVRA_TABLE_COPIES(TPVTList)
+KAVRA_TABLE_COPIES(TPVTOList)
+KAVRA_TABLE_COPIES(TPVTWList)
+KAVRA_TABLE_COPIES(TPVTGList)
+KAVRA_TABLE_COPIES(TRockList)
+#undef KAVRA_TABLE_COPIES
 
 } // namespace kavra

@@ -9,21 +9,16 @@
 
 namespace kavra {
 
-// Whether every table of a list has rows and every number that a
-// calculation may read is set: then a cell fails only on a region number
-// past the list.  Viscosities are never read and may be unset.
-bool Complete(const TPVTList& list);
-bool Complete(const TPVTOList& list);
-bool Complete(const TPVTWList& list);
-bool Complete(const TPVTGList& list);
-bool Complete(const TRockList& list);
+// Whether every table of a list (TPVTList, TPVTOList, TPVTGList) has rows,
+// and every number that a calculation may read is set in every record of
+// it (or of a TPVTWList, a TRockList): then a cell fails only on a region
+// number past the list.  Viscosities are never read and may be unset.
+template <class List>
+bool Complete(const List& list);
 
 // A copy of a list whose scalars are new ones with the same numbers and
 // labels, shared with nobody (an unset scalar stays unset).
-TPVTList PrivateCopy(const TPVTList& list);
-TPVTOList PrivateCopy(const TPVTOList& list);
-TPVTWList PrivateCopy(const TPVTWList& list);
-TPVTGList PrivateCopy(const TPVTGList& list);
-TRockList PrivateCopy(const TRockList& list);
+template <class List>
+List PrivateCopy(const List& list);
 
 } // namespace kavra
