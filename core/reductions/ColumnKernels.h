@@ -47,7 +47,7 @@ struct ColumnOperation
     template <class T>
     static constexpr T Initial() { return T(0); }
     template <class T>
-    static T Final(T a, int) { return a; }
+    static T Final(T a, std::ptrdiff_t) { return a; }
 };
 
 // Starts at 0 rather than at the lowest value of T: a column of negative
@@ -82,7 +82,7 @@ struct Average : Sum
     static constexpr bool counts = true;
     // Division in T: integer means truncate toward zero.  count >= 1 here.
     template <class T>
-    static T Final(T sum, int count) { return sum / static_cast<T>(count); }
+    static T Final(T sum, std::ptrdiff_t count) { return sum / static_cast<T>(count); }
 };
 
 // Whether a new accumulator must be filled with the initial value (a
@@ -141,7 +141,7 @@ void ReduceGridColumns(const char* in, std::ptrdiff_t n, std::ptrdiff_t columns,
     AccumulateLayer<Operation>(accumulator, in + (layers * columns + first) * size, restWidth);
     if constexpr (Operation::counts) {
         for (std::ptrdiff_t column = first; column < last; ++column) {
-            const int count = static_cast<int>(layers + (column < rest ? 1 : 0));
+            const std::ptrdiff_t count = layers + (column < rest ? 1 : 0);
             if (count > 0)
                 accumulator[column - first] = Operation::Final(accumulator[column - first], count);
         }
