@@ -53,10 +53,6 @@ std::string DtypeText(PyArrayObject* array)
     return bp::extract<std::string>(text);
 }
 
-namespace {
-
-// Byte-swapped and unaligned arrays are read through NumPy's casts below,
-// which convert them to native values.
 bp::object AsArray(bp::object source, const char* what)
 {
     RefuseMasked(source.ptr(), what);
@@ -69,6 +65,8 @@ bp::object CastArray(PyArrayObject* array, int typenum)
         PyArray_FromAny(reinterpret_cast<PyObject*>(array), PyArray_DescrFromType(typenum), 0, 0,
                         NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED | NPY_ARRAY_FORCECAST, nullptr)));
 }
+
+namespace {
 
 template <class T, class Wide>
 void CopyChecked(PyArrayObject* wide, std::vector<T>& out, const char* what)
@@ -114,8 +112,7 @@ std::vector<T> ValuesFromArrayLike(bp::object source, const char* what)
             CopyChecked<T, long long>(reinterpret_cast<PyArrayObject*>(wide.ptr()), values, what);
         }
     } else {
-        const int typenum = std::is_same<T, float>::value ? NPY_FLOAT : NPY_DOUBLE;
-        bp::object converted = CastArray(array, typenum);
+        bp::object converted = CastArray(array, elementTraits<T>.typenum);
         if (!values.empty())
             std::memcpy(values.data(), PyArray_DATA(reinterpret_cast<PyArrayObject*>(converted.ptr())),
                         values.size() * sizeof(T));

@@ -32,6 +32,12 @@ void RefuseMasked(PyObject* source, const char* what);
 // The text of an array's dtype, as str(a.dtype) gives it.
 std::string DtypeText(PyArrayObject* array);
 
+// `source` as a NumPy array (any array-like; a masked array is refused, naming
+// `what`), and an array as a C-contiguous, aligned one of `typenum` (NumPy's
+// casts, so byte-swapped and unaligned input comes out native).
+boost::python::object AsArray(boost::python::object source, const char* what);
+boost::python::object CastArray(PyArrayObject* array, int typenum);
+
 // Values of a one-dimensional array-like, converted to T.  Integers only for
 // an integer T (each must fit T), numbers of any real kind for a floating T.
 template <class T>

@@ -36,8 +36,7 @@ ReservoirSelectionTopologyPtr MakeSelection(const ReservoirTopologyPtr& parent, 
 {
     if (!parent)
         Raise(PyExc_ValueError, "ReservoirSelectionTopology needs a parent ReservoirTopology, not None");
-    RefuseMasked(cells.ptr(), "ReservoirSelectionTopology");
-    bp::object arrayObject(bp::handle<>(PyArray_FromAny(cells.ptr(), nullptr, 0, 0, 0, nullptr)));
+    bp::object arrayObject = AsArray(cells, "ReservoirSelectionTopology");
     PyArrayObject* array = reinterpret_cast<PyArrayObject*>(arrayObject.ptr());
     const char kind = PyArray_DESCR(array)->kind;
     std::vector<CellIJK> selected;
@@ -47,9 +46,7 @@ ReservoirSelectionTopologyPtr MakeSelection(const ReservoirTopologyPtr& parent, 
         Raise(PyExc_ValueError, "ReservoirSelectionTopology needs cells as an (n, 3) array of (i, j, k)");
     if (kind != 'i' && kind != 'u')
         Raise(PyExc_TypeError, "ReservoirSelectionTopology needs integer cell coordinates");
-    bp::object wide(bp::handle<>(PyArray_FromAny(arrayObject.ptr(), PyArray_DescrFromType(NPY_LONGLONG), 0, 0,
-                                                 NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED | NPY_ARRAY_FORCECAST,
-                                                 nullptr)));
+    bp::object wide = CastArray(array, NPY_LONGLONG);
     const long long* ijk = static_cast<const long long*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(wide.ptr())));
     const long long dims[3] = {parent->nI, parent->nJ, parent->nK};
     const npy_intp n = PyArray_DIM(array, 0);
