@@ -16,7 +16,7 @@
 namespace kavra {
 
 using python::elementTraits;
-using python::ElementTypeList;
+using python::ElementTraits;
 using python::Raise;
 
 using python::ArrayElements;
@@ -43,28 +43,28 @@ public:
     // wrapper empty (no array, blank type) without an error; an array of
     // another element type throws std::runtime_error.
     explicit TPyArrayWrapper(const boost::python::object& object)
-        : m_object(boost::python::handle<>(PyLong_FromLong(0))), m_array(nullptr), m_type(' ')
+        : m_object(boost::python::handle<>(PyLong_FromLong(0))), m_array(nullptr)
     {
         if (!IsNumpyArray(object.ptr()))
             return;
         m_object = object;
         m_array = reinterpret_cast<PyArrayObject*>(m_object.ptr());
-        m_type = PyArray_DESCR(m_array)->type;
         if (PyArray_DESCR(m_array)->type_num != elementTraits<T>.typenum)
             throw std::runtime_error(std::string("TPyArrayWrapper: received a numeric array object with wrong type\n"
                                                  "\tArray is of type: ") +
-                                     m_type + "\n\tWrapper type is: " + elementTraits<T>.character);
+                                     PyArray_DESCR(m_array)->type + "\n\tWrapper type is: " +
+                                     elementTraits<T>.character);
     }
 
     // A new, uninitialised one-dimensional array of `size` elements.
-    explicit TPyArrayWrapper(int size) : m_array(nullptr), m_type(' ')
+    explicit TPyArrayWrapper(int size) : m_array(nullptr)
     {
         npy_intp dims[1] = {size};
         Allocate(1, dims);
     }
 
     // A new, uninitialised two-dimensional array of size0 x size1 elements.
-    TPyArrayWrapper(int size0, int size1) : m_array(nullptr), m_type(' ')
+    TPyArrayWrapper(int size0, int size1) : m_array(nullptr)
     {
         npy_intp dims[2] = {size0, size1};
         Allocate(2, dims);
@@ -80,12 +80,10 @@ private:
                                       nullptr);
         m_object = boost::python::object(boost::python::handle<>(array)); // a null result raises NumPy's error
         m_array = reinterpret_cast<PyArrayObject*>(array);
-        m_type = PyArray_DESCR(m_array)->type;
     }
 
     boost::python::object m_object; // the owning reference
     PyArrayObject* m_array;         // the same object, null while no array is held
-    char m_type;                    // the descriptor's type character, blank while no array is held
 };
 
 // A wrapper on the C-order flattening of an array: a view where the array is
@@ -106,27 +104,18 @@ TPyArrayWrapper<T> ZeroArray(npy_intp size0, npy_intp size1)
         boost::python::handle<>(PyArray_Zeros(2, dims, PyArray_DescrFromType(elementTraits<T>.typenum), 0))));
 }
 
-namespace detail {
-
-template <class Visitor, class... T>
-auto VisitElementType(int typeNumber, Visitor& visit, ElementTypeList<T...>)
-{
-    std::optional<decltype(visit(int()))> result;
-    const bool found = ((typeNumber == elementTraits<T>.typenum && (result.emplace(visit(T())), true)) || ...);
-    if (!found)
-        Raise(PyExc_ValueError, "Unsupported array data type = " + std::to_string(typeNumber) + "!\n");
-    return std::move(*result);
-}
-
-} // namespace detail
-
 // Calls visit(T()) for the element type T of `typeNumber` in ArrayElements,
 // and returns what it returns.  Any other type number raises ValueError
 // "Unsupported array data type = <number>!\n".
 template <class Visitor>
 auto VisitElementType(int typeNumber, Visitor&& visit)
 {
-    return detail::VisitElementType(typeNumber, visit, ArrayElements());
+    std::optional<decltype(visit(int()))> result;
+    if (!python::ForElementType(
+            ArrayElements(), [typeNumber](const ElementTraits& e) { return e.typenum == typeNumber; },
+            [&](auto zero) { result.emplace(visit(zero)); }))
+        Raise(PyExc_ValueError, "Unsupported array data type = " + std::to_string(typeNumber) + "!\n");
+    return std::move(*result);
 }
 
 } // namespace kavra

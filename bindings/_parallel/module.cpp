@@ -227,14 +227,12 @@ void ReduceColumnsInParts(const Buffer& values, const Buffer& result, std::int64
     });
 }
 
-template <class Operation, class... T>
-void ReduceByType(char type, const Buffer& values, const Buffer& result, std::int64_t columns, int threads,
-                  ElementTypeList<T...>)
+template <class Operation>
+void ReduceByType(char type, const Buffer& values, const Buffer& result, std::int64_t columns, int threads)
 {
-    const bool found = ((type == elementTraits<T>.character &&
-                         (ReduceColumnsInParts<Operation, T>(values, result, columns, threads), true)) ||
-                        ...);
-    if (!found)
+    if (!ForElementType(
+            ArrayElements(), [type](const ElementTraits& e) { return e.character == type; },
+            [&](auto zero) { ReduceColumnsInParts<Operation, decltype(zero)>(values, result, columns, threads); }))
         Raise(PyExc_ValueError, "values of an element type without a column kernel");
 }
 
@@ -252,13 +250,13 @@ void ReduceGrid(const std::string& name, bp::object values, bp::object result, s
         Raise(PyExc_ValueError, "ReduceGrid takes values and a result of one element type and length, "
                                 "a whole number of layers of `columns` cells");
     if (name == columns::Max::name)
-        return ReduceByType<columns::Max>(type, in, out, columns, threads, ArrayElements());
+        return ReduceByType<columns::Max>(type, in, out, columns, threads);
     if (name == columns::Min::name)
-        return ReduceByType<columns::Min>(type, in, out, columns, threads, ArrayElements());
+        return ReduceByType<columns::Min>(type, in, out, columns, threads);
     if (name == columns::Sum::name)
-        return ReduceByType<columns::Sum>(type, in, out, columns, threads, ArrayElements());
+        return ReduceByType<columns::Sum>(type, in, out, columns, threads);
     if (name == columns::Average::name)
-        return ReduceByType<columns::Average>(type, in, out, columns, threads, ArrayElements());
+        return ReduceByType<columns::Average>(type, in, out, columns, threads);
     Raise(PyExc_ValueError, "no column reduction " + name);
 }
 

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <string>
 
+#include "core/utils/ElementTypes.h"
+
 namespace kavra {
 namespace python {
 
@@ -77,17 +79,18 @@ inline constexpr ElementTraits elementTraits<float> = {NPY_FLOAT, 'f', "float32"
 template <>
 inline constexpr ElementTraits elementTraits<double> = {NPY_DOUBLE, 'd', "float64", "Double"};
 
-// A list of element types, for code made once per type in it (the switch
-// over type numbers of the column reductions).
-template <class... T>
-struct ElementTypeList
-{
-};
-
 // The element types of the column reductions' arrays: their switches over
 // type numbers (or buffer characters) are made from this list.
 // NPY_LONGLONG and NPY_ULONGLONG are not among them.
-typedef ElementTypeList<int, unsigned int, long, unsigned long, float, double> ArrayElements;
+typedef ElementTypes<int, unsigned int, long, unsigned long, float, double> ArrayElements;
+
+// Calls visit(T()) for the first T of the list whose traits `match`; false
+// when none does.
+template <class Match, class Visit, class... T>
+bool ForElementType(ElementTypes<T...>, const Match& match, Visit&& visit)
+{
+    return ((match(elementTraits<T>) && (visit(T()), true)) || ...);
+}
 
 } // namespace python
 } // namespace kavra

@@ -14,16 +14,10 @@
 #include <tuple>
 #include <type_traits>
 
+#include "core/utils/ElementTypes.h"
 #include "core/utils/gridfunction_checking.h"
 
 namespace kavra {
-
-// The element types, in the order tried, for which a calculation has a
-// variant on array grid functions.
-template <class... T>
-struct ElementTypes
-{
-};
 
 // An untyped grid function argument that holds region numbers: read as int
 // in every variant (its array variant needs an array grid function of int).
