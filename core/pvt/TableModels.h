@@ -191,22 +191,18 @@ public:
         for (std::size_t r = 0; r < table.size(); ++r)
             if (!m_rows[r].Build(table[r].under_sat))
                 return false;
-        m_steps.assign(table.size(), 0.0);
-        for (std::size_t r = 1; r < table.size(); ++r)
-            m_steps[r] = m_saturated.Key(r) - m_saturated.Key(r - 1);
         return true;
     }
 
     const FlatLine<SaturatedLine>& Saturated() const { return m_saturated; }
     const FlatLine<RowLine>& Row(std::size_t r) const { return m_rows[r]; }
     double Key(std::size_t r) const { return m_saturated.Key(r); }
-    double Step(std::size_t r) const { return m_steps[r]; }
+    double Step(std::size_t r) const { return Key(r) - Key(r - 1); }
     std::size_t size() const { return m_rows.size(); }
 
 private:
     FlatLine<SaturatedLine> m_saturated;
     std::vector<FlatLine<RowLine>> m_rows;
-    std::vector<double> m_steps;
 };
 
 template <class Record, class... Numbers>
