@@ -5,13 +5,9 @@
 // the same bits whatever the number of parts.
 #include <cstdint>
 
-#include <boost/shared_ptr.hpp>
-
-#include "tessel/core/IGridFunction.h"
+#include "core/utils/gridfunction_checking.h"
 
 namespace kavra {
-
-typedef boost::shared_ptr<tessel::core::IGridFunction> GridFunctionPtr;
 
 // Whether `gf` is an array grid function of T with n elements.
 template <class T>
