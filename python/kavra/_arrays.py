@@ -28,10 +28,12 @@ def split_mask(value: Any) -> tuple[np.ndarray, NDArray[np.bool_] | None]:
 
 
 def is_native_buffer(array: np.ndarray, dtype: np.dtype[Any]) -> bool:
-    """Whether a grid function can wrap `array` as it is."""
+    """Whether a grid function can wrap `array` as it is (a dtype equal to a native one is in the
+    machine's byte order).  Mostly the very dtype object: `is` first, `==` else."""
+    if not (array.dtype is dtype or array.dtype == dtype):
+        return False
     flags = array.flags
-    return (array.dtype == dtype and array.dtype.isnative and flags.c_contiguous and flags.aligned
-            and flags.writeable)
+    return bool(flags.c_contiguous and flags.aligned and flags.writeable)
 
 
 def index_text(name: str, position: int, shape: tuple[int, ...]) -> str:
@@ -65,15 +67,12 @@ class CellArrays:
         return result if self.mask is None else np.ma.MaskedArray(result, mask=self.mask)
 
 
-_FLOAT64 = np.dtype(np.float64)  # mostly the very dtype of an array: `is` first, `==` else
+_FLOAT64 = np.dtype(np.float64)
 _INT32 = np.dtype(np.int32)
 
 
 def _ready(array: Any, dtype: np.dtype[Any], shape: tuple[int, ...]) -> bool:
-    if type(array) is not np.ndarray or array.shape != shape or not (array.dtype is dtype or array.dtype == dtype):
-        return False
-    flags = array.flags
-    return bool(flags.c_contiguous and flags.writeable and flags.aligned)
+    return type(array) is np.ndarray and array.shape == shape and is_native_buffer(array, dtype)
 
 
 def ready_buffers(regions: Any, inputs: list[Any], out: Any) -> list[np.ndarray] | None:
@@ -126,8 +125,7 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
     region_buffer = None
     if regions is not None:
         region_buffer = _regions(function, regions[0], data.pop(0), shape, mask)
-    float64 = np.dtype(np.float64)
-    buffers = [a.reshape(-1) if a.shape == shape and is_native_buffer(a, float64) else _converted(a, shape)
+    buffers = [a.reshape(-1) if a.shape == shape and is_native_buffer(a, _FLOAT64) else _converted(a, shape)
                for a in data]
 
     given_out, target, result = out, None, None
@@ -141,11 +139,11 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
             raise ValueError(f"{function}: out is read-only")
         if not np.can_cast(np.float64, out_data.dtype, "same_kind"):
             raise TypeError(f"{function}: out must hold real numbers, got {out_data.dtype}")
-        if is_native_buffer(out_data, float64):
+        if is_native_buffer(out_data, _FLOAT64):
             result = out_data.reshape(-1)
         else:
             target = out_data
-            result = out_data.astype(np.float64).reshape(-1) if keep_out else np.empty(out_data.size)
+            result = out_data.astype(np.float64, order="C").reshape(-1) if keep_out else np.empty(out_data.size)
     if result is None:
         result = np.zeros(int(np.prod(shape))) if keep_out else np.empty(int(np.prod(shape)))
     return CellArrays(function, shape, region_buffer, buffers, result, target, given_out, mask)
@@ -162,8 +160,7 @@ def _regions(function: str, name: str, array: np.ndarray, shape: tuple[int, ...]
              mask: NDArray[np.bool_] | None) -> NDArray[np.int32]:
     """Region numbers as flat int32, converted in one pass; a number past int32 fails, one below
     int32 becomes its lowest value (both belong to no table's region)."""
-    int32 = np.dtype(np.int32)
-    if array.shape == shape and mask is None and is_native_buffer(array, int32):
+    if array.shape == shape and mask is None and is_native_buffer(array, _INT32):
         return array.reshape(-1)
     result = np.empty(shape, dtype=np.int32)
     if (array.dtype.itemsize > 4 or array.dtype == np.uint32) and array.size:
