@@ -199,9 +199,7 @@ class Deck:
         result = []
         for index, record in enumerate(keyword, start=1):
             values = _record_values(record, f"{name} record {index}")
-            slots = _defaulted_slots(str(record))
-            defaulted = np.array([slots[i] if i < len(slots) else True for i in range(len(values))], dtype=bool)
-            values[defaulted] = np.nan
+            values[_defaulted(record, len(values))] = np.nan
             result.append(values)
         return result
 
@@ -364,13 +362,18 @@ def _record_values(record: Any, where: str) -> NDArray[np.float64]:
     return np.array(values, dtype=np.float64)
 
 
+def _defaulted(record: Any, count: int) -> NDArray[np.bool_]:
+    """Which of a record's first `count` values the deck left to their default (``1*``, or a
+    record ended early)."""
+    slots = _defaulted_slots(str(record))
+    return np.array([slots[i] if i < len(slots) else True for i in range(count)], dtype=bool)
+
+
 def _checked_numbers(record: Any, keyword: str, where: str) -> NDArray[np.float64]:
     """A table record's numbers as written; DeckError where the deck left one out."""
     values = _record_values(record, where)
-    slots = _defaulted_slots(str(record))
     allowed = _ZERO_DEFAULTS.get(keyword, set())
-    for index in range(len(values)):
-        defaulted = slots[index] if index < len(slots) else True
+    for index, defaulted in enumerate(_defaulted(record, len(values))):
         if defaulted and not (index in allowed and values[index] == 0.0):
             raise DeckError(f"{where}: value {index + 1} is left to its default; a table needs "
                             f"every number written out")
