@@ -19,6 +19,9 @@
 
 from importlib import metadata as _metadata
 
+from kavra._optional import load as _load
+
+_load(__name__ + "._tessel")  # an ImportError that says why, in a build without Boost.Python for this Python
 from ._tessel import (  # noqa: F401
     IGridFunction,
     IIntTypeGridFunction,
