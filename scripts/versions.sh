@@ -46,11 +46,12 @@ venv_of() {
     fi
 }
 
-# pytest from directory $1 with the environment $2; it exits with 5 when it
-# collected no test: that is a broken suite here.
+# The tests with the environment $1; pytest exits with 5 when it collected no
+# test: that is a broken suite here.
 run_tests() {
-    local rc=0 tests=$PWD/tests
-    (cd "$1" && "$2/bin/pytest" "$tests") || rc=$?
+    local rc=0
+    "$1/bin/python" -c 'import kavra; print("versions: testing", kavra.__file__)'
+    "$1/bin/pytest" tests || rc=$?
     if [ $rc -eq 5 ]; then echo "versions: pytest collected no tests" >&2; fi
     return $rc
 }
@@ -58,7 +59,7 @@ run_tests() {
 test_version() {  # version, interpreter
     local venv
     venv=$(venv_of "$1")
-    make --no-print-directory VENV="$venv" PYTHON="$2" build && run_tests . "$venv"
+    make --no-print-directory VENV="$venv" PYTHON="$2" build && run_tests "$venv"
 }
 
 wheel_version() {  # version, interpreter
@@ -69,8 +70,8 @@ wheel_version() {  # version, interpreter
     echo "versions: $wheel"
     rm -rf "$env"
     "$2" -m venv "$env" && "$env/bin/python" -m pip install -q "$wheel[test]" || return
-    # From outside the source tree, so that the tests import the installed kavra.
-    run_tests "$env" "$PWD/$env"
+    # The tests (pytest's script: the working directory is not on sys.path) import the installed kavra.
+    run_tests "$env"
 }
 
 case $mode in
