@@ -9,6 +9,7 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
+import kavra.tables
 from kavra import _kavracore as native
 from kavra.tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_LABELS, UNIT_SYSTEMS
 
@@ -78,6 +79,12 @@ def test_labels_of_mixed_or_unknown_unit_systems_are_refused(labels, words):
     with pytest.raises(ValueError, match=r"TPVTList region 1, row 1: \w+: " + words):
         PVDG.from_native(lst)
     assert PVDG.from_native(lst, units="LAB").units == "LAB"  # a given system is taken as it is
+
+
+def test_the_module_documents_every_unit_label():
+    rows = {line.split()[0]: line.split()[1:] for line in kavra.tables.__doc__.splitlines() if line.split()}
+    assert all(rows.get(quantity) == [UNIT_LABELS[s][quantity] for s in UNIT_SYSTEMS]
+               for quantity in UNIT_LABELS["METRIC"])
 
 
 def test_the_deck_form_per_class():

@@ -20,6 +20,32 @@ of that gas pressure).  Numbers are kept as given: ``units`` is one of
 :data:`UNIT_SYSTEMS` and is a label only, never a conversion.  It names the
 unit of every scalar of :meth:`to_native` (see :data:`UNIT_LABELS`).
 
+A table checks its numbers when it is made, the same checks for a table read
+from a deck (:mod:`kavra.deck` hands its records to these classes) as for one
+written by hand: every number finite, the keys rising (Rs of ``PVTO`` and the
+pressures of its saturated line and of each record; Pg of ``PVTG``; p of
+``PVDO`` and ``PVDG``), every formation volume factor above 0.
+
+Unit labels
+-----------
+:data:`UNIT_LABELS` ``[units][quantity]`` is the unit of a quantity in a unit
+system: the label :meth:`to_native` writes on each scalar (its ``category``
+is the quantity) and :meth:`from_native` reads the unit system back from.
+
+================  =========  =========  =========  =========
+quantity          METRIC     FIELD      LAB        PVT-M
+================  =========  =========  =========  =========
+pressure          barsa      psia       atma       atma
+rs                sm3/sm3    Mscf/stb   scc/scc    sm3/sm3
+rv                sm3/sm3    stb/Mscf   scc/scc    sm3/sm3
+oil_fvf           rm3/sm3    rb/stb     rcc/scc    rm3/sm3
+gas_fvf           rm3/sm3    rb/Mscf    rcc/scc    rm3/sm3
+water_fvf         rm3/sm3    rb/stb     rcc/scc    rm3/sm3
+viscosity         cP         cP         cP         cP
+compressibility   1/bars     1/psi      1/atm      1/atm
+viscosibility     1/bars     1/psi      1/atm      1/atm
+================  =========  =========  =========  =========
+
 Tables are values: ``==`` compares units and numbers (NaN equals NaN), they
 pickle and deep-copy, and ``repr`` shows the records (evaluable for small
 tables).  ``from_frame`` reads a pandas DataFrame (pandas is imported only by
