@@ -166,6 +166,8 @@ INCLUDES = {  # file name: text; the deck is main.DATA
     "aliased": {"main.DATA": "PATHS\n 'HERE' '.' /\n/\nINCLUDE\n '$HERE/main.DATA' /\n"},
     "deep": {"main.DATA": "INCLUDE\n '0.inc' /\n", **{f"{n}.inc": f"INCLUDE\n '{n + 1}.inc' /\n" for n in range(40)}},
     "directory": {"main.DATA": "GRID\nINCLUDE\n 'sub' /\n", "sub/x": ""},
+    "fan-out": {"main.DATA": "INCLUDE\n '0.inc' /\n",
+                **{f"{n}.inc": f"INCLUDE\n '{n + 1}.inc' /\n" * 2 * (n < 19) for n in range(20)}},
     "garbage": {"main.DATA": "GRID\nINCLUDE\n 'a.inc' /\n", "a.inc": "\x00\x9f{}\x07 -- \x01"},
 }
 
@@ -177,6 +179,7 @@ INCLUDES = {  # file name: text; the deck is main.DATA
     ("aliased", "include each other in a cycle"),
     ("deep", r"/32.inc \(INCLUDE in \S+/31.inc, line 2\): INCLUDE files nest deeper than 32 levels"),
     ("directory", r"/sub \(INCLUDE in \S+/main.DATA, line 6\) is a directory"),
+    ("fan-out", r"/\d+.inc, line \d+: more than 10000 INCLUDE keywords in one deck"),
     ("garbage", r"/a.inc, line 1: '\\x00' is not deck text"),
 ])
 def test_includes_end_in_a_deck_error_naming_the_file(tmp_path, case, words):

@@ -53,7 +53,7 @@ except ImportError as _error:  # the optional extra is not installed
         "kavra.deck reads decks with the opm package, which is not installed: "
         "pip install 'kavra[deck]' (or pip install opm)") from _error
 
-__all__ = ["Deck", "DeckError", "read", "example_path", "EXAMPLES"]
+__all__ = ["Deck", "DeckError", "read", "example_path", "EXAMPLES", "MAX_INCLUDE_DEPTH", "MAX_INCLUDES"]
 
 #: The decks shipped with kavra (public SPE test decks, each with its license header), for
 #: :func:`example_path`.
@@ -407,8 +407,9 @@ _TOKEN = re.compile(r"'([^']*)'|\"([^\"]*)\"|([^\s'\"]+)")
 
 
 def _lines(text: str) -> Iterator[tuple[int, str]]:
-    """The lines of a deck (from 1), each without its comment."""
-    for number, line in enumerate(text.splitlines(), start=1):
+    """The lines of a deck (from 1, counted as opm counts them: at line feeds), each without
+    its comment."""
+    for number, line in enumerate(text.split("\n"), start=1):
         yield number, line.split("--", 1)[0]
 
 
