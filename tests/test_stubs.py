@@ -31,9 +31,10 @@ def test_tools_find_no_difference(tmp_path, command):
 
 def test_installed_packages_ship_stubs_and_marker():
     for module, stub in STUBS.items():
-        package = pathlib.Path(importlib.import_module(module.split(".")[0]).__file__).parent
-        assert (package / "py.typed").is_file()
-        assert (package / (module.split(".")[1] + ".pyi")).read_text() == stub.read_text()
+        package, _, name = module.rpartition(".")
+        directory = pathlib.Path(importlib.import_module(package).__file__).parent
+        assert (directory / "py.typed").is_file()
+        assert (directory / (name + ".pyi")).read_text() == stub.read_text()
 
 
 def runtime(name):
