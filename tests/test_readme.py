@@ -17,7 +17,7 @@ from conftest import BOOST_PYTHON_BUILT, KAVRACORE_NAMES, ROOT, WITHOUT_BOOST_PY
 BLOCK = re.compile(r"```python\n(.*?)```(?:\s*```text\n(.*?)```)?", flags=re.S)
 BLOCKS = BLOCK.findall((ROOT / "README.md").read_text())
 EXTRAS = {"kavra.deck": "opm", "kavra.dask": "dask", "to_frame": "pandas"}  # what a block uses: what it needs
-NATIVE = KAVRACORE_NAMES | {"_kavracore", "tessel", "to_native", "from_native"}  # what needs Boost.Python
+NATIVE = KAVRACORE_NAMES | set("_kavracore tessel to_native from_native".split())  # words that need Boost.Python
 
 
 @pytest.mark.parametrize("number", range(1, len(BLOCKS) + 1))
