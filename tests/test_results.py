@@ -66,7 +66,7 @@ def test_a_case_is_named_by_its_base_name_or_any_of_its_files(flow_run, name):
 def test_reading_opens_headers_and_a_call_reads_its_array_once(flow_run, monkeypatch):
     reads = []
     real = results._read_into
-    monkeypatch.setattr(results, "_read_into", lambda array, out: (reads.append(array.count), real(array, out)))
+    monkeypatch.setattr(results, "_read_into", lambda array, out: (reads.append(array.length), real(array, out)))
     r = results.read(flow_run("SPE3CASE1"))
     assert reads == []
     r.cell_property("SWAT", r.steps[-1])

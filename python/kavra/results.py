@@ -56,9 +56,9 @@ __all__ = ["Results", "Summary", "read"]
 
 # The big-endian type of each numeric array type of the files, and how many
 # values a block holds (character arrays, 105 a block, are never cell values).
-_NUMERIC = {b"INTE": np.dtype(">i4"), b"REAL": np.dtype(">f4"), b"DOUB": np.dtype(">f8"),
+_NUMERIC: dict[bytes, np.dtype[Any]] = {b"INTE": np.dtype(">i4"), b"REAL": np.dtype(">f4"), b"DOUB": np.dtype(">f8"),
             b"LOGI": np.dtype(">i4")}
-_NATIVE = {b"INTE": np.dtype(np.int32), b"REAL": np.dtype(np.float32), b"DOUB": np.dtype(np.float64),
+_NATIVE: dict[bytes, np.dtype[Any]] = {b"INTE": np.dtype(np.int32), b"REAL": np.dtype(np.float32), b"DOUB": np.dtype(np.float64),
            b"LOGI": np.dtype(np.bool_)}
 _BLOCK_VALUES = 1000
 _BLOCKS_PER_READ = 1024  # 4 MiB of float32 values a read
@@ -80,7 +80,7 @@ class _Array(NamedTuple):
 
     path: pathlib.Path
     offset: int
-    count: int
+    length: int
     kind: bytes
 
 
@@ -103,12 +103,12 @@ class Summary(NamedTuple):
 
 def _listing(names: Iterable[object], most: int = 40) -> str:
     """Names for a message: all of them, or the first `most` and how many there are."""
-    names = [str(name) for name in names]
-    if not names:
+    texts = [str(name) for name in names]
+    if not texts:
         return "none"
-    if len(names) <= most:
-        return ", ".join(names)
-    return ", ".join(names[:most]) + f", ... ({len(names)} in all)"
+    if len(texts) <= most:
+        return ", ".join(texts)
+    return ", ".join(texts[:most]) + f", ... ({len(texts)} in all)"
 
 
 def _data_bytes(count: int, kind: bytes) -> int:
@@ -131,6 +131,7 @@ def _scan(path: pathlib.Path, small: Sequence[str] = ()) -> list[tuple[str, _Arr
             size = os.fstat(stream.fileno()).st_size
             for entry in resfo.lazy_read(stream, resfo.Format.UNFORMATTED):
                 name, count, kind = entry.read_keyword().strip(), entry.read_length(), entry.read_type()
+                kind = kind.encode("ascii") if isinstance(kind, str) else kind
                 end = stream.tell()
                 if end > size:
                     raise resfo.ResfoParsingError(f"the file ends inside the values of {name}")
@@ -154,15 +155,15 @@ def _read_into(array: _Array, out: NDArray[Any]) -> None:
     done = 0
     with open(array.path, "rb") as stream:
         stream.seek(array.offset)
-        while done < array.count:
-            values = min(array.count - done, _BLOCKS_PER_READ * _BLOCK_VALUES)
+        while done < array.length:
+            values = min(array.length - done, _BLOCKS_PER_READ * _BLOCK_VALUES)
             full, last = divmod(values, _BLOCK_VALUES)
             layout = [(full, _BLOCK_VALUES)] if full else []
             layout += [(1, last)] if last else []
             for blocks, per_block in layout:
                 record = np.dtype([("head", ">i4"), ("values", big, (per_block,)), ("tail", ">i4")])
                 raw = buffer[:blocks * record.itemsize]
-                if stream.readinto(memoryview(raw)) != raw.size:
+                if stream.readinto(raw.data) != raw.size:
                     raise ValueError(f"{array.path} ends inside an array (at byte {stream.tell()})")
                 records = raw.view(record)
                 marker = per_block * big.itemsize
@@ -260,7 +261,8 @@ class Results:
         self._summary_files = summaries
         self._actnum: _Array | None = None
         # The inactive cells, read from ACTNUM when first needed: None when every cell is active.
-        self._inactive: NDArray[np.bool_] | None | bool = False
+        self._inactive: NDArray[np.bool_] | None = None
+        self._inactive_known = False
 
         egrid = _scan(self.files["EGRID"], ("GRIDHEAD",)) if "EGRID" in self.files else []
         init = _scan(self.files["INIT"], ("INTEHEAD",)) if "INIT" in self.files else []
@@ -281,9 +283,9 @@ class Results:
                 self._actnum = where
         if dims is None and header is not None:
             dims = [int(n) for n in header[_DIMS]]
-        spec = ("DIMENS", "KEYWORDS", "WGNAMES", "NAMES", "NUMS", "UNITS", "STARTDAT")
-        self._smspec = {name: values for name, values in _first_of_each(
-            _scan(self.files["SMSPEC"], spec), values=True).items() if name in spec} if "SMSPEC" in self.files else {}
+        wanted = ("DIMENS", "KEYWORDS", "WGNAMES", "NAMES", "NUMS", "UNITS", "STARTDAT")
+        self._smspec: dict[str, Any] = {name: values for name, values in _first_of_each(
+            _scan(self.files["SMSPEC"], wanted), values=True).items() if name in wanted} if "SMSPEC" in self.files else {}
         if dims is None and "DIMENS" in self._smspec:
             dims = [int(n) for n in self._smspec["DIMENS"][1:4]]
         if dims is None:
@@ -296,7 +298,20 @@ class Results:
         # INTEHEAD numbers the unit systems 1 to 4 in the order of UNIT_SYSTEMS.
         code = int(header[_UNITS]) if header is not None else 0
         self.units = UNIT_SYSTEMS[code - 1] if 1 <= code <= len(UNIT_SYSTEMS) else f"unknown ({code})"
-        self._summary: tuple[list[_Array], dict[str, int], dict[str, str]] | None = None
+        # Each summary vector's position in a time step's record, and its unit.
+        self._vectors: dict[str, tuple[int, str]] = {}
+        if self._smspec:
+            spec = self._smspec
+            lacking = {"KEYWORDS", "NUMS", "UNITS", "STARTDAT"} - set(spec) | ({"WGNAMES"} - set(spec) - {"NAMES"})
+            if lacking - {"NAMES"}:
+                raise ValueError(f"{self.files['SMSPEC']} lacks {_listing(sorted(lacking))}")
+            names = spec["WGNAMES"] if "WGNAMES" in spec else spec["NAMES"]
+            for position, (keyword, wgname, num, unit) in enumerate(zip(
+                    _strings(spec["KEYWORDS"]), _strings(names), spec["NUMS"], _strings(spec["UNITS"]))):
+                key = _summary_key(keyword, wgname, int(num), self.grid)
+                if key:
+                    self._vectors.setdefault(key, (position, unit))
+        self._records: list[_Array] | None = None
 
     def _index_restart(self, path: pathlib.Path) -> None:
         """Adds the report steps of a restart file to the index: its arrays after each SEQNUM."""
@@ -320,12 +335,12 @@ class Results:
             parts.append(f"report steps {self.steps[0]}..{self.steps[-1]}" if len(self.steps) > 1
                          else f"report step {self.steps[0]}")
         if self._smspec:
-            parts.append(f"{len(self.summary_keys)} summary vectors")
+            parts.append(f"{len(self._vectors)} summary vectors")
         return f"<kavra.results.Results {', '.join(parts)}>"
 
     def _inactive_cells(self) -> NDArray[np.bool_] | None:
         """True at each inactive cell (ACTNUM 0), or None when every cell is active; read once."""
-        if self._inactive is False:
+        if not self._inactive_known:
             if self._actnum is None:
                 if self._header_active != self._cells:
                     raise FileNotFoundError(
@@ -333,13 +348,13 @@ class Results:
                         f"is in the ACTNUM of {self.case.name}.EGRID, which the case does not have")
                 self._inactive = None
             else:
-                if self._actnum.count != self._cells or self._actnum.kind != b"INTE":
-                    raise ValueError(f"{self._actnum.path}: ACTNUM holds {self._actnum.count} values, "
+                if self._actnum.length != self._cells or self._actnum.kind != b"INTE":
+                    raise ValueError(f"{self._actnum.path}: ACTNUM holds {self._actnum.length} values, "
                                      f"not one for each of the {self._cells} cells")
                 active = np.empty(self._cells, dtype=bool)
                 _read_into(self._actnum, active)  # nonzero: active
                 self._inactive = np.logical_not(active, out=active) if not active.all() else None
-        assert self._inactive is not False
+            self._inactive_known = True
         return self._inactive
 
     @property
@@ -382,7 +397,7 @@ class Results:
         """The names of the numeric arrays with a value per cell or per active cell."""
         inactive = self._inactive_cells()
         sizes = (self._cells, self._cells - (0 if inactive is None else int(np.count_nonzero(inactive))))
-        return [name for name, a in arrays.items() if a.kind in _NUMERIC and a.count in sizes]
+        return [name for name, a in arrays.items() if a.kind in _NUMERIC and a.length in sizes]
 
     def property_names(self, step: int | None = None) -> tuple[str, ...]:
         """The names of the arrays with a value per cell: of the INIT, or of a report step.
@@ -460,9 +475,9 @@ class Results:
         if inactive is None:
             _read_into(array, out)
             return np.ma.MaskedArray(out, mask=np.ma.nomask)
-        _read_into(array, out[:array.count])
-        if array.count < self._cells:  # a value per active cell
-            _spread(out, inactive, array.count)
+        _read_into(array, out[:array.length])
+        if array.length < self._cells:  # a value per active cell
+            _spread(out, inactive, array.length)
         out[inactive] = 0
         return np.ma.MaskedArray(out, mask=inactive.copy())
 
@@ -470,33 +485,20 @@ class Results:
 
     @property
     def summary_keys(self) -> tuple[str, ...]:
-        """The summary vectors: FOPR, WBHP:PROD, GOPR:G1, BPR:1,1,1, RPR:1, COPR:PROD:1,1,1, ..."""
-        return tuple(self._summary_index()[1])
+        """The summary vectors of the SMSPEC: FOPR, WBHP:PROD, GOPR:G1, BPR:1,1,1, RPR:1, COPR:PROD:1,1,1, ..."""
+        return tuple(self._vectors)
 
     @property
     def summary_units(self) -> dict[str, str]:
         """The unit of each summary vector (``"STB/DAY"``, ``"PSIA"``, ``"DAYS"``, ...), from the SMSPEC."""
-        return dict(self._summary_index()[2])
+        return {key: unit for key, (_, unit) in self._vectors.items()}
 
-    def _summary_index(self) -> tuple[list[_Array], dict[str, int], dict[str, str]]:
-        """The PARAMS records of the summary files, and each key's position in them (read when first used)."""
-        if self._summary is None:
-            if not self._smspec:
-                raise FileNotFoundError(f"{self.case.name}.SMSPEC does not exist (the case has: "
-                                        f"{_listing(p.name for p in self.files.values())})")
-            spec = self._smspec
-            names = spec.get("WGNAMES", spec.get("NAMES"))
-            keys: dict[str, int] = {}
-            units: dict[str, str] = {}
-            for position, (keyword, wgname, num, unit) in enumerate(zip(
-                    _strings(spec["KEYWORDS"]), _strings(names), spec["NUMS"], _strings(spec["UNITS"]))):
-                key = _summary_key(keyword, wgname, int(num), self.grid)
-                if key and key not in keys:
-                    keys[key], units[key] = position, unit
-            records = [where for path in self._summary_files for name, where, _ in _scan(path)
-                       if name == "PARAMS"]
-            self._summary = (records, keys, units)
-        return self._summary
+    def _summary_records(self) -> list[_Array]:
+        """The PARAMS record (the values of every vector) of each time step; the files are scanned when first used."""
+        if self._records is None:
+            self._records = [where for path in self._summary_files for name, where, _ in _scan(path)
+                             if name == "PARAMS"]
+        return self._records
 
     def summary(self, key: str) -> Summary:
         """A summary vector: its value at each time step of the summary, with the dates.
@@ -527,23 +529,24 @@ class Results:
         --------
         >>> dates, fpr = kavra.results.read("output/SPE1CASE1").summary("FPR")   # doctest: +SKIP
         """
-        records, keys, _ = self._summary_index()
-        if key not in keys:
+        if "SMSPEC" not in self.files:
+            raise FileNotFoundError(f"{self.case.name}.SMSPEC does not exist (the case has: "
+                                    f"{_listing(p.name for p in self.files.values())})")
+        if key not in self._vectors:
             raise KeyError(f"{key} is not a summary vector of {self.case.name}.SMSPEC; "
-                           f"those it has: {_listing(keys)}")
+                           f"those it has: {_listing(self._vectors)}")
         if not self._summary_files:
             raise FileNotFoundError(f"{self.case.name}.UNSMRY does not exist (nor .S0001, ...)")
-        return Summary(self._dates(records, keys), _gather(records, keys[key]))
-
-    def _dates(self, records: list[_Array], keys: dict[str, int]) -> NDArray[np.datetime64]:
-        if "TIME" not in keys:
+        if "TIME" not in self._vectors:
             raise ValueError(f"{self.case.name}.SMSPEC has no TIME vector to date the time steps")
         start = [int(n) for n in self._smspec["STARTDAT"]] + [0, 0, 0]
         origin = np.datetime64(datetime.datetime(start[2], start[1], start[0], start[3], start[4]), "s")
         origin += np.timedelta64(start[5] // 1_000_000, "s")
-        hours = self._summary_index()[2]["TIME"].upper() == "HOURS"
-        seconds = _gather(records, keys["TIME"]).astype(np.float64) * (3600.0 if hours else 86400.0)
-        return origin + np.trunc(seconds).astype("timedelta64[s]")
+        position, unit = self._vectors["TIME"]
+        seconds = _gather(self._summary_records(), position).astype(np.float64) * (
+            3600.0 if unit.upper() == "HOURS" else 86400.0)
+        dates = origin + np.trunc(seconds).astype("timedelta64[s]")
+        return Summary(dates, _gather(self._summary_records(), self._vectors[key][0]))
 
 
 def _spread(out: NDArray[Any], inactive: NDArray[np.bool_], count: int) -> None:
@@ -567,9 +570,11 @@ def _gather(records: list[_Array], position: int) -> NDArray[Any]:
     if not records:
         return np.empty(0, dtype=np.float32)
     big = _NUMERIC[records[0].kind]
+    if any(r.length <= position or r.kind != records[0].kind for r in records):
+        raise ValueError(f"{records[0].path}: a time step's record does not hold the value at {position}")
     block, within = divmod(position, _BLOCK_VALUES)
     skip = block * (_BLOCK_VALUES * big.itemsize + 8) + 4 + within * big.itemsize
-    values = np.empty(len(records), dtype=_NATIVE[records[0].kind])
+    values: NDArray[Any] = np.empty(len(records), dtype=_NATIVE[records[0].kind])
     paths = [r.path for r in records]
     for path in dict.fromkeys(paths):
         chosen = [i for i, p in enumerate(paths) if p == path]
