@@ -260,9 +260,10 @@ class Results:
                 f".SMSPEC there.  The cases there: {_cases_in(case.parent)}")
         self._summary_files = summaries
         self._actnum: _Array | None = None
-        # The inactive cells, read from ACTNUM when first needed: None when every cell is active.
-        self._inactive: NDArray[np.bool_] | None = None
-        self._inactive_known = False
+        # The inactive cells, read from ACTNUM when first needed and kept a bit a cell (None when
+        # every cell is active), and how many there are.
+        self._inactive_bits: NDArray[np.uint8] | None = None
+        self._inactive_count: int | None = None
 
         egrid = _scan(self.files["EGRID"], ("GRIDHEAD",)) if "EGRID" in self.files else []
         init = _scan(self.files["INIT"], ("INTEHEAD",)) if "INIT" in self.files else []
@@ -338,24 +339,31 @@ class Results:
             parts.append(f"{len(self._vectors)} summary vectors")
         return f"<kavra.results.Results {', '.join(parts)}>"
 
-    def _inactive_cells(self) -> NDArray[np.bool_] | None:
-        """True at each inactive cell (ACTNUM 0), or None when every cell is active; read once."""
-        if not self._inactive_known:
+    def _inactive_total(self) -> int:
+        """How many cells are inactive: ACTNUM is read the first time, and kept a bit a cell."""
+        if self._inactive_count is None:
             if self._actnum is None:
                 if self._header_active != self._cells:
                     raise FileNotFoundError(
                         f"the case has {self._header_active} active cells of {self._cells}, and which they are "
                         f"is in the ACTNUM of {self.case.name}.EGRID, which the case does not have")
-                self._inactive = None
+                self._inactive_count = 0
             else:
                 if self._actnum.length != self._cells or self._actnum.kind != b"INTE":
                     raise ValueError(f"{self._actnum.path}: ACTNUM holds {self._actnum.length} values, "
                                      f"not one for each of the {self._cells} cells")
-                active = np.empty(self._cells, dtype=bool)
-                _read_into(self._actnum, active)  # nonzero: active
-                self._inactive = np.logical_not(active, out=active) if not active.all() else None
-            self._inactive_known = True
-        return self._inactive
+                inactive = np.empty(self._cells, dtype=bool)
+                _read_into(self._actnum, inactive)  # nonzero: active
+                np.logical_not(inactive, out=inactive)
+                self._inactive_count = int(np.count_nonzero(inactive))
+                self._inactive_bits = np.packbits(inactive) if self._inactive_count else None
+        return self._inactive_count
+
+    def _inactive_cells(self) -> NDArray[np.bool_] | None:
+        """A new array, True at each inactive cell; None when every cell is active."""
+        if self._inactive_total() == 0 or self._inactive_bits is None:
+            return None
+        return np.unpackbits(self._inactive_bits, count=self._cells).view(np.bool_)
 
     @property
     def active(self) -> NDArray[np.bool_]:
@@ -395,8 +403,7 @@ class Results:
 
     def _cell_arrays(self, arrays: dict[str, _Array]) -> list[str]:
         """The names of the numeric arrays with a value per cell or per active cell."""
-        inactive = self._inactive_cells()
-        sizes = (self._cells, self._cells - (0 if inactive is None else int(np.count_nonzero(inactive))))
+        sizes = (self._cells, self._cells - self._inactive_total())
         return [name for name, a in arrays.items() if a.kind in _NUMERIC and a.length in sizes]
 
     def property_names(self, step: int | None = None) -> tuple[str, ...]:
@@ -479,7 +486,7 @@ class Results:
         if array.length < self._cells:  # a value per active cell
             _spread(out, inactive, array.length)
         out[inactive] = 0
-        return np.ma.MaskedArray(out, mask=inactive.copy())
+        return np.ma.MaskedArray(out, mask=inactive)
 
     # -- summary ---------------------------------------------------------------------------
 
