@@ -1,10 +1,13 @@
 """kavra.results on Flow's output for SPE1 and SPE3 (inactive cells), against what opm.io.ecl reads."""
 
+import runpy
 import shutil
+import struct
 
 import numpy as np
 import pytest
 
+from conftest import ROOT
 from flow_cases import CASES, flow_case, flow_run  # noqa: F401  (fixtures)
 
 ecl = pytest.importorskip("opm.io.ecl")
@@ -115,3 +118,12 @@ def test_missing_and_damaged_files(flow_run, tmp_path, keep, damage, error, word
             (tmp_path / "SPE1CASE1.INIT").write_bytes(data[:last.offset + 100])
             r.cell_property("PVTNUM")
         r.cell_property("PORV")
+
+
+def test_the_flow_example_draws_its_maps(flow_run, tmp_path, capsys):
+    flow_run("SPE1CASE1")  # skips where Flow is missing
+    png = tmp_path / "flow_case.png"
+    runpy.run_path(str(ROOT / "examples/flow_case.py"))["main"](["--png", str(png)])
+    data = png.read_bytes()
+    assert data[:8] == b"\x89PNG\r\n\x1a\n" and struct.unpack(">II", data[16:24])[0] > 1000
+    assert f"Figure written to {png}" in capsys.readouterr().out
