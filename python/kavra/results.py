@@ -56,10 +56,10 @@ __all__ = ["Results", "Summary", "read"]
 
 # The big-endian type of each numeric array type of the files, and how many
 # values a block holds (character arrays, 105 a block, are never cell values).
-_NUMERIC: dict[bytes, np.dtype[Any]] = {b"INTE": np.dtype(">i4"), b"REAL": np.dtype(">f4"), b"DOUB": np.dtype(">f8"),
-            b"LOGI": np.dtype(">i4")}
-_NATIVE: dict[bytes, np.dtype[Any]] = {b"INTE": np.dtype(np.int32), b"REAL": np.dtype(np.float32), b"DOUB": np.dtype(np.float64),
-           b"LOGI": np.dtype(np.bool_)}
+_NUMERIC: dict[bytes, np.dtype[Any]] = {b"INTE": np.dtype(">i4"), b"REAL": np.dtype(">f4"),
+                                        b"DOUB": np.dtype(">f8"), b"LOGI": np.dtype(">i4")}
+_NATIVE: dict[bytes, np.dtype[Any]] = {b"INTE": np.dtype(np.int32), b"REAL": np.dtype(np.float32),
+                                       b"DOUB": np.dtype(np.float64), b"LOGI": np.dtype(np.bool_)}
 _BLOCK_VALUES = 1000
 _BLOCKS_PER_READ = 1024  # 4 MiB of float32 values a read
 
@@ -126,20 +126,21 @@ def _scan(path: pathlib.Path, small: Sequence[str] = ()) -> list[tuple[str, _Arr
     Only the headers are read (resfo moves from one to the next without reading the values).
     """
     found: list[tuple[str, _Array, Any]] = []
-    try:
-        with open(path, "rb") as stream:
-            size = os.fstat(stream.fileno()).st_size
+    with open(path, "rb") as stream:
+        size = os.fstat(stream.fileno()).st_size
+        try:
             for entry in resfo.lazy_read(stream, resfo.Format.UNFORMATTED):
                 name, count, kind = entry.read_keyword().strip(), entry.read_length(), entry.read_type()
                 kind = kind.encode("ascii") if isinstance(kind, str) else kind
                 end = stream.tell()
-                if end > size:
+                if end > size or count < 0:
                     raise resfo.ResfoParsingError(f"the file ends inside the values of {name}")
                 values = entry.read_array() if name in small else None
                 found.append((name, _Array(path, end - _data_bytes(count, kind), count, kind), values))
                 stream.seek(end)
-    except resfo.ResfoParsingError as error:
-        raise ValueError(f"{path} is not an unformatted result file, or it is cut short: {error}") from error
+        # a length that leads before the start of the file makes the seek fail (EINVAL)
+        except (resfo.ResfoParsingError, UnicodeDecodeError, OSError) as error:
+            raise ValueError(f"{path} is not an unformatted result file, or it is cut short: {error}") from error
     return found
 
 
@@ -191,7 +192,8 @@ def _case_base(path: pathlib.Path) -> pathlib.Path:
 
 
 def _case_file(base: pathlib.Path, extension: str) -> pathlib.Path | None:
-    for candidate in (base.with_name(f"{base.name}.{extension}"), base.with_name(f"{base.name}.{extension.lower()}")):
+    for name in (f"{base.name}.{extension}", f"{base.name}.{extension.lower()}"):
+        candidate = base.with_name(name)
         if candidate.is_file():
             return candidate
     return None
@@ -471,8 +473,8 @@ class Results:
         >>> sgas.reshape(r.grid.nK, r.grid.nJ, r.grid.nI)[0]         # doctest: +SKIP
         """
         arrays, what = self._arrays(step)
-        key = str(name).upper()
         cells = self._cell_arrays(arrays)
+        key = name if name in cells else str(name).upper()
         if key not in cells:
             raise KeyError(f"{name} is not an array with a value per cell in {what}; "
                            f"those with one: {_listing(cells)}")
@@ -552,7 +554,8 @@ class Results:
         position, unit = self._vectors["TIME"]
         seconds = _gather(self._summary_records(), position).astype(np.float64) * (
             3600.0 if unit.upper() == "HOURS" else 86400.0)
-        dates = origin + np.trunc(seconds).astype("timedelta64[s]")
+        with np.errstate(invalid="ignore"):  # a TIME that is NaN has no date (NaT)
+            dates = origin + np.trunc(seconds).astype("timedelta64[s]")
         return Summary(dates, _gather(self._summary_records(), self._vectors[key][0]))
 
 
