@@ -20,13 +20,22 @@ float32, in the machine's byte order) and the file's units (:attr:`Results.units
 
 Examples
 --------
+SPE1 with the schedule of the tests, run with Flow (``examples/flow_case.py``
+runs it; the examples need its files, hence the skips):
+
 >>> import kavra.results
->>> r = kavra.results.read("output/SPE1CASE1")           # doctest: +SKIP
+>>> r = kavra.results.read("run/SPE1CASE1")              # doctest: +SKIP
 >>> r                                                      # doctest: +SKIP
 <kavra.results.Results SPE1CASE1 10x10x3 FIELD, 300 active cells, report steps 0..6, 14 summary vectors>
->>> r.cell_property("PRESSURE", step=3)[:3]                # doctest: +SKIP
-masked_array(data=[5999.62, 5991.03, 5979.18], mask=False, fill_value=1e+20, dtype=float32)
->>> dates, fopr = r.summary("FOPR")                        # doctest: +SKIP
+>>> r.cell_property("PRESSURE", step=3)[:3]                # psia  # doctest: +SKIP
+masked_array(data=[6025.857, 5845.081, 5670.806],
+             mask=False,
+       fill_value=np.float64(1e+20),
+            dtype=float32)
+>>> dates, fpr = r.summary("FPR")                          # doctest: +SKIP
+>>> dates[:2], fpr[:2]                                     # doctest: +SKIP
+(array(['2015-01-02T00:00:00', '2015-01-05T00:00:00'], dtype='datetime64[s]'),
+ array([4794.366 , 4800.7407], dtype=float32))
 """
 
 from __future__ import annotations
@@ -279,6 +288,8 @@ class Results:
         dims: Sequence[int] | None = None
         header = next((values for name, _, values in init if name == "INTEHEAD"),
                       next(iter(self._headers.values()), None))
+        if header is not None and header.size <= _NACTIVE:
+            raise ValueError(f"the INTEHEAD of {case.name} holds {header.size} items, too few for the grid")
         for name, where, values in egrid:
             if name == "GRIDHEAD" and dims is None:
                 dims = [int(n) for n in values[1:4]]
@@ -294,6 +305,8 @@ class Results:
         if dims is None:
             raise ValueError(f"the case {case} has no grid dimensions: no GRIDHEAD in an EGRID, no INTEHEAD "
                              "in an INIT or restart, no DIMENS in an SMSPEC")
+        if len(dims) != 3 or min(dims) < 1:
+            raise ValueError(f"the case {case} has a grid of {dims} cells")
         self.grid = tessel.ReservoirTopology(*dims)
         self._cells = dims[0] * dims[1] * dims[2]
         # The active cells that the headers count: what a case without ACTNUM is checked against.
@@ -321,6 +334,8 @@ class Results:
         non_unified = _STEP_FILE.search(path.name)
         arrays: dict[str, _Array] | None = None
         for name, where, values in _scan(path, ("SEQNUM", "INTEHEAD")):
+            if name == "SEQNUM" and len(values) != 1:
+                raise ValueError(f"{path}: a SEQNUM of {len(values)} values, not one")
             if name == "SEQNUM" or (arrays is None and non_unified):
                 step = int(values[0]) if name == "SEQNUM" else int(path.suffix[2:])
                 arrays = self._steps.setdefault(step, {})
@@ -466,11 +481,18 @@ class Results:
 
         Examples
         --------
-        >>> r = kavra.results.read("output/SPE1CASE1.UNRST")        # doctest: +SKIP
+        SPE1 run with Flow (see the module's examples): its pore volume in rb, and the gas
+        saturation of the first four cells of the top layer at the last report step.
+
+        >>> r = kavra.results.read("run/SPE1CASE1.UNRST")           # doctest: +SKIP
         >>> r.cell_property("PORV").sum()                           # doctest: +SKIP
-        np.float32(...)
+        np.float32(5.343228e+08)
         >>> sgas = r.cell_property("SGAS", step=r.steps[-1])         # doctest: +SKIP
-        >>> sgas.reshape(r.grid.nK, r.grid.nJ, r.grid.nI)[0]         # doctest: +SKIP
+        >>> sgas.reshape(r.grid.nK, r.grid.nJ, r.grid.nI)[0, 0, :4]  # doctest: +SKIP
+        masked_array(data=[0.4393898 , 0.36187738, 0.3287215 , 0.2755231 ],
+                     mask=False,
+               fill_value=np.float64(1e+20),
+                    dtype=float32)
         """
         arrays, what = self._arrays(step)
         cells = self._cell_arrays(arrays)
@@ -536,7 +558,9 @@ class Results:
 
         Examples
         --------
-        >>> dates, fpr = kavra.results.read("output/SPE1CASE1").summary("FPR")   # doctest: +SKIP
+        >>> dates, fpr = kavra.results.read("run/SPE1CASE1").summary("FPR")      # psia  # doctest: +SKIP
+        >>> fpr[:2]                                                             # doctest: +SKIP
+        array([4794.366 , 4800.7407], dtype=float32)
         """
         if "SMSPEC" not in self.files:
             raise FileNotFoundError(f"{self.case.name}.SMSPEC does not exist (the case has: "
@@ -635,8 +659,8 @@ def read(path: str | os.PathLike[str]) -> Results:
     Parameters
     ----------
     path : str or path-like
-        The case's base name (``"output/SPE1CASE1"``) or any of its files
-        (``"output/SPE1CASE1.UNRST"``, ``.EGRID``, ``.DATA``, ...).
+        The case's base name (``"run/SPE1CASE1"``) or any of its files
+        (``"run/SPE1CASE1.UNRST"``, ``.EGRID``, ``.DATA``, ...).
 
     Returns
     -------
@@ -655,10 +679,8 @@ def read(path: str | os.PathLike[str]) -> Results:
     Examples
     --------
     >>> import kavra.results
-    >>> r = kavra.results.read("output/SPE1CASE1")                   # doctest: +SKIP
+    >>> r = kavra.results.read("run/SPE1CASE1.DATA")                 # doctest: +SKIP
     >>> r.grid, r.units, r.steps                                      # doctest: +SKIP
     (ReservoirTopology(10, 10, 3), 'FIELD', (0, 1, 2, 3, 4, 5, 6))
-    >>> p = r.cell_property("PRESSURE", step=6)                       # psia, float32
-    ... # doctest: +SKIP
     """
     return Results(_case_base(pathlib.Path(os.fspath(path))))
