@@ -38,11 +38,17 @@ simulator.step_cleanup()
 """
 
 
-def write_deck(name, directory):
-    """Writes deck `name` of CASES, with its additions, to directory/name.DATA; returns that path."""
+def write_deck(name, directory, unified=True):
+    """Writes deck `name` of CASES, with its additions, to directory/name.DATA; returns that path.
+
+    unified=False leaves out UNIFIN and UNIFOUT: Flow then writes a restart file per report
+    step (name.X0000, ...) and a summary file per report step (name.S0001, ...).
+    """
     additions = CASES[name]
     lines, seen = [], set()
     for line in (DATA / f"{name}.DATA").read_text().splitlines():
+        if not unified and line.strip() in ("UNIFIN", "UNIFOUT"):
+            continue
         if line.strip() in additions:
             lines += [(DATA / additions[line.strip()]).read_text(), ""]
             seen.add(line.strip())
@@ -54,9 +60,9 @@ def write_deck(name, directory):
     return deck
 
 
-def run_flow(name, directory):
+def run_flow(name, directory, unified=True):
     """Runs Flow on deck `name` of CASES in `directory`; returns the case's base path (directory/name)."""
-    deck = write_deck(name, directory)
+    deck = write_deck(name, directory, unified)
     done = subprocess.run([sys.executable, "-c", _RUN, str(deck)], cwd=directory, capture_output=True,
                           text=True, timeout=600)
     if done.returncode != 0:
@@ -67,14 +73,14 @@ def run_flow(name, directory):
 
 @pytest.fixture(scope="session")
 def flow_run(tmp_path_factory):
-    """run(name): the base path of case `name` of CASES, run with Flow once in the session."""
+    """run(name, unified=True): the base path of case `name` of CASES, run with Flow once in the session."""
     pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
     runs = {}
 
-    def run(name):
-        if name not in runs:
-            runs[name] = run_flow(name, tmp_path_factory.mktemp(name))
-        return runs[name]
+    def run(name, unified=True):
+        if (name, unified) not in runs:
+            runs[name, unified] = run_flow(name, tmp_path_factory.mktemp(name), unified)
+        return runs[name, unified]
 
     return run
 

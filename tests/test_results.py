@@ -60,6 +60,18 @@ def test_flow_took_cells_through_both_states(flow_run):
     assert 0 < saturated.sum() < saturated.size
 
 
+def test_a_file_per_report_step_reads_as_the_unified_files(flow_run):
+    unified, split = results.read(flow_run("SPE1CASE1")), results.read(flow_run("SPE1CASE1", unified=False))
+    assert split.files["RESTART"].name == "SPE1CASE1.X0000" and split.files["SUMMARY"].name == "SPE1CASE1.S0001"
+    assert split.steps == unified.steps and np.array_equal(split.dates, unified.dates)
+    for step in split.steps:
+        assert split.property_names(step) == unified.property_names(step)
+        for name in split.property_names(step):
+            assert np.array_equal(split.cell_property(name, step), unified.cell_property(name, step))
+    for key in unified.summary_keys:
+        assert all(map(np.array_equal, split.summary(key), unified.summary(key)))
+
+
 @pytest.mark.parametrize("name", ["SPE1CASE1", "SPE1CASE1.UNRST", "SPE1CASE1.EGRID", "SPE1CASE1.DATA"])
 def test_a_case_is_named_by_its_base_name_or_any_of_its_files(flow_run, name):
     case = flow_run("SPE1CASE1")
