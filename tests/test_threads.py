@@ -199,7 +199,7 @@ def test_a_table_list_grown_during_a_call():
     attacker = threading.Thread(target=grow)
     attacker.start()
     try:
-        for _ in range(30):
+        for _ in range(100):
             try:
                 kavra.one_over_bw(tables, regions, p, threads=2)
             except ValueError as error:
