@@ -168,7 +168,9 @@ def test_an_array_given_new_state_during_a_call(target):
     """__setstate__ frees the memory an array owns, views or not: a call never works on it unlocked."""
     water, n = PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]]), 1 << 20
     arrays = {"input": np.linspace(50.0, 400.0, n), "out": np.empty(n)}
-    state, stop = np.full(n, 7.0).__reduce__()[2], threading.Event()
+    # Byte-swapped state: each __setstate__ frees the array's memory and allocates new (a native one
+    # would only point the array at the state's bytes, after the first time).
+    state, stop = np.full(n, 7.0, ">f8").__reduce__()[2], threading.Event()
 
     def replace():
         while not stop.is_set():

@@ -71,7 +71,10 @@ class CellArrays:
         After a failure only when `result` started as a copy of `out`: then its cells past the
         failing one are those of `out`, and the cells before it are written once."""
         if self.out is not None and (not failed or self.from_out):
-            np.copyto(self.out, self.result.reshape(self.shape), casting="same_kind")
+            if is_native_buffer(self.out, _FLOAT64):
+                memoryview(self.out.reshape(-1)).cast("B")[:] = memoryview(self.result).cast("B")
+            else:
+                np.copyto(self.out, self.result.reshape(self.shape), casting="same_kind")
 
 
 _FLOAT64 = np.dtype(np.float64)
@@ -110,7 +113,9 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
     (zeros without it), for calculations that leave some cells alone.  With
     `private` every buffer is a new copy that nothing else holds: the native
     call may work on it without the interpreter lock, while other threads
-    may free or replace the memory of the caller's arrays (``__setstate__``).
+    may free or replace the memory of the caller's arrays (``__setstate__``);
+    the caller's float64 and int32 buffers are copied, and `out` written,
+    with the lock held (`held_copy`).
     An input that shares memory with `out` is read from a copy, unless it is
     `out` itself.
     """
@@ -139,8 +144,8 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
     region_buffer = None
     if regions is not None:
         region_buffer = _regions(function, regions[0], data.pop(0), shape, mask, private)
-    buffers = [a.reshape(-1) if not private and a.shape == shape and is_native_buffer(a, _FLOAT64)
-               else _converted(a, shape) for a in data]
+    buffers = [(held_copy(a) if private else a).reshape(-1)
+               if a.shape == shape and is_native_buffer(a, _FLOAT64) else _converted(a, shape) for a in data]
 
     given_out, target, result, in_place = out, None, None, False
     if out is not None:
@@ -161,12 +166,19 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
             result = out_data.reshape(-1)
         else:
             target = out_data
-            result = (out_data.astype(np.float64, order="C").reshape(-1) if keep_out or in_place
-                      else np.empty(out_data.size))
+            result = (held_copy(out_data).reshape(-1) if in_place
+                      else out_data.astype(np.float64, order="C").reshape(-1) if keep_out else np.empty(out_data.size))
     if result is None:
         result = np.zeros(int(np.prod(shape))) if keep_out else np.empty(int(np.prod(shape)))
     from_out = target is not None and target.dtype == _FLOAT64 and (keep_out or in_place)
     return CellArrays(function, shape, region_buffer, buffers, result, target, given_out, mask, from_out)
+
+
+def held_copy(array: np.ndarray) -> np.ndarray:
+    """A copy of a C-contiguous array in memory of its own, made with the interpreter lock held
+    throughout.  (NumPy lets go of the lock in a large copy, and another thread may then free the
+    memory it reads: ``__setstate__`` frees an array's memory whatever views or exports it has.)"""
+    return np.frombuffer(bytearray(memoryview(array.reshape(-1)).cast("B")), array.dtype).reshape(array.shape)
 
 
 def _converted(array: np.ndarray, shape: tuple[int, ...]) -> NDArray[np.float64]:
@@ -180,8 +192,8 @@ def _regions(function: str, name: str, array: np.ndarray, shape: tuple[int, ...]
              mask: NDArray[np.bool_] | None, private: bool) -> NDArray[np.int32]:
     """Region numbers as flat int32, converted in one pass; a number past int32 fails, one below
     int32 becomes its lowest value (both belong to no table's region)."""
-    if not private and array.shape == shape and mask is None and is_native_buffer(array, _INT32):
-        return array.reshape(-1)
+    if array.shape == shape and mask is None and is_native_buffer(array, _INT32):
+        return (held_copy(array) if private else array).reshape(-1)
     result = np.empty(shape, dtype=np.int32)
     if (array.dtype.itemsize > 4 or array.dtype == np.uint32) and array.size:
         checked = array if mask is None else np.where(mask, 0, np.broadcast_to(array, shape))

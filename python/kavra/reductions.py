@@ -39,7 +39,7 @@ import tessel
 from . import _kavracore as _native
 from . import _parallel
 from ._threads import resolve as _resolve_threads, run as _run_parallel
-from ._arrays import native_message, split_mask
+from ._arrays import held_copy, native_message, split_mask
 from ._docs import filled
 
 __all__ = ["kmax", "kmin", "ksum", "kaverage"]
@@ -172,8 +172,8 @@ def _on_threads(native: Any, topology: Any, values: np.ndarray, threads: int | N
         # The columns run without the interpreter lock, when another thread may free the memory of
         # the caller's array (__setstate__): they read a private copy.
         result = np.empty(values.shape, dtype=values.dtype)
-        _run_parallel(_parallel.ReduceGrid, native.__name__, values.copy(), result, topology.nI * topology.nJ,
-                      count=count)
+        columns = topology.nI * topology.nJ
+        _run_parallel(_parallel.ReduceGrid, native.__name__, held_copy(values), result, columns, count=count)
         return result
     return native(topology, values)
 
