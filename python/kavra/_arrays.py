@@ -72,7 +72,8 @@ class CellArrays:
         failing one are those of `out`, and the cells before it are written once."""
         if self.out is not None and (not failed or self.from_out):
             if is_native_buffer(self.out, _FLOAT64):
-                memoryview(self.out.reshape(-1)).cast("B")[:] = memoryview(self.result).cast("B")
+                target = memoryview(self.out.reshape(-1)).cast("B")  # type: ignore[arg-type]
+                target[:] = memoryview(self.result).cast("B")  # type: ignore[arg-type]
             else:
                 np.copyto(self.out, self.result.reshape(self.shape), casting="same_kind")
 
@@ -178,7 +179,8 @@ def held_copy(array: np.ndarray) -> np.ndarray:
     """A copy of a C-contiguous array in memory of its own, made with the interpreter lock held
     throughout.  (NumPy lets go of the lock in a large copy, and another thread may then free the
     memory it reads: ``__setstate__`` frees an array's memory whatever views or exports it has.)"""
-    return np.frombuffer(bytearray(memoryview(array.reshape(-1)).cast("B")), array.dtype).reshape(array.shape)
+    data = bytearray(memoryview(array.reshape(-1)).cast("B"))  # type: ignore[arg-type]
+    return np.frombuffer(data, array.dtype).reshape(array.shape)
 
 
 def _converted(array: np.ndarray, shape: tuple[int, ...]) -> NDArray[np.float64]:

@@ -48,7 +48,8 @@ ntg : array_like of float, optional
     Net-to-gross ratio per cell, applied after the division.""",
     "out": """\
 out : ndarray, optional
-    Where to write the result.""",
+    Where to write the result: the result's shape, a real floating dtype; it may overlap the
+    inputs (they are read as if before any cell is written).""",
     "threads": """\
 threads : int, optional
     Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.""",

@@ -12,11 +12,19 @@ Conventions shared by all of them:
   is read in place, with no copy.  Region numbers (``pvtnum``, counted from
   1; a cell below 1 belongs to no region) are any integer array, read in
   place when they are such an int32 array.
-* ``out``: an array of the result's shape, filled and returned.  A
-  contiguous native float64 ``out`` is written in place; any other real
-  dtype gets the float64 result cast into it (``same_kind``).  When a
-  failure stops a calculation, ``out`` may hold the cells before the one
-  that failed.
+* ``out``: an array of the result's shape and a real floating dtype,
+  filled and returned.  On one thread a contiguous native float64 ``out``
+  is written in place; any other floating dtype gets the float64 result
+  cast into it.  An input that shares memory with ``out`` (other than
+  ``out`` itself) is read from a copy, as NumPy's ufuncs do: the result is
+  as if every input were read before a cell was written.  When a failure
+  stops a calculation, ``out`` may hold the cells before the one that
+  failed, each written once.  A masked ``out`` takes the result's mask; a
+  hard-masked one is refused.
+* Threads: a call on more than one thread lets go of the interpreter lock
+  while its cells run, and works on private copies of its buffers then
+  (another thread may free the memory of an array, ``__setstate__``), made
+  and written back with the lock held.
 * Masked arrays: a cell masked in any input is masked in the result, which
   is then a ``numpy.ma.MaskedArray``; its region is not looked up (a masked
   cell never fails) and the data under the mask is not defined.
@@ -108,7 +116,8 @@ def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: Runtim
     # A native list that another thread changed since the call failed may hold no such cell now:
     # then the native words alone.
     message, regions, count = native_message(error), cells.regions, len(native_list)
-    past = np.flatnonzero(regions > count) if "region number" in message else ()
+    none = np.empty(0, dtype=np.intp)
+    past = np.flatnonzero(regions > count) if "region number" in message else none
     if len(past):  # the first cell whose region is past the list
         position = int(past[0])
         have = f"regions 1 to {count}" if count > 1 else "only region 1" if count else "no regions"
@@ -116,7 +125,7 @@ def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: Runtim
                           f"{index_text('pvtnum', position, cells.shape)} is not in the {kind} table, "
                           f"which has {have}")
     empty = [r for r, table in enumerate(native_list, start=1) if len(table) == 0] if "Empty" in message else []
-    needing = np.flatnonzero(np.isin(regions, empty)) if empty else ()
+    needing = np.flatnonzero(np.isin(regions, empty)) if empty else none
     if len(needing):  # the first cell whose region's table has no rows
         position = int(needing[0])
         return ValueError(f"{cells.function}: region {regions[position]} of the {kind} table has no rows "
