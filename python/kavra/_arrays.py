@@ -72,8 +72,7 @@ class CellArrays:
         failing one are those of `out`, and the cells before it are written once."""
         if self.out is not None and (not failed or self.from_out):
             if is_native_buffer(self.out, _FLOAT64):
-                target = memoryview(self.out.reshape(-1)).cast("B")  # type: ignore[arg-type]
-                target[:] = memoryview(self.result).cast("B")  # type: ignore[arg-type]
+                _copy_bytes(self.result, self.out)
             else:
                 np.copyto(self.out, self.result.reshape(self.shape), casting="same_kind")
 
@@ -179,8 +178,16 @@ def held_copy(array: np.ndarray) -> np.ndarray:
     """A copy of a C-contiguous array in memory of its own, made with the interpreter lock held
     throughout.  (NumPy lets go of the lock in a large copy, and another thread may then free the
     memory it reads: ``__setstate__`` frees an array's memory whatever views or exports it has.)"""
-    data = bytearray(memoryview(array.reshape(-1)).cast("B"))  # type: ignore[arg-type]
-    return np.frombuffer(data, array.dtype).reshape(array.shape)
+    copy = np.empty(array.shape, array.dtype)
+    _copy_bytes(array, copy)
+    return copy
+
+
+def _copy_bytes(source: np.ndarray, target: np.ndarray) -> None:
+    """The bytes of one C-contiguous array into another of the same size: a memcpy that keeps the
+    interpreter lock."""
+    view = memoryview(target.reshape(-1)).cast("B")  # type: ignore[arg-type]
+    view[:] = memoryview(source.reshape(-1)).cast("B")  # type: ignore[arg-type]
 
 
 def _converted(array: np.ndarray, shape: tuple[int, ...]) -> NDArray[np.float64]:
