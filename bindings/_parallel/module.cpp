@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -107,7 +108,8 @@ void WithTables(Calc calc, const List& list, const Arguments& arguments, int thr
     bool inRange = false;
     {
         LockReleased released;
-        inRange = LargestRegion(arguments[0], parts) <= static_cast<std::int64_t>(list.size());
+        // Against the copy the parts run on: another thread may change `list` meanwhile.
+        inRange = LargestRegion(arguments[0], parts) <= static_cast<std::int64_t>(own.size());
         if (inRange)
             RunParts(parts, arguments, [&](const Arguments& slices) { calc(own, slices); });
     }
@@ -219,7 +221,9 @@ void ReduceColumnsInParts(const Buffer& values, const Buffer& result, std::int64
 {
     const std::int64_t n = values.Elements();
     const unsigned parts = static_cast<unsigned>(std::min<std::int64_t>(Parts(n, threads, cellsPerPlainPart), columns));
-    LockReleased released;
+    std::optional<LockReleased> released; // one part runs on the calling thread, the lock kept
+    if (parts > 1)
+        released.emplace();
     ParallelFor(columns, parts, [&](unsigned, std::uint64_t first, std::uint64_t last) {
         std::vector<T> accumulator(last - first, Operation::template Initial<T>());
         columns::ReduceGridColumns<Operation>(values.Bytes(), n, columns, accumulator.data(), result.Bytes(),

@@ -12,11 +12,19 @@ Conventions shared by all of them:
   is read in place, with no copy.  Region numbers (``pvtnum``, counted from
   1; a cell below 1 belongs to no region) are any integer array, read in
   place when they are such an int32 array.
-* ``out``: an array of the result's shape, filled and returned.  A
-  contiguous native float64 ``out`` is written in place; any other real
-  dtype gets the float64 result cast into it (``same_kind``).  When a
-  failure stops a calculation, ``out`` may hold the cells before the one
-  that failed.
+* ``out``: an array of the result's shape and a real floating dtype,
+  filled and returned.  On one thread a contiguous native float64 ``out``
+  is written in place; any other floating dtype gets the float64 result
+  cast into it.  An input that shares memory with ``out`` (other than
+  ``out`` itself) is read from a copy, as NumPy's ufuncs do: the result is
+  as if every input were read before a cell was written.  When a failure
+  stops a calculation, ``out`` may hold the cells before the one that
+  failed, each written once.  A masked ``out`` takes the result's mask; a
+  hard-masked one is refused.
+* Threads: a call on more than one thread lets go of the interpreter lock
+  while its cells run, and works on private copies of its buffers then
+  (another thread may free the memory of an array, ``__setstate__``), made
+  and written back with the lock held.
 * Masked arrays: a cell masked in any input is masked in the result, which
   is then a ``numpy.ma.MaskedArray``; its region is not looked up (a masked
   cell never fails) and the data under the mask is not defined.
@@ -37,7 +45,7 @@ import tessel
 
 from . import _kavracore as _native
 from . import _parallel
-from ._threads import resolve as _resolve_threads
+from ._threads import resolve as _resolve_threads, run as _run_parallel
 from ._arrays import CellArrays, index_text, native_message, prepare_cells, ready_buffers, split_mask
 from ._docs import filled
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
@@ -65,23 +73,29 @@ def _on_threads(call: Any, count: int) -> Any:
     """The native `call` run on `count` threads: kavra._parallel's function of the same name, which
     gives the native call's bits, and its failures, for any number of threads."""
     parallel = getattr(_parallel, call.__name__)
-    return lambda *arguments: parallel(*arguments, count)
+    return lambda *arguments: _run_parallel(parallel, *arguments, count=count)
+
+
+def _cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any, count: int,
+           keep_out: bool = False) -> CellArrays:
+    """The buffers of a calculation: on one thread the caller's own when they are ready as they are
+    (the native call keeps the interpreter lock); on more, private copies (the native call lets go
+    of the lock, and another thread may then free the caller's memory)."""
+    if count == 1:
+        ready = ready_buffers(None if regions is None else regions[1], [value for _, value in inputs], out)
+        if ready is not None:
+            first = 0 if regions is None else 1
+            return CellArrays(function, out.shape, None if regions is None else ready[0], ready[first:-1],
+                              ready[-1], None, out, None)
+    return prepare_cells(function, regions, inputs, out, keep_out=keep_out, private=count > 1)
 
 
 def _calculate(function: str, call: Any, native_list: Any, kind: str, pvtnum: Any, inputs: list[tuple[str, Any]],
                out: Any, threads: int | None, keep_out: bool = False) -> NDArray[np.float64]:
-    """A PVT or rock calculation: the native call straight on the caller's buffers when they are
-    ready as they are, else on prepared ones."""
-    call = _on_threads(call, _resolve_threads(threads))
-    ready = ready_buffers(pvtnum, [value for _, value in inputs], out)
-    if ready is not None:
-        try:
-            call(native_list, _wrap_int(ready[0]), *map(_wrap_double, ready[1:]))
-            return out  # type: ignore[no-any-return]
-        except RuntimeError:
-            pass  # the same call on the prepared buffers fails the same way, and says it in words
-    cells = prepare_cells(function, ("pvtnum", pvtnum), inputs, out, keep_out=keep_out)
-    return _run_table(call, native_list, kind, cells)
+    """A PVT or rock calculation, run once over the buffers of `_cells`."""
+    count = _resolve_threads(threads)
+    cells = _cells(function, ("pvtnum", pvtnum), inputs, out, count, keep_out)
+    return _run_table(_on_threads(call, count), native_list, kind, cells)
 
 
 def _run_table(call: Any, native_list: Any, kind: str, cells: CellArrays) -> NDArray[np.float64]:
@@ -91,6 +105,7 @@ def _run_table(call: Any, native_list: Any, kind: str, cells: CellArrays) -> NDA
     try:
         call(native_list, *grid_functions)
     except RuntimeError as error:
+        cells.written(failed=True)
         raise _table_failure(cells, native_list, kind, error) from error
     return cells.finish()  # type: ignore[no-any-return]
 
@@ -98,16 +113,21 @@ def _run_table(call: Any, native_list: Any, kind: str, cells: CellArrays) -> NDA
 def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: RuntimeError) -> ValueError:
     """The native failure in the caller's words: the cell and region, counted as the caller counts."""
     assert cells.regions is not None
+    # A native list that another thread changed since the call failed may hold no such cell now:
+    # then the native words alone.
     message, regions, count = native_message(error), cells.regions, len(native_list)
-    if "region number" in message:  # the first cell whose region is past the list
-        position = int(np.flatnonzero(regions > count)[0])
+    none = np.empty(0, dtype=np.intp)
+    past = np.flatnonzero(regions > count) if "region number" in message else none
+    if len(past):  # the first cell whose region is past the list
+        position = int(past[0])
         have = f"regions 1 to {count}" if count > 1 else "only region 1" if count else "no regions"
         return ValueError(f"{cells.function}: region {regions[position]} at "
                           f"{index_text('pvtnum', position, cells.shape)} is not in the {kind} table, "
                           f"which has {have}")
-    if "Empty" in message:  # the first cell whose region's table has no rows
-        empty = [r for r, table in enumerate(native_list, start=1) if len(table) == 0]
-        position = int(np.flatnonzero(np.isin(regions, empty))[0])
+    empty = [r for r, table in enumerate(native_list, start=1) if len(table) == 0] if "Empty" in message else []
+    needing = np.flatnonzero(np.isin(regions, empty)) if empty else none
+    if len(needing):  # the first cell whose region's table has no rows
+        position = int(needing[0])
         return ValueError(f"{cells.function}: region {regions[position]} of the {kind} table has no rows "
                           f"(needed at {index_text('pvtnum', position, cells.shape)})")
     return ValueError(f"{cells.function}: {message}")
@@ -117,6 +137,10 @@ def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: Runtim
 def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs: ArrayLike, *,
                           out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Bubble point pressure per cell, along the saturated line of the live-oil table.
+
+    Between two records the pressure is linear in Rs; below the first record and above the last
+    it is extrapolated linearly, not clipped: an Rs outside the table gives a pressure outside
+    the table's range.
 
     Parameters
     ----------
@@ -131,6 +155,8 @@ def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs:
     ndarray of float64
         Pressure per cell in the table's pressure unit (barsa in METRIC), linear in Rs between
         the table's records and extended linearly beyond them.
+
+    %(raises_table)s
 
     Examples
     --------
@@ -164,6 +190,8 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
     ndarray of float64
         1/B per cell (sm3/rm3 in METRIC); outside the table B is extended linearly.
 
+    %(raises_table)s
+
     Examples
     --------
     >>> import numpy as np
@@ -187,7 +215,9 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
     Where ``|po - pbub| < 0.0001`` the oil is saturated and Bo is read along the saturated line
     at ``po``; elsewhere Bo comes from the undersaturated rows of the first record whose
     saturated pressure is not below ``pbub`` (the last record above them all, the second one
-    at or below the first), at ``po``.
+    at or below the first), at ``po``.  A ``pbub`` above ``po`` is not clipped: Bo is read on
+    the undersaturated rows of the record at ``pbub``, at a pressure below it; for oil that is
+    saturated in such cells pass ``np.minimum(pbub, po)``.
 
     Parameters
     ----------
@@ -202,6 +232,8 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
     -------
     ndarray of float64
         1/Bo per cell (sm3/rm3 in METRIC).
+
+    %(raises_table)s
 
     Examples
     --------
@@ -235,6 +267,8 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
     -------
     ndarray of float64
         1/Bw per cell (sm3/rm3 in METRIC).
+
+    %(raises_table)s
 
     Examples
     --------
@@ -275,6 +309,8 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
     ndarray of float64
         1/Bg per cell (sm3/rm3 in METRIC).
 
+    %(raises_table)s
+
     Examples
     --------
     >>> from kavra import one_over_bg
@@ -311,6 +347,8 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
     ndarray of float64
         Porosity per cell (fraction), capped at 1.0 (no lower cap).
 
+    %(raises_table)s
+
     Examples
     --------
     >>> from kavra import porosity
@@ -328,18 +366,14 @@ def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[t
     """Native calls on the inputs and the result (by position), for calculations without tables:
     straight on the caller's buffers when they are ready as they are, else on prepared ones."""
     count = _resolve_threads(threads)
-    ready = ready_buffers(None, [value for _, value in inputs], out)
-    cells = None
-    if ready is None:
-        cells = prepare_cells(function, None, inputs, out)
-        ready = [*cells.inputs, cells.result]
-    buffers = list(map(_wrap_double, ready))
+    cells = _cells(function, None, inputs, out, count)
+    buffers = [*map(_wrap_double, cells.inputs), _wrap_double(cells.result)]
     try:
         for call, arguments in calls:
             _on_threads(call, count)(*(buffers[a] for a in arguments))
     except RuntimeError as error:
         raise ValueError(f"{function}: {native_message(error)}") from error
-    return out if cells is None else cells.finish()  # type: ignore[no-any-return]
+    return cells.finish()  # type: ignore[no-any-return]
 
 
 @filled
@@ -357,6 +391,8 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
     -------
     ndarray of float64
         Porosity per cell (fraction; not capped).
+
+    %(raises_plain)s
 
     Examples
     --------
@@ -386,6 +422,8 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
     ndarray of float64
         Bulk volume per cell, in the unit of ``porv``.
 
+    %(raises_plain)s
+
     Examples
     --------
     >>> from kavra import bulk_volume
@@ -414,6 +452,8 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
     -------
     ndarray of float64
         The ratio per cell.
+
+    %(raises_plain)s
 
     Examples
     --------
@@ -472,7 +512,7 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.Reser
                         f"got {type(selection).__name__}")
     (first, mask1), (second, mask2) = split_mask(nnc1), split_mask(nnc2)
     for name, array in (("nnc1", first), ("nnc2", second)):
-        if array.dtype.kind not in "iu":
+        if array.dtype.kind not in "iu" and array.size:  # [] is an empty list of any dtype
             raise TypeError(f"{function}: {name} must hold integer cell numbers, got {array.dtype}")
         if array.ndim != 1:
             raise ValueError(f"{function}: {name} must be one-dimensional, got the shape {array.shape}")

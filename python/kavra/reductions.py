@@ -38,8 +38,8 @@ import tessel
 
 from . import _kavracore as _native
 from . import _parallel
-from ._threads import resolve as _resolve_threads
-from ._arrays import native_message, split_mask
+from ._threads import resolve as _resolve_threads, run as _run_parallel
+from ._arrays import held_copy, native_message, split_mask
 from ._docs import filled
 
 __all__ = ["kmax", "kmin", "ksum", "kaverage"]
@@ -169,8 +169,11 @@ def _on_threads(native: Any, topology: Any, values: np.ndarray, threads: int | N
     count = _resolve_threads(threads)
     if (count > 1 and type(topology) is _GRID and values.size >= _MIN_THREADED
             and values.size <= _NATIVE_LIMIT and values.size == topology.nI * topology.nJ * topology.nK):
+        # The columns run without the interpreter lock, when another thread may free the memory of
+        # the caller's array (__setstate__): they read a private copy.
         result = np.empty(values.shape, dtype=values.dtype)
-        _parallel.ReduceGrid(native.__name__, values, result, topology.nI * topology.nJ, count)
+        columns = topology.nI * topology.nJ
+        _run_parallel(_parallel.ReduceGrid, native.__name__, held_copy(values), result, columns, count=count)
         return result
     return native(topology, values)
 
@@ -225,6 +228,8 @@ def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
 
     %(k_arguments)s
 
+    %(k_raises)s
+
     Examples
     --------
     >>> import numpy as np
@@ -246,6 +251,8 @@ def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
 
     %(k_arguments)s
 
+    %(k_raises)s
+
     Examples
     --------
     >>> import numpy as np
@@ -262,6 +269,8 @@ def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     """The sum of each K column, added in ascending K, in every cell of that column.
 
     %(k_arguments)s
+
+    %(k_raises)s
 
     Examples
     --------
@@ -280,6 +289,8 @@ def kaverage(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None,
     """The mean of each K column, in every cell of that column (integers truncate toward zero).
 
     %(k_arguments)s
+
+    %(k_raises)s
 
     Examples
     --------
