@@ -16,7 +16,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 import kavra
-import tessel
+from kavra import tessel
 
 DEFAULT_PNG = pathlib.Path(__file__).resolve().parent / "output" / "workflow.png"
 

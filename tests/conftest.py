@@ -12,7 +12,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 # through a helper module of tests/) is skipped, and so is a test marked needs_boost_python (one
 # that uses kavra's stand-in for _kavracore, `from kavra import _kavracore`, or to_native).  (The
 # build makes both modules or neither.)
-BOOST_PYTHON_MODULES = ("kavra._kavracore", "tessel")
+BOOST_PYTHON_MODULES = ("kavra._kavracore", "kavra.tessel")
 BOOST_PYTHON_BUILT = importlib.util.find_spec("kavra._kavracore") is not None
 WITHOUT_BOOST_PYTHON = (f"{' or '.join(BOOST_PYTHON_MODULES)}, which kavra was built without (no Boost.Python for "
                         f"Python {sys.version_info[0]}.{sys.version_info[1]})")

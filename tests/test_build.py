@@ -36,7 +36,7 @@ import sys
 
 class Hide:  # as if the build had left them out
     def find_spec(self, name, path=None, target=None):
-        if name in ("kavra._kavracore", "tessel._tessel"):
+        if name in ("kavra._kavracore", "kavra.tessel._tessel"):
             raise ModuleNotFoundError(f"No module named {name!r}", name=name)
 
 sys.meta_path.insert(0, Hide())
@@ -49,7 +49,7 @@ import importlib, pickle
 import kavra, kavra.tables
 table = kavra.tables.PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8]]], units="FIELD")
 assert pickle.loads(pickle.dumps(table)) == table and "TPVT" not in kavra.__all__ and not hasattr(kavra, "TPVT")
-for call in (table.to_native, lambda: kavra.tables.ROCK.from_native(None), lambda: importlib.import_module("tessel")):
+for call in (table.to_native, lambda: kavra.tables.ROCK.from_native(None), lambda: importlib.import_module("kavra.tessel")):
     try:
         call()
     except ImportError as error:
@@ -58,7 +58,7 @@ for call in (table.to_native, lambda: kavra.tables.ROCK.from_native(None), lambd
     done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=120)
     assert done.returncode == 0, done.stderr
     lines = done.stdout.splitlines()
-    assert [line.split()[:2] for line in lines] == [["NotBuilt", "kavra._kavracore"]] * 2 + [["NotBuilt", "tessel._tessel"]]
+    assert [line.split()[:2] for line in lines] == [["NotBuilt", "kavra._kavracore"]] * 2 + [["NotBuilt", "kavra.tessel._tessel"]]
     for line in lines:
         assert f"needs Boost.Python for {THIS_PYTHON}, and none was found when kavra was built" in line
         assert "pip install --no-binary kavra kavra" in line

@@ -11,7 +11,7 @@ from dask.distributed import Client, LocalCluster  # noqa: E402
 
 import kavra
 import kavra.dask
-import tessel
+from kavra import tessel
 from kavra.tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 NK, NJ, NI = 100, 100, 100  # 10^6 cells

@@ -10,12 +10,12 @@ import sys
 
 import numpy as np
 import pytest
-import tessel
+from kavra import tessel
 
 import kavra
 from catalogue import ROOT, S
 
-STUBS = {"kavra._kavracore": ROOT / "python/kavra/_kavracore.pyi", "tessel._tessel": ROOT / "python/tessel/_tessel.pyi"}
+STUBS = {"kavra._kavracore": ROOT / "python/kavra/_kavracore.pyi", "kavra.tessel._tessel": ROOT / "python/kavra/tessel/_tessel.pyi"}
 
 
 @pytest.mark.parametrize("command", [
@@ -38,7 +38,7 @@ def test_installed_packages_ship_stubs_and_marker():
 
 
 def runtime(name):
-    return getattr(kavra._kavracore, name, None) or getattr(tessel._tessel, name)
+    return getattr(kavra._kavracore, name, None) or getattr(kavra.tessel._tessel, name)
 
 
 TREES = [ast.parse(path.read_text()) for path in STUBS.values()]

@@ -41,7 +41,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-import tessel
+from . import tessel
 
 from . import _kavracore as _native
 from . import _parallel
@@ -498,7 +498,7 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.Reser
 
     Examples
     --------
-    >>> import tessel
+    >>> from kavra import tessel
     >>> from kavra import transmissibility_k
     >>> grid = tessel.ReservoirTopology(2, 1, 4)       # cells 0, 2, 4, 6 form column (0, 0)
     >>> everything = tessel.ReservoirSelectionTopology(grid, [[c % 2, 0, c // 2] for c in range(8)])

@@ -101,7 +101,7 @@ except ImportError as _error:  # the optional extra is not installed
 import numpy as np
 from numpy.typing import ArrayLike
 
-import tessel
+from . import tessel
 
 from ._docs import filled
 from . import calculations as _calculations

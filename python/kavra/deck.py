@@ -40,7 +40,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-import tessel
+from . import tessel
 
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_SYSTEMS
 

@@ -34,7 +34,7 @@ from typing import Any, Literal
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-import tessel
+from . import tessel
 
 from . import _kavracore as _native
 from . import _parallel

@@ -50,7 +50,7 @@ from typing import Any, NamedTuple
 import numpy as np
 from numpy.typing import NDArray
 
-import tessel
+from . import tessel
 
 from .tables import UNIT_SYSTEMS
 
