@@ -6,7 +6,7 @@ start from.  Every name of the native extension ``kavra._kavracore`` (the
 ``Calc…`` functions over grid functions, ``KMax`` …, and the table classes
 ``TScalar``, ``TPVTOList`` …) is available here as well, in a build that
 has that module (one that found Boost.Python for its Python).  Grid functions,
-topologies and connection lists come from the ``tessel`` package.
+topologies and connection lists come from ``kavra.tessel``.
 """
 
 from importlib import import_module as _import_module

@@ -1,4 +1,4 @@
-"""tessel: reservoir grids, selections of their cells, and grid functions.
+"""kavra.tessel, the grid library: reservoir grids, selections of their cells, and grid functions.
 
 * ``ReservoirTopology(nI, nJ, nK)``: a grid of nI x nJ x nK cells; cell
   (i, j, k) has the cell number ``i + nI * (j + nJ * k)``.
