@@ -40,7 +40,7 @@ native-test:
 		-o build/test_column_kernels
 	build/test_column_kernels
 
-test: native-test
+test: bootstrap native-test
 	@bash scripts/versions.sh test $(PYTHONS)
 
 # auditwheel copies the libraries that the modules need from outside the
@@ -52,7 +52,7 @@ wheel: bootstrap
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(VENV)/bin/auditwheel repair -w dist dist/raw/kavra-*.whl
 	rm -rf dist/raw
 
-wheels:
+wheels: bootstrap
 	@bash scripts/versions.sh wheels $(PYTHONS)
 
 # The interpreter is not instrumented, so the sanitizer runtimes that the

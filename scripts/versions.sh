@@ -37,7 +37,8 @@ interpreter() {
 }
 
 # The environment of version $1: make build's .venv when it has that version
-# (Boost.Python's: bootstrap.sh), else .venv-X.Y.
+# (bootstrap.sh makes it with Boost.Python's; make test and make wheels make it
+# first), else .venv-X.Y.
 venv_of() {
     if [ "$(.venv/bin/python -c 'import sys; print("%d.%d" % sys.version_info[:2])' 2>/dev/null)" = "$1" ]; then
         echo .venv
