@@ -29,7 +29,6 @@ import kavra.deck
 from kavra.tables import UNIT_LABELS
 
 HERE = pathlib.Path(__file__).resolve().parent
-DECKS = HERE.parent / "tests" / "data"
 DEFAULT_OUT = HERE / "output"
 
 # FIELD units: a stock-tank barrel (and a reservoir barrel) holds 5.614583 ft3,
@@ -66,7 +65,7 @@ def layer_table(deck: kavra.deck.Deck, columns: dict[str, tuple[str, Floats]]) -
 
 
 def spe1(out: pathlib.Path) -> None:
-    deck = kavra.deck.read(DECKS / "SPE1CASE1.DATA")
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
     units = UNIT_LABELS[deck.units]
     assert deck.units == "FIELD", "the constants above are FIELD units"
     assert deck.pvto is not None and deck.rock is not None
@@ -134,7 +133,7 @@ def oil_curves(deck: kavra.deck.Deck, region: int) -> dict[str, Any]:
 
 
 def spe3(out: pathlib.Path) -> None:
-    deck = kavra.deck.read(DECKS / "SPE3CASE1.DATA")
+    deck = kavra.deck.read(kavra.deck.example_path("SPE3CASE1"))
     units = UNIT_LABELS[deck.units]
     assert deck.units == "FIELD", "the constants above are FIELD units"
     assert deck.pvtg is not None and deck.rock is not None

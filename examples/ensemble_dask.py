@@ -23,8 +23,8 @@ import kavra
 import kavra.dask
 from kavra.tables import PVTO
 
-# The live-oil table of the deck SPE1CASE1.DATA (shared/data/decks), copied by
-# hand: FIELD units, Rs in Mscf/stb, pressure in psia, Bo in rb/stb, viscosity
+# The live-oil table of the deck SPE1CASE1 (kavra.deck.example_path("SPE1CASE1")),
+# copied by hand (this example needs no opm): FIELD units, Rs in Mscf/stb, pressure in psia, Bo in rb/stb, viscosity
 # in cP.  Each record is [rs, p, bo, mu] plus undersaturated [p, bo, mu] rows.
 SPE1_PVTO = PVTO([[
     [0.0010, 14.7, 1.0620, 1.0400],

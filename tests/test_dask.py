@@ -2,11 +2,12 @@
 
 import doctest
 
-import dask
-import dask.array as da
 import numpy as np
 import pytest
-from dask.distributed import Client, LocalCluster
+
+dask = pytest.importorskip("dask")
+import dask.array as da  # noqa: E402
+from dask.distributed import Client, LocalCluster  # noqa: E402
 
 import kavra
 import kavra.dask
@@ -152,6 +153,9 @@ def test_refusals_and_failures(fields):
         kavra.dask.ksum(pressure[1:], grid)
     with pytest.raises(TypeError, match="float16"):
         kavra.dask.kmin(pressure.astype(np.float16), grid)
+    with pytest.raises(ValueError, match=r"^kavra.dask.one_over_bo: the shapes of the inputs do not broadcast "
+                                         r"together: pvtnum \(\), po \(100, 100, 100\), pbub \(99,\)$"):
+        kavra.dask.one_over_bo(TABLES["pvto"], 1, pressure, np.ones(99))
 
     regions = da.where(da.arange(NK)[:, None, None] == 70, 3, fields["pvtnum"][1])  # region 3 in layer 70
     lazy = kavra.dask.one_over_bo(TABLES["pvto"], regions, pressure, 150.0)

@@ -10,6 +10,7 @@ from conftest import ROOT
 
 
 def test_demo_writes_its_figure(tmp_path, capsys):
+    pytest.importorskip("matplotlib")
     workflow = runpy.run_path(str(ROOT / "examples/workflow.py"))
     png = tmp_path / "figure" / "workflow.png"
     workflow["main"](["--png", str(png)])
@@ -27,6 +28,7 @@ def test_the_numpy_first_example_runs(capsys):
 
 @pytest.mark.skipif(importlib.util.find_spec("opm") is None, reason="opm is not installed (pip install '.[deck]')")
 def test_deck_demo_writes_a_figure_per_deck(tmp_path, capsys):
+    pytest.importorskip("matplotlib")
     workflow = runpy.run_path(str(ROOT / "examples/deck_workflow.py"))
     workflow["main"](["--out", str(tmp_path)])
     out = capsys.readouterr().out

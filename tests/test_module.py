@@ -20,6 +20,20 @@ def test_package_exposes_every_extension_name():
             "CalcTransmissibilityK"} <= public
 
 
+def test_the_namespace_holds_only_what_it_exports():
+    public = {n for n in dir(kavra) if not n.startswith("_")}
+    assert public - set(kavra.__all__) <= {"calculations", "reductions", "tables", "deck", "dask"}
+    assert not hasattr(kavra, "Any") and not hasattr(kavra, "TYPE_CHECKING")
+
+
+@pytest.mark.parametrize("module, extra", [("opm", "deck"), ("dask", "dask")])
+def test_without_an_extra_the_import_says_what_to_install(module, extra):
+    hide = (f"import sys; sys.modules[{module!r}] = None; import kavra\n"
+            f"try:\n    import kavra.{extra}\nexcept ImportError as error:\n    print(error)\n")
+    run = subprocess.run([sys.executable, "-c", hide], capture_output=True, text=True, check=True)
+    assert f"pip install 'kavra[{extra}]'" in run.stdout
+
+
 def test_functions_have_no_documentation_text():
     for name in ("CalcBulkVolume", "CalcRsFromComponents", "KMax", "KMin", "KSum", "KAverage"):
         assert getattr(kavra, name).__doc__ is None

@@ -10,7 +10,8 @@ topologies and connection lists come from the ``tessel`` package.
 
 from importlib import import_module as _import_module
 from importlib import metadata as _metadata
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING as _TYPE_CHECKING
+from typing import Any as _Any
 
 from . import _kavracore
 from ._kavracore import *  # noqa: F401,F403
@@ -30,7 +31,7 @@ _LAYER = {
     "kaverage": "reductions", "get_num_threads": "_threads", "set_num_threads": "_threads",
 }
 
-if TYPE_CHECKING:  # "name as name": exported for type checkers
+if _TYPE_CHECKING:  # "name as name": exported for type checkers
     from . import tables as tables
     from .calculations import bubble_point_pressure as bubble_point_pressure
     from .calculations import bulk_volume as bulk_volume
@@ -53,7 +54,7 @@ if TYPE_CHECKING:  # "name as name": exported for type checkers
 _SUBMODULES = ("tables", "calculations", "reductions")
 
 
-def __getattr__(name: str) -> Any:
+def __getattr__(name: str) -> _Any:
     if name in _SUBMODULES:
         return _import_module("." + name, __name__)
     if name in _LAYER:

@@ -85,13 +85,20 @@ True
 from __future__ import annotations
 
 import functools
+import inspect
+import math
 from collections.abc import Callable, Sequence
 from typing import Any, Literal
 
-import dask.array as da
+try:
+    import dask.array as da
+    from dask.array.core import unify_chunks
+    from dask.delayed import delayed
+except ImportError as _error:  # the optional extra is not installed
+    raise ImportError(
+        f"kavra.dask runs the calculations over dask arrays, and dask is not installed ({_error}): "
+        "pip install 'kavra[dask]'") from _error
 import numpy as np
-from dask.array.core import unify_chunks
-from dask.delayed import delayed
 from numpy.typing import ArrayLike
 
 import tessel
@@ -142,6 +149,20 @@ def _chunk_block(function: Callable[..., Any], keywords: tuple[str, ...], table:
         raise ValueError(f"{error} (in the chunk {where}; positions are counted within that chunk)") from error
 
 
+def _check_shapes(function: Callable[..., Any], names: Sequence[str], values: Sequence[Any]) -> None:
+    """ValueError naming the inputs whose shapes do not broadcast together, as the NumPy
+    functions say it (shapes with a size that dask does not know yet are left to the chunks)."""
+    shapes = [np.shape(value) for value in values]
+    if any(isinstance(n, float) and math.isnan(n) for shape in shapes for n in shape):
+        return
+    try:
+        np.broadcast_shapes(*shapes)
+    except ValueError:
+        listed = ", ".join(f"{name} {shape}" for name, shape in zip(names, shapes))
+        raise ValueError(f"kavra.dask.{function.__name__}: the shapes of the inputs do not broadcast together: "
+                         f"{listed}") from None
+
+
 def _cells(function: Callable[..., Any], table: Any, inputs: Sequence[Any],
            keywords: dict[str, Any] | None = None) -> da.Array:
     """`function` over chunks: the inputs aligned, the table one key of the graph."""
@@ -160,6 +181,8 @@ def _cells(function: Callable[..., Any], table: Any, inputs: Sequence[Any],
         meta = np.ma.masked_array(meta)
 
     arrays = [value for value in values if isinstance(value, da.Array)]
+    positional = list(inspect.signature(function).parameters)[table is not None:][:len(inputs)]
+    _check_shapes(function, [*positional, *names], values)
     ndim = max((a.ndim for a in arrays), default=0)
     if arrays:
         pairs: list[Any] = []

@@ -33,7 +33,8 @@ from __future__ import annotations
 
 import os
 import pathlib
-from collections.abc import Callable
+import re
+from collections.abc import Callable, Iterator
 from typing import Any
 
 import numpy as np
@@ -52,7 +53,16 @@ except ImportError as _error:  # the optional extra is not installed
         "kavra.deck reads decks with the opm package, which is not installed: "
         "pip install 'kavra[deck]' (or pip install opm)") from _error
 
-__all__ = ["Deck", "DeckError", "read"]
+__all__ = ["Deck", "DeckError", "read", "example_path", "EXAMPLES", "MAX_INCLUDE_DEPTH", "MAX_INCLUDES"]
+
+#: The decks shipped with kavra (public SPE test decks, each with its license header), for
+#: :func:`example_path`.
+EXAMPLES: tuple[str, ...] = ("SPE1CASE1", "SPE3CASE1")
+
+#: How deep INCLUDE files may nest, and how many INCLUDE keywords one deck may follow in all.
+#: Far beyond any real deck; they bound the work of a deck that includes itself over and over.
+MAX_INCLUDE_DEPTH = 32
+MAX_INCLUDES = 10_000
 
 #: Grid properties that a simulator fills in when the deck leaves them out.
 DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "PVTNUM": (1, np.int32),
@@ -72,6 +82,37 @@ _ZERO_DEFAULTS = {"PVTW": {4}, "ROCK": {1}}
 
 class DeckError(ValueError):
     """A deck that cannot be read, or a table in it that the calculations cannot take."""
+
+
+def example_path(name: str) -> pathlib.Path:
+    """The path of a deck that ships with kavra, to try :func:`read` on.
+
+    Parameters
+    ----------
+    name : str
+        One of :data:`EXAMPLES`: ``"SPE1CASE1"`` (Odeh's first SPE comparative solution
+        project: live oil and dry gas, 10 x 10 x 3 cells, FIELD units) or ``"SPE3CASE1"``
+        (Kenyon and Behie's third: wet gas, 9 x 9 x 4 cells, FIELD units).  Both keep their
+        Open Database License header.
+
+    Returns
+    -------
+    pathlib.Path
+        The ``.DATA`` file inside the installed package.
+
+    Raises
+    ------
+    ValueError
+        `name` is not one of EXAMPLES.
+
+    Examples
+    --------
+    >>> read(example_path("SPE1CASE1")).units
+    'FIELD'
+    """
+    if name not in EXAMPLES:
+        raise ValueError(f"example_path: no deck {name!r} ships with kavra; there are {', '.join(EXAMPLES)}")
+    return pathlib.Path(__file__).with_name("decks") / f"{name}.DATA"
 
 
 class Deck:
@@ -143,6 +184,8 @@ class Deck:
 
         Raises
         ------
+        TypeError
+            `name` is not a str.
         KeyError
             The deck has no such keyword (and it has no default).
         DeckError
@@ -155,7 +198,7 @@ class Deck:
         >>> deck.cell_property("pvtnum"), deck.cell_property("ACTNUM")
         (array([1, 2, 2], dtype=int32), array([1, 1, 1], dtype=int32))
         """
-        name = name.upper()
+        name = _keyword_name(name, "cell_property")
         n = self.grid.number_of_cells()
         if name not in self._parsed:
             if name in DEFAULTS:
@@ -192,7 +235,7 @@ class Deck:
         >>> deck.records("DENSITY")
         [array([5.366e+01,       nan, 5.330e-02])]
         """
-        name = name.upper()
+        name = _keyword_name(name, "records")
         if name not in self._parsed:
             raise KeyError(f"the deck has no {name} keyword")
         keyword = self._parsed[name]
@@ -230,7 +273,11 @@ def read(source: str | os.PathLike[str]) -> Deck:
     Parameters
     ----------
     source : str or path-like
-        A path to the deck, or the deck text itself (a string with a line break in it).
+        A path to the deck, or the deck text itself.  A ``str`` with a line break in it is
+        deck text (every keyword of a deck is on a line of its own, so a deck of any use has
+        one); a ``str`` without one, and any path-like, is a path.  INCLUDE files are found
+        from the deck's directory, or from the working directory for deck text, as opm
+        finds them.
 
     Returns
     -------
@@ -242,13 +289,20 @@ def read(source: str | os.PathLike[str]) -> Deck:
     Raises
     ------
     DeckError
-        opm cannot parse the deck (its message names the keyword and the record), or a table
-        cannot be taken as written: a value left to its default, a region without records,
-        a record of the wrong length, keys that do not ascend, fewer or more regions than
-        TABDIMS gives.  The message names the keyword, the region and the record (from 1).
-        Nothing is returned then.
+        The deck or a file it includes is not deck text (control characters, braces outside
+        quotes and comments), INCLUDE files include each other in a cycle or nest deeper than
+        MAX_INCLUDE_DEPTH (more than MAX_INCLUDES in all), an INCLUDE names a directory or a
+        missing file, opm cannot parse the deck (its message names the keyword and the
+        record), DIMENS leaves a size to its default, or a table cannot be taken as written:
+        a value left to its default, a region without records, a record of the wrong length,
+        a number that is not finite, keys that do not rise, a formation volume factor not
+        above 0 (the checks of :mod:`kavra.tables`, which any table value makes), fewer or
+        more regions than TABDIMS gives.  The message names the file, or the keyword, the
+        region and the record (from 1).  Nothing is returned then.
     FileNotFoundError
-        `source` is a path and there is no such file.
+        `source` is a path and there is no such file (or no file can have that name).
+    TypeError
+        `source` is neither a str nor path-like.
 
     Notes
     -----
@@ -280,15 +334,22 @@ def read(source: str | os.PathLike[str]) -> Deck:
         raise TypeError("read needs a path or the deck text as str, not bytes")
     if not isinstance(source, (str, os.PathLike)):
         raise TypeError(f"read needs a path or the deck text, got {type(source).__name__}")
-    text = isinstance(source, str) and "\n" in source
-    if not text and not pathlib.Path(source).is_file():
-        raise FileNotFoundError(f"no deck at {source}")
+    text = isinstance(source, str) and ("\n" in source or "\r" in source)
+    if text:
+        where, root = "the deck text", pathlib.Path.cwd()
+        _check_text(str(source), where, (), _Includes(root))
+    else:
+        path = _deck_file(source)
+        where, root = str(path), path.parent
+        _check_file(path, "", (), _Includes(root))
     # opm's default for a missing INCLUDE file is to end the process: ask it to raise.
     context = _ParseContext([("PARSE_MISSING_INCLUDE", _action.throw)])
     try:
-        parsed = _Parser().parse_string(source, context) if text else _Parser().parse(str(source), context)
+        parsed = _Parser().parse_string(source, context) if text else _Parser().parse(where, context)
+    except UnicodeDecodeError as error:  # opm's message quoting bytes that are not UTF-8
+        raise DeckError(f"opm cannot parse {where}: it holds bytes that are not UTF-8 text") from error
     except (RuntimeError, ValueError, IndexError) as error:
-        raise DeckError(f"opm cannot parse the deck: {error}") from error
+        raise DeckError(f"opm cannot parse {where}: {error}") from error
 
     units = _units(parsed)
     grid = _grid(parsed)
@@ -307,6 +368,119 @@ def read(source: str | os.PathLike[str]) -> Deck:
     return Deck(parsed, grid, units, tables)
 
 
+# --- what is handed to opm ----------------------------------------------------------------
+
+
+def _shown(source: Any) -> str:
+    text = repr(os.fspath(source))
+    return text if len(text) <= 80 else text[:60] + "..." + text[-15:]
+
+
+def _deck_file(source: str | os.PathLike[str]) -> pathlib.Path:
+    """The path of a deck file; FileNotFoundError, in words, where there is none."""
+    try:
+        found = pathlib.Path(source).is_file()
+    except (OSError, ValueError) as error:  # a name too long for the system, a NUL in it
+        reason = getattr(error, "strerror", None) or str(error)
+        raise FileNotFoundError(f"no deck at {_shown(source)}: no file can have that name ({reason})") from None
+    if not found:
+        hint = ("; deck text is read as such only with a line break in it (each keyword on a line of "
+                "its own)") if isinstance(source, str) else ""
+        raise FileNotFoundError(f"no deck at {_shown(source)}{hint}")
+    return pathlib.Path(source)
+
+
+class _Includes:
+    """What the checks of the INCLUDE files share over one deck: the directory opm finds them
+    from, the PATHS aliases seen so far and the count of INCLUDE keywords followed."""
+
+    def __init__(self, root: pathlib.Path) -> None:
+        self.root = root
+        self.aliases: dict[str, str] = {}
+        self.count = 0
+
+
+# Characters that no deck holds: control characters (tab, line and page breaks aside).
+_NOT_TEXT = re.compile(r"[\x00-\x08\x0b\x0e-\x1f\x7f]")
+_QUOTED = re.compile(r"'[^']*'|\"[^\"]*\"")
+_TOKEN = re.compile(r"'([^']*)'|\"([^\"]*)\"|([^\s'\"]+)")
+
+
+def _lines(text: str) -> Iterator[tuple[int, str]]:
+    """The lines of a deck (from 1, counted as opm counts them: at line feeds), each without
+    its comment."""
+    for number, line in enumerate(text.split("\n"), start=1):
+        yield number, line.split("--", 1)[0]
+
+
+def _items(line: str) -> list[str]:
+    """The items of a record's line, up to the slash that ends the record."""
+    items = []
+    for single, double, bare in _TOKEN.findall(line):
+        if not bare:
+            items.append(single or double)
+            continue
+        head, slash, _ = bare.partition("/")
+        if head:
+            items.append(head)
+        if slash:
+            break
+    return items
+
+
+def _check_file(path: pathlib.Path, at: str, chain: tuple[pathlib.Path, ...], includes: _Includes) -> None:
+    """The checks of :func:`_check_text` on a deck file; `at` says where it is included, if it is."""
+    resolved = path.resolve()
+    if resolved in chain:
+        cycle = " includes ".join(str(p) for p in (*chain[chain.index(resolved):], resolved))
+        raise DeckError(f"INCLUDE files include each other in a cycle: {cycle}")
+    if len(chain) > MAX_INCLUDE_DEPTH:
+        raise DeckError(f"{path}{at}: INCLUDE files nest deeper than {MAX_INCLUDE_DEPTH} levels")
+    if path.is_dir():
+        raise DeckError(f"{path}{at} is a directory, not a deck file")
+    if not path.is_file():
+        return  # opm names the missing file
+    text = path.read_bytes().decode("utf-8", errors="replace")
+    _check_text(text, str(path), (*chain, resolved), includes)
+
+
+def _check_text(text: str, where: str, chain: tuple[pathlib.Path, ...], includes: _Includes) -> None:
+    """DeckError for what opm would choke on, hang on or end the process for, in `text` or in
+    the files it includes: characters that are not deck text (opm's parser formats them into
+    its own messages), INCLUDE cycles and directories.  Only what is certain is refused; the
+    rest is left to opm."""
+    lines = _lines(text)
+    for number, line in lines:
+        bad = _NOT_TEXT.search(line) or re.search(r"[{}]", _QUOTED.sub("", line))
+        if bad:
+            raise DeckError(f"{where}, line {number}: {bad.group()!r} is not deck text; is this a deck file?")
+        keyword = line.split()[0] if line.split() else ""
+        if keyword not in ("INCLUDE", "PATHS"):
+            continue
+        for number, line in lines:  # the keyword's records
+            if keyword == "PATHS" and line.strip().startswith("/"):
+                break
+            items = _items(line)
+            if keyword == "PATHS" and len(items) >= 2:
+                includes.aliases[items[0]] = items[1]
+            elif keyword == "INCLUDE" and items:
+                includes.count += 1
+                if includes.count > MAX_INCLUDES:
+                    raise DeckError(f"{where}, line {number}: more than {MAX_INCLUDES} INCLUDE keywords in one deck")
+                _check_file(_include_path(items[0], includes), f" (INCLUDE in {where}, line {number})", chain,
+                            includes)
+                break
+            elif keyword == "INCLUDE" and line.strip():
+                break
+
+
+def _include_path(name: str, includes: _Includes) -> pathlib.Path:
+    for alias, directory in includes.aliases.items():
+        name = name.replace(f"${alias}", directory)
+    path = pathlib.Path(name)
+    return path if path.is_absolute() else includes.root / path
+
+
 # --- what every table needs ----------------------------------------------------------------
 
 
@@ -321,11 +495,21 @@ def _grid(parsed: Any) -> tessel.ReservoirTopology:
     if "DIMENS" not in parsed:
         raise DeckError("the deck has no DIMENS keyword: the grid size is unknown")
     record = parsed["DIMENS"][0]
+    defaulted = _defaulted(record, 3)
+    if defaulted.any():
+        raise DeckError(f"DIMENS record 1: value {int(np.argmax(defaulted)) + 1} is left to its default; "
+                        f"the grid size needs nI, nJ and nK written out")
     dims = [record[i].get_int(0) for i in range(3)]
     try:
         return tessel.ReservoirTopology(*dims)
     except (ValueError, OverflowError) as error:
         raise DeckError(f"DIMENS record 1: {error}") from error
+
+
+def _keyword_name(name: Any, method: str) -> str:
+    if not isinstance(name, str):
+        raise TypeError(f"{method} needs a keyword name (str), got {type(name).__name__}")
+    return name.upper()
 
 
 def _pvt_regions(parsed: Any) -> int:
@@ -380,23 +564,19 @@ def _checked_numbers(record: Any, keyword: str, where: str) -> NDArray[np.float6
     return values
 
 
-def _ascending(keys: NDArray[np.float64], what: str, where: str, counted: str = "") -> None:
-    """DeckError unless `keys` rise strictly; `counted` names what the keys are counted in."""
-    for index in range(1, len(keys)):
-        if not keys[index] > keys[index - 1]:
-            at = f"{where}, {counted} {index + 1}" if counted else where
-            raise DeckError(f"{at}: {what} {keys[index]:g} does not rise above {keys[index - 1]:g} before it")
-
-
 def _count(keyword: str, found: int, regions: int) -> None:
     if found != regions:
         raise DeckError(f"{keyword} has {found} tables, TABDIMS gives {regions} PVT regions")
 
 
 # --- the tables ----------------------------------------------------------------------------
+# The numbers of each region go to the table class as they are: its constructor makes the
+# checks of the numbers (lengths of records, finite numbers, rising keys, formation volume
+# factors above 0), the same for a deck as for a table written by hand, and read() turns its
+# ValueError into a DeckError.
 
 
-def _record_table(cls: type[PVTO] | type[PVTG], key: str, inner: str) -> Callable[..., Any]:
+def _record_table(cls: type[PVTO] | type[PVTG]) -> Callable[..., Any]:
     """PVTO and PVTG: records of a key and triples, regions ended by an empty record."""
     keyword = cls.keyword
 
@@ -409,21 +589,6 @@ def _record_table(cls: type[PVTO] | type[PVTG], key: str, inner: str) -> Callabl
             number, index = len(tables), len(tables[-1]) + 1
             tables[-1].append(_checked_numbers(record, keyword, f"{keyword} region {number}, record {index}"))
         _count(keyword, len(tables), regions)
-        for number, records in enumerate(tables, start=1):
-            if not records:
-                raise DeckError(f"{keyword} region {number}: no records")
-            for index, numbers in enumerate(records, start=1):
-                if len(numbers) < 4 or (len(numbers) - 1) % 3:
-                    raise DeckError(f"{keyword} region {number}, record {index}: expected {key} and three "
-                                    f"numbers per row, got {len(numbers)} numbers")
-            region = f"{keyword} region {number}"
-            _ascending(np.array([r[0] for r in records]), key, region, "record")
-            if cls is PVTO:
-                # Bubble point pressures (a key of the saturated lookups) and the
-                # pressures of each record's undersaturated rows ascend as well.
-                _ascending(np.array([r[1] for r in records]), "saturated pressure", region, "record")
-                for index, numbers in enumerate(records, start=1):
-                    _ascending(numbers[1::3], inner, f"{region}, record {index}")
         return cls(tables, units=units)
 
     return build
@@ -440,9 +605,7 @@ def _dead_table(cls: type[PVDG] | type[PVDO]) -> Callable[..., Any]:
             if not len(numbers) or len(numbers) % 3:
                 raise DeckError(f"{keyword} region {number}: expected rows of three numbers [p, b, mu], "
                                 f"got {len(numbers)} numbers")
-            rows = numbers.reshape(-1, 3)
-            _ascending(rows[:, 0], "pressure", f"{keyword} region {number}", "row")
-            tables.append(rows)
+            tables.append(numbers.reshape(-1, 3))
         return cls(tables, units=units)
 
     return build
@@ -460,8 +623,8 @@ def _one_record(cls: type[PVTW] | type[ROCK]) -> Callable[..., Any]:
 
 
 _BUILDERS: dict[str, Callable[..., Any]] = {
-    "PVTO": _record_table(PVTO, "Rs", "pressure"),
-    "PVTG": _record_table(PVTG, "Pg", "Rv"),
+    "PVTO": _record_table(PVTO),
+    "PVTG": _record_table(PVTG),
     "PVDG": _dead_table(PVDG),
     "PVDO": _dead_table(PVDO),
     "PVTW": _one_record(PVTW),

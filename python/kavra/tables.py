@@ -20,6 +20,32 @@ of that gas pressure).  Numbers are kept as given: ``units`` is one of
 :data:`UNIT_SYSTEMS` and is a label only, never a conversion.  It names the
 unit of every scalar of :meth:`to_native` (see :data:`UNIT_LABELS`).
 
+A table checks its numbers when it is made, the same checks for a table read
+from a deck (:mod:`kavra.deck` hands its records to these classes) as for one
+written by hand: every number finite, the keys rising (Rs of ``PVTO`` and the
+pressures of its saturated line and of each record; Pg of ``PVTG``; p of
+``PVDO`` and ``PVDG``), every formation volume factor above 0.
+
+Unit labels
+-----------
+:data:`UNIT_LABELS` ``[units][quantity]`` is the unit of a quantity in a unit
+system: the label :meth:`to_native` writes on each scalar (its ``category``
+is the quantity) and :meth:`from_native` reads the unit system back from.
+
+================  =========  =========  =========  =========
+quantity          METRIC     FIELD      LAB        PVT-M
+================  =========  =========  =========  =========
+pressure          barsa      psia       atma       atma
+rs                sm3/sm3    Mscf/stb   scc/scc    sm3/sm3
+rv                sm3/sm3    stb/Mscf   scc/scc    sm3/sm3
+oil_fvf           rm3/sm3    rb/stb     rcc/scc    rm3/sm3
+gas_fvf           rm3/sm3    rb/Mscf    rcc/scc    rm3/sm3
+water_fvf         rm3/sm3    rb/stb     rcc/scc    rm3/sm3
+viscosity         cP         cP         cP         cP
+compressibility   1/bars     1/psi      1/atm      1/atm
+viscosibility     1/bars     1/psi      1/atm      1/atm
+================  =========  =========  =========  =========
+
 Tables are values: ``==`` compares units and numbers (NaN equals NaN), they
 pickle and deep-copy, and ``repr`` shows the records (evaluable for small
 tables).  ``from_frame`` reads a pandas DataFrame (pandas is imported only by
@@ -64,7 +90,8 @@ _REPR_RECORDS = 6  # records (rows) shown per region before the repr abbreviates
 
 
 def _numbers(values: Any, where: str) -> FloatArray:
-    """A read-only float64 copy of `values`; TypeError for anything but real numbers."""
+    """A read-only float64 copy of `values` (see :func:`_frozen`); TypeError for anything but
+    real numbers."""
     try:
         array = np.asarray(values)
     except ValueError as error:  # ragged nesting
@@ -75,16 +102,42 @@ def _numbers(values: Any, where: str) -> FloatArray:
 
 
 def _frozen(array: FloatArray) -> FloatArray:
-    """A read-only view of a read-only array: its flag cannot be set back by the view."""
-    array.flags.writeable = False
-    return array.view()
+    """The numbers of `array` in memory of their own that no one can write: an immutable bytes
+    object holds them, so neither the result nor its base can be made writeable again."""
+    owned = np.frombuffer(np.ascontiguousarray(array, dtype=np.float64).tobytes(), dtype=np.float64)
+    return owned.reshape(array.shape)
 
 
 def _flat(values: Any, where: str) -> FloatArray:
+    """A record as a flat read-only float64 array; ValueError unless every number is finite."""
     array = _numbers(values, where)
     if array.ndim != 1:
         raise ValueError(f"{where}: expected a flat sequence of numbers, got an array of shape {array.shape}")
+    bad = np.flatnonzero(~np.isfinite(array))
+    if bad.size:
+        raise ValueError(f"{where}: value {bad[0] + 1} is {float(array[bad[0]])!r}; a table needs finite numbers")
     return array
+
+
+# The checks below are the ones a table value makes of its numbers, whether they come from a deck
+# (kavra.deck hands its records to the table classes) or are written by hand.
+
+
+def _rising(keys: FloatArray, what: str, where: str, counted: str = "") -> None:
+    """ValueError unless `keys` rise strictly; `counted` names what the keys are counted in."""
+    bad = np.flatnonzero(~(keys[1:] > keys[:-1]))
+    if bad.size:
+        index = int(bad[0]) + 1
+        at = f"{where}, {counted} {index + 1}" if counted else where
+        raise ValueError(f"{at}: {what} {keys[index]:g} does not rise above {keys[index - 1]:g} before it")
+
+
+def _positive(values: FloatArray, what: str, where: str, counted: str = "") -> None:
+    """ValueError unless every one of `values` (formation volume factors) is above 0."""
+    bad = np.flatnonzero(~(values > 0))
+    if bad.size:
+        at = f"{where}, {counted} {bad[0] + 1}" if counted else where
+        raise ValueError(f"{at}: {what} {values[bad[0]]:g} is not above 0")
 
 
 def _format(array: FloatArray) -> str:
@@ -167,6 +220,18 @@ class _Table:
     def __reduce__(self) -> tuple[Any, ...]:
         return (type(self), (self._regions, self._units))
 
+    def __setstate__(self, state: Any) -> None:
+        """A state set directly (``object.__new__`` and then the state, as pickle does for a
+        class without ``__reduce__``) is checked as the constructor checks its arguments:
+        ``(regions, units)`` or the slots ``{"_regions": ..., "_units": ...}``."""
+        if isinstance(state, tuple) and len(state) == 2 and state[0] is None:
+            state = state[1]  # the (dict, slots) form of a class with __slots__
+        if isinstance(state, dict) and {"_regions", "_units"} <= state.keys():
+            state = (state["_regions"], state["_units"])
+        if not (isinstance(state, tuple) and len(state) == 2):
+            raise TypeError(f"{self.keyword}: a state is (regions, units), got {type(state).__name__}")
+        self.__init__(*state)  # type: ignore[misc]
+
     def __repr__(self) -> str:
         inner = ",\n".join("    " + self._region_repr(region) for region in self._regions)
         return f"{self.keyword}(units={self._units!r}, regions=[\n{inner},\n])"
@@ -198,7 +263,7 @@ class _Table:
         """The engine's region lists of a native list's numbers as they stand, not checked as a
         table value's are: a calculation takes any numbers, and fails on a region without rows
         only at a cell that needs it.  ValueError for a scalar that is None."""
-        return _engine.Tables(cls._list_name, [cls._region_arrays(r) for r in cls._regions_of_list(lst)])
+        return _engine.Tables(cls._list_name, [cls._region_arrays(r) for r in cls._regions_of_list(lst, [])])
 
     @classmethod
     def _region_arrays(cls, region: Any) -> Any:
@@ -213,6 +278,9 @@ class _Table:
         ``cls.columns``.  Rows keep their order within a region; regions must run from 1 without
         a gap.  ``PVTO``/``PVTG`` take one row per tabulated point: consecutive rows of one region
         with the same ``rs`` (``pg``) form one record, its first row the saturated point."""
+        if not hasattr(frame, "columns"):
+            raise TypeError(f"{cls.keyword}.from_frame needs a pandas DataFrame, got {type(frame).__name__}"
+                            f" (the constructor {cls.keyword}(regions) takes plain sequences)")
         missing = [c for c in cls.columns if c not in frame.columns]
         if missing:
             raise ValueError(f"{cls.keyword}.from_frame: the frame has no column {', '.join(map(repr, missing))}"
@@ -255,17 +323,39 @@ class _Table:
     # --- native lists back to values ---------------------------------------------
 
     @classmethod
-    def from_native(cls, lst: Any, units: str = "METRIC") -> Self:
+    def from_native(cls, lst: Any, units: str | None = None) -> Self:
         """The table value of a native list: ``TPVTOList`` for PVTO, ``TPVTGList`` for PVTG,
-        ``TPVTList`` for PVDO and PVDG, ``TPVTWList`` for PVTW, ``TRockList`` for ROCK (its
-        numbers; labels are not read)."""
+        ``TPVTList`` for PVDO and PVDG, ``TPVTWList`` for PVTW, ``TRockList`` for ROCK.
+
+        Parameters
+        ----------
+        lst : native list
+            The list; its numbers are taken as they are.
+        units : {"METRIC", "FIELD", "LAB", "PVT-M"} or None
+            The unit system of the numbers.  None (the default) reads it from the scalars'
+            labels (category and unit, as :data:`UNIT_LABELS` gives them and :meth:`to_native`
+            writes them), so that ``from_native(t.to_native()) == t``.  A given system is taken
+            as it is and the labels are not read.
+
+        Raises
+        ------
+        TypeError
+            `lst` is not the native list of this keyword.
+        ValueError
+            A slot holds no scalar, a number is one the constructor refuses, or (with
+            ``units=None``) a label is not one of UNIT_LABELS or the labels are of more than
+            one unit system.
+        """
         if not isinstance(lst, cls._list_class):
             raise TypeError(f"{cls.keyword}.from_native needs a {cls._list_class.__name__}, got {type(lst).__name__}")
-        return cls(cls._regions_of_list(lst), units)
+        labels: list[tuple[str, str, str]] = []
+        regions = cls._regions_of_list(lst, labels)
+        return cls(regions, _units_of_labels(labels) if units is None else units)
 
     @classmethod
-    def _regions_of_list(cls, lst: Any) -> list[Any]:
-        """The regions, as the constructor takes them, of a native list of this keyword."""
+    def _regions_of_list(cls, lst: Any, labels: list[tuple[str, str, str]]) -> list[Any]:
+        """The regions, as the constructor takes them, of a native list of this keyword; the
+        labels of every scalar read are added to `labels`."""
         raise NotImplementedError
 
 
@@ -275,10 +365,26 @@ def _same(a: Any, b: Any) -> bool:
     return bool(np.array_equal(a, b, equal_nan=True))
 
 
-def _value(scalar: Any, where: str) -> float:
+def _value(scalar: Any, where: str, labels: list[tuple[str, str, str]]) -> float:
     if scalar is None:
         raise ValueError(f"{where} holds no TScalar (None)")
+    labels.append((scalar.category, scalar.unit, where))
     return float(scalar.value)
+
+
+def _units_of_labels(labels: list[tuple[str, str, str]]) -> str:
+    """The one unit system whose UNIT_LABELS give every (category, unit) of `labels`."""
+    systems = list(UNIT_SYSTEMS)
+    for category, unit, where in labels:
+        fits = [s for s in systems if UNIT_LABELS[s].get(category) == unit]
+        if not fits:
+            if not any(UNIT_LABELS[s].get(category) == unit for s in UNIT_SYSTEMS):
+                raise ValueError(f"{where}: the labels {category!r}, {unit!r} are not of any unit system of "
+                                 f"UNIT_LABELS; pass units=")
+            raise ValueError(f"{where}: {category} in {unit} is not of the unit system of the scalars before it "
+                             f"({' or '.join(systems)}); a table has one unit system")
+        systems = fits
+    return systems[0]
 
 
 # --- two-level tables: PVTO and PVTG ------------------------------------------------
@@ -292,6 +398,9 @@ class _RecordTable(_Table):
     _row_class: ClassVar[Any]
     _nested_class: ClassVar[Any]
     _table_class: ClassVar[Any]
+    #: Whether the second column rises along the saturated line and within each record
+    #: (PVTO's pressures); PVTG's Rv may run either way.
+    _inner_rises: ClassVar[bool]
 
     def _region(self, number: int, region: Any) -> tuple[FloatArray, ...]:
         where = f"{self.keyword} region {number}"
@@ -305,6 +414,16 @@ class _RecordTable(_Table):
             records.append(numbers)
         if not records:
             raise ValueError(f"{where}: no records")
+        key, inner, fvf = self.columns[:3]
+        _rising(np.array([r[0] for r in records]), key, where, "record")
+        for index, numbers in enumerate(records, start=1):
+            _positive(numbers[2::3], fvf, f"{where}, record {index}")
+        if self._inner_rises:
+            # Bubble point pressures (a key of the saturated lookups) and the pressures of
+            # each record's undersaturated rows rise as well.
+            _rising(np.array([r[1] for r in records]), f"saturated {inner}", where, "record")
+            for index, numbers in enumerate(records, start=1):
+                _rising(numbers[1::3], inner, f"{where}, record {index}")
         return tuple(records)
 
     def _region_repr(self, region: Any) -> str:
@@ -339,16 +458,17 @@ class _RecordTable(_Table):
         return self._list_class(tables)
 
     @classmethod
-    def _regions_of_list(cls, lst: Any) -> list[Any]:
+    def _regions_of_list(cls, lst: Any, labels: list[tuple[str, str, str]]) -> list[Any]:
         key_name, a_name, b_name, mu_name = cls._native_fields
         regions = []
         for number, table in enumerate(lst, start=1):
             records = []
             for index, row in enumerate(table, start=1):
                 where = f"{type(lst).__name__} region {number}, record {index}"
-                numbers = [_value(getattr(row, key_name), f"{where}: {key_name}")]
+                numbers = [_value(getattr(row, key_name), f"{where}: {key_name}", labels)]
                 for point in row.under_sat:
-                    numbers += [_value(getattr(point, name), f"{where}: {name}") for name in (a_name, b_name, mu_name)]
+                    numbers += [_value(getattr(point, name), f"{where}: {name}", labels)
+                                for name in (a_name, b_name, mu_name)]
                 records.append(numbers)
             regions.append(records)
         return regions
@@ -391,6 +511,7 @@ class PVTO(_RecordTable):
     _nested_class = _native.TPVT
     _table_class = _native.TPVTOTable
     _list_class = _native.TPVTOList
+    _inner_rises = True
 
 
 class PVTG(_RecordTable):
@@ -425,6 +546,7 @@ class PVTG(_RecordTable):
     _nested_class = _native.TPVTGRecord
     _table_class = _native.TPVTGTable
     _list_class = _native.TPVTGList
+    _inner_rises = False
 
 
 # --- dead fluids: PVDO and PVDG -----------------------------------------------------
@@ -441,16 +563,19 @@ class _DeadTable(_Table):
     def _region(self, number: int, region: Any) -> FloatArray:
         where = f"{self.keyword} region {number}"
         if isinstance(region, (str, bytes)) or not isinstance(region, Iterable):
-            raise TypeError(f"{where}: expected a sequence of [p, b, mu] records, got {type(region).__name__}")
+            raise TypeError(f"{where}: expected a sequence of [p, b, mu] rows, got {type(region).__name__}")
         rows = []
         for index, row in enumerate(region, start=1):
-            numbers = _flat(row, f"{where}, record {index}")
+            numbers = _flat(row, f"{where}, row {index}")
             if len(numbers) != 3:
-                raise ValueError(f"{where}, record {index}: expected 3 numbers, got {len(numbers)}")
+                raise ValueError(f"{where}, row {index}: expected 3 numbers, got {len(numbers)}")
             rows.append(numbers)
         if not rows:
-            raise ValueError(f"{where}: no records")
-        return _frozen(np.array(rows))
+            raise ValueError(f"{where}: no rows")
+        table = _frozen(np.array(rows))
+        _rising(table[:, 0], self.columns[0], where, "row")
+        _positive(table[:, 1], self.columns[1], where, "row")
+        return table
 
     def _region_repr(self, region: Any) -> str:
         return "[" + _abbreviated([_format(r) for r in region], "     ") + "]"
@@ -469,13 +594,13 @@ class _DeadTable(_Table):
             for region in self._regions])
 
     @classmethod
-    def _regions_of_list(cls, lst: Any) -> list[Any]:
+    def _regions_of_list(cls, lst: Any, labels: list[tuple[str, str, str]]) -> list[Any]:
         regions = []
         for number, table in enumerate(lst, start=1):
             rows = []
             for index, row in enumerate(table, start=1):
-                where = f"TPVTList region {number}, record {index}"
-                rows.append([_value(getattr(row, name), f"{where}: {name}") for name in cls._fields])
+                where = f"TPVTList region {number}, row {index}"
+                rows.append([_value(getattr(row, name), f"{where}: {name}", labels) for name in cls._fields])
             regions.append(rows)
         return regions
 
@@ -537,6 +662,7 @@ class _RecordPerRegion(_Table):
     __slots__ = ()
     _fields: ClassVar[tuple[str, ...]]  # of the native record, in column order
     _record_class: ClassVar[Any]
+    _fvf: ClassVar[int | None] = None  # the column of the formation volume factor, if any
 
     def _region(self, number: int, region: Any) -> FloatArray:
         where = f"{self.keyword} region {number}"
@@ -544,6 +670,8 @@ class _RecordPerRegion(_Table):
         if len(numbers) != len(self.columns):
             raise ValueError(f"{where}: expected {len(self.columns)} numbers "
                              f"[{', '.join(self.columns)}], got {len(numbers)}")
+        if self._fvf is not None:
+            _positive(numbers[self._fvf:self._fvf + 1], self.columns[self._fvf], where)
         return numbers
 
     def _region_rows(self, region: Any) -> FloatArray:
@@ -564,9 +692,9 @@ class _RecordPerRegion(_Table):
                                  for region in self._regions])
 
     @classmethod
-    def _regions_of_list(cls, lst: Any) -> list[Any]:
+    def _regions_of_list(cls, lst: Any, labels: list[tuple[str, str, str]]) -> list[Any]:
         where = cls._list_class.__name__ + " region {}: {}"
-        return [[_value(getattr(r, name), where.format(number, name)) for name in cls._fields]
+        return [[_value(getattr(r, name), where.format(number, name), labels) for name in cls._fields]
                 for number, r in enumerate(lst, start=1)]
 
 
@@ -597,6 +725,7 @@ class PVTW(_RecordPerRegion):
     _quantities = ("pressure", "water_fvf", "compressibility", "viscosity", "viscosibility")
     _list_name = "TPVTWList"
     _fields = _engine.RECORD_FIELDS[_list_name]
+    _fvf = 1
     _record_class, _list_class = _native.TPVTW, _native.TPVTWList
 
 
