@@ -71,7 +71,7 @@ def variants(n, old, rng):
     flat = nk.flat_pvto(OIL)
 
     def engine(threads):
-        return lambda: _engine.calculate("one_over_bo", tables, regions, (po, pbub), out, threads, words)
+        return lambda: _engine.calculate("one_over_bo", tables, regions, (po, pbub), out, words, threads)
 
     def numba_kernel(threads):
         def call():
@@ -111,8 +111,8 @@ def overhead(repeat):
     regions, po, out = np.ones(10, np.int32), np.linspace(100.0, 300.0, 10), np.empty(10)
     tables = _engine.Tables("TPVTOList", OIL.regions)
     calls = {"kavra.one_over_bo": lambda: kavra.one_over_bo(OIL, regions, po, po, out=out, threads=1),
-             "_engine.calculate": lambda: _engine.calculate("one_over_bo", tables, regions, (po, po), out, 1,
-                                                            ("one_over_bo", "PVTO", (10,)))}
+             "_engine.calculate": lambda: _engine.calculate("one_over_bo", tables, regions, (po, po), out,
+                                                            ("one_over_bo", "PVTO", (10,)), 1)}
     result = {}
     for name, call in calls.items():
         call()

@@ -108,7 +108,7 @@ constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
         return kavra::entry(std::forward<decltype(a)>(a)...); \
     }
 #define KAVRA_ARGUMENTS(List, inputs) ((std::is_same<List, NoTables>::value ? 1 : 2) + inputs)
-#define KAVRA_ENGINE_CELL(name, entry, List, inputs)                                                             \
+#define KAVRA_ENGINE_CELL(name, entry, List, inputs, kavracore)                                                             \
     Calculation{#name, ListNameOf<List>(), inputs,                                                               \
                 TakesFloatInputsOf<List>(KAVRA_OVERLOADS(entry), std::make_index_sequence<inputs>()),            \
                 [](const Tables* tables, const GridFunctionPtr* arguments) {                                     \
@@ -445,9 +445,10 @@ Element ElementOf(PyObject* array)
     Refuse(PyExc_ValueError, "an array of an element type the engine does not take");
 }
 
-bool Contiguous(PyObject* array)
+bool Contiguous(PyObject* array, bool aligned = true)
 {
-    return PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(array), NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED);
+    return PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(array),
+                            NPY_ARRAY_C_CONTIGUOUS | (aligned ? NPY_ARRAY_ALIGNED : 0));
 }
 
 Operand MakeOperand(nb::handle array, std::uint64_t n, bool writable, const char* what)
@@ -474,7 +475,7 @@ Operand MakeOperand(nb::handle array, std::uint64_t n, bool writable, const char
     return operand;
 }
 
-// calculate(name, tables, regions, inputs, out, threads, words): the
+// calculate(name, tables, regions, inputs, out, words, threads): the
 // calculation `name` of the list over the Tables `tables` (None without
 // tables), the int32 region numbers `regions` (None without tables), the
 // arrays `inputs` and the result `out`, each contiguous, of the cells' count
@@ -489,8 +490,8 @@ Job* PrepareCalculation(PyObject* const* args, Py_ssize_t nargs)
     const std::string name = nb::cast<std::string>(nb::handle(args[0]));
     nb::handle tables(args[1]), regions(args[2]), out(args[4]);
     nb::sequence inputs = nb::cast<nb::sequence>(nb::handle(args[3]));
-    const unsigned threads = nb::cast<unsigned>(nb::handle(args[5]));
-    nb::tuple words = nb::cast<nb::tuple>(nb::handle(args[6]));
+    nb::tuple words = nb::cast<nb::tuple>(nb::handle(args[5]));
+    const unsigned threads = nb::cast<unsigned>(nb::handle(args[6]));
     job->calculation = Find(name);
     if (job->calculation == nullptr)
         Refuse(PyExc_ValueError, "no calculation " + name);
@@ -616,7 +617,8 @@ Job* PrepareGridReduction(PyObject* const* args, Py_ssize_t nargs)
     PyObject* result = args[2];
     const std::int64_t columns = nb::cast<std::int64_t>(nb::handle(args[3]));
     const unsigned threads = nb::cast<unsigned>(nb::handle(args[4]));
-    if (!IsArray(values) || !IsArray(result) || !Contiguous(values) || !Contiguous(result) ||
+    // The kernels read their values wherever they lie (unaligned, as from a pickle's buffer).
+    if (!IsArray(values) || !IsArray(result) || !Contiguous(values, false) || !Contiguous(result) ||
         !SameType(values, result) || Length(values) != Length(result) || columns < 1 ||
         Length(values) % std::uint64_t(columns) != 0 ||
         !PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(result), NPY_ARRAY_WRITEABLE))
@@ -649,7 +651,7 @@ void ReduceSelection(const std::string& name, nb::object values, nb::object cell
                           PyArray_NDIM(reinterpret_cast<PyArrayObject*>(cells.ptr())) == 2 &&
                           PyArray_DIM(reinterpret_cast<PyArrayObject*>(cells.ptr()), 1) == 3 &&
                           PyArray_DESCR(reinterpret_cast<PyArrayObject*>(cells.ptr()))->type_num == NPY_USHORT;
-    if (!cellsFit || !IsArray(values.ptr()) || !IsArray(result.ptr()) || !Contiguous(values.ptr()) ||
+    if (!cellsFit || !IsArray(values.ptr()) || !IsArray(result.ptr()) || !Contiguous(values.ptr(), false) ||
         !Contiguous(result.ptr()) || !SameType(values.ptr(), result.ptr()) ||
         Length(values.ptr()) != Length(result.ptr()) || 3 * Length(values.ptr()) != Length(cells.ptr()) || nI < 0 ||
         nJ < 0 || !PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(result.ptr()), NPY_ARRAY_WRITEABLE))
@@ -729,6 +731,9 @@ nb::dict CalculationList()
 NB_MODULE(_engine, m)
 {
     using namespace kavra::engine;
+    // A table that a thread still holds when the interpreter ends (a daemon
+    // thread in a call) is not a leak of this module.
+    nb::set_leak_warnings(false);
     m.doc() = "kavra's calculations over NumPy buffers, on a pool of threads (see kavra.calculations)";
     nb::class_<Tables>(m, "Tables", "The region lists of a table value, built once from its numbers")
         .def(nb::init<const std::string&, nb::handle>(), nb::arg("list"), nb::arg("regions"))
@@ -736,7 +741,7 @@ NB_MODULE(_engine, m)
         .def("__len__", &Tables::Count);
     static PyMethodDef unlocked[] = {
         {"calculate", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Entry<&PrepareCalculation>)),
-         METH_FASTCALL, "calculate(name, tables, regions, inputs, out, threads, words) -> out"},
+         METH_FASTCALL, "calculate(name, tables, regions, inputs, out, words, threads) -> out"},
         {"reduce_grid", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Entry<&PrepareGridReduction>)),
          METH_FASTCALL, "reduce_grid(name, values, result, columns, threads) -> None"},
         {nullptr, nullptr, 0, nullptr}};
