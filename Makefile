@@ -66,6 +66,7 @@ sanitize:
 demo: build
 	$(PY) examples/workflow.py
 	$(PY) examples/deck_workflow.py
+	$(PY) examples/flow_case.py
 
 ensemble: build
 	$(PY) examples/ensemble_dask.py

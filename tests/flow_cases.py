@@ -1,0 +1,93 @@
+"""Simulation cases for the tests and examples: the SPE decks that ship with kavra, run with OPM Flow.
+
+The decks have no SCHEDULE.  Each case adds files of tests/data to its deck
+(CASES): the restart output, summary and schedule before END, and for SPE3
+inactive cells at the end of the GRID section.  `run_flow` writes the deck
+into a directory and runs Flow there (package opm-simulators), in a child
+process: Flow writes its files beside the deck, prints its progress and keeps
+state between runs.
+
+    from flow_cases import flow_case   # a fixture: the case's base path
+
+    @pytest.mark.parametrize("flow_case", ["SPE1CASE1"], indirect=True)
+    def test_something(flow_case): ...
+"""
+
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+from kavra.deck import example_path
+
+DATA = pathlib.Path(__file__).resolve().parent / "data"
+
+# For each deck: the file of tests/data that goes in before the deck's line of that keyword.
+CASES = {
+    "SPE1CASE1": {"END": "SPE1CASE1.SCHEDULE.INC"},
+    "SPE3CASE1": {"PROPS": "SPE3CASE1.GRID.INC", "END": "SPE3CASE1.SCHEDULE.INC"},
+}
+
+_RUN = """
+import sys
+import opm.simulators
+simulator = opm.simulators.BlackOilSimulator(sys.argv[1])
+simulator.step_init()
+while not simulator.check_simulation_finished():
+    simulator.step()
+simulator.step_cleanup()
+"""
+
+
+def write_deck(name, directory, unified=True):
+    """Writes deck `name` of CASES, with its additions, to directory/name.DATA; returns that path.
+
+    unified=False leaves out UNIFIN and UNIFOUT: Flow then writes a restart file per report
+    step (name.X0000, ...) and a summary file per report step (name.S0001, ...).
+    """
+    additions = CASES[name]
+    lines, seen = [], set()
+    for line in example_path(name).read_text().splitlines():
+        if not unified and line.strip() in ("UNIFIN", "UNIFOUT"):
+            continue
+        if line.strip() in additions:
+            lines += [(DATA / additions[line.strip()]).read_text(), ""]
+            seen.add(line.strip())
+        lines.append(line)
+    assert seen == set(additions), f"{name}.DATA has no line {set(additions) - seen} to put an addition before"
+    text = "\n".join(lines) + "\n"
+    deck = pathlib.Path(directory) / f"{name}.DATA"
+    deck.write_text(text)
+    return deck
+
+
+def run_flow(name, directory, unified=True):
+    """Runs Flow on deck `name` of CASES in `directory`; returns the case's base path (directory/name)."""
+    deck = write_deck(name, directory, unified)
+    done = subprocess.run([sys.executable, "-c", _RUN, str(deck)], cwd=directory, capture_output=True,
+                          text=True, timeout=600)
+    if done.returncode != 0:
+        raise RuntimeError(f"Flow failed on {deck} (exit status {done.returncode}):\n"
+                           + (done.stdout + done.stderr)[-3000:])
+    return deck.with_suffix("")
+
+
+@pytest.fixture(scope="session")
+def flow_run(tmp_path_factory):
+    """run(name, unified=True): the base path of case `name` of CASES, run with Flow once in the session."""
+    pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
+    runs = {}
+
+    def run(name, unified=True):
+        if (name, unified) not in runs:
+            runs[name, unified] = run_flow(name, tmp_path_factory.mktemp(name), unified)
+        return runs[name, unified]
+
+    return run
+
+
+@pytest.fixture
+def flow_case(request, flow_run):
+    """The base path of the case named by the test's parameter (indirect parametrization)."""
+    return flow_run(request.param)
