@@ -48,10 +48,14 @@ namespace kavra {
 namespace engine {
 namespace {
 
-// Cells per chunk: enough that a chunk's setup (the slices, the tables
-// flattened) is lost in its cells, few enough that a call of 10^7 cells has
-// hundreds of chunks to share out.
+// Cells per chunk: at least enough that a chunk's setup (the slices, the
+// tables flattened) is lost in its cells; larger calls in chunksPerThread
+// chunks for each thread, enough that a thread slowed down by others ends
+// at most about one chunk after the rest.  A chunk that reads one value
+// for every cell (pvtnum=1) holds the least, so that the buffer of that
+// value stays small.
 constexpr std::uint64_t cellsPerChunk = 1 << 16;
+constexpr std::uint64_t chunksPerThread = 8;
 // Below this many cells a call keeps the interpreter lock: releasing it costs more.
 constexpr std::uint64_t cellsWithoutLock = 1 << 13;
 
@@ -351,6 +355,7 @@ struct CellJob : Job
     std::vector<Operand> operands; // [regions,] inputs..., result
     std::uint64_t n = 0;
     unsigned threads = 1;
+    std::uint64_t chunk = cellsPerChunk;
     boost::shared_ptr<void> keeper; // of the slices: the buffers are the caller's
 };
 
@@ -425,7 +430,7 @@ void CellJob::Run() noexcept
         unsigned useful = threads;
         if (useful > 1 && n > cellsPerChunk && tables != nullptr && AnyRegionFails(*this))
             useful = 1; // in order, to the first failing cell
-        ParallelChunks(n, cellsPerChunk, useful,
+        ParallelChunks(n, chunk, useful,
                        [this](std::uint64_t begin, std::uint64_t end) { RunChunk(*this, begin, end); });
     } catch (...) {
         error = std::current_exception();
@@ -529,6 +534,10 @@ Job* PrepareCalculation(PyObject* const* args, Py_ssize_t nargs)
         Refuse(PyExc_ValueError, name + " takes float64 arrays" +
                                      (c.floatInputs ? ", or float32 inputs into a float32 or float64 out" : ""));
     job->threads = UsefulThreads(std::max(1u, threads));
+    const bool single = std::any_of(job->operands.begin(), job->operands.end(),
+                                    [](const Operand& o) { return o.single; });
+    if (!single)
+        job->chunk = std::max(cellsPerChunk, job->n / (chunksPerThread * job->threads));
     job->keeper = boost::shared_ptr<void>(job.get(), [](void*) {});
     job->unlocked = job->n >= cellsWithoutLock;
     return job.release();
