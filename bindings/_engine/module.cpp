@@ -69,7 +69,8 @@ struct Calculation
     const char* list; // nullptr: no tables
     unsigned inputs;
     bool floatInputs; // takes float inputs as they are (EngineVariants)
-    Run run;
+    Run run;          // the core function as _kavracore calls it
+    Run runFloats;    // with EngineVariants, where it takes them; float inputs only
 };
 
 template <class List>
@@ -82,15 +83,17 @@ const char* ListNameOf()
 }
 
 // Calls the core function `entry` (an overload set, as a generic callable)
-// over the tables and arguments, with the engine's variants where it takes them.
-template <class List, class Entry, std::size_t... I>
+// over the tables and arguments; with `floats`, with the engine's variants
+// where it takes them.  (Arrays of double take the calculation's own
+// variants: the code made for those alone runs them fastest.)
+template <class List, bool floats, class Entry, std::size_t... I>
 void CallEntry(Entry entry, const Tables* tables, const GridFunctionPtr* a, std::index_sequence<I...>)
 {
     if constexpr (std::is_same<List, NoTables>::value) {
         entry(a[I]...);
     } else {
         const List& list = *tables->Get<List>();
-        if constexpr (std::is_invocable<Entry, EngineVariants, const List&, decltype(a[I])...>::value)
+        if constexpr (floats && std::is_invocable<Entry, EngineVariants, const List&, decltype(a[I])...>::value)
             entry(EngineVariants(), list, a[I]...);
         else
             entry(list, a[I]...);
@@ -116,8 +119,12 @@ constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
     Calculation{#name, ListNameOf<List>(), inputs,                                                               \
                 TakesFloatInputsOf<List>(KAVRA_OVERLOADS(entry), std::make_index_sequence<inputs>()),            \
                 [](const Tables* tables, const GridFunctionPtr* arguments) {                                     \
-                    CallEntry<List>(KAVRA_OVERLOADS(entry), tables, arguments,                                   \
-                                    std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());                  \
+                    CallEntry<List, false>(KAVRA_OVERLOADS(entry), tables, arguments,                            \
+                                           std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());           \
+                },                                                                                               \
+                [](const Tables* tables, const GridFunctionPtr* arguments) {                                     \
+                    CallEntry<List, true>(KAVRA_OVERLOADS(entry), tables, arguments,                             \
+                                          std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());            \
                 }},
 #define KAVRA_ENGINE_OTHER(entry)
 
@@ -356,6 +363,7 @@ struct CellJob : Job
     std::uint64_t n = 0;
     unsigned threads = 1;
     std::uint64_t chunk = cellsPerChunk;
+    bool floats = false; // float32 inputs
     boost::shared_ptr<void> keeper; // of the slices: the buffers are the caller's
 };
 
@@ -386,7 +394,7 @@ void RunChunk(CellJob& job, std::uint64_t begin, std::uint64_t end)
     for (std::size_t a = 0; a < job.operands.size(); ++a)
         arguments[a] = SliceOf(job, job.operands[a], begin, end);
     try {
-        job.calculation->run(job.tables, arguments);
+        (job.floats ? job.calculation->runFloats : job.calculation->run)(job.tables, arguments);
     } catch (IHeaderException& failure) {
         if (failure.failure.cell >= 0)
             failure.failure.cell += static_cast<std::int64_t>(begin);
@@ -530,6 +538,7 @@ Job* PrepareCalculation(PyObject* const* args, Py_ssize_t nargs)
     const Element result = job->operands.back().type;
     const bool typed = (!floats && result == Element::float64) ||
                        (c.floatInputs && floats && !doubles && result != Element::int32);
+    job->floats = floats;
     if (!typed)
         Refuse(PyExc_ValueError, name + " takes float64 arrays" +
                                      (c.floatInputs ? ", or float32 inputs into a float32 or float64 out" : ""));
