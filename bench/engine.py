@@ -15,8 +15,10 @@ ratios of those (a machine that others load makes the medians move most):
 2. The gain of all threads over one, for the engine and for numba's kernel
    of the same steps (bench/numba_kernels.py) in the same rounds, and the
    engine's gain as a share of numba's (the goal: at least 90 %).
-3. float32 inputs (read as they are) against float64 inputs, and a single
-   region number (pvtnum=1) against an array of ones, through kavra.one_over_bo.
+3. float32 inputs (read as they are) against float64 inputs and against
+   float32 inputs widened to float64 copies first (what the layer did before
+   the engine), and a single region number (pvtnum=1) against an array of
+   ones, through kavra.one_over_bo.
 4. The overhead of a call in microseconds: kavra.one_over_bo and the engine's
    own entry on 10 cells.
 """
@@ -96,6 +98,8 @@ def variants(n, old, rng):
     calls.update({
         "kavra f64": lambda: kavra.one_over_bo(OIL, ones, po, pbub, out=out, threads=ALL),
         "kavra f32": lambda: kavra.one_over_bo(OIL, ones, *f32, out=out, threads=ALL),
+        "kavra f32 widened": lambda: kavra.one_over_bo(OIL, ones, *(v.astype(np.float64) for v in f32), out=out,
+                                                       threads=ALL),
         "kavra pvtnum=1": lambda: kavra.one_over_bo(OIL, 1, po, pbub, out=out, threads=ALL),
     })
     return calls, out
@@ -173,7 +177,8 @@ def report(of, times, old):
     if old:
         print("    engine / _parallel: " + ", ".join(
             f"{t} thread{'s' if t > 1 else ''} {of[f'engine {t}'] / of[f'_parallel {t}']:.2f}" for t in (1, ALL)))
-    print(f"    float32 / float64 inputs: {of['kavra f32'] / of['kavra f64']:.2f}; "
+    print(f"    float32 / float64 inputs: {of['kavra f32'] / of['kavra f64']:.2f}, float32 read as it is / "
+          f"widened to a float64 copy first: {of['kavra f32'] / of['kavra f32 widened']:.2f}; "
           f"pvtnum=1 / ones: {of['kavra pvtnum=1'] / of['kavra f64']:.2f}")
 
 
