@@ -103,6 +103,7 @@ void CallEntry(Entry entry, const Tables* tables, const GridFunctionPtr* a, std:
     }
 }
 
+// Whether the core function takes EngineVariants (float inputs as they are).
 template <class List, std::size_t... I, class Entry>
 constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
 {
@@ -113,12 +114,13 @@ constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
                                  GridFunctionPtr>::value;
 }
 
-#define KAVRA_OVERLOADS(entry) \
+// The overloads of a core function as one generic callable.
+#define KAVRA_OVERLOADS(entry)                                                     \
     [](auto&&... a) -> decltype(kavra::entry(std::forward<decltype(a)>(a)...)) { \
-        return kavra::entry(std::forward<decltype(a)>(a)...); \
+        return kavra::entry(std::forward<decltype(a)>(a)...);                      \
     }
 #define KAVRA_ARGUMENTS(List, inputs) ((std::is_same<List, NoTables>::value ? 1 : 2) + inputs)
-#define KAVRA_ENGINE_CELL(name, entry, List, inputs, kavracore)                                                             \
+#define KAVRA_ENGINE_CELL(name, entry, List, inputs, kavracore)                                                  \
     Calculation{#name, ListNameOf<List>(), inputs,                                                               \
                 TakesFloatInputsOf<List>(KAVRA_OVERLOADS(entry), std::make_index_sequence<inputs>()),            \
                 [](const Tables* tables, const GridFunctionPtr* arguments) {                                     \
@@ -132,6 +134,16 @@ constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
 #define KAVRA_ENGINE_OTHER(entry)
 
 const Calculation calculations[] = {KAVRA_CALCULATIONS(KAVRA_ENGINE_CELL, KAVRA_ENGINE_OTHER)};
+
+// The regions, the inputs and the result of the calculation with the most.
+#define KAVRA_ENGINE_ARGUMENTS(name, entry, List, inputs, kavracore) KAVRA_ARGUMENTS(List, inputs),
+constexpr std::size_t argumentCounts[] = {KAVRA_CALCULATIONS(KAVRA_ENGINE_ARGUMENTS, KAVRA_ENGINE_OTHER)};
+constexpr std::size_t mostArguments = [] {
+    std::size_t most = 0;
+    for (std::size_t count : argumentCounts)
+        most = count > most ? count : most;
+    return most;
+}();
 
 const Calculation* Find(const std::string& name)
 {
@@ -393,7 +405,7 @@ GridFunctionPtr SliceOf(CellJob& job, Operand& operand, std::uint64_t begin, std
 
 void RunChunk(CellJob& job, std::uint64_t begin, std::uint64_t end)
 {
-    GridFunctionPtr arguments[8];
+    GridFunctionPtr arguments[mostArguments];
     for (std::size_t a = 0; a < job.operands.size(); ++a)
         arguments[a] = SliceOf(job, job.operands[a], begin, end);
     try {
