@@ -235,7 +235,7 @@ void SetError(const std::exception_ptr& error, const Words& words)
 
 // ---------------------------------------------------------------- calls
 
-// [[noreturn]] the Python error `type` with `message`, through nanobind.
+// Raises the Python error `type` with `message`, through nanobind.
 [[noreturn]] void Refuse(PyObject* type, const std::string& message)
 {
     PyErr_SetString(type, message.c_str());
