@@ -65,10 +65,9 @@ __all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", 
 # inputs, whether float32 inputs are read as they are).
 _CALCULATIONS: dict[str, tuple[str | None, int, bool]] = _engine.CALCULATIONS
 # The table values of each region list.
-_VALUES: dict[str, tuple[type[_Table], ...]] = {}
-for _kind in (PVTO, PVTG, PVDG, PVDO, PVTW, ROCK):
-    _VALUES.setdefault(_kind._list_name, ())
-    _VALUES[_kind._list_name] += (_kind,)
+_VALUES: dict[str, tuple[type[_Table], ...]] = {
+    name: tuple(kind for kind in (PVTO, PVTG, PVDG, PVDO, PVTW, ROCK) if kind._list_name == name)
+    for name in ("TPVTOList", "TPVTGList", "TPVTList", "TPVTWList", "TRockList")}
 
 
 def _native_list_class(name: str) -> Any:
