@@ -67,7 +67,7 @@ _CALCULATIONS: dict[str, tuple[str | None, int, bool]] = _engine.CALCULATIONS
 # The table values of each region list.
 _VALUES: dict[str, tuple[type[_Table], ...]] = {
     name: tuple(kind for kind in (PVTO, PVTG, PVDG, PVDO, PVTW, ROCK) if kind._list_name == name)
-    for name in ("TPVTOList", "TPVTGList", "TPVTList", "TPVTWList", "TRockList")}
+    for name in _engine.RECORD_FIELDS}
 
 
 def _native_list_class(name: str) -> Any:
