@@ -403,11 +403,26 @@ GridFunctionPtr SliceOf(CellJob& job, Operand& operand, std::uint64_t begin, std
     return Slice<double>(job, operand, begin, end);
 }
 
+// flatTablesKept for the life of this object, on this thread.
+class KeptFlatTables
+{
+public:
+    explicit KeptFlatTables(FlatTablesKeeper* keeper) : m_before(flatTablesKept) { flatTablesKept = keeper; }
+    ~KeptFlatTables() { flatTablesKept = m_before; }
+    KeptFlatTables(const KeptFlatTables&) = delete;
+    KeptFlatTables& operator=(const KeptFlatTables&) = delete;
+
+private:
+    FlatTablesKeeper* m_before;
+};
+
 void RunChunk(CellJob& job, std::uint64_t begin, std::uint64_t end)
 {
     GridFunctionPtr arguments[mostArguments];
     for (std::size_t a = 0; a < job.operands.size(); ++a)
         arguments[a] = SliceOf(job, job.operands[a], begin, end);
+    // The tables never change: flattened once, for every chunk and call.
+    const KeptFlatTables kept(job.tables ? &job.tables->Flattened() : nullptr);
     try {
         (job.floats ? job.calculation->runFloats : job.calculation->run)(job.tables, arguments);
     } catch (IHeaderException& failure) {
