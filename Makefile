@@ -33,12 +33,15 @@ bootstrap:
 build: bootstrap
 	$(PY) -m pip install -q --no-build-isolation ".[deck]"
 
-# The column kernels are plain C++ (core/reductions): tested without Python.
+# The column kernels and the chunk scheduler are plain C++: tested without Python.
 native-test:
 	@mkdir -p build
 	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_column_kernels.cpp \
 		-o build/test_column_kernels
 	build/test_column_kernels
+	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_parallel_chunks.cpp \
+		core/utils/ParallelFor.cpp -pthread -o build/test_parallel_chunks
+	build/test_parallel_chunks
 
 test: bootstrap native-test
 	@bash scripts/versions.sh test $(PYTHONS)
@@ -63,7 +66,7 @@ sanitize:
 	@VENV=$(SAN_VENV) bash scripts/bootstrap.sh
 	$(SAN_VENV)/bin/python -m pip install -q --no-build-isolation -C cmake.define.KAVRA_SANITIZE=ON ".[deck]" \
 		-C build-dir=$(SAN_BUILD)
-	@preload="$$(ldd $(SAN_BUILD)/_kavracore*.so | awk '/lib(a|ub)san/ {print $$3}' | tr '\n' ' ')"; \
+	@preload="$$(ldd $(SAN_BUILD)/_engine*.so | awk '/lib(a|ub)san/ {print $$3}' | sort -u | tr '\n' ' ')"; \
 	if [ -z "$$preload" ]; then echo "make sanitize: the module links no sanitizer runtime" >&2; exit 1; fi; \
 	LD_PRELOAD="$$preload" ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	PYTHONMALLOC=malloc $(SAN_VENV)/bin/pytest -p no:cacheprovider --capture=sys tests; rc=$$?; \
@@ -79,13 +82,16 @@ ensemble: build
 
 # Native calculations against NumPy on 10^6 and 10^7 cells (bench/run.py), then
 # the NumPy-first functions on one thread and on all against numba at 10^7 cells,
-# and the size from which threads pay (bench/threads.py).  BENCH_ARGS goes to
+# and the size from which threads pay (bench/threads.py), then the engine against
+# the module it replaced and its thread gain against numba's (bench/engine.py;
+# bash bench/old_parallel.sh builds that module once).  BENCH_ARGS goes to
 # run.py; of it, --large (10^8 cells) goes to threads.py too.  numba is for the
 # bench alone: bench/requirements.txt.
 bench: build
 	$(PY) -m pip install -q -r bench/requirements.txt
 	$(PY) bench/run.py $(BENCH_ARGS)
 	$(PY) bench/threads.py $(filter --large,$(BENCH_ARGS))
+	$(PY) bench/engine.py
 
 clean:
 	rm -rf build

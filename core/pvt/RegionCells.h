@@ -8,12 +8,17 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <ostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <tuple>
+#include <typeindex>
 #include <type_traits>
 #include <utility>
 
 #include "core/pvt/TableModels.h"
+#include "core/utils/Failure.h"
 #include "core/utils/GridFunctionAccess.h"
 
 namespace kavra {
@@ -48,18 +53,29 @@ void ForEachRegionRun(Regions regions, Result result, std::uint64_t nElts, Run r
     }
 }
 
-// "Wrong PVT region number: <pvtID>, valid interval [0, <count - 1>]." with
-// the upper bound in unsigned arithmetic (an empty list shows 2^64 - 1).
-struct WrongRegion
+// The flattened tables of one list that never changes, kept for every call
+// over it: its owner (the engine's tables) sets flatTablesKept on the
+// threads of a call, and CalculateByRegion then flattens the list once, not
+// at each call (or chunk of a call).  Unset, every call flattens its own.
+class FlatTablesKeeper
 {
-    std::uint64_t pvtID;
-    std::uint64_t count;
+public:
+    template <class Flat, class List>
+    const FlatRegions<Flat>& Get(const List& list)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::shared_ptr<void>& kept = m_flat[std::make_pair(std::type_index(typeid(Flat)), &list)];
+        if (!kept)
+            kept = std::make_shared<FlatRegions<Flat>>(list);
+        return *static_cast<const FlatRegions<Flat>*>(kept.get());
+    }
+
+private:
+    std::mutex m_mutex;
+    std::map<std::pair<std::type_index, const void*>, std::shared_ptr<void>> m_flat;
 };
 
-inline std::ostream& operator<<(std::ostream& os, const WrongRegion& wrong)
-{
-    return os << "Wrong PVT region number: " << wrong.pvtID << ", valid interval [0, " << wrong.count - 1 << "].";
-}
+inline thread_local FlatTablesKeeper* flatTablesKept = nullptr;
 
 namespace detail {
 
@@ -97,7 +113,9 @@ void CalculateByRegion(ElementTypes<T...> types, const List& list, const Rule& r
         [&](auto regionNumbers, auto... access) {
             typedef typename List::value_type Table;
             typedef typename Flat::template InPlace<Table> InPlace;
-            const FlatRegions<Flat> flat(list);
+            std::optional<FlatRegions<Flat>> own;
+            const FlatRegions<Flat>& flat =
+                flatTablesKept ? flatTablesKept->Get<Flat>(list) : own.emplace(list);
             const auto accesses = std::make_tuple(access...);
             const auto inputs = std::make_index_sequence<sizeof...(access) - 1>();
             // The region of the run before: checked already, and the checks
@@ -109,7 +127,12 @@ void CalculateByRegion(ElementTypes<T...> types, const List& list, const Rule& r
             ForEachRegionRun(regionNumbers, std::get<sizeof...(access) - 1>(accesses), nElts,
                              [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
                 if (table == nullptr || pvtID != checked) {
-                    table = &regionTable(list, pvtID);
+                    try {
+                        table = &regionTable(list, pvtID);
+                    } catch (IHeaderException& failure) { // the region is checked at the run's first cell
+                        failure.failure.cell = static_cast<std::int64_t>(begin);
+                        throw;
+                    }
                     checked = pvtID;
                 }
                 if (const Flat* model = flat[pvtID])

@@ -10,4 +10,20 @@ struct ElementTypes
 {
 };
 
+// An element type of a calculation's variant in which the inputs are
+// arrays of In and the result (the last argument) an array of Out.
+template <class In, class Out>
+struct Mixed
+{
+};
+
+// The variants the engine runs a calculation in when its inputs are arrays
+// of float: the result an array of double, or of float.  (Arrays of double
+// take the calculation's own variants.)  A calculation that offers them
+// takes this tag as its first argument.
+struct EngineVariants
+{
+    typedef ElementTypes<Mixed<float, double>, float> Types;
+};
+
 } // namespace kavra

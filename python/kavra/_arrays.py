@@ -9,6 +9,7 @@ preparation knows nothing of the native module.
 
 from __future__ import annotations
 
+import math
 from dataclasses import dataclass
 from typing import Any
 
@@ -71,14 +72,12 @@ class CellArrays:
         After a failure only when `result` started as a copy of `out`: then its cells past the
         failing one are those of `out`, and the cells before it are written once."""
         if self.out is not None and (not failed or self.from_out):
-            if is_native_buffer(self.out, _FLOAT64):
-                _copy_bytes(self.result, self.out)
-            else:
-                np.copyto(self.out, self.result.reshape(self.shape), casting="same_kind")
+            np.copyto(self.out, self.result.reshape(self.shape), casting="same_kind")
 
 
 _FLOAT64 = np.dtype(np.float64)
 _INT32 = np.dtype(np.int32)
+_FLOAT32 = np.dtype(np.float32)
 
 
 def _ready(array: Any, dtype: np.dtype[Any], shape: tuple[int, ...]) -> bool:
@@ -105,19 +104,18 @@ def ready_buffers(regions: Any, inputs: list[Any], out: Any) -> list[np.ndarray]
 
 
 def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any,
-                  *, keep_out: bool = False, private: bool = False) -> CellArrays:
-    """Flat float64 inputs and int32 regions of one broadcast shape, and a result buffer.
+                  *, keep_out: bool = False, floats: bool = False) -> CellArrays:
+    """Flat inputs and int32 regions of one broadcast shape, and a result buffer.
 
     `regions` and `inputs` are (name, value) pairs; the names appear in error
-    messages.  With `keep_out` the result starts from the values of `out`
-    (zeros without it), for calculations that leave some cells alone.  With
-    `private` every buffer is a new copy that nothing else holds: the native
-    call may work on it without the interpreter lock, while other threads
-    may free or replace the memory of the caller's arrays (``__setstate__``);
-    the caller's float64 and int32 buffers are copied, and `out` written,
-    with the lock held (`held_copy`).
-    An input that shares memory with `out` is read from a copy, unless it is
-    `out` itself.
+    messages.  Inputs are float64, converted once where they are not; with
+    `floats` (a calculation that reads float32 as it is) inputs that are all
+    float32 stay float32, and a float32 `out` is written in place.  An input
+    (or the regions) of one element for many cells stays one element: every
+    cell reads it, nothing spreads it over the cells.  With `keep_out` the
+    result starts from the values of `out` (zeros without it), for
+    calculations that leave some cells alone.  An input that shares memory
+    with `out` is read from a copy, unless it is `out` itself.
     """
     named = ([regions] if regions is not None else []) + inputs
     data, masks = [], []
@@ -143,9 +141,13 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
 
     region_buffer = None
     if regions is not None:
-        region_buffer = _regions(function, regions[0], data.pop(0), shape, mask, private)
-    buffers = [(held_copy(a) if private else a).reshape(-1)
-               if a.shape == shape and is_native_buffer(a, _FLOAT64) else _converted(a, shape) for a in data]
+        region_buffer = _regions(function, regions[0], data.pop(0), shape, mask)
+    single = math.prod(shape) != 1
+    floats = floats and bool(data) and all(a.dtype == _FLOAT32 for a in data)
+    element = _FLOAT32 if floats else _FLOAT64
+    buffers = [a.reshape(-1) if a.shape == shape and is_native_buffer(a, element)
+               else a.astype(element).reshape(-1)[:1] if single and a.size == 1
+               else _converted(a, shape, element) for a in data]
 
     given_out, target, result, in_place = out, None, None, False
     if out is not None:
@@ -161,54 +163,42 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
         if isinstance(out, np.ma.MaskedArray) and out.hardmask:
             raise ValueError(f"{function}: out has a hard mask, which the result's mask cannot replace "
                              "(out.soften_mask() lets it)")
-        in_place = is_native_buffer(out_data, _FLOAT64)
-        if in_place and not private:
+        in_place = is_native_buffer(out_data, _FLOAT64) or (floats and is_native_buffer(out_data, _FLOAT32))
+        if in_place:
             result = out_data.reshape(-1)
         else:
             target = out_data
-            result = (held_copy(out_data).reshape(-1) if in_place
-                      else out_data.astype(np.float64, order="C").reshape(-1) if keep_out else np.empty(out_data.size))
+            result = out_data.astype(np.float64, order="C").reshape(-1) if keep_out else np.empty(out_data.size)
     if result is None:
         result = np.zeros(int(np.prod(shape))) if keep_out else np.empty(int(np.prod(shape)))
-    from_out = target is not None and target.dtype == _FLOAT64 and (keep_out or in_place)
+    from_out = target is not None and target.dtype == _FLOAT64 and keep_out
     return CellArrays(function, shape, region_buffer, buffers, result, target, given_out, mask, from_out)
 
 
-def held_copy(array: np.ndarray) -> np.ndarray:
-    """A copy of a C-contiguous array in memory of its own, made with the interpreter lock held
-    throughout.  (NumPy lets go of the lock in a large copy, and another thread may then free the
-    memory it reads: ``__setstate__`` frees an array's memory whatever views or exports it has.)"""
-    copy = np.empty(array.shape, array.dtype)
-    _copy_bytes(array, copy)
-    return copy
-
-
-def _copy_bytes(source: np.ndarray, target: np.ndarray) -> None:
-    """The bytes of one C-contiguous array into another of the same size: a memcpy that keeps the
-    interpreter lock."""
-    view = memoryview(target.reshape(-1)).cast("B")  # type: ignore[arg-type]
-    view[:] = memoryview(source.reshape(-1)).cast("B")  # type: ignore[arg-type]
-
-
-def _converted(array: np.ndarray, shape: tuple[int, ...]) -> NDArray[np.float64]:
-    """One pass: broadcast, convert to float64 in native order, contiguous."""
-    result = np.empty(shape, dtype=np.float64)
+def _converted(array: np.ndarray, shape: tuple[int, ...], dtype: np.dtype[Any] = np.dtype(np.float64)) -> Any:
+    """One pass: broadcast, convert to `dtype` in native order, contiguous."""
+    result = np.empty(shape, dtype=dtype)
     np.copyto(result, array, casting="unsafe")
     return result.reshape(-1)
 
 
 def _regions(function: str, name: str, array: np.ndarray, shape: tuple[int, ...],
-             mask: NDArray[np.bool_] | None, private: bool) -> NDArray[np.int32]:
+             mask: NDArray[np.bool_] | None) -> NDArray[np.int32]:
     """Region numbers as flat int32, converted in one pass; a number past int32 fails, one below
-    int32 becomes its lowest value (both belong to no table's region)."""
+    int32 becomes its lowest value (both belong to no table's region).  One number for many cells
+    (``pvtnum=1``) stays one number."""
     if array.shape == shape and mask is None and is_native_buffer(array, _INT32):
-        return (held_copy(array) if private else array).reshape(-1)
-    result = np.empty(shape, dtype=np.int32)
+        return array.reshape(-1)
+    cells = shape
+    if array.size == 1 and mask is None and math.prod(shape) != 1:
+        array = array.reshape(1)
+        cells = (1,)
+    result = np.empty(cells, dtype=np.int32)
     if (array.dtype.itemsize > 4 or array.dtype == np.uint32) and array.size:
         checked = array if mask is None else np.where(mask, 0, np.broadcast_to(array, shape))
         if checked.max() > INT32_MAX:
-            position = int(np.argmax(np.broadcast_to(checked, shape).reshape(-1) > INT32_MAX))
-            value = np.broadcast_to(checked, shape).reshape(-1)[position]
+            position = int(np.argmax(np.broadcast_to(checked, cells).reshape(-1) > INT32_MAX))
+            value = np.broadcast_to(checked, cells).reshape(-1)[position]
             raise ValueError(f"{function}: region {value} at {index_text(name, position, shape)} is not a region "
                              f"of any table")
         if array.dtype.kind == "i":  # no allocation: converted in the ufunc's buffers
@@ -234,9 +224,3 @@ def overlaps(value: Any, out: Any) -> bool:
     same = (array.__array_interface__["data"][0] == target.__array_interface__["data"][0]
             and array.dtype == target.dtype and array.shape == target.shape and array.strides == target.strides)
     return not same
-
-
-def native_message(error: BaseException) -> str:
-    """The line of a native failure that says what was wrong (the last one of a failed check)."""
-    lines = [line for line in str(error).splitlines() if line.strip()]
-    return lines[-1] if lines else type(error).__name__

@@ -10,13 +10,9 @@ every number of threads.
 
 from __future__ import annotations
 
-import atexit
 import operator
 import os
-import threading
-import time
 import warnings
-from typing import Any
 
 __all__ = ["get_num_threads", "set_num_threads"]
 
@@ -113,33 +109,3 @@ def set_num_threads(threads: int) -> None:
 def resolve(threads: int | None) -> int:
     """The threads of one call: its own ``threads=``, or the process setting."""
     return get_num_threads() if threads is None else _checked(threads, "threads")
-
-
-# A thread that takes the interpreter lock back while the interpreter ends is
-# stopped there, which no native call survives.  So once the exit begins (the
-# atexit functions run before it) no call lets go of the lock any more, and
-# the exit waits for the calls that have.
-_unlocked: set[int] = set()  # the threads in a call that may let go of the lock
-_ending = False
-
-
-def run(native: Any, *arguments: Any, count: int) -> Any:
-    """``native(*arguments, count)``: a call of kavra._parallel, on one thread (the lock kept) once
-    the interpreter has begun to end."""
-    me = threading.get_ident()
-    _unlocked.add(me)  # before the test, so that the exit waits for this call or it sees the flag
-    if _ending:
-        _unlocked.discard(me)
-        count = 1
-    try:
-        return native(*arguments, count)
-    finally:
-        _unlocked.discard(me)
-
-
-@atexit.register
-def _end() -> None:
-    global _ending
-    _ending = True
-    while _unlocked:
-        time.sleep(0.001)

@@ -1,0 +1,108 @@
+// kavra._engine: the cell calculations of the calculation list
+// (core/Calculations.h), the K reductions and the pinch-out sifting over
+// NumPy buffers and the region lists of kavra.tables' values, run in chunks
+// on a pool of threads with the interpreter lock released.
+//
+// The entries: Cells.cpp (the calculations), Reductions.cpp (the K
+// reductions), the pinch-outs here; Calls.cpp makes every failure one
+// Python error, once: a ValueError in kavra's words built from the facts the
+// core's exception carries (kavra::Failure).
+#include <Python.h>
+
+#include <array>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/make_shared.hpp>
+#include <nanobind/nanobind.h>
+#include <nanobind/ndarray.h>
+#include <nanobind/stl/array.h>
+#include <nanobind/stl/string.h>
+
+#include "bindings/_engine/Calls.h"
+#include "bindings/_engine/Engine.h"
+#include "bindings/_engine/Tables.h"
+#include "core/vadra/TransmissibilityK.h"
+#include "tessel/core/GridFunction.h"
+
+namespace nb = nanobind;
+using tessel::core::make_array_grid_function;
+
+namespace kavra {
+namespace engine {
+namespace {
+
+// A NumPy array that owns the elements of `values`.
+template <class T>
+nb::object ToArray(std::vector<T>&& values)
+{
+    auto* owned = new std::vector<T>(std::move(values));
+    nb::capsule owner(owned, [](void* p) noexcept { delete static_cast<std::vector<T>*>(p); });
+    return nb::cast(nb::ndarray<nb::numpy, T, nb::ndim<1>>(owned->data(), {owned->size()}, owner));
+}
+
+typedef nb::ndarray<const int, nb::ndim<1>, nb::c_contig, nb::device::cpu> Connections;
+typedef nb::ndarray<const std::uint16_t, nb::ndim<2>, nb::shape<-1, 3>, nb::c_contig, nb::device::cpu> SelectedCells;
+
+// transmissibility_k(nnc1, nnc2, grid, cells): the core's sifting of int32
+// connection lists over the selection `cells` ((m, 3) uint16 (i, j, k), in
+// selection order) of a grid of `grid` = (nI, nJ, nK) cells.  Gives the kept
+// lists (int32) and the marks (float64, one per selected cell).
+nb::tuple TransmissibilityK(Connections nnc1, Connections nnc2, std::array<std::uint16_t, 3> grid,
+                            SelectedCells cells)
+{
+    std::vector<tessel::strata::CellIJK> selected(cells.shape(0));
+    for (std::size_t s = 0; s < selected.size(); ++s)
+        selected[s] = tessel::strata::CellIJK{cells(s, 0), cells(s, 1), cells(s, 2)};
+    auto parent = boost::make_shared<tessel::strata::ReservoirTopology>(grid[0], grid[1], grid[2]);
+    tessel::strata::ReservoirSelectionTopologyPtr selection;
+    try {
+        selection = boost::make_shared<tessel::strata::ReservoirSelectionTopology>(parent, std::move(selected));
+    } catch (const std::out_of_range& e) {
+        Refuse(PyExc_ValueError, std::string("transmissibility_k: ") + e.what());
+    }
+    auto marks = make_array_grid_function<double>(std::vector<double>(selection->number_of_selected_cells));
+    auto first = boost::make_shared<std::vector<int>>(nnc1.data(), nnc1.data() + nnc1.shape(0));
+    auto second = boost::make_shared<std::vector<int>>(nnc2.data(), nnc2.data() + nnc2.shape(0));
+    try {
+        CalcTransmissibilityK(first, second, selection, tessel::core::make_selection_view(selection, marks));
+    } catch (...) {
+        SetError(std::current_exception(), Words{"transmissibility_k", "", {}});
+        throw nb::python_error();
+    }
+    std::vector<double> trank(marks->data, marks->data + marks->count);
+    return nb::make_tuple(ToArray(std::move(*first)), ToArray(std::move(*second)), ToArray(std::move(trank)));
+}
+
+} // namespace
+} // namespace engine
+} // namespace kavra
+
+NB_MODULE(_engine, m)
+{
+    using namespace kavra::engine;
+    // A table that a thread still holds when the interpreter ends (a daemon
+    // thread in a call) is not a leak of this module.
+    nb::set_leak_warnings(false);
+    m.doc() = "kavra's calculations over NumPy buffers, on a pool of threads (see kavra.calculations)";
+    nb::class_<Tables>(m, "Tables", "The region lists of a table value, built once from its numbers")
+        .def(nb::init<const std::string&, nb::handle>(), nb::arg("list"), nb::arg("regions"))
+        .def_prop_ro("list", &Tables::Name)
+        .def("__len__", &Tables::Count);
+    static PyMethodDef unlocked[] = {
+        {"calculate", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Calculate)),
+         METH_FASTCALL, "calculate(name, tables, regions, inputs, out, words, threads) -> out"},
+        {"reduce_grid", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&ReduceGrid)),
+         METH_FASTCALL, "reduce_grid(name, values, result, columns, threads) -> None"},
+        {nullptr, nullptr, 0, nullptr}};
+    if (PyModule_AddFunctions(m.ptr(), unlocked) < 0)
+        throw nb::python_error();
+    m.def("reduce_selection", &ReduceSelection);
+    m.def("transmissibility_k", &TransmissibilityK);
+    m.attr("CALCULATIONS") = CalculationList();
+    m.attr("RECORD_FIELDS") = RecordFieldNames();
+    m.attr("CHUNK") = cellsPerChunk;
+}
