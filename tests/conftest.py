@@ -22,8 +22,9 @@ KAVRACORE_NAMES = {node.name for node in ast.parse((ROOT / "python/kavra/_kavrac
 
 
 def imports_boost_python_modules(path):
-    """Whether the test or helper module at `path` imports a Boost.Python module or a name of _kavracore."""
-    for node in ast.walk(ast.parse(path.read_text())):
+    """Whether the test or helper module at `path` imports a Boost.Python module or a name of _kavracore
+    when it is imported (a test that imports one itself is marked needs_boost_python)."""
+    for node in ast.parse(path.read_text()).body:
         if isinstance(node, ast.Import):
             modules = [alias.name for alias in node.names]
         elif isinstance(node, ast.ImportFrom) and node.module:

@@ -2,6 +2,7 @@
 leaves out the modules that need it, says so once and why, and keeps the rest."""
 
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -46,9 +47,17 @@ sys.meta_path.insert(0, Hide())
 def test_without_boost_python_modules_kavra_imports_and_what_needs_them_says_why():
     script = HIDDEN + """
 import importlib, pickle
+import numpy as np
 import kavra, kavra.tables
+from kavra._grid import reservoir_grid
 table = kavra.tables.PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8]]], units="FIELD")
 assert pickle.loads(pickle.dumps(table)) == table and "TPVT" not in kavra.__all__ and not hasattr(kavra, "TPVT")
+grid = reservoir_grid(3, 2, 1)  # a deck's or a case's grid
+assert grid == (3, 2, 1) and grid.number_of_cells() == 6 and kavra.ksum(np.ones(6), grid).tolist() == [1.0] * 6
+try:
+    reservoir_grid(3, 70000, 1)
+except ValueError as error:
+    print("ValueError", error)
 for call in (table.to_native, lambda: kavra.tables.ROCK.from_native(None), lambda: importlib.import_module("kavra.tessel")):
     try:
         call()
@@ -57,7 +66,12 @@ for call in (table.to_native, lambda: kavra.tables.ROCK.from_native(None), lambd
 """
     done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=120)
     assert done.returncode == 0, done.stderr
-    lines = done.stdout.splitlines()
+    grid_error, *lines = done.stdout.splitlines()
+    assert grid_error == "ValueError nJ = 70000 is outside [0, 65535]"  # tessel's words, where it is built
+    if BOOST_PYTHON_BUILT:
+        from kavra import tessel
+        with pytest.raises(ValueError, match=re.escape(grid_error.split(" ", 1)[1])):
+            tessel.ReservoirTopology(3, 70000, 1)
     assert [line.split()[:2] for line in lines] == [["NotBuilt", "kavra._kavracore"]] * 2 + [["NotBuilt", "kavra.tessel._tessel"]]
     for line in lines:
         assert f"needs Boost.Python for {THIS_PYTHON}, and none was found when kavra was built" in line

@@ -35,12 +35,16 @@ import os
 import pathlib
 import re
 from collections.abc import Callable, Iterator
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from numpy.typing import NDArray
 
-from . import tessel
+from ._grid import reservoir_grid
+
+if TYPE_CHECKING:
+    from . import tessel
+    from ._grid import Grid
 
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_SYSTEMS
 
@@ -120,8 +124,9 @@ class Deck:
 
     Attributes
     ----------
-    grid : tessel.ReservoirTopology
-        The grid of DIMENS (nI, nJ, nK).
+    grid : kavra.tessel.ReservoirTopology
+        The grid of DIMENS (nI, nJ, nK); in a build without kavra.tessel, a named tuple
+        ``(nI, nJ, nK)`` with ``number_of_cells()``, which kavra's functions take as well.
     units : str
         The deck's unit system: ``"METRIC"``, ``"FIELD"``, ``"LAB"`` or ``"PVT-M"``.  Every
         number of the tables is in it, and its labels are on every scalar they hand out.
@@ -130,7 +135,7 @@ class Deck:
         TABDIMS), or None where the deck has no such keyword.
     """
 
-    grid: tessel.ReservoirTopology
+    grid: tessel.ReservoirTopology | Grid
     units: str
     pvto: PVTO | None
     pvtg: PVTG | None
@@ -139,7 +144,7 @@ class Deck:
     pvtw: PVTW | None
     rock: ROCK | None
 
-    def __init__(self, parsed: Any, grid: tessel.ReservoirTopology, units: str,
+    def __init__(self, parsed: Any, grid: tessel.ReservoirTopology | Grid, units: str,
                  tables: dict[str, Any]) -> None:
         self._parsed = parsed
         self.grid = grid
@@ -491,7 +496,7 @@ def _units(parsed: Any) -> str:
     return name
 
 
-def _grid(parsed: Any) -> tessel.ReservoirTopology:
+def _grid(parsed: Any) -> tessel.ReservoirTopology | Grid:
     if "DIMENS" not in parsed:
         raise DeckError("the deck has no DIMENS keyword: the grid size is unknown")
     record = parsed["DIMENS"][0]
@@ -501,7 +506,7 @@ def _grid(parsed: Any) -> tessel.ReservoirTopology:
                         f"the grid size needs nI, nJ and nK written out")
     dims = [record[i].get_int(0) for i in range(3)]
     try:
-        return tessel.ReservoirTopology(*dims)
+        return reservoir_grid(*dims)
     except (ValueError, OverflowError) as error:
         raise DeckError(f"DIMENS record 1: {error}") from error
 
