@@ -25,12 +25,15 @@ bootstrap:
 build: bootstrap
 	$(PY) -m pip install -q --no-build-isolation ".[deck]"
 
-# The column kernels are plain C++ (core/reductions): tested without Python.
+# The column kernels and the chunk scheduler are plain C++: tested without Python.
 native-test:
 	@mkdir -p build
 	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_column_kernels.cpp \
 		-o build/test_column_kernels
 	build/test_column_kernels
+	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_parallel_chunks.cpp \
+		core/utils/ParallelFor.cpp -pthread -o build/test_parallel_chunks
+	build/test_parallel_chunks
 
 # pytest exits with 5 when it collected no test: that is a broken suite here.
 test: build native-test
@@ -54,7 +57,7 @@ sanitize:
 	@VENV=$(SAN_VENV) bash scripts/bootstrap.sh
 	$(SAN_VENV)/bin/python -m pip install -q --no-build-isolation -C cmake.define.KAVRA_SANITIZE=ON ".[deck]" \
 		-C build-dir=$(SAN_BUILD)
-	@preload="$$(ldd $(SAN_BUILD)/_kavracore*.so | awk '/lib(a|ub)san/ {print $$3}' | tr '\n' ' ')"; \
+	@preload="$$(ldd $(SAN_BUILD)/_engine*.so | awk '/lib(a|ub)san/ {print $$3}' | sort -u | tr '\n' ' ')"; \
 	if [ -z "$$preload" ]; then echo "make sanitize: the module links no sanitizer runtime" >&2; exit 1; fi; \
 	LD_PRELOAD="$$preload" ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	PYTHONMALLOC=malloc $(SAN_VENV)/bin/pytest -p no:cacheprovider --capture=sys tests; rc=$$?; \

@@ -1,52 +1,27 @@
-// Python names of the cell calculations.  Every function takes positional
-// arguments only; grid functions arrive as boost::shared_ptr<IGridFunction>
-// through the converters that the tessel module registers.
+// Python names of the cell calculations, in the order of the calculation
+// list (core/Calculations.h).  Every function takes positional arguments
+// only; grid functions arrive as boost::shared_ptr<IGridFunction> through the
+// converters that the tessel module registers.
 #include <boost/python.hpp>
 
 #include "Registration.h"
-#include "core/pvt/BubblePointPressure.h"
-#include "core/pvt/Interpolation.h"
-#include "core/pvt/OneOverB.h"
-#include "core/pvt/OneOverBg.h"
-#include "core/pvt/OneOverBo.h"
-#include "core/pvt/OneOverBw.h"
-#include "core/pvt/RsFromComponents.h"
-#include "core/rock/BulkVolume.h"
-#include "core/rock/Porosity.h"
-#include "core/vadra/TransmissibilityK.h"
+#include "core/Calculations.h"
 
 namespace bp = boost::python;
 
 namespace kavra {
 namespace python {
+namespace {
 
-void RegisterPvtCalculations()
+void RegisterInterpolateB()
 {
-    bp::def("CalcBubblePointPressure", &kavra::CalcBubblePointPressure);
-    bp::def("CalcOneOverB", &kavra::CalcOneOverB);
     bp::def("InterpolateB", &kavra::InterpolateB);
-    bp::def("CalcOneOverBo", &kavra::CalcOneOverBo);
-    bp::def("CalcOneOverBw", &kavra::CalcOneOverBw);
-    bp::def("CalcOneOverBg", &kavra::CalcOneOverBg);
-}
-
-void RegisterPorosity()
-{
-    bp::def("CalcPorosity", &kavra::CalcPorosity);
-    bp::def("CalcPorosityFromPORV", &kavra::CalcPorosityFromPORV);
-}
-
-void RegisterBulkVolume()
-{
-    bp::def("CalcBulkVolume", static_cast<void (*)(GridFunctionPtr, GridFunctionPtr)>(&kavra::CalcBulkVolume));
-    bp::def("CalcBulkVolume",
-            static_cast<void (*)(GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(&kavra::CalcBulkVolume));
 }
 
 // Boost.Python tries the overload registered last first: any topology enters
 // through ITopology and is cast there, so a wrong class gets this module's
 // own error rather than an argument error.
-void RegisterTransmissibilityK()
+void RegisterCalcTransmissibilityK()
 {
     bp::def("CalcTransmissibilityK",
             static_cast<void (*)(IntVectorPtr, IntVectorPtr, tessel::strata::ReservoirSelectionTopologyPtr,
@@ -56,9 +31,16 @@ void RegisterTransmissibilityK()
                                  GridFunctionPtr)>(&kavra::CalcTransmissibilityK));
 }
 
-void RegisterRsFromComponents()
+} // namespace
+
+void RegisterCalculations()
 {
-    bp::def("CalcRsFromComponents", &kavra::CalcRsFromComponents);
+#define KAVRA_REGISTER_CELL(name, entry, List, inputs) \
+    bp::def(#entry, static_cast<CalcPointer<List, inputs>>(&kavra::entry));
+#define KAVRA_REGISTER_OTHER(entry) Register##entry();
+    KAVRA_CALCULATIONS(KAVRA_REGISTER_CELL, KAVRA_REGISTER_OTHER)
+#undef KAVRA_REGISTER_CELL
+#undef KAVRA_REGISTER_OTHER
 }
 
 } // namespace python

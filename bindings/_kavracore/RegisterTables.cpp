@@ -40,15 +40,23 @@ void AddUnderSatProperty(bp::class_<Record, boost::shared_ptr<Record>>& cls, Row
                      &SetUnderSat<Record, Rows>);
 }
 
+// The scalar fields of a record, as properties that read and write the very
+// scalar objects, in the order of its fields (core/types/Records.h).
+template <class Record>
+void AddFields(bp::class_<Record, boost::shared_ptr<Record>>& cls)
+{
+    for (std::size_t f = 0; f < RecordFields<Record>::size; ++f)
+        cls.def_readwrite(RecordFields<Record>::names[f], RecordFields<Record>::members[f]);
+}
+
 } // namespace
 
 void RegisterDeadOilTables()
 {
-    bp::class_<TPVT, boost::shared_ptr<TPVT>>("TPVT", "TPVT( kavra::TScalarPtr _P, kavra::TScalarPtr _B, kavra::TScalarPtr _Mi )",
-                                             bp::init<TScalarPtr, TScalarPtr, TScalarPtr>())
-        .def_readwrite("P", &TPVT::P)
-        .def_readwrite("B", &TPVT::B)
-        .def_readwrite("Mi", &TPVT::Mi);
+    bp::class_<TPVT, boost::shared_ptr<TPVT>> cls(
+        "TPVT", "TPVT( kavra::TScalarPtr _P, kavra::TScalarPtr _B, kavra::TScalarPtr _Mi )",
+        bp::init<TScalarPtr, TScalarPtr, TScalarPtr>());
+    AddFields(cls);
     RegisterList<TPVT>("TPVTTable");
     RegisterList<TPVTTable>("TPVTList");
 }
@@ -58,7 +66,7 @@ void RegisterLiveOilTables()
     bp::class_<TPVTO, boost::shared_ptr<TPVTO>> cls(
         "TPVTO", "TPVTO( kavra::TScalarPtr RS, kavra::TScalarPtr P, kavra::TScalarPtr Bo, kavra::TScalarPtr Mio )",
         bp::init<TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr>());
-    AddScalarProperty(cls, "Rs", &TPVTO::Rs);
+    AddScalarProperty(cls, RecordFields<TPVTO>::names[0], RecordFields<TPVTO>::members[0]);
     AddUnderSatProperty(cls, &TPVTO::under_sat);
     RegisterList<TPVTO>("TPVTOTable");
     RegisterList<TPVTOTable>("TPVTOList");
@@ -66,33 +74,27 @@ void RegisterLiveOilTables()
 
 void RegisterWaterTables()
 {
-    bp::class_<TPVTW, boost::shared_ptr<TPVTW>>(
+    bp::class_<TPVTW, boost::shared_ptr<TPVTW>> cls(
         "TPVTW",
         "TPVTW( kavra::TScalarPtr _P_ref, kavra::TScalarPtr _Bw_ref, kavra::TScalarPtr _Cw, kavra::TScalarPtr "
         "_Miw_ref, kavra::TScalarPtr _Cvw )",
-        bp::init<TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr>())
-        .def_readwrite("P_ref", &TPVTW::P_ref)
-        .def_readwrite("Bw_ref", &TPVTW::Bw_ref)
-        .def_readwrite("Cw", &TPVTW::Cw)
-        .def_readwrite("Miw_ref", &TPVTW::Miw_ref)
-        .def_readwrite("Cvw", &TPVTW::Cvw);
+        bp::init<TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr>());
+    AddFields(cls);
     RegisterList<TPVTW>("TPVTWList");
 }
 
 void RegisterWetGasTables()
 {
-    bp::class_<TPVTGRecord, boost::shared_ptr<TPVTGRecord>>(
+    bp::class_<TPVTGRecord, boost::shared_ptr<TPVTGRecord>> record(
         "TPVTGRecord", "TPVTGRecord( kavra::TScalarPtr _Rv, kavra::TScalarPtr _B, kavra::TScalarPtr _Mi )",
-        bp::init<TScalarPtr, TScalarPtr, TScalarPtr>())
-        .def_readwrite("Rv", &TPVTGRecord::Rv)
-        .def_readwrite("B", &TPVTGRecord::B)
-        .def_readwrite("Mi", &TPVTGRecord::Mi);
+        bp::init<TScalarPtr, TScalarPtr, TScalarPtr>());
+    AddFields(record);
     RegisterList<TPVTGRecord>("TPVTGRecordTable");
 
     bp::class_<TPVTG, boost::shared_ptr<TPVTG>> cls(
         "TPVTG", "TPVTG( kavra::TScalarPtr Pg, kavra::TScalarPtr Rv, kavra::TScalarPtr Bg, kavra::TScalarPtr Mig )",
         bp::init<TScalarPtr, TScalarPtr, TScalarPtr, TScalarPtr>());
-    AddScalarProperty(cls, "Pg", &TPVTG::Pg);
+    AddScalarProperty(cls, RecordFields<TPVTG>::names[0], RecordFields<TPVTG>::members[0]);
     AddUnderSatProperty(cls, &TPVTG::under_sat);
     RegisterList<TPVTG>("TPVTGTable");
     RegisterList<TPVTGTable>("TPVTGList");
@@ -100,10 +102,9 @@ void RegisterWetGasTables()
 
 void RegisterRock()
 {
-    bp::class_<TRock, boost::shared_ptr<TRock>>("TRock", "TRock( kavra::TScalarPtr _P_ref, kavra::TScalarPtr _Cr )",
-                                               bp::init<TScalarPtr, TScalarPtr>())
-        .def_readwrite("P_ref", &TRock::P_ref)
-        .def_readwrite("Cr", &TRock::Cr);
+    bp::class_<TRock, boost::shared_ptr<TRock>> cls("TRock", "TRock( kavra::TScalarPtr _P_ref, kavra::TScalarPtr _Cr )",
+                                                   bp::init<TScalarPtr, TScalarPtr>());
+    AddFields(cls);
 }
 
 void RegisterScalar()

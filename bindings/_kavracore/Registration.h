@@ -11,11 +11,7 @@ void RegisterWetGasTables();
 void RegisterRock();
 void RegisterScalar();
 void RegisterRockList();
-void RegisterPvtCalculations();
-void RegisterPorosity();
-void RegisterBulkVolume();
-void RegisterTransmissibilityK();
-void RegisterRsFromComponents();
+void RegisterCalculations();
 void RegisterColumnReductions();
 
 } // namespace python

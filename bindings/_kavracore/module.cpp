@@ -23,11 +23,7 @@ void ModuleBody()
     kavra::python::RegisterRock();          // TRock
     kavra::python::RegisterScalar();        // TScalar
     kavra::python::RegisterRockList();      // TRockList
-    kavra::python::RegisterPvtCalculations(); // CalcBubblePointPressure .. CalcOneOverBg, InterpolateB
-    kavra::python::RegisterPorosity();      // CalcPorosity, CalcPorosityFromPORV
-    kavra::python::RegisterBulkVolume();      // CalcBulkVolume: two grid functions, then three
-    kavra::python::RegisterTransmissibilityK(); // CalcTransmissibilityK: selection, then ITopology
-    kavra::python::RegisterRsFromComponents();
+    kavra::python::RegisterCalculations(); // the Calc functions, in the order of core/Calculations.h
     kavra::python::RegisterColumnReductions();
 }
 

@@ -26,7 +26,7 @@ const TPVTOTable& RegionTable(const TPVTOList& p_pvtoList, std::uint64_t pvtID)
     // upper bound wraps around in the unsigned type and shows 2^64 - 1.
     PRECONDITION(pvtID<p_pvtoList.size(), (WrongRegion{pvtID, p_pvtoList.size()}));
     const TPVTOTable& pvto_table = p_pvtoList[pvtID];
-    PRECONDITION(!pvto_table.empty(), "Empty PVTO table!!");
+    PRECONDITION(!pvto_table.empty(), (EmptyTable{"Empty PVTO table!!", pvtID}));
     return pvto_table;
 }
 
@@ -37,7 +37,7 @@ const TPVTOTable& RegionTable(const TPVTOList& p_pvtoList, std::uint64_t pvtID)
 // Variants: PVTNum an array of int with arrays of double for the others, or
 // of float (values widened to double, the result rounded once to float),
 // else any grid functions through their accessors.
-void CalcBubblePointPressure(const TPVTOList& p_pvtoList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_RS,
+template <class Variants> void BubblePointPressureIn(Variants, const TPVTOList& p_pvtoList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_RS,
                              GridFunctionPtr Pbub)
 {
     CheckGridFunctionGiven("PVTNum", p_PVTNum);
@@ -48,8 +48,19 @@ void CalcBubblePointPressure(const TPVTOList& p_pvtoList, GridFunctionPtr p_PVTN
     PRECONDITION(nElts == p_PVTNum->number_of_elements(), "Pbub and PVTNum should have the same number of elements.");
     PRECONDITION(nElts == p_RS->number_of_elements(), "Pbub and RS should have the same number of elements.");
 
-    CalculateByRegion<FlatPbub, RegionTable>(ElementTypes<double, float>(), p_pvtoList, BubblePointAt, nElts, p_PVTNum,
+    CalculateByRegion<FlatPbub, RegionTable>(Variants(), p_pvtoList, BubblePointAt, nElts, p_PVTNum,
                                              p_RS, Pbub);
+}
+
+// The calculation's own variants, and with the engine's.
+void CalcBubblePointPressure(const TPVTOList& p_pvtoList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_RS, GridFunctionPtr Pbub)
+{
+    BubblePointPressureIn(ElementTypes<double, float>(), p_pvtoList, p_PVTNum, p_RS, Pbub);
+}
+
+void CalcBubblePointPressure(EngineVariants, const TPVTOList& p_pvtoList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_RS, GridFunctionPtr Pbub)
+{
+    BubblePointPressureIn(EngineVariants::Types(), p_pvtoList, p_PVTNum, p_RS, Pbub);
 }
 
 } // namespace kavra

@@ -23,7 +23,7 @@ const TPVTTable& RegionTable(const TPVTList& pvtList, std::uint64_t pvtID)
     // upper bound wraps around in the unsigned type and shows 2^64 - 1.
     PRECONDITION(pvtID<pvtList.size(), (WrongRegion{pvtID, pvtList.size()}));
     const TPVTTable& pvt_table = pvtList[pvtID];
-    PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
+    PRECONDITION(!pvt_table.empty(), (EmptyTable{"Empty PVT table!!", pvtID}));
     return pvt_table;
 }
 
@@ -34,7 +34,7 @@ const TPVTTable& RegionTable(const TPVTList& pvtList, std::uint64_t pvtID)
 // Variants: PVTNum an array of int with arrays of double for the others,
 // else any grid functions through their accessors (the same numbers).  A
 // failure at a cell leaves the cells before it written.
-void CalcOneOverB(const TPVTList& pvtList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_P, GridFunctionPtr OneOverB)
+template <class Variants> void OneOverBIn(Variants, const TPVTList& pvtList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_P, GridFunctionPtr OneOverB)
 {
     CheckGridFunctionGiven("PVTNum", p_PVTNum);
     CheckGridFunctionGiven("P", p_P);
@@ -44,7 +44,18 @@ void CalcOneOverB(const TPVTList& pvtList, GridFunctionPtr p_PVTNum, GridFunctio
     PRECONDITION(nElts == p_PVTNum->number_of_elements(), "OneOverB and PVTNum should have the same number of elements.");
     PRECONDITION(nElts == p_P->number_of_elements(), "OneOverB and P should have the same number of elements.");
 
-    CalculateByRegion<FlatB, RegionTable>(ElementTypes<double>(), pvtList, OneOverBAt, nElts, p_PVTNum, p_P, OneOverB);
+    CalculateByRegion<FlatB, RegionTable>(Variants(), pvtList, OneOverBAt, nElts, p_PVTNum, p_P, OneOverB);
+}
+
+// The calculation's own variants, and with the engine's.
+void CalcOneOverB(const TPVTList& pvtList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_P, GridFunctionPtr OneOverB)
+{
+    OneOverBIn(ElementTypes<double>(), pvtList, p_PVTNum, p_P, OneOverB);
+}
+
+void CalcOneOverB(EngineVariants, const TPVTList& pvtList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_P, GridFunctionPtr OneOverB)
+{
+    OneOverBIn(EngineVariants::Types(), pvtList, p_PVTNum, p_P, OneOverB);
 }
 
 } // namespace kavra

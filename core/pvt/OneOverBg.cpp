@@ -103,7 +103,7 @@ const TPVTGTable& RegionTable(const TPVTGList& p_pvtg_list, std::uint64_t pvtID)
     // upper bound wraps around in the unsigned type and shows 2^64 - 1.
     PRECONDITION(pvtID < p_pvtg_list.size(), (WrongRegion{pvtID, p_pvtg_list.size()}));
     const TPVTGTable& pvt_table = p_pvtg_list[pvtID];
-    PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
+    PRECONDITION(!pvt_table.empty(), (EmptyTable{"Empty PVT table!!", pvtID}));
     return pvt_table;
 }
 
@@ -116,7 +116,7 @@ const TPVTGTable& RegionTable(const TPVTGList& p_pvtg_list, std::uint64_t pvtID)
 // three give the same numbers.  None of them allocates in the cell loop;
 // the tables are flattened once per call, after the checks, and a cell
 // searches each line it reads once.
-void CalcOneOverBg(const TPVTGList& p_pvtg_list, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pg,
+template <class Variants> void OneOverBgIn(Variants, const TPVTGList& p_pvtg_list, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pg,
                    GridFunctionPtr p_Pdew, GridFunctionPtr p_Rv, GridFunctionPtr OneOverBg)
 {
     CheckGridFunctionGiven("PVTNum", p_PVTNum);
@@ -136,8 +136,19 @@ void CalcOneOverBg(const TPVTGList& p_pvtg_list, GridFunctionPtr p_PVTNum, GridF
     PRECONDITION(number_of_elements == p_Rv->number_of_elements(),
                  "OneOverBo and Rv should have the same number of elements.");
 
-    CalculateByRegion<FlatGas, RegionTable>(ElementTypes<double, float>(), p_pvtg_list, OneOverBgAt, number_of_elements,
+    CalculateByRegion<FlatGas, RegionTable>(Variants(), p_pvtg_list, OneOverBgAt, number_of_elements,
                                             p_PVTNum, p_Pg, p_Pdew, p_Rv, OneOverBg);
+}
+
+// The calculation's own variants, and with the engine's.
+void CalcOneOverBg(const TPVTGList& p_pvtg_list, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pg, GridFunctionPtr p_Pdew, GridFunctionPtr p_Rv, GridFunctionPtr OneOverBg)
+{
+    OneOverBgIn(ElementTypes<double, float>(), p_pvtg_list, p_PVTNum, p_Pg, p_Pdew, p_Rv, OneOverBg);
+}
+
+void CalcOneOverBg(EngineVariants, const TPVTGList& p_pvtg_list, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pg, GridFunctionPtr p_Pdew, GridFunctionPtr p_Rv, GridFunctionPtr OneOverBg)
+{
+    OneOverBgIn(EngineVariants::Types(), p_pvtg_list, p_PVTNum, p_Pg, p_Pdew, p_Rv, OneOverBg);
 }
 
 } // namespace kavra

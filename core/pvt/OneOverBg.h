@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/types/Records.h"
+#include "core/utils/ElementTypes.h"
 #include "core/utils/gridfunction_checking.h"
 
 namespace kavra {
@@ -11,6 +12,10 @@ namespace kavra {
 // within the two rows around Pg and then between them in Pg.  Cells of
 // region below 1 get 0.0.
 void CalcOneOverBg(const TPVTGList& p_pvtg_list, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pg,
+                   GridFunctionPtr p_Pdew, GridFunctionPtr p_Rv, GridFunctionPtr OneOverBg);
+
+// The same with the engine's variants besides (core/utils/ElementTypes.h).
+void CalcOneOverBg(EngineVariants, const TPVTGList& p_pvtg_list, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pg,
                    GridFunctionPtr p_Pdew, GridFunctionPtr p_Rv, GridFunctionPtr OneOverBg);
 
 } // namespace kavra

@@ -81,7 +81,7 @@ const TPVTOTable& RegionTable(const TPVTOList& pvtoList, std::uint64_t pvtID)
     // upper bound wraps around in the unsigned type and shows 2^64 - 1.
     PRECONDITION(pvtID<pvtoList.size(), (WrongRegion{pvtID, pvtoList.size()}));
     const TPVTOTable& pvt_table = pvtoList[pvtID];
-    PRECONDITION(!pvt_table.empty(), "Empty PVT table!!");
+    PRECONDITION(!pvt_table.empty(), (EmptyTable{"Empty PVT table!!", pvtID}));
     return pvt_table;
 }
 
@@ -93,7 +93,7 @@ const TPVTOTable& RegionTable(const TPVTOList& pvtoList, std::uint64_t pvtID)
 // functions through their accessors, one virtual call per element.  All
 // three give the same numbers.  None of them allocates in the cell loop;
 // the tables are flattened once per call, after the checks.
-void CalcOneOverBo(const TPVTOList& pvtoList, GridFunctionPtr PVTNum, GridFunctionPtr Po, GridFunctionPtr Pbub,
+template <class Variants> void OneOverBoIn(Variants, const TPVTOList& pvtoList, GridFunctionPtr PVTNum, GridFunctionPtr Po, GridFunctionPtr Pbub,
                    GridFunctionPtr OneOverBo)
 {
     CheckGridFunctionGiven("PVTNum", PVTNum);
@@ -106,8 +106,19 @@ void CalcOneOverBo(const TPVTOList& pvtoList, GridFunctionPtr PVTNum, GridFuncti
     PRECONDITION(nElts == Po->number_of_elements(), "OneOverBo and Po should have the same number of elements.");
     PRECONDITION(nElts == Pbub->number_of_elements(), "OneOverBo and Pbub should have the same number of elements.");
 
-    CalculateByRegion<FlatOil, RegionTable>(ElementTypes<double, float>(), pvtoList, OneOverBoAt, nElts, PVTNum, Po,
+    CalculateByRegion<FlatOil, RegionTable>(Variants(), pvtoList, OneOverBoAt, nElts, PVTNum, Po,
                                             Pbub, OneOverBo);
+}
+
+// The calculation's own variants, and with the engine's.
+void CalcOneOverBo(const TPVTOList& pvtoList, GridFunctionPtr PVTNum, GridFunctionPtr Po, GridFunctionPtr Pbub, GridFunctionPtr OneOverBo)
+{
+    OneOverBoIn(ElementTypes<double, float>(), pvtoList, PVTNum, Po, Pbub, OneOverBo);
+}
+
+void CalcOneOverBo(EngineVariants, const TPVTOList& pvtoList, GridFunctionPtr PVTNum, GridFunctionPtr Po, GridFunctionPtr Pbub, GridFunctionPtr OneOverBo)
+{
+    OneOverBoIn(EngineVariants::Types(), pvtoList, PVTNum, Po, Pbub, OneOverBo);
 }
 
 } // namespace kavra

@@ -52,7 +52,7 @@ const auto OneOverBwAt = [](const auto& water, double pw) {
 
 } // namespace
 
-void CalcOneOverBw(const TPVTWList& pvtwList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pw, GridFunctionPtr OneOverBw)
+template <class Variants> void OneOverBwIn(Variants, const TPVTWList& pvtwList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pw, GridFunctionPtr OneOverBw)
 {
     CheckGridFunctionGiven("PVTNum", p_PVTNum);
     CheckGridFunctionGiven("Pw", p_Pw);
@@ -62,8 +62,19 @@ void CalcOneOverBw(const TPVTWList& pvtwList, GridFunctionPtr p_PVTNum, GridFunc
     PRECONDITION(nElts == p_PVTNum->number_of_elements(), "OneOverBw and PVTNum should have the same number of elements.");
     PRECONDITION(nElts == p_Pw->number_of_elements(), "OneOverBw and Pw should have the same number of elements.");
 
-    CalculateByRegion<FlatWater, RegionRecord>(ElementTypes<double>(), pvtwList, OneOverBwAt, nElts, p_PVTNum, p_Pw,
+    CalculateByRegion<FlatWater, RegionRecord>(Variants(), pvtwList, OneOverBwAt, nElts, p_PVTNum, p_Pw,
                                                OneOverBw);
+}
+
+// The calculation's own variants, and with the engine's.
+void CalcOneOverBw(const TPVTWList& pvtwList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pw, GridFunctionPtr OneOverBw)
+{
+    OneOverBwIn(ElementTypes<double>(), pvtwList, p_PVTNum, p_Pw, OneOverBw);
+}
+
+void CalcOneOverBw(EngineVariants, const TPVTWList& pvtwList, GridFunctionPtr p_PVTNum, GridFunctionPtr p_Pw, GridFunctionPtr OneOverBw)
+{
+    OneOverBwIn(EngineVariants::Types(), pvtwList, p_PVTNum, p_Pw, OneOverBw);
 }
 
 } // namespace kavra

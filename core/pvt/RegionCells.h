@@ -8,12 +8,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <ostream>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 
 #include "core/pvt/TableModels.h"
+#include "core/utils/Failure.h"
 #include "core/utils/GridFunctionAccess.h"
 
 namespace kavra {
@@ -46,19 +46,6 @@ void ForEachRegionRun(Regions regions, Result result, std::uint64_t nElts, Run r
         run(static_cast<std::uint64_t>(region) - 1, h, end);
         h = end;
     }
-}
-
-// "Wrong PVT region number: <pvtID>, valid interval [0, <count - 1>]." with
-// the upper bound in unsigned arithmetic (an empty list shows 2^64 - 1).
-struct WrongRegion
-{
-    std::uint64_t pvtID;
-    std::uint64_t count;
-};
-
-inline std::ostream& operator<<(std::ostream& os, const WrongRegion& wrong)
-{
-    return os << "Wrong PVT region number: " << wrong.pvtID << ", valid interval [0, " << wrong.count - 1 << "].";
 }
 
 namespace detail {
@@ -109,7 +96,12 @@ void CalculateByRegion(ElementTypes<T...> types, const List& list, const Rule& r
             ForEachRegionRun(regionNumbers, std::get<sizeof...(access) - 1>(accesses), nElts,
                              [&](std::uint64_t pvtID, std::uint64_t begin, std::uint64_t end) {
                 if (table == nullptr || pvtID != checked) {
-                    table = &regionTable(list, pvtID);
+                    try {
+                        table = &regionTable(list, pvtID);
+                    } catch (IHeaderException& failure) { // the region is checked at the run's first cell
+                        failure.failure.cell = static_cast<std::int64_t>(begin);
+                        throw;
+                    }
                     checked = pvtID;
                 }
                 if (const Flat* model = flat[pvtID])

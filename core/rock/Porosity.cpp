@@ -33,8 +33,8 @@ void CalcPorosity(const TRockList& rockList, GridFunctionPtr p_PVTNum, GridFunct
                     continue;
                 const std::uint64_t pvtID = static_cast<std::uint64_t>(region - 1);
                 // For an empty list the upper bound wraps around, in the unsigned type.
-                PRECONDITION(pvtID<rockList.size(), "Invalid PVT region number: " << pvtID << ", valid interval is [0, "
-                                                         << std::uint64_t(rockList.size()) - 1 << "].");
+                PRECONDITION(pvtID<rockList.size(),
+                             (InvalidRegion{pvtID, std::uint64_t(rockList.size()), h}));
                 const TRock& rock = rockList[pvtID];
 
                 // exp(x) to second order, in this grouping so results are reproducible.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/types/Records.h"
+#include "core/utils/Failure.h"
 #include "core/utils/gridfunction_checking.h"
 
 namespace kavra {

@@ -10,4 +10,19 @@ struct ElementTypes
 {
 };
 
+// An element type of a calculation's variant in which the inputs are
+// arrays of In and the result (the last argument) an array of Out.
+template <class In, class Out>
+struct Mixed
+{
+};
+
+// The variants the engine adds to a calculation's own: every input an array
+// of float or of double, the result an array of double, or all of float.
+// A calculation that offers them takes this tag as its first argument.
+struct EngineVariants
+{
+    typedef ElementTypes<double, float, Mixed<float, double>> Types;
+};
+
 } // namespace kavra

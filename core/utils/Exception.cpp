@@ -34,21 +34,35 @@ IHeaderException::~IHeaderException() = default;
 const char* IHeaderException::what() const noexcept
 {
     try {
-        std::ostringstream text;
-        text << "KAVRA-lib 2.0 Exception\n" << file << ":" << line << ":\n" << message;
         std::string& buffer = WhatBuffer();
-        buffer = text.str();
+        buffer = Text();
         return buffer.c_str();
     } catch (const std::bad_alloc&) {
         return "KAVRA-lib 2.0 Exception (out of memory while formatting the message)";
     }
 }
 
-IPreconditionException::IPreconditionException(const std::string& condition, const std::string& message_,
+std::string IHeaderException::Text() const
+{
+    std::ostringstream text;
+    text << "KAVRA-lib 2.0 Exception\n" << file << ":" << line << ":\n" << message;
+    return text.str();
+}
+
+IPreconditionException::IPreconditionException(const std::string& condition_, const std::string& message_,
                                                const std::string& file_, std::uint64_t line_)
     : IHeaderException(file_, line_, "")
 {
-    message = "Precondition Violated:\n" + condition + " " + message_ + "\n";
+    message = "Precondition Violated:\n" + condition_ + " " + message_ + "\n";
+    condition = condition_;
+    explanation = message_;
+}
+
+IPreconditionException::IPreconditionException(const std::string& condition_, const std::string& message_,
+                                               const std::string& file_, std::uint64_t line_, const Failure& failure_)
+    : IPreconditionException(condition_, message_, file_, line_)
+{
+    failure = failure_;
 }
 
 } // namespace kavra

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "core/utils/ElementTypes.h"
 #include "core/utils/gridfunction_checking.h"
@@ -111,18 +112,33 @@ struct DispatchArgument<boost::shared_ptr<tessel::core::IWritableTypeGridFunctio
 template <class T, class Argument>
 using ArrayOf = tessel::core::ArrayGridFunction<typename DispatchArgument<Argument, T>::Element>;
 
+// The element type of an argument in the variant T: T itself, or for a
+// Mixed variant its In for the inputs and its Out for the result.
+template <class T, bool result>
+struct VariantElement
+{
+    typedef T type;
+};
+
+template <class In, class Out, bool result>
+struct VariantElement<Mixed<In, Out>, result>
+{
+    typedef std::conditional_t<result, Out, In> type;
+};
+
 // Calls body with one BufferAccess per argument when every argument is an
 // array grid function of its element type in the variant of T.  The casts
 // go in argument order and stop at the first that fails.
-template <class T, class Body, class... Arguments>
-bool TryBuffers(Body& body, const Arguments&... arguments)
+template <class T, std::size_t... I, class Body, class... Arguments>
+bool TryBuffersOf(std::index_sequence<I...>, Body& body, const Arguments&... arguments)
 {
-    std::tuple<boost::shared_ptr<ArrayOf<T, Arguments>>...> arrays;
+    std::tuple<boost::shared_ptr<
+        ArrayOf<typename VariantElement<T, I + 1 == sizeof...(I)>::type, Arguments>>...> arrays;
     bool all = true;
     std::apply(
         [&](auto&... array) {
             ((all = all && (array = boost::dynamic_pointer_cast<typename std::decay_t<decltype(array)>::element_type>(
-                                DispatchArgument<Arguments, T>::Pointer(arguments))) != nullptr),
+                                DispatchArgument<Arguments, double>::Pointer(arguments))) != nullptr),
              ...);
         },
         arrays);
@@ -132,6 +148,12 @@ bool TryBuffers(Body& body, const Arguments&... arguments)
                                                array->data)...); },
                arrays);
     return true;
+}
+
+template <class T, class Body, class... Arguments>
+bool TryBuffers(Body& body, const Arguments&... arguments)
+{
+    return TryBuffersOf<T>(std::index_sequence_for<Arguments...>(), body, arguments...);
 }
 
 template <class Argument>

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -13,40 +15,54 @@
 namespace kavra {
 namespace {
 
-// What one call shares with the threads that run its parts.
+// What one call shares with the threads that help it.
 struct Call
 {
+    Call(std::uint64_t n_, std::uint64_t chunk_, const std::function<void(std::uint64_t, std::uint64_t)>& body_)
+        : n(n_), chunk(chunk_), chunks((n_ + chunk_ - 1) / chunk_), body(body_)
+    {
+    }
+
+    const std::uint64_t n;
+    const std::uint64_t chunk;
+    const std::uint64_t chunks;
+    const std::function<void(std::uint64_t, std::uint64_t)>& body; // lives until every helper has ended
+    std::atomic<std::uint64_t> next{0};
+    std::atomic<bool> stop{false};
+
     std::mutex mutex;
     std::condition_variable done;
-    unsigned pending = 0;
-    std::vector<std::exception_ptr> errors;
-};
-
-struct Task
-{
-    std::shared_ptr<Call> call;
-    std::function<void()> run;
-    unsigned part;
-};
-
-void Finish(Call& call, unsigned part, std::exception_ptr error)
-{
-    std::lock_guard<std::mutex> lock(call.mutex);
-    call.errors[part] = error;
-    if (--call.pending == 0)
-        call.done.notify_all();
-}
-
-void RunTask(Task& task)
-{
+    unsigned helpers = 0; // helpers queued or running
+    std::uint64_t failedChunk = ~std::uint64_t(0);
     std::exception_ptr error;
-    try {
-        task.run();
-    } catch (...) {
-        error = std::current_exception();
+
+    // Takes chunks until none is left or a chunk has failed.
+    void Work()
+    {
+        while (!stop.load(std::memory_order_relaxed)) {
+            const std::uint64_t c = next.fetch_add(1, std::memory_order_relaxed);
+            if (c >= chunks)
+                return;
+            try {
+                body(c * chunk, std::min(n, (c + 1) * chunk));
+            } catch (...) {
+                stop.store(true, std::memory_order_relaxed);
+                std::lock_guard<std::mutex> lock(mutex);
+                if (c < failedChunk) {
+                    failedChunk = c;
+                    error = std::current_exception();
+                }
+            }
+        }
     }
-    Finish(*task.call, task.part, error);
-}
+
+    void HelperEnded()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (--helpers == 0)
+            done.notify_all();
+    }
+};
 
 class Pool
 {
@@ -60,48 +76,44 @@ public:
         }
     }
 
-    void Push(Task task)
+    void Push(const std::shared_ptr<Call>& call)
     {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_tasks.push_back(std::move(task));
+            m_calls.push_back(call);
         }
         m_ready.notify_one();
     }
 
-    // Runs one waiting task on the calling thread, if there is one.
-    bool TryRunOne()
+    // Takes back the helpers of `call` that no thread has started.
+    unsigned Withdraw(const std::shared_ptr<Call>& call)
     {
-        Task task;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_tasks.empty())
-                return false;
-            task = std::move(m_tasks.front());
-            m_tasks.pop_front();
-        }
-        RunTask(task);
-        return true;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto kept = std::remove(m_calls.begin(), m_calls.end(), call);
+        const unsigned withdrawn = static_cast<unsigned>(m_calls.end() - kept);
+        m_calls.erase(kept, m_calls.end());
+        return withdrawn;
     }
 
 private:
     void Work()
     {
         for (;;) {
-            Task task;
+            std::shared_ptr<Call> call;
             {
                 std::unique_lock<std::mutex> lock(m_mutex);
-                m_ready.wait(lock, [this] { return !m_tasks.empty(); });
-                task = std::move(m_tasks.front());
-                m_tasks.pop_front();
+                m_ready.wait(lock, [this] { return !m_calls.empty(); });
+                call = std::move(m_calls.front());
+                m_calls.pop_front();
             }
-            RunTask(task);
+            call->Work();
+            call->HelperEnded();
         }
     }
 
     std::mutex m_mutex;
     std::condition_variable m_ready;
-    std::deque<Task> m_tasks;
+    std::deque<std::shared_ptr<Call>> m_calls; // one entry per helper asked for
     unsigned m_threads = 0;
 };
 
@@ -132,50 +144,41 @@ Pool& CurrentPool()
 
 } // namespace
 
-void ParallelFor(std::uint64_t n, unsigned parts,
-                 const std::function<void(unsigned part, std::uint64_t begin, std::uint64_t end)>& body)
+unsigned UsefulThreads(unsigned requested)
 {
-    if (parts == 0)
-        parts = 1;
-    if (parts > n)
-        parts = n == 0 ? 1 : static_cast<unsigned>(n);
-    if (parts == 1) {
-        body(0, 0, n);
+    static const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    return std::max(1u, std::min(requested, cores));
+}
+
+void ParallelChunks(std::uint64_t n, std::uint64_t chunk, unsigned threads,
+                    const std::function<void(std::uint64_t begin, std::uint64_t end)>& body)
+{
+    if (chunk == 0)
+        chunk = 1;
+    const std::uint64_t chunks = (n + chunk - 1) / chunk;
+    const unsigned helpers = static_cast<unsigned>(std::min<std::uint64_t>(threads == 0 ? 0 : threads - 1,
+                                                                            chunks == 0 ? 0 : chunks - 1));
+    if (helpers == 0) {
+        for (std::uint64_t c = 0; c < chunks; ++c)
+            body(c * chunk, std::min(n, (c + 1) * chunk));
         return;
     }
 
     Pool& pool = CurrentPool();
-    pool.EnsureThreads(parts - 1);
-    auto call = std::make_shared<Call>();
-    call->pending = parts;
-    call->errors.resize(parts);
-    for (unsigned part = 1; part < parts; ++part) {
-        std::uint64_t begin, end;
-        PartRange(n, parts, part, begin, end);
-        pool.Push(Task{call, [&body, part, begin, end] { body(part, begin, end); }, part});
-    }
-    std::uint64_t begin, end;
-    PartRange(n, parts, 0, begin, end);
-    Task own{call, [&body, begin, end] { body(0, begin, end); }, 0};
-    RunTask(own);
-
-    // Help with waiting work (this call's or another's) until this call's
-    // parts have all ended.
-    for (;;) {
-        {
-            std::lock_guard<std::mutex> lock(call->mutex);
-            if (call->pending == 0)
-                break;
-        }
-        if (!pool.TryRunOne()) {
-            std::unique_lock<std::mutex> lock(call->mutex);
-            call->done.wait(lock, [&] { return call->pending == 0; });
-            break;
-        }
-    }
-    for (const std::exception_ptr& error : call->errors)
-        if (error)
-            std::rethrow_exception(error);
+    pool.EnsureThreads(helpers);
+    auto call = std::make_shared<Call>(n, chunk, body);
+    call->helpers = helpers;
+    for (unsigned h = 0; h < helpers; ++h)
+        pool.Push(call);
+    call->Work();
+    // Helpers that the pool has not started (it was busy with other calls)
+    // are not waited for.
+    const unsigned withdrawn = pool.Withdraw(call);
+    std::unique_lock<std::mutex> lock(call->mutex);
+    call->helpers -= withdrawn;
+    call->done.wait(lock, [&] { return call->helpers == 0; });
+    if (call->error)
+        std::rethrow_exception(call->error);
 }
 
 } // namespace kavra

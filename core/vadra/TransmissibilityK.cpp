@@ -95,7 +95,7 @@ void CalcTransmissibilityK(IntVectorPtr nnc1, IntVectorPtr nnc2, tessel::strata:
             continue;
         // A pinch-out runs downwards in K and skips at least one layer.
         const int diff = int(c2.k) - int(c1.k);
-        PRECONDITION(diff>1, "Vadra pre-process error: Strange pinch-out connection!!");
+        PRECONDITION(diff>1, (StrangePinchOut{"Vadra pre-process error: Strange pinch-out connection!!"}));
         Mark(*TranK, c1, n1, p);
         lastMarked = c1;
     }

@@ -4,6 +4,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include "core/utils/Failure.h"
 #include "core/utils/gridfunction_checking.h"
 #include "tessel/core/ITopology.h"
 #include "tessel/strata/ReservoirTopology.h"

@@ -60,6 +60,7 @@ from typing import Any, ClassVar, Self, TypeVar
 import numpy as np
 from numpy.typing import NDArray
 
+from . import _engine
 from . import _kavracore as _native
 
 __all__ = ["UNIT_SYSTEMS", "UNIT_LABELS", "PVTO", "PVTG", "PVDG", "PVDO", "PVTW", "ROCK"]
@@ -160,8 +161,10 @@ class _Table:
     _quantities: ClassVar[tuple[str, ...]]
     #: The native list class that to_native makes and from_native reads.
     _list_class: ClassVar[Any]
+    #: The name of that list, as the engine knows it.
+    _list_name: ClassVar[str]
 
-    __slots__ = ("_units", "_regions", "_native")
+    __slots__ = ("_units", "_regions", "_tables")
 
     def __init__(self, regions: Iterable[Any], units: str = "METRIC") -> None:
         if units not in UNIT_SYSTEMS:
@@ -173,7 +176,7 @@ class _Table:
             raise ValueError(f"{self.keyword} needs at least one region")
         self._units: str = units
         self._regions: tuple[Any, ...] = parsed
-        self._native: Any = None
+        self._tables: Any = None
 
     # --- what the subclasses provide ---------------------------------------------
 
@@ -248,11 +251,24 @@ class _Table:
 
         return self._native_list(scalar)
 
-    def _cached_native(self) -> Any:
-        """The native list that the calculations read; built once, never handed out."""
-        if self._native is None:
-            self._native = self.to_native()
-        return self._native
+    def _engine_tables(self) -> Any:
+        """The engine's region lists of these numbers, that the calculations read; built once,
+        never handed out."""
+        if self._tables is None:
+            self._tables = _engine.Tables(self._list_name, self._regions)
+        return self._tables
+
+    @classmethod
+    def _engine_tables_of(cls, lst: Any) -> Any:
+        """The engine's region lists of a native list's numbers as they stand, not checked as a
+        table value's are: a calculation takes any numbers, and fails on a region without rows
+        only at a cell that needs it.  ValueError for a scalar that is None."""
+        return _engine.Tables(cls._list_name, [cls._region_arrays(r) for r in cls._regions_of_list(lst, [])])
+
+    @classmethod
+    def _region_arrays(cls, region: Any) -> Any:
+        """A region of `_regions_of_list` in the form of ``regions``, unchecked."""
+        raise NotImplementedError
 
     # --- DataFrames -------------------------------------------------------------
 
@@ -413,6 +429,10 @@ class _RecordTable(_Table):
     def _region_repr(self, region: Any) -> str:
         return "[" + _abbreviated([_format(r) for r in region], "     ") + "]"
 
+    @classmethod
+    def _region_arrays(cls, region: Any) -> Any:
+        return tuple(np.array(record, dtype=np.float64) for record in region)
+
     def _region_rows(self, region: Any) -> FloatArray:
         rows = [np.column_stack([np.full(len(r) // 3, r[0]), r[1:].reshape(-1, 3)]) for r in region]
         return np.concatenate(rows)
@@ -485,7 +505,8 @@ class PVTO(_RecordTable):
     keyword = "PVTO"
     columns = ("rs", "p", "bo", "mu")
     _quantities = ("rs", "pressure", "oil_fvf", "viscosity")
-    _native_fields = ("Rs", "P", "B", "Mi")
+    _list_name = "TPVTOList"
+    _native_fields = _engine.RECORD_FIELDS[_list_name]
     _row_class = _native.TPVTO
     _nested_class = _native.TPVT
     _table_class = _native.TPVTOTable
@@ -519,7 +540,8 @@ class PVTG(_RecordTable):
     keyword = "PVTG"
     columns = ("pg", "rv", "bg", "mu")
     _quantities = ("pressure", "rv", "gas_fvf", "viscosity")
-    _native_fields = ("Pg", "Rv", "B", "Mi")
+    _list_name = "TPVTGList"
+    _native_fields = _engine.RECORD_FIELDS[_list_name]
     _row_class = _native.TPVTG
     _nested_class = _native.TPVTGRecord
     _table_class = _native.TPVTGTable
@@ -535,6 +557,8 @@ class _DeadTable(_Table):
 
     __slots__ = ()
     _list_class = _native.TPVTList
+    _list_name = "TPVTList"
+    _fields = _engine.RECORD_FIELDS[_list_name]
 
     def _region(self, number: int, region: Any) -> FloatArray:
         where = f"{self.keyword} region {number}"
@@ -559,6 +583,10 @@ class _DeadTable(_Table):
     def _region_rows(self, region: Any) -> FloatArray:
         return np.asarray(region)
 
+    @classmethod
+    def _region_arrays(cls, region: Any) -> Any:
+        return np.array(region, dtype=np.float64).reshape(-1, len(cls._fields))
+
     def _native_list(self, scalar: Any) -> Any:
         p, b, mu = self._quantities
         return self._list_class([
@@ -572,7 +600,7 @@ class _DeadTable(_Table):
             rows = []
             for index, row in enumerate(table, start=1):
                 where = f"TPVTList region {number}, row {index}"
-                rows.append([_value(getattr(row, name), f"{where}: {name}", labels) for name in ("P", "B", "Mi")])
+                rows.append([_value(getattr(row, name), f"{where}: {name}", labels) for name in cls._fields])
             regions.append(rows)
         return regions
 
@@ -650,6 +678,10 @@ class _RecordPerRegion(_Table):
         return np.asarray(region).reshape(1, -1)
 
     @classmethod
+    def _region_arrays(cls, region: Any) -> Any:
+        return np.array(region, dtype=np.float64)
+
+    @classmethod
     def _records_of_rows(cls, rows: FloatArray) -> Any:
         if len(rows) != 1:
             raise ValueError(f"{cls.keyword}.from_frame: a region has one row, got {len(rows)}")
@@ -691,7 +723,8 @@ class PVTW(_RecordPerRegion):
     keyword = "PVTW"
     columns = ("p_ref", "bw", "cw", "mu", "cvw")
     _quantities = ("pressure", "water_fvf", "compressibility", "viscosity", "viscosibility")
-    _fields = ("P_ref", "Bw_ref", "Cw", "Miw_ref", "Cvw")
+    _list_name = "TPVTWList"
+    _fields = _engine.RECORD_FIELDS[_list_name]
     _fvf = 1
     _record_class, _list_class = _native.TPVTW, _native.TPVTWList
 
@@ -719,5 +752,6 @@ class ROCK(_RecordPerRegion):
     keyword = "ROCK"
     columns = ("p_ref", "cr")
     _quantities = ("pressure", "compressibility")
-    _fields = ("P_ref", "Cr")
+    _list_name = "TRockList"
+    _fields = _engine.RECORD_FIELDS[_list_name]
     _record_class, _list_class = _native.TRock, _native.TRockList
