@@ -34,6 +34,7 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include "bindings/_engine/Geometry.h"
 #include "bindings/_engine/Held.h"
 #include "bindings/_engine/Tables.h"
 #include "core/Calculations.h"
@@ -744,6 +745,7 @@ NB_MODULE(_engine, m)
         throw nb::python_error();
     m.def("reduce_selection", &ReduceSelection);
     m.def("transmissibility_k", &TransmissibilityK);
+    RegisterGeometry(m);
     m.attr("CALCULATIONS") = CalculationList();
     m.attr("RECORD_FIELDS") = RecordFieldNames();
     m.attr("CHUNK") = kavra::engine::cellsPerChunk;

@@ -1,0 +1,86 @@
+// cell_geometry: the volumes and centre depths of a corner-point grid's
+// cells (core/grid/CellGeometry.h), on the pool's threads with the
+// interpreter lock released.
+#include "bindings/_engine/Geometry.h"
+
+#include <Python.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <numpy/ndarraytypes.h> // the array struct only: no NumPy function table is used
+
+#include "bindings/_engine/Held.h"
+#include "core/grid/CellGeometry.h"
+#include "core/utils/ParallelFor.h"
+
+namespace nb = nanobind;
+
+namespace kavra {
+namespace engine {
+namespace {
+
+// A contiguous float64 array of `length` numbers in the machine's byte
+// order (writable where asked), held for the call; ValueError otherwise.
+std::unique_ptr<HeldArray> Float64s(nb::handle array, std::uint64_t length, bool writable, const char* what)
+{
+    PyArrayObject* a = reinterpret_cast<PyArrayObject*>(array.ptr());
+    bool fits = IsArray(array.ptr());
+    if (fits) {
+        std::uint64_t count = 1;
+        for (int d = 0; d < PyArray_NDIM(a); ++d)
+            count *= static_cast<std::uint64_t>(PyArray_DIMS(a)[d]);
+        const PyArray_Descr* type = PyArray_DESCR(a);
+        fits = count == length && type->type_num == NPY_DOUBLE && type->byteorder != '>' &&
+               PyArray_CHKFLAGS(a, NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED) &&
+               (!writable || PyArray_CHKFLAGS(a, NPY_ARRAY_WRITEABLE));
+    }
+    if (!fits)
+        throw nb::value_error((std::string("cell_geometry: ") + what + " must be a contiguous " +
+                               (writable ? "writable " : "") + "float64 array of " + std::to_string(length) +
+                               " numbers")
+                                  .c_str());
+    return std::unique_ptr<HeldArray>(new HeldArray(array.ptr()));
+}
+
+// cell_geometry(nI, nJ, nK, coord, zcorn, volumes, depths, threads): fills
+// volumes and depths (float64, one per cell) from COORD and ZCORN.
+void CellGeometry(std::uint64_t nI, std::uint64_t nJ, std::uint64_t nK, nb::handle coord, nb::handle zcorn,
+                  nb::handle volumes, nb::handle depths, unsigned threads)
+{
+    std::uint64_t pillars = 0, cells = 0, depthsCount = 0, coordCount = 0;
+    if (__builtin_mul_overflow(nI + 1, nJ + 1, &pillars) || __builtin_mul_overflow(pillars, 6, &coordCount) ||
+        __builtin_mul_overflow(nI * nJ, nK, &cells) || (nJ != 0 && nI * nJ / nJ != nI) ||
+        __builtin_mul_overflow(cells, 8, &depthsCount))
+        throw nb::value_error("cell_geometry: a grid too large to address");
+    auto c = Float64s(coord, coordCount, false, "coord");
+    auto z = Float64s(zcorn, depthsCount, false, "zcorn");
+    auto v = Float64s(volumes, cells, true, "volumes");
+    auto d = Float64s(depths, cells, true, "depths");
+    const grid::CornerPointGrid g{nI, nJ, nK, reinterpret_cast<const double*>(c->Data()),
+                                  reinterpret_cast<const double*>(z->Data())};
+    double* out[2] = {reinterpret_cast<double*>(v->Data()), reinterpret_cast<double*>(d->Data())};
+    const unsigned useful = UsefulThreads(threads < 1 ? 1 : threads);
+    auto work = [&]() noexcept {
+        try {
+            grid::CellVolumesAndDepths(g, out[0], out[1], useful);
+        } catch (...) { // the pool failing to start a thread: the cells run here instead
+            grid::CellVolumesAndDepths(g, out[0], out[1], 1);
+        }
+    };
+    WithoutLock(work);
+}
+
+} // namespace
+
+void RegisterGeometry(nb::module_& m)
+{
+    m.def("cell_geometry", &CellGeometry, nb::arg("nI"), nb::arg("nJ"), nb::arg("nK"), nb::arg("coord"),
+          nb::arg("zcorn"), nb::arg("volumes"), nb::arg("depths"), nb::arg("threads"),
+          "cell_geometry(nI, nJ, nK, coord, zcorn, volumes, depths, threads) -> None: the volume and the mean "
+          "corner depth of every cell of a corner-point grid, in the units of COORD and ZCORN");
+}
+
+} // namespace engine
+} // namespace kavra

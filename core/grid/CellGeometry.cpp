@@ -1,0 +1,100 @@
+#include "core/grid/CellGeometry.h"
+
+#include <cmath>
+
+#include "core/utils/ParallelFor.h"
+
+namespace kavra {
+namespace grid {
+
+namespace {
+
+struct Vector
+{
+    double x, y, z;
+};
+
+double Triple(const Vector& a, const Vector& b, const Vector& c)
+{
+    return a.x * (b.y * c.z - b.z * c.y) + a.y * (b.z * c.x - b.x * c.z) + a.z * (b.x * c.y - b.y * c.x);
+}
+
+// 8 a_m for the corners: the sum of the corners, each with the sign of the
+// monomial m of (s, t, r) at that corner (s = +1 where di = 1, and so on).
+Vector Coefficient(const Corners& p, int m)
+{
+    Vector sum{0.0, 0.0, 0.0};
+    for (int n = 0; n < 8; ++n) {
+        const int s = (n & 1) ? 1 : -1, t = (n & 2) ? 1 : -1, r = (n & 4) ? 1 : -1;
+        // m: 1 s, 2 t, 3 r, 4 st, 5 tr, 6 sr
+        const int sign = m == 1 ? s : m == 2 ? t : m == 3 ? r : m == 4 ? s * t : m == 5 ? t * r : s * r;
+        if (sign > 0) {
+            sum.x += p.x[n];
+            sum.y += p.y[n];
+            sum.z += p.z[n];
+        } else {
+            sum.x -= p.x[n];
+            sum.y -= p.y[n];
+            sum.z -= p.z[n];
+        }
+    }
+    return sum;
+}
+
+constexpr std::uint64_t cellsPerChunk = 1 << 14;
+
+} // namespace
+
+Corners CellCorners(const CornerPointGrid& g, std::uint64_t c)
+{
+    const std::uint64_t i = c % g.nI, j = (c / g.nI) % g.nJ, k = c / (g.nI * g.nJ);
+    Corners p;
+    for (int n = 0; n < 8; ++n) {
+        const std::uint64_t di = n & 1, dj = (n >> 1) & 1, dk = (n >> 2) & 1;
+        const double z = g.zcorn[(2 * k + dk) * 4 * g.nI * g.nJ + (2 * j + dj) * 2 * g.nI + 2 * i + di];
+        const double* pillar = g.coord + 6 * ((j + dj) * (g.nI + 1) + i + di);
+        const double height = pillar[5] - pillar[2];
+        p.z[n] = z;
+        if (height == 0.0) {
+            p.x[n] = pillar[0];
+            p.y[n] = pillar[1];
+        } else {
+            const double along = (z - pillar[2]) / height;
+            p.x[n] = pillar[0] + (pillar[3] - pillar[0]) * along;
+            p.y[n] = pillar[1] + (pillar[4] - pillar[1]) * along;
+        }
+    }
+    return p;
+}
+
+double HexahedronVolume(const Corners& p)
+{
+    Vector e[7];
+    for (int m = 1; m <= 6; ++m)
+        e[m] = Coefficient(p, m);
+    // With e_m = 8 a_m: V = [e1, e2, e3] / 64 + ([e1, e4, e6] + [e4, e2, e5] + [e6, e5, e3]) / 192.
+    const double box = Triple(e[1], e[2], e[3]);
+    const double twist = Triple(e[1], e[4], e[6]) + Triple(e[4], e[2], e[5]) + Triple(e[6], e[5], e[3]);
+    return std::fabs(box / 64.0 + twist / 192.0);
+}
+
+void CellVolumesAndDepths(const CornerPointGrid& grid, double* volumes, double* depths, unsigned threads)
+{
+    const std::uint64_t n = grid.nI * grid.nJ * grid.nK;
+    ParallelChunks(n, cellsPerChunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
+        for (std::uint64_t c = begin; c < end; ++c) {
+            const Corners p = CellCorners(grid, c);
+            if (volumes != nullptr)
+                volumes[c] = HexahedronVolume(p);
+            if (depths != nullptr) {
+                double sum = 0.0;
+                for (double z : p.z)
+                    sum += z;
+                depths[c] = sum / 8.0;
+            }
+        }
+    });
+}
+
+} // namespace grid
+} // namespace kavra
