@@ -30,8 +30,8 @@ Crossover: bulk_volume (the cheapest calculation) and one_over_bo timed on
 printed is the size from which 2 threads are faster (by 5 % or more) at that
 size and every larger one, of the median ratio within a round and of the
 fastest rounds, and the break-even of one split that the sizes which split
-imply.  The module splits a call only from twice its least cells per part on
-(bindings/_parallel/module.cpp, read for the printout).
+imply.  The engine splits a call only from two chunks on (kavra._engine.CHUNK cells
+each, read for the printout).
 `make bench` runs this after bench/run.py.
 """
 
@@ -40,7 +40,6 @@ import inspect
 import json
 import os
 import pathlib
-import re
 import resource
 import statistics
 import sys
@@ -360,17 +359,10 @@ def markdown(rows, stat):
 # --- the crossover ----------------------------------------------------------------------
 
 def parts_from_source():
-    """The threaded module's least cells per part, of calculations with tables ("Table") and
-    without ("Plain"), read from its source (None where not found)."""
-    try:
-        text = (HERE.parent / "bindings" / "_parallel" / "module.cpp").read_text()
-    except OSError:
-        text = ""
-    sizes = {}
-    for kind in ("Table", "Plain"):
-        found = re.search(rf"cellsPer{kind}Part\s*=\s*([0-9]+)\s*(?:<<\s*([0-9]+))?\s*;", text)
-        sizes[kind] = int(found.group(1)) << int(found.group(2) or 0) if found else None
-    return sizes
+    """The engine's least cells per chunk, of calculations with tables ("Table") and without
+    ("Plain"): one size for both (kavra._engine.CHUNK)."""
+    from kavra import _engine
+    return {"Table": _engine.CHUNK, "Plain": _engine.CHUNK}
 
 
 def per_call(functions, blocks=31, block_seconds=0.004):

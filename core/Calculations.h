@@ -5,13 +5,16 @@
 // module's), the engine's calculations (bindings/_engine), and through the
 // engine the Python layer's table of calls (kavra.calculations).
 //
-//   CELL(name, entry, List, inputs)
-//     name    the calculation's name in the engine and in kavra
-//     entry   the core function kavra::<entry>, and its _kavracore name
-//     List    the region list it takes first (then the region numbers), or
-//             NoTables for a calculation without tables
-//     inputs  the number of grid functions between the region numbers (or
-//             the start) and the result, which comes last
+//   CELL(name, entry, List, inputs, kavracore)
+//     name       the calculation's name in the engine and in kavra
+//     entry      the core function kavra::<entry>
+//     List       the region list it takes first (then the region numbers), or
+//                NoTables for a calculation without tables
+//     inputs     the number of grid functions between the region numbers (or
+//                the start) and the result, which comes last
+//     kavracore  1: also a function of _kavracore, named <entry>; 0: the
+//                engine's alone (_kavracore's names are fixed: a new
+//                calculation has 0)
 //   OTHER(entry)
 //     a _kavracore function that is no cell calculation, at its place
 //
@@ -29,19 +32,19 @@
 #include "core/rock/Porosity.h"
 #include "core/vadra/TransmissibilityK.h"
 
-#define KAVRA_CALCULATIONS(CELL, OTHER)                                    \
-    CELL(bubble_point_pressure, CalcBubblePointPressure, TPVTOList, 1)     \
-    CELL(one_over_b, CalcOneOverB, TPVTList, 1)                            \
-    OTHER(InterpolateB)                                                    \
-    CELL(one_over_bo, CalcOneOverBo, TPVTOList, 2)                         \
-    CELL(one_over_bw, CalcOneOverBw, TPVTWList, 1)                         \
-    CELL(one_over_bg, CalcOneOverBg, TPVTGList, 3)                         \
-    CELL(porosity, CalcPorosity, TRockList, 2)                             \
-    CELL(porosity_from_porv, CalcPorosityFromPORV, NoTables, 2)            \
-    CELL(bulk_volume_times_ntg, CalcBulkVolume, NoTables, 1)               \
-    CELL(bulk_volume, CalcBulkVolume, NoTables, 2)                         \
-    OTHER(CalcTransmissibilityK)                                           \
-    CELL(rs_from_components, CalcRsFromComponents, NoTables, 2)
+#define KAVRA_CALCULATIONS(CELL, OTHER)                                      \
+    CELL(bubble_point_pressure, CalcBubblePointPressure, TPVTOList, 1, 1)    \
+    CELL(one_over_b, CalcOneOverB, TPVTList, 1, 1)                           \
+    OTHER(InterpolateB)                                                      \
+    CELL(one_over_bo, CalcOneOverBo, TPVTOList, 2, 1)                        \
+    CELL(one_over_bw, CalcOneOverBw, TPVTWList, 1, 1)                        \
+    CELL(one_over_bg, CalcOneOverBg, TPVTGList, 3, 1)                        \
+    CELL(porosity, CalcPorosity, TRockList, 2, 1)                            \
+    CELL(porosity_from_porv, CalcPorosityFromPORV, NoTables, 2, 1)           \
+    CELL(bulk_volume_times_ntg, CalcBulkVolume, NoTables, 1, 1)              \
+    CELL(bulk_volume, CalcBulkVolume, NoTables, 2, 1)                        \
+    OTHER(CalcTransmissibilityK)                                             \
+    CELL(rs_from_components, CalcRsFromComponents, NoTables, 2, 1)
 
 #include <cstddef>
 #include <utility>

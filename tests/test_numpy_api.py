@@ -125,10 +125,11 @@ def test_ready_buffers_are_read_in_place_and_others_converted_once():
     regions, (po, pbub) = inputs(RNG, "one_over_bo", n)
     out, peaks = np.empty(n), []
     # The first call builds the table's native list, once; then ready, byte-swapped and int64 inputs.
+    # (On one thread: a call on more works on private copies, see test_threads.)
     for arrays in [(regions, po, pbub), (regions, po, pbub), (regions, po.astype(">f8"), pbub),
                    (regions.astype(np.int64), po, pbub)]:
         tracemalloc.start()
-        kavra.one_over_bo(TABLES["pvto"], *arrays, out=out)
+        kavra.one_over_bo(TABLES["pvto"], *arrays, out=out, threads=1)
         peaks.append(tracemalloc.get_traced_memory()[1])
         tracemalloc.stop()
     assert peaks[1] < 100_000 and 8 * n <= peaks[2] < 9 * n and 4 * n <= peaks[3] < 5 * n  # one copy, no more
@@ -151,7 +152,13 @@ def test_a_region_past_the_table_names_the_cell_and_region(name):
     (lambda: kavra.one_over_b(TABLES["pvdg"], 1, ["a"]), TypeError, "p must hold real numbers"),
     (lambda: kavra.one_over_bo(TABLES["pvto"], [1, 1], [1.0, 2.0, 3.0], 1.0), ValueError, "do not broadcast"),
     (lambda: kavra.one_over_b(TABLES["pvdg"], 1, [1.0], out=np.empty(2)), ValueError, "out has the shape"),
-    (lambda: kavra.one_over_b(TABLES["pvdg"], 1, [1.0], out=np.empty(1, int)), TypeError, "out must hold real"),
+    *[(lambda d=d, f=f: f(np.empty(1, d)), TypeError, "out must be an array of a real floating dtype")
+      for d in (int, "U5", complex, object) for f in (
+          lambda o: kavra.one_over_b(TABLES["pvdg"], 1, [1.0], out=o),
+          lambda o: kavra.porosity(TABLES["rock"], 1, [1.0], 0.2, out=o),
+          lambda o: kavra.rs_from_components([1.0], [1.0], out=o))],
+    (lambda: kavra.rs_from_components([1.0], [1.0], out=np.ma.masked_all(1).harden_mask()), ValueError,
+     "out has a hard mask"),
     (lambda: kavra.one_over_b(TABLES["pvdg"], [2**40], [1.0]), ValueError, r"region 1099511627776 at pvtnum\[0\]"),
     (lambda: kavra.one_over_b(native.TPVTList([native.TPVTTable()]), [1], [1.0]), ValueError,
      r"region 1 of the TPVTList table has no rows \(needed at pvtnum\[0\]"),
@@ -179,6 +186,7 @@ def test_transmissibility_k_is_the_native_sifting():
         same_bits(g, e)
     masked = kavra.transmissibility_k(np.ma.masked_equal(nnc1, 3), nnc2, selection)  # (3, 10) left out
     same_bits(masked[0], np.array([n for n in v1.to_numpy() if n != 3], dtype=np.int32))
+    assert [a.size for a in kavra.transmissibility_k([], [], selection)[:2]] == [0, 0]  # [] holds no float
     with pytest.raises(ValueError, match="does not run down across at least two layers") as info:
         kavra.transmissibility_k([2], [8], selection)
     assert isinstance(info.value.__cause__, RuntimeError)

@@ -49,10 +49,14 @@ namespace kavra {
 namespace engine {
 namespace {
 
-// Cells per chunk: enough that a chunk's setup (the slices, the tables
-// flattened) is lost in its cells, few enough that a call of 10^7 cells has
-// hundreds of chunks to share out.
+// Cells per chunk: at least enough that a chunk's setup (the slices, the
+// tables flattened) is lost in its cells; larger calls in chunksPerThread
+// chunks for each thread, enough that a thread slowed down by others ends
+// at most about one chunk after the rest.  A chunk that reads one value
+// for every cell (pvtnum=1) holds the least, so that the buffer of that
+// value stays small.
 constexpr std::uint64_t cellsPerChunk = 1 << 16;
+constexpr std::uint64_t chunksPerThread = 8;
 // Below this many cells a call keeps the interpreter lock: releasing it costs more.
 constexpr std::uint64_t cellsWithoutLock = 1 << 13;
 
@@ -66,7 +70,8 @@ struct Calculation
     const char* list; // nullptr: no tables
     unsigned inputs;
     bool floatInputs; // takes float inputs as they are (EngineVariants)
-    Run run;
+    Run run;          // the core function as _kavracore calls it
+    Run runFloats;    // with EngineVariants, where it takes them; float inputs only
 };
 
 template <class List>
@@ -79,15 +84,17 @@ const char* ListNameOf()
 }
 
 // Calls the core function `entry` (an overload set, as a generic callable)
-// over the tables and arguments, with the engine's variants where it takes them.
-template <class List, class Entry, std::size_t... I>
+// over the tables and arguments; with `floats`, with the engine's variants
+// where it takes them.  (Arrays of double take the calculation's own
+// variants: the code made for those alone runs them fastest.)
+template <class List, bool floats, class Entry, std::size_t... I>
 void CallEntry(Entry entry, const Tables* tables, const GridFunctionPtr* a, std::index_sequence<I...>)
 {
     if constexpr (std::is_same<List, NoTables>::value) {
         entry(a[I]...);
     } else {
         const List& list = *tables->Get<List>();
-        if constexpr (std::is_invocable<Entry, EngineVariants, const List&, decltype(a[I])...>::value)
+        if constexpr (floats && std::is_invocable<Entry, EngineVariants, const List&, decltype(a[I])...>::value)
             entry(EngineVariants(), list, a[I]...);
         else
             entry(list, a[I]...);
@@ -109,12 +116,16 @@ constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
         return kavra::entry(std::forward<decltype(a)>(a)...); \
     }
 #define KAVRA_ARGUMENTS(List, inputs) ((std::is_same<List, NoTables>::value ? 1 : 2) + inputs)
-#define KAVRA_ENGINE_CELL(name, entry, List, inputs)                                                             \
+#define KAVRA_ENGINE_CELL(name, entry, List, inputs, kavracore)                                                             \
     Calculation{#name, ListNameOf<List>(), inputs,                                                               \
                 TakesFloatInputsOf<List>(KAVRA_OVERLOADS(entry), std::make_index_sequence<inputs>()),            \
                 [](const Tables* tables, const GridFunctionPtr* arguments) {                                     \
-                    CallEntry<List>(KAVRA_OVERLOADS(entry), tables, arguments,                                   \
-                                    std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());                  \
+                    CallEntry<List, false>(KAVRA_OVERLOADS(entry), tables, arguments,                            \
+                                           std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());           \
+                },                                                                                               \
+                [](const Tables* tables, const GridFunctionPtr* arguments) {                                     \
+                    CallEntry<List, true>(KAVRA_OVERLOADS(entry), tables, arguments,                             \
+                                          std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());            \
                 }},
 #define KAVRA_ENGINE_OTHER(entry)
 
@@ -352,6 +363,8 @@ struct CellJob : Job
     std::vector<Operand> operands; // [regions,] inputs..., result
     std::uint64_t n = 0;
     unsigned threads = 1;
+    std::uint64_t chunk = cellsPerChunk;
+    bool floats = false; // float32 inputs
     boost::shared_ptr<void> keeper; // of the slices: the buffers are the caller's
 };
 
@@ -382,7 +395,7 @@ void RunChunk(CellJob& job, std::uint64_t begin, std::uint64_t end)
     for (std::size_t a = 0; a < job.operands.size(); ++a)
         arguments[a] = SliceOf(job, job.operands[a], begin, end);
     try {
-        job.calculation->run(job.tables, arguments);
+        (job.floats ? job.calculation->runFloats : job.calculation->run)(job.tables, arguments);
     } catch (IHeaderException& failure) {
         if (failure.failure.cell >= 0)
             failure.failure.cell += static_cast<std::int64_t>(begin);
@@ -426,7 +439,7 @@ void CellJob::Run() noexcept
         unsigned useful = threads;
         if (useful > 1 && n > cellsPerChunk && tables != nullptr && AnyRegionFails(*this))
             useful = 1; // in order, to the first failing cell
-        ParallelChunks(n, cellsPerChunk, useful,
+        ParallelChunks(n, chunk, useful,
                        [this](std::uint64_t begin, std::uint64_t end) { RunChunk(*this, begin, end); });
     } catch (...) {
         error = std::current_exception();
@@ -446,9 +459,10 @@ Element ElementOf(PyObject* array)
     Refuse(PyExc_ValueError, "an array of an element type the engine does not take");
 }
 
-bool Contiguous(PyObject* array)
+bool Contiguous(PyObject* array, bool aligned = true)
 {
-    return PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(array), NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED);
+    return PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(array),
+                            NPY_ARRAY_C_CONTIGUOUS | (aligned ? NPY_ARRAY_ALIGNED : 0));
 }
 
 Operand MakeOperand(nb::handle array, std::uint64_t n, bool writable, const char* what)
@@ -475,7 +489,7 @@ Operand MakeOperand(nb::handle array, std::uint64_t n, bool writable, const char
     return operand;
 }
 
-// calculate(name, tables, regions, inputs, out, threads, words): the
+// calculate(name, tables, regions, inputs, out, words, threads): the
 // calculation `name` of the list over the Tables `tables` (None without
 // tables), the int32 region numbers `regions` (None without tables), the
 // arrays `inputs` and the result `out`, each contiguous, of the cells' count
@@ -490,8 +504,8 @@ Job* PrepareCalculation(PyObject* const* args, Py_ssize_t nargs)
     const std::string name = nb::cast<std::string>(nb::handle(args[0]));
     nb::handle tables(args[1]), regions(args[2]), out(args[4]);
     nb::sequence inputs = nb::cast<nb::sequence>(nb::handle(args[3]));
-    const unsigned threads = nb::cast<unsigned>(nb::handle(args[5]));
-    nb::tuple words = nb::cast<nb::tuple>(nb::handle(args[6]));
+    nb::tuple words = nb::cast<nb::tuple>(nb::handle(args[5]));
+    const unsigned threads = nb::cast<unsigned>(nb::handle(args[6]));
     job->calculation = Find(name);
     if (job->calculation == nullptr)
         Refuse(PyExc_ValueError, "no calculation " + name);
@@ -525,10 +539,15 @@ Job* PrepareCalculation(PyObject* const* args, Py_ssize_t nargs)
     const Element result = job->operands.back().type;
     const bool typed = (!floats && result == Element::float64) ||
                        (c.floatInputs && floats && !doubles && result != Element::int32);
+    job->floats = floats;
     if (!typed)
         Refuse(PyExc_ValueError, name + " takes float64 arrays" +
                                      (c.floatInputs ? ", or float32 inputs into a float32 or float64 out" : ""));
     job->threads = UsefulThreads(std::max(1u, threads));
+    const bool single = std::any_of(job->operands.begin(), job->operands.end(),
+                                    [](const Operand& o) { return o.single; });
+    if (!single)
+        job->chunk = std::max(cellsPerChunk, job->n / (chunksPerThread * job->threads));
     job->keeper = boost::shared_ptr<void>(job.get(), [](void*) {});
     job->unlocked = job->n >= cellsWithoutLock;
     return job.release();
@@ -617,7 +636,8 @@ Job* PrepareGridReduction(PyObject* const* args, Py_ssize_t nargs)
     PyObject* result = args[2];
     const std::int64_t columns = nb::cast<std::int64_t>(nb::handle(args[3]));
     const unsigned threads = nb::cast<unsigned>(nb::handle(args[4]));
-    if (!IsArray(values) || !IsArray(result) || !Contiguous(values) || !Contiguous(result) ||
+    // The kernels read their values wherever they lie (unaligned, as from a pickle's buffer).
+    if (!IsArray(values) || !IsArray(result) || !Contiguous(values, false) || !Contiguous(result) ||
         !SameType(values, result) || Length(values) != Length(result) || columns < 1 ||
         Length(values) % std::uint64_t(columns) != 0 ||
         !PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(result), NPY_ARRAY_WRITEABLE))
@@ -650,7 +670,7 @@ void ReduceSelection(const std::string& name, nb::object values, nb::object cell
                           PyArray_NDIM(reinterpret_cast<PyArrayObject*>(cells.ptr())) == 2 &&
                           PyArray_DIM(reinterpret_cast<PyArrayObject*>(cells.ptr()), 1) == 3 &&
                           PyArray_DESCR(reinterpret_cast<PyArrayObject*>(cells.ptr()))->type_num == NPY_USHORT;
-    if (!cellsFit || !IsArray(values.ptr()) || !IsArray(result.ptr()) || !Contiguous(values.ptr()) ||
+    if (!cellsFit || !IsArray(values.ptr()) || !IsArray(result.ptr()) || !Contiguous(values.ptr(), false) ||
         !Contiguous(result.ptr()) || !SameType(values.ptr(), result.ptr()) ||
         Length(values.ptr()) != Length(result.ptr()) || 3 * Length(values.ptr()) != Length(cells.ptr()) || nI < 0 ||
         nJ < 0 || !PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(result.ptr()), NPY_ARRAY_WRITEABLE))
@@ -730,6 +750,9 @@ nb::dict CalculationList()
 NB_MODULE(_engine, m)
 {
     using namespace kavra::engine;
+    // A table that a thread still holds when the interpreter ends (a daemon
+    // thread in a call) is not a leak of this module.
+    nb::set_leak_warnings(false);
     m.doc() = "kavra's calculations over NumPy buffers, on a pool of threads (see kavra.calculations)";
     nb::class_<Tables>(m, "Tables", "The region lists of a table value, built once from its numbers")
         .def(nb::init<const std::string&, nb::handle>(), nb::arg("list"), nb::arg("regions"))
@@ -737,7 +760,7 @@ NB_MODULE(_engine, m)
         .def("__len__", &Tables::Count);
     static PyMethodDef unlocked[] = {
         {"calculate", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Entry<&PrepareCalculation>)),
-         METH_FASTCALL, "calculate(name, tables, regions, inputs, out, threads, words) -> out"},
+         METH_FASTCALL, "calculate(name, tables, regions, inputs, out, words, threads) -> out"},
         {"reduce_grid", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Entry<&PrepareGridReduction>)),
          METH_FASTCALL, "reduce_grid(name, values, result, columns, threads) -> None"},
         {nullptr, nullptr, 0, nullptr}};

@@ -35,8 +35,9 @@ void RegisterCalcTransmissibilityK()
 
 void RegisterCalculations()
 {
-#define KAVRA_REGISTER_CELL(name, entry, List, inputs) \
-    bp::def(#entry, static_cast<CalcPointer<List, inputs>>(&kavra::entry));
+#define KAVRA_REGISTER_CELL(name, entry, List, inputs, kavracore) \
+    if constexpr (kavracore)                                        \
+        bp::def(#entry, static_cast<CalcPointer<List, inputs>>(&kavra::entry));
 #define KAVRA_REGISTER_OTHER(entry) Register##entry();
     KAVRA_CALCULATIONS(KAVRA_REGISTER_CELL, KAVRA_REGISTER_OTHER)
 #undef KAVRA_REGISTER_CELL

@@ -48,10 +48,40 @@ ntg : array_like of float, optional
     Net-to-gross ratio per cell, applied after the division.""",
     "out": """\
 out : ndarray, optional
-    Where to write the result.""",
+    Where to write the result: the result's shape, a real floating dtype; it may overlap the
+    inputs (they are read as if before any cell is written).""",
     "threads": """\
 threads : int, optional
     Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any number.""",
+    "raises_table": """\
+Raises
+------
+TypeError
+    A table of another kind; region numbers that are not integers; an input that does not hold
+    real numbers; an ``out`` that is not a NumPy array of a real floating dtype; ``threads`` that
+    is not an integer.
+ValueError
+    Inputs whose shapes do not broadcast together; an ``out`` of another shape, read-only or
+    hard-masked; a region number past the table, or a region whose table has no rows (the
+    native failure is the ``__cause__``); ``threads`` below 1.""",
+    "raises_plain": """\
+Raises
+------
+TypeError
+    An input that does not hold real numbers; an ``out`` that is not a NumPy array of a real
+    floating dtype; ``threads`` that is not an integer.
+ValueError
+    Inputs whose shapes do not broadcast together; an ``out`` of another shape, read-only or
+    hard-masked; ``threads`` below 1.""",
+    "k_raises": """\
+Raises
+------
+TypeError
+    Values of an element type without a kernel (int32, uint32, int64, uint64, float32, float64
+    are taken); a ``grid`` of another kind; ``threads`` that is not an integer.
+ValueError
+    A ``layout`` other than ``"kji"`` or ``"ijk"``; values (or ``active``) whose shape does not
+    fit the grid or the selection; ``threads`` below 1.""",
     "k_arguments": """\
 Parameters
 ----------

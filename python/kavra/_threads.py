@@ -3,36 +3,53 @@
 The default is the number of cores this process may run on
 (``os.sched_getaffinity``), or ``KAVRA_NUM_THREADS`` when that environment
 variable is set; :func:`set_num_threads` changes it for the process, and a
-``threads=`` argument for one call.  Results are the same bits for every
-number of threads.
+``threads=`` argument for one call.  More threads than cores do not help: a
+count above the cores is taken as the cores.  Results are the same bits for
+every number of threads.
 """
 
 from __future__ import annotations
 
+import operator
 import os
+import warnings
 
 __all__ = ["get_num_threads", "set_num_threads"]
 
 
-def _checked(threads: object, what: str) -> int:
-    if isinstance(threads, bool) or not isinstance(threads, int):
-        raise TypeError(f"{what} must be an int, got {type(threads).__name__}")
-    if threads < 1:
-        raise ValueError(f"{what} must be at least 1, got {threads}")
-    return threads
-
-
-def _default() -> int:
-    setting = os.environ.get("KAVRA_NUM_THREADS")
-    if setting is not None:
-        try:
-            return _checked(int(setting), "KAVRA_NUM_THREADS")
-        except ValueError as error:
-            raise ValueError(f"KAVRA_NUM_THREADS={setting!r}: {error}") from None
+def _cores() -> int:
     try:
         return len(os.sched_getaffinity(0))
     except AttributeError:  # no affinity on this platform
         return os.cpu_count() or 1
+
+
+_CORES = _cores()
+
+
+def _checked(threads: object, what: str) -> int:
+    """`threads` as a count of threads, at most the cores: any integer (``operator.index``) from 1."""
+    if isinstance(threads, bool) or type(threads).__name__ == "bool_":
+        raise TypeError(f"{what} must be an integer, got {type(threads).__name__}")
+    try:
+        count = operator.index(threads)  # type: ignore[arg-type]
+    except TypeError:
+        raise TypeError(f"{what} must be an integer, got {type(threads).__name__}") from None
+    if count < 1:
+        raise ValueError(f"{what} must be at least 1, got {count}")
+    return min(count, _CORES)
+
+
+def _default() -> int:
+    """``KAVRA_NUM_THREADS`` when it is set to a count (empty: not set), else the cores."""
+    setting = os.environ.get("KAVRA_NUM_THREADS", "").strip()
+    if setting:
+        try:
+            return _checked(int(setting), "KAVRA_NUM_THREADS")
+        except ValueError as error:
+            warnings.warn(f"KAVRA_NUM_THREADS={setting!r} is not a whole number from 1 ({error}); "
+                          f"using the {_CORES} cores", RuntimeWarning, stacklevel=3)
+    return _CORES
 
 
 _threads: int | None = None
@@ -44,8 +61,9 @@ def get_num_threads() -> int:
     Returns
     -------
     int
-        What :func:`set_num_threads` set, else ``KAVRA_NUM_THREADS``, else the
-        number of cores this process may run on.
+        What :func:`set_num_threads` set, else ``KAVRA_NUM_THREADS`` (a value that is not a
+        whole number from 1 is passed over with a ``RuntimeWarning``), else the number of
+        cores this process may run on; never more than those cores.
 
     Examples
     --------
@@ -65,15 +83,23 @@ def set_num_threads(threads: int) -> None:
     Parameters
     ----------
     threads : int
-        At least 1.  One thread runs each call on the calling thread alone.
+        At least 1 (any integer, NumPy's too).  One thread runs each call on the calling thread
+        alone; a count above the cores this process may run on is taken as those cores.
+
+    Raises
+    ------
+    TypeError
+        `threads` is not an integer.
+    ValueError
+        `threads` is below 1.
 
     Examples
     --------
     >>> import kavra
     >>> before = kavra.get_num_threads()
     >>> kavra.set_num_threads(2)
-    >>> kavra.get_num_threads()
-    2
+    >>> kavra.get_num_threads() == min(2, len(__import__("os").sched_getaffinity(0)))
+    True
     >>> kavra.set_num_threads(before)
     """
     global _threads

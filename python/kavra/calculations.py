@@ -2,21 +2,35 @@
 
 Each function gives, bit for bit, what its native ``Calc…`` function gives on
 the same numbers; it takes array-likes and returns a new float64 array (or
-fills ``out``).
+fills ``out``).  All of them run on kavra's engine (``kavra._engine``): the
+core's calculation over the caller's buffers, in chunks on threads.
 
 Conventions shared by all of them:
 
 * Inputs broadcast against each other (NumPy's rules).  Real inputs of any
   dtype and byte order are converted to float64 once; a C-contiguous,
   writeable float64 array in the machine's byte order of the result's shape
-  is read in place, with no copy.  Region numbers (``pvtnum``, counted from
-  1; a cell below 1 belongs to no region) are any integer array, read in
-  place when they are such an int32 array.
-* ``out``: an array of the result's shape, filled and returned.  A
-  contiguous native float64 ``out`` is written in place; any other real
-  dtype gets the float64 result cast into it (``same_kind``).  When a
-  failure stops a calculation, ``out`` may hold the cells before the one
-  that failed.
+  is read in place, with no copy, and so are float32 inputs of the PVT
+  calculations (all inputs float32: read as they are, computed in double).
+  An input of one value (``pdew=150.0``) is read as that value by every
+  cell.  Region numbers (``pvtnum``, counted from 1; a cell below 1 belongs
+  to no region) are any integer array, read in place when they are such an
+  int32 array; one region number for all cells (``pvtnum=1``) is read as it
+  is, never spread over the cells.
+* ``out``: an array of the result's shape and a real floating dtype,
+  filled and returned.  A contiguous native float64 ``out`` (float32 too,
+  where the inputs are float32) is written in place; any other floating
+  dtype gets the float64 result cast into it.  An input that shares memory
+  with ``out`` (other than ``out`` itself) is read from a copy, as NumPy's
+  ufuncs do: the result is as if every input were read before a cell was
+  written.  When a failure stops a calculation, ``out`` may hold the cells
+  before the one that failed, each written once.  A masked ``out`` takes
+  the result's mask; a hard-masked one is refused.
+* Threads: a call of more than a few thousand cells lets go of the
+  interpreter lock while its cells run; the arrays it reads and writes are
+  held in place meanwhile (their memory stays, even where another thread
+  replaces it with ``__setstate__``).  The result is the same bits for any
+  number of threads.
 * Masked arrays: a cell masked in any input is masked in the result, which
   is then a ``numpy.ma.MaskedArray``; its region is not looked up (a masked
   cell never fails) and the data under the mask is not defined.
@@ -28,95 +42,101 @@ Conventions shared by all of them:
 
 from __future__ import annotations
 
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-import tessel
-
-from . import _kavracore as _native
-from . import _parallel
+from . import _engine
 from ._threads import resolve as _resolve_threads
-from ._arrays import CellArrays, index_text, native_message, prepare_cells, ready_buffers, split_mask
+from ._arrays import CellArrays, prepare_cells, ready_buffers, split_mask
 from ._docs import filled
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
+
+if TYPE_CHECKING:
+    import tessel
+
+    from . import _kavracore as _native
 
 __all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", "one_over_bg",
            "rs_from_components", "porosity", "porosity_from_porv", "bulk_volume", "transmissibility_k"]
 
-_wrap_int = tessel.IntGridFunction.wrap
-_wrap_double = tessel.DoubleGridFunction.wrap
+# The calculations of the engine's list (core/Calculations.h): name -> (region list, number of
+# inputs, whether float32 inputs are read as they are).
+_CALCULATIONS: dict[str, tuple[str | None, int, bool]] = _engine.CALCULATIONS
+# The table values of each region list.
+_VALUES: dict[str, tuple[type[_Table], ...]] = {}
+for _kind in (PVTO, PVTG, PVDG, PVDO, PVTW, ROCK):
+    _VALUES.setdefault(_kind._list_name, ())
+    _VALUES[_kind._list_name] += (_kind,)
 
 
-def _native_table(function: str, name: str, table: Any, values: tuple[type[_Table], ...],
-                  native_class: type) -> Any:
-    """The native region list of `table`: the table value's own (built once), or the list itself."""
-    if isinstance(table, values):
-        return table._cached_native()
-    if isinstance(table, native_class):
-        return table
-    kinds = " or ".join(v.__name__ for v in values)
-    raise TypeError(f"{function}: {name} must be a {kinds} table or a {native_class.__name__}, "
-                    f"got {type(table).__name__}")
-
-
-def _on_threads(call: Any, count: int) -> Any:
-    """The native `call` run on `count` threads: kavra._parallel's function of the same name, which
-    gives the native call's bits, and its failures, for any number of threads."""
-    parallel = getattr(_parallel, call.__name__)
-    return lambda *arguments: parallel(*arguments, count)
-
-
-def _calculate(function: str, call: Any, native_list: Any, kind: str, pvtnum: Any, inputs: list[tuple[str, Any]],
-               out: Any, threads: int | None, keep_out: bool = False) -> NDArray[np.float64]:
-    """A PVT or rock calculation: the native call straight on the caller's buffers when they are
-    ready as they are, else on prepared ones."""
-    call = _on_threads(call, _resolve_threads(threads))
-    ready = ready_buffers(pvtnum, [value for _, value in inputs], out)
-    if ready is not None:
-        try:
-            call(native_list, _wrap_int(ready[0]), *map(_wrap_double, ready[1:]))
-            return out  # type: ignore[no-any-return]
-        except RuntimeError:
-            pass  # the same call on the prepared buffers fails the same way, and says it in words
-    cells = prepare_cells(function, ("pvtnum", pvtnum), inputs, out, keep_out=keep_out)
-    return _run_table(call, native_list, kind, cells)
-
-
-def _run_table(call: Any, native_list: Any, kind: str, cells: CellArrays) -> NDArray[np.float64]:
-    """The native call of a PVT or rock calculation over the prepared buffers."""
-    assert cells.regions is not None
-    grid_functions = [_wrap_int(cells.regions), *map(_wrap_double, cells.inputs), _wrap_double(cells.result)]
+def _native_list_class(name: str) -> Any:
+    """The native list class `name` of kavra._kavracore; None where that module is not built."""
     try:
-        call(native_list, *grid_functions)
-    except RuntimeError as error:
-        raise _table_failure(cells, native_list, kind, error) from error
+        from . import _kavracore
+    except ImportError:
+        return None
+    return getattr(_kavracore, name)
+
+
+def _tables(function: str, name: str, table: Any) -> tuple[Any, str]:
+    """The engine's tables of `table` (a table value's own, built once; a native list's numbers as
+    they stand), and the table's name in failures."""
+    list_name = _CALCULATIONS[function][0]
+    assert list_name is not None
+    values = _VALUES[list_name]
+    if isinstance(table, values):
+        return table._engine_tables(), type(table).__name__
+    native = _native_list_class(list_name)
+    if native is not None and isinstance(table, native):
+        return values[0]._engine_tables_of(table), values[0].keyword if len(values) == 1 else list_name
+    kinds = " or ".join(v.__name__ for v in values)
+    raise TypeError(f"{function}: {name} must be a {kinds} table or a {list_name}, got {type(table).__name__}")
+
+
+def _cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any,
+           keep_out: bool = False) -> CellArrays:
+    """The buffers of a calculation: the caller's own when they are ready as they are (the engine
+    holds them in place while it runs), else prepared ones."""
+    ready = ready_buffers(None if regions is None else regions[1], [value for _, value in inputs], out)
+    if ready is not None:
+        first = 0 if regions is None else 1
+        return CellArrays(function, out.shape, None if regions is None else ready[0], ready[first:-1],
+                          ready[-1], None, out, None)
+    floats = _CALCULATIONS[function][2]
+    return prepare_cells(function, regions, inputs, out, keep_out=keep_out, floats=floats)
+
+
+def _run(name: str, tables: Any, kind: str, cells: CellArrays, inputs: list[Any], threads: int) -> None:
+    """The engine's calculation `name` over prepared buffers, its result into ``cells.result``; a
+    failure is the engine's ValueError in kavra's words, ``out`` left as the failure left it."""
+    words = (cells.function, kind, cells.shape)
+    try:
+        _engine.calculate(name, tables, cells.regions, tuple(inputs), cells.result, words, threads)
+    except ValueError:
+        cells.written(failed=True)
+        raise
+
+
+def _calculate(function: str, name: str, table: Any, pvtnum: Any, inputs: list[tuple[str, Any]],
+               out: Any, threads: int | None, keep_out: bool = False) -> NDArray[np.float64]:
+    """A PVT or rock calculation of the engine's list: `table` is the argument `name`."""
+    tables, kind = _tables(function, name, table)
+    count = _resolve_threads(threads)
+    cells = _cells(function, ("pvtnum", pvtnum), inputs, out, keep_out)
+    _run(function, tables, kind, cells, cells.inputs, count)
     return cells.finish()  # type: ignore[no-any-return]
-
-
-def _table_failure(cells: CellArrays, native_list: Any, kind: str, error: RuntimeError) -> ValueError:
-    """The native failure in the caller's words: the cell and region, counted as the caller counts."""
-    assert cells.regions is not None
-    message, regions, count = native_message(error), cells.regions, len(native_list)
-    if "region number" in message:  # the first cell whose region is past the list
-        position = int(np.flatnonzero(regions > count)[0])
-        have = f"regions 1 to {count}" if count > 1 else "only region 1" if count else "no regions"
-        return ValueError(f"{cells.function}: region {regions[position]} at "
-                          f"{index_text('pvtnum', position, cells.shape)} is not in the {kind} table, "
-                          f"which has {have}")
-    if "Empty" in message:  # the first cell whose region's table has no rows
-        empty = [r for r, table in enumerate(native_list, start=1) if len(table) == 0]
-        position = int(np.flatnonzero(np.isin(regions, empty))[0])
-        return ValueError(f"{cells.function}: region {regions[position]} of the {kind} table has no rows "
-                          f"(needed at {index_text('pvtnum', position, cells.shape)})")
-    return ValueError(f"{cells.function}: {message}")
 
 
 @filled
 def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs: ArrayLike, *,
                           out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
     """Bubble point pressure per cell, along the saturated line of the live-oil table.
+
+    Between two records the pressure is linear in Rs; below the first record and above the last
+    it is extrapolated linearly, not clipped: an Rs outside the table gives a pressure outside
+    the table's range.
 
     Parameters
     ----------
@@ -132,6 +152,8 @@ def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs:
         Pressure per cell in the table's pressure unit (barsa in METRIC), linear in Rs between
         the table's records and extended linearly beyond them.
 
+    %(raises_table)s
+
     Examples
     --------
     >>> from kavra import bubble_point_pressure
@@ -140,9 +162,8 @@ def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs:
     >>> print(bubble_point_pressure(oil, [1, 1, 0], [50.0, 65.0, 70.0]))
     [120. 150.   0.]
     """
-    native_list = _native_table("bubble_point_pressure", "pvto", pvto, (PVTO,), _native.TPVTOList)
-    return _calculate("bubble_point_pressure", _native.CalcBubblePointPressure, native_list, "PVTO", pvtnum,
-                      [("rs", rs)], out, threads)
+    return _calculate("bubble_point_pressure", "pvto", pvto, pvtnum, [("rs", rs)], out,
+                      threads)
 
 
 @filled
@@ -164,6 +185,8 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
     ndarray of float64
         1/B per cell (sm3/rm3 in METRIC); outside the table B is extended linearly.
 
+    %(raises_table)s
+
     Examples
     --------
     >>> import numpy as np
@@ -174,9 +197,8 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
     [[ 58.82352941 111.11111111]
      [133.33333333 222.22222222]]
     """
-    native_list = _native_table("one_over_b", "pvdx", pvdx, (PVDG, PVDO), _native.TPVTList)
-    kind = type(pvdx).__name__ if isinstance(pvdx, _Table) else "TPVTList"
-    return _calculate("one_over_b", _native.CalcOneOverB, native_list, kind, pvtnum, [("p", p)], out, threads)
+    return _calculate("one_over_b", "pvdx", pvdx, pvtnum, [("p", p)], out,
+                      threads)
 
 
 @filled
@@ -187,7 +209,9 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
     Where ``|po - pbub| < 0.0001`` the oil is saturated and Bo is read along the saturated line
     at ``po``; elsewhere Bo comes from the undersaturated rows of the first record whose
     saturated pressure is not below ``pbub`` (the last record above them all, the second one
-    at or below the first), at ``po``.
+    at or below the first), at ``po``.  A ``pbub`` above ``po`` is not clipped: Bo is read on
+    the undersaturated rows of the record at ``pbub``, at a pressure below it; for oil that is
+    saturated in such cells pass ``np.minimum(pbub, po)``.
 
     Parameters
     ----------
@@ -203,6 +227,8 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
     ndarray of float64
         1/Bo per cell (sm3/rm3 in METRIC).
 
+    %(raises_table)s
+
     Examples
     --------
     >>> from kavra import one_over_bo
@@ -211,9 +237,8 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
     >>> print(one_over_bo(oil, 1, po=[120.0, 250.0], pbub=[120.0, 150.0]))
     [0.8        0.75709779]
     """
-    native_list = _native_table("one_over_bo", "pvto", pvto, (PVTO,), _native.TPVTOList)
-    return _calculate("one_over_bo", _native.CalcOneOverBo, native_list, "PVTO", pvtnum,
-                      [("po", po), ("pbub", pbub)], out, threads)
+    return _calculate("one_over_bo", "pvto", pvto, pvtnum, [("po", po), ("pbub", pbub)], out,
+                      threads)
 
 
 @filled
@@ -236,6 +261,8 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
     ndarray of float64
         1/Bw per cell (sm3/rm3 in METRIC).
 
+    %(raises_table)s
+
     Examples
     --------
     >>> from kavra import one_over_bw
@@ -244,8 +271,8 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
     >>> print(one_over_bw(water, 1, [100.0, 1100.0]))
     [1.    1.105]
     """
-    native_list = _native_table("one_over_bw", "pvtw", pvtw, (PVTW,), _native.TPVTWList)
-    return _calculate("one_over_bw", _native.CalcOneOverBw, native_list, "PVTW", pvtnum, [("pw", pw)], out, threads)
+    return _calculate("one_over_bw", "pvtw", pvtw, pvtnum, [("pw", pw)], out,
+                      threads)
 
 
 @filled
@@ -275,6 +302,8 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
     ndarray of float64
         1/Bg per cell (sm3/rm3 in METRIC).
 
+    %(raises_table)s
+
     Examples
     --------
     >>> from kavra import one_over_bg
@@ -283,9 +312,8 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
     >>> print(one_over_bg(gas, 1, pg=[150.0, 150.0], pdew=[300.0, 150.0], rv=[0.02, 0.015]))
     [72.5 75. ]
     """
-    native_list = _native_table("one_over_bg", "pvtg", pvtg, (PVTG,), _native.TPVTGList)
-    return _calculate("one_over_bg", _native.CalcOneOverBg, native_list, "PVTG", pvtnum,
-                      [("pg", pg), ("pdew", pdew), ("rv", rv)], out, threads)
+    return _calculate("one_over_bg", "pvtg", pvtg, pvtnum, [("pg", pg), ("pdew", pdew), ("rv", rv)], out,
+                      threads)
 
 
 @filled
@@ -311,6 +339,8 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
     ndarray of float64
         Porosity per cell (fraction), capped at 1.0 (no lower cap).
 
+    %(raises_table)s
+
     Examples
     --------
     >>> from kavra import porosity
@@ -318,28 +348,20 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
     >>> print(porosity(ROCK([[200.0, 1e-3]]), [1, 1, 0], [300.0, 200.0, 300.0], 0.2))
     [0.221 0.2   0.   ]
     """
-    native_list = _native_table("porosity", "rock", rock, (ROCK,), _native.TRockList)
-    return _calculate("porosity", _native.CalcPorosity, native_list, "ROCK", pvtnum,
-                      [("po", po), ("poro", poro)], out, threads, keep_out=True)
+    return _calculate("porosity", "rock", rock, pvtnum, [("po", po), ("poro", poro)], out,
+                      threads, keep_out=True)
 
 
-def _run_plain(function: str, calls: list[tuple[Any, list[int]]], inputs: list[tuple[str, Any]],
+def _run_plain(function: str, steps: list[tuple[str, list[int]]], inputs: list[tuple[str, Any]],
                out: Any, threads: int | None) -> NDArray[np.float64]:
-    """Native calls on the inputs and the result (by position), for calculations without tables:
-    straight on the caller's buffers when they are ready as they are, else on prepared ones."""
+    """Calculations of the engine's list without tables, one after the other, each on inputs given
+    by position (the result of the step before is the last input of a step that takes it)."""
     count = _resolve_threads(threads)
-    ready = ready_buffers(None, [value for _, value in inputs], out)
-    cells = None
-    if ready is None:
-        cells = prepare_cells(function, None, inputs, out)
-        ready = [*cells.inputs, cells.result]
-    buffers = list(map(_wrap_double, ready))
-    try:
-        for call, arguments in calls:
-            _on_threads(call, count)(*(buffers[a] for a in arguments))
-    except RuntimeError as error:
-        raise ValueError(f"{function}: {native_message(error)}") from error
-    return out if cells is None else cells.finish()  # type: ignore[no-any-return]
+    cells = _cells(function, None, inputs, out)
+    buffers = [*cells.inputs, cells.result]
+    for name, arguments in steps:
+        _run(name, None, "", cells, [buffers[a] for a in arguments], count)
+    return cells.finish()  # type: ignore[no-any-return]
 
 
 @filled
@@ -358,13 +380,15 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
     ndarray of float64
         Porosity per cell (fraction; not capped).
 
+    %(raises_plain)s
+
     Examples
     --------
     >>> from kavra import porosity_from_porv
     >>> print(porosity_from_porv([1000.0, 0.0, 500.0], [250.0, 10.0, 100.0]))
     [0.25 0.   0.2 ]
     """
-    return _run_plain("porosity_from_porv", [(_native.CalcPorosityFromPORV, [0, 1, 2])],
+    return _run_plain("porosity_from_porv", [("porosity_from_porv", [0, 1])],
                       [("bulk_volume", bulk_volume), ("porv", porv)], out, threads)
 
 
@@ -386,6 +410,8 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
     ndarray of float64
         Bulk volume per cell, in the unit of ``porv``.
 
+    %(raises_plain)s
+
     Examples
     --------
     >>> from kavra import bulk_volume
@@ -393,10 +419,8 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
     [800.   0.]
     """
     inputs = [("porv", porv), ("poro", poro)] + ([("ntg", ntg)] if ntg is not None else [])
-    calls: list[tuple[Any, list[int]]] = [(_native.CalcBulkVolume, [0, 1, len(inputs)])]
-    if ntg is not None:
-        calls.append((_native.CalcBulkVolume, [2, 3]))
-    return _run_plain("bulk_volume", calls, inputs, out, threads)
+    steps = [("bulk_volume", [0, 1])] + ([("bulk_volume_times_ntg", [2])] if ntg is not None else [])
+    return _run_plain("bulk_volume", steps, inputs, out, threads)
 
 
 @filled
@@ -415,17 +439,20 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
     ndarray of float64
         The ratio per cell.
 
+    %(raises_plain)s
+
     Examples
     --------
     >>> from kavra import rs_from_components
     >>> print(rs_from_components([2.0, 0.0, -1.0], [100.0, 5.0, 5.0]))
     [50.  0.  0.]
     """
-    return _run_plain("rs_from_components", [(_native.CalcRsFromComponents, [0, 1, 2])],
+    return _run_plain("rs_from_components", [("rs_from_components", [0, 1])],
                       [("denominator", denominator), ("numerator", numerator)], out, threads)
 
 
-def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.ReservoirSelectionTopology
+def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike,
+                       selection: tessel.ReservoirSelectionTopology | tuple[tuple[int, int, int], ArrayLike]
                        ) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
     """Pinch-outs taken out of a list of non-neighbour connections, and their cells marked.
 
@@ -440,8 +467,9 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.Reser
     nnc1, nnc2 : array_like of int
         The two cells of each connection, one-dimensional, of one length.  A connection masked
         in either is left out.
-    selection : tessel.ReservoirSelectionTopology
-        The cells that take part.
+    selection : tessel.ReservoirSelectionTopology or ((nI, nJ, nK), cells)
+        The cells that take part: a selection, or the grid's shape and an (m, 3) array-like of the
+        selected cells' (i, j, k) in selection order.
 
     Returns
     -------
@@ -467,12 +495,10 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.Reser
     [1] [2] [1. 0. 0. 0. 0. 0. 0. 0.]
     """
     function = "transmissibility_k"
-    if not isinstance(selection, tessel.ReservoirSelectionTopology):
-        raise TypeError(f"{function}: selection must be a tessel.ReservoirSelectionTopology, "
-                        f"got {type(selection).__name__}")
+    (ni, nj, nk), selected = _selection(function, selection)
     (first, mask1), (second, mask2) = split_mask(nnc1), split_mask(nnc2)
     for name, array in (("nnc1", first), ("nnc2", second)):
-        if array.dtype.kind not in "iu":
+        if array.dtype.kind not in "iu" and array.size:  # [] is an empty list of any dtype
             raise TypeError(f"{function}: {name} must hold integer cell numbers, got {array.dtype}")
         if array.ndim != 1:
             raise ValueError(f"{function}: {name} must be one-dimensional, got the shape {array.shape}")
@@ -481,21 +507,36 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike, selection: tessel.Reser
     if mask1 is not None or mask2 is not None:
         keep = ~((mask1 if mask1 is not None else False) | (mask2 if mask2 is not None else False))
         first, second = first[keep], second[keep]
-    cells = selection.nI * selection.nJ * selection.nK
+    cells = ni * nj * nk
     for name, array in (("nnc1", first), ("nnc2", second)):
         outside = (array < 0) | (array >= cells)
         if outside.any():
             p = int(np.flatnonzero(outside)[0])
             raise ValueError(f"{function}: {name}[{p}] = {array[p]} is not a cell of the grid of "
-                             f"{selection.nI} x {selection.nJ} x {selection.nK} cells")
-    vectors = tessel.IntVector(first.astype(np.int32)), tessel.IntVector(second.astype(np.int32))
-    trank = tessel.DoubleGridFunction(selection.number_of_selected_cells)
+                             f"{ni} x {nj} x {nk} cells")
+    kept1, kept2, trank = _engine.transmissibility_k(first.astype(np.int32), second.astype(np.int32), (ni, nj, nk),
+                                                     selected.reshape(-1))
+    return np.array(kept1, dtype=np.int32), np.array(kept2, dtype=np.int32), np.array(trank, dtype=np.float64)
+
+
+def _selection(function: str, selection: Any) -> tuple[tuple[int, int, int], NDArray[np.uint16]]:
+    """The grid's shape and the selected cells (an (m, 3) uint16 array) of a selection argument."""
     try:
-        _native.CalcTransmissibilityK(*vectors, selection, tessel.SelectionViewGridFunction(selection, trank))
-    except RuntimeError as error:
-        message = native_message(error)
-        if "pinch-out" in message:
-            message = ("a connection within one column does not run down across at least two layers "
-                       f"({message.split(' ', 1)[1]})")
-        raise ValueError(f"{function}: {message}") from error
-    return vectors[0].to_numpy(), vectors[1].to_numpy(), trank.values
+        import tessel
+    except ImportError:
+        tessel = None
+    if tessel is not None and isinstance(selection, tessel.ReservoirSelectionTopology):
+        return (selection.nI, selection.nJ, selection.nK), np.asarray(selection.selected_cells, dtype=np.uint16)
+    if isinstance(selection, tuple) and len(selection) == 2 and isinstance(selection[0], tuple):
+        grid, cells = selection
+        dims = np.asarray(grid)
+        ijk = np.asarray(cells)
+        if (dims.shape == (3,) and dims.dtype.kind in "iu" and ((dims >= 0) & (dims < 2**16)).all()
+                and ijk.ndim == 2 and ijk.shape[1] == 3 and (ijk.dtype.kind in "iu" or not ijk.size)):
+            ijk = ijk.astype(np.int64)
+            if ((ijk >= 0) & (ijk < dims)).all():
+                return (int(dims[0]), int(dims[1]), int(dims[2])), ijk.astype(np.uint16)
+        raise ValueError(f"{function}: a selection ((nI, nJ, nK), cells) takes whole numbers from 0 to 65535 and "
+                         "an (m, 3) array of (i, j, k) inside the grid")
+    raise TypeError(f"{function}: selection must be a tessel.ReservoirSelectionTopology or ((nI, nJ, nK), cells), "
+                    f"got {type(selection).__name__}")

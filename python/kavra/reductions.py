@@ -2,7 +2,8 @@
 
 Each returns a new array of the input's shape and element type in which
 every cell holds the value of its column (all cells with one I and one J),
-bit for bit what the native ``KMax`` … give.
+bit for bit what the native ``KMax`` … give, run by kavra's engine
+(``kavra._engine``; a whole grid's columns in chunks on threads).
 
 * ``grid``: a ``tessel.ReservoirTopology``, an ``(nI, nJ, nK)`` tuple, or a
   ``tessel.ReservoirSelectionTopology`` (then ``values`` has one element per
@@ -28,33 +29,26 @@ bit for bit what the native ``KMax`` … give.
 from __future__ import annotations
 
 import math
+import operator
 from dataclasses import dataclass
 from typing import Any, Literal
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-import tessel
-
-from . import _kavracore as _native
-from . import _parallel
+from . import _engine
 from ._threads import resolve as _resolve_threads
-from ._arrays import native_message, split_mask
+from ._arrays import split_mask
 from ._docs import filled
 
 __all__ = ["kmax", "kmin", "ksum", "kaverage"]
 
-Grid = tessel.ReservoirTopology | tessel.ReservoirSelectionTopology | tuple[int, int, int]
+Grid = Any  # a tessel.ReservoirTopology, a tessel.ReservoirSelectionTopology or an (nI, nJ, nK) tuple
 Layout = Literal["kji", "ijk"]
 
-_GRID = tessel.ReservoirTopology
 # The element types of the native kernels, by NumPy type character.
 _KERNEL_TYPES = "iIlLfd"
 # Same width as C long on this platform: viewed as long, bits unchanged.
-# Whole grids from this many cells split their columns over threads; the
-# native kernels count elements in 32 bits.
-_MIN_THREADED = 1 << 16
-_NATIVE_LIMIT = 2**31 - 1
 _AS_LONG = {"q": "l", "Q": "L"} if np.dtype("q").itemsize == np.dtype("l").itemsize else {}
 
 
@@ -72,20 +66,51 @@ def _values(function: str, values: np.ndarray) -> np.ndarray:
     return values
 
 
-def _topology(function: str, grid: Any) -> Any:
-    if isinstance(grid, (tessel.ReservoirTopology, tessel.ReservoirSelectionTopology)):
-        return grid
+@dataclass(frozen=True)
+class _Cells:
+    """A grid of nI x nJ x nK cells, or a selection of its cells (`ijk`: an (m, 3) uint16 array of
+    (i, j, k), in selection order)."""
+
+    ni: int
+    nj: int
+    nk: int
+    ijk: NDArray[np.uint16] | None = None
+
+
+def _topology(function: str, grid: Any) -> _Cells:
+    """The grid's shape (and cells) of a tessel topology or an (nI, nJ, nK) tuple."""
+    tessel = _tessel()
+    if tessel is not None and isinstance(grid, tessel.ReservoirSelectionTopology):
+        parent = grid.parent_topology
+        return _Cells(parent.nI, parent.nJ, parent.nK, np.asarray(grid.selected_cells).astype(np.uint16))
+    if tessel is not None and isinstance(grid, tessel.ReservoirTopology):
+        return _Cells(grid.nI, grid.nJ, grid.nK)
     if isinstance(grid, tuple) and len(grid) == 3:
-        return tessel.ReservoirTopology(*grid)
+        try:
+            dims = [operator.index(d) for d in grid]
+        except TypeError:
+            dims = []
+        if len(dims) == 3 and all(0 <= d < 2**16 for d in dims):
+            return _Cells(*dims)
+        raise ValueError(f"{function}: a grid (nI, nJ, nK) takes whole numbers from 0 to 65535, got {grid}")
     raise TypeError(f"{function}: grid must be a tessel.ReservoirTopology, an (nI, nJ, nK) tuple or a "
                     f"tessel.ReservoirSelectionTopology, got {type(grid).__name__}")
+
+
+def _tessel() -> Any:
+    """The tessel package, when its native module is built (None otherwise)."""
+    try:
+        import tessel
+    except ImportError:
+        return None
+    return tessel
 
 
 @dataclass
 class ColumnArrays:
     """A reduction's arguments, ready for the native kernel, and how to give its result back."""
 
-    topology: Any  # the grid, or a selection: the caller's, or that of the cells that take part
+    topology: _Cells  # the grid, or a selection: the caller's, or that of the cells that take part
     values: np.ndarray  # native element type and byte order; cell order (C-contiguous) or selection order
     cells: NDArray[np.intp] | None  # where the values came from, when only some cells take part
     shape: tuple[int, ...]  # of the caller's values
@@ -98,8 +123,8 @@ class ColumnArrays:
             full[self.cells] = result
             result = full
         if self.ijk:
-            grid = self.topology if self.cells is None else self.topology.parent_topology
-            result = _columns_ijk(result.reshape(grid.nK, grid.nJ, grid.nI), whole=self.cells is None)
+            grid = self.topology
+            result = _columns_ijk(result.reshape(grid.nk, grid.nj, grid.ni), whole=self.cells is None)
         result = result.reshape(self.shape)
         return result if self.mask is None else np.ma.MaskedArray(result, mask=self.mask)
 
@@ -128,16 +153,16 @@ def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLi
     check_layout(function, layout)
     data, mask = split_mask(values)
     data = _values(function, data)
-    selection = isinstance(topology, tessel.ReservoirSelectionTopology)
+    selection = topology.ijk is not None
     if selection:
         if layout != "kji":
             raise ValueError(f"{function}: a selection's values are one per selected cell, in selection "
                              "order: layout applies to whole grids only")
-        if data.shape != (topology.number_of_selected_cells,):
+        if data.shape != (len(topology.ijk),):
             raise ValueError(f"{function}: values of the shape {data.shape} do not fit a selection of "
-                             f"{topology.number_of_selected_cells} cells")
+                             f"{len(topology.ijk)} cells")
     else:
-        ni, nj, nk = topology.nI, topology.nJ, topology.nK
+        ni, nj, nk = topology.ni, topology.nj, topology.nk
         check_grid_shape(function, data.shape, (ni, nj, nk), layout)
     given_shape = data.shape
     valid = _valid(function, given_shape, mask, active)
@@ -156,40 +181,37 @@ def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLi
                             result_mask)
     cells = np.flatnonzero(valid)
     if selection:
-        part = tessel.ReservoirSelectionTopology(topology.parent_topology, topology.selected_cells[cells])
+        part = _Cells(topology.ni, topology.nj, topology.nk, topology.ijk[cells])
     else:  # the selection of those cells, in cell order: each column's sum in ascending K, as the grid kernel
         ijk_of = np.column_stack([cells % ni, (cells // ni) % nj, cells // (ni * nj)]).astype(np.uint16)
-        part = tessel.ReservoirSelectionTopology(topology, ijk_of)
+        part = _Cells(ni, nj, nk, ijk_of)
     return ColumnArrays(part, data[valid], cells, given_shape, ijk, result_mask)  # data[valid]: in cell order
 
 
-def _on_threads(native: Any, topology: Any, values: np.ndarray, threads: int | None) -> Any:
-    """The native reduction, its columns in parts on threads where that pays: a whole grid of
-    enough cells, whose values the native kernel takes as they are (cell order, C-contiguous)."""
+def _run(name: str, cells: _Cells, values: np.ndarray, threads: int | None) -> np.ndarray:
+    """The engine's reduction `name` ("KMax", ...): a whole grid's columns in chunks on threads, or
+    the selected cells.  The engine holds the values' memory in place while it runs."""
     count = _resolve_threads(threads)
-    if (count > 1 and type(topology) is _GRID and values.size >= _MIN_THREADED
-            and values.size <= _NATIVE_LIMIT and values.size == topology.nI * topology.nJ * topology.nK):
-        result = np.empty(values.shape, dtype=values.dtype)
-        _parallel.ReduceGrid(native.__name__, values, result, topology.nI * topology.nJ, count)
-        return result
-    return native(topology, values)
+    if cells.ijk is None:
+        result = np.empty(values.size, dtype=values.dtype)
+        _engine.reduce_grid(name, np.ascontiguousarray(values).reshape(-1), result, max(1, cells.ni * cells.nj),
+                            count)
+        return result.reshape(values.shape)
+    result = np.empty(len(cells.ijk), dtype=values.dtype)
+    _engine.reduce_selection(name, np.ascontiguousarray(values), np.ascontiguousarray(cells.ijk), cells.ni,
+                             cells.nj, result)
+    return result
 
 
-def _reduce(function: str, native: Any, values: ArrayLike, grid: Any, active: ArrayLike | None,
+def _reduce(function: str, name: str, values: ArrayLike, grid: Any, active: ArrayLike | None,
             layout: str, threads: int | None = None) -> Any:
-    if (active is None and layout == "kji" and type(values) is np.ndarray and type(grid) is _GRID
-            and values.dtype.char in _KERNEL_TYPES and values.dtype.isnative and values.flags.c_contiguous
-            and values.size == grid.nI * grid.nJ * grid.nK):
-        try:  # the common case, in few steps: the kernel takes the array as it is
-            return _on_threads(native, grid, values, threads)
-        except ValueError:
-            pass  # a shape it does not take: said in the words below
+    if (active is None and layout == "kji" and type(values) is np.ndarray and values.dtype.char in _KERNEL_TYPES
+            and values.dtype.isnative and values.flags.c_contiguous):
+        cells = _topology(function, grid)  # the common case, in few steps: the kernel takes the array as it is
+        if cells.ijk is None and values.shape in ((cells.ni * cells.nj * cells.nk,), (cells.nk, cells.nj, cells.ni)):
+            return _run(name, cells, values, threads)
     columns = prepare_columns(function, values, grid, active, layout)
-    try:
-        result = _on_threads(native, columns.topology, columns.values, threads)
-    except (RuntimeError, ValueError) as error:
-        raise ValueError(f"{function}: {native_message(error)}") from error
-    return columns.finish(result)
+    return columns.finish(_run(name, columns.topology, columns.values, threads))
 
 
 def _valid(function: str, shape: tuple[int, ...], mask: NDArray[np.bool_] | None,
@@ -225,6 +247,8 @@ def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
 
     %(k_arguments)s
 
+    %(k_raises)s
+
     Examples
     --------
     >>> import numpy as np
@@ -236,7 +260,7 @@ def kmax(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     <BLANKLINE>
      [[4 4]]]
     """
-    return _reduce("kmax", _native.KMax, values, grid, active, layout, threads)  # type: ignore[no-any-return]
+    return _reduce("kmax", "KMax", values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
 @filled
@@ -246,6 +270,8 @@ def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
 
     %(k_arguments)s
 
+    %(k_raises)s
+
     Examples
     --------
     >>> import numpy as np
@@ -253,7 +279,7 @@ def kmin(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     >>> print(kmin(np.ma.masked_less([1.0, 2.0, 3.0, 4.0], 2.0), (2, 1, 2)))
     [-- 2.0 3.0 2.0]
     """
-    return _reduce("kmin", _native.KMin, values, grid, active, layout, threads)  # type: ignore[no-any-return]
+    return _reduce("kmin", "KMin", values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
 @filled
@@ -263,6 +289,8 @@ def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
 
     %(k_arguments)s
 
+    %(k_raises)s
+
     Examples
     --------
     >>> import numpy as np
@@ -270,7 +298,7 @@ def ksum(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None, layo
     >>> print(ksum(np.array([1.0, 2.0, 3.0, 4.0]), (2, 1, 2), active=[True, True, False, True]))
     [1.0 6.0 -- 6.0]
     """
-    return _reduce("ksum", _native.KSum, values, grid, active, layout, threads)  # type: ignore[no-any-return]
+    return _reduce("ksum", "KSum", values, grid, active, layout, threads)  # type: ignore[no-any-return]
 
 
 @filled
@@ -281,6 +309,8 @@ def kaverage(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None,
 
     %(k_arguments)s
 
+    %(k_raises)s
+
     Examples
     --------
     >>> import numpy as np
@@ -288,4 +318,4 @@ def kaverage(values: ArrayLike, grid: Grid, *, active: ArrayLike | None = None,
     >>> print(kaverage(np.array([-3, 0, 1, 2], dtype=np.int32), (1, 1, 4)))
     [0 0 0 0]
     """
-    return _reduce("kaverage", _native.KAverage, values, grid, active, layout, threads)  # type: ignore[no-any-return]
+    return _reduce("kaverage", "KAverage", values, grid, active, layout, threads)  # type: ignore[no-any-return]

@@ -7,18 +7,9 @@
 #include <vector>
 
 #include "core/reductions/ColumnKernels.h"
+#include "tests/native/Expect.h"
 
 namespace columns = kavra::columns;
-
-static int failures = 0;
-
-#define EXPECT(condition)                                                                    \
-    do {                                                                                     \
-        if (!(condition)) {                                                                  \
-            std::fprintf(stderr, "%s:%d: expected %s\n", __FILE__, __LINE__, #condition);   \
-            ++failures;                                                                      \
-        }                                                                                    \
-    } while (false)
 
 // The grid kernel over all columns at once, checked against the same
 // columns reduced in three parts.

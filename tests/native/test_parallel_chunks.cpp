@@ -7,16 +7,7 @@
 #include <vector>
 
 #include "core/utils/ParallelFor.h"
-
-static int failures = 0;
-
-#define EXPECT(condition)                                                                  \
-    do {                                                                                   \
-        if (!(condition)) {                                                                \
-            std::fprintf(stderr, "%s:%d: expected %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                                    \
-        }                                                                                  \
-    } while (false)
+#include "tests/native/Expect.h"
 
 int main()
 {
