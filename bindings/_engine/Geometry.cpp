@@ -1,6 +1,6 @@
-// cell_geometry: the volumes and centre depths of a corner-point grid's
-// cells (core/grid/CellGeometry.h), on the pool's threads with the
-// interpreter lock released.
+// cell_geometry: the volumes, centre depths and DX, DY, DZ of a
+// corner-point grid's cells (core/grid/CellGeometry.h), on the pool's
+// threads with the interpreter lock released.
 #include "bindings/_engine/Geometry.h"
 
 #include <Python.h>
@@ -44,29 +44,38 @@ std::unique_ptr<HeldArray> Float64s(nb::handle array, std::uint64_t length, bool
     return std::unique_ptr<HeldArray>(new HeldArray(array.ptr()));
 }
 
-// cell_geometry(nI, nJ, nK, coord, zcorn, volumes, depths, threads): fills
-// volumes and depths (float64, one per cell) from COORD and ZCORN.
+// cell_geometry(nI, nJ, nK, coord, zcorn, out, threads): fills the arrays
+// of out = (volumes, depths, dx, dy, dz), each float64 of one number per
+// cell or None, from COORD and ZCORN.
 void CellGeometry(std::uint64_t nI, std::uint64_t nJ, std::uint64_t nK, nb::handle coord, nb::handle zcorn,
-                  nb::handle volumes, nb::handle depths, unsigned threads)
+                  nb::tuple out, unsigned threads)
 {
     std::uint64_t pillars = 0, cells = 0, depthsCount = 0, coordCount = 0;
     if (__builtin_mul_overflow(nI + 1, nJ + 1, &pillars) || __builtin_mul_overflow(pillars, 6, &coordCount) ||
         __builtin_mul_overflow(nI * nJ, nK, &cells) || (nJ != 0 && nI * nJ / nJ != nI) ||
         __builtin_mul_overflow(cells, 8, &depthsCount))
         throw nb::value_error("cell_geometry: a grid too large to address");
+    if (nb::len(out) != 5)
+        throw nb::value_error("cell_geometry: out is (volumes, depths, dx, dy, dz)");
     auto c = Float64s(coord, coordCount, false, "coord");
     auto z = Float64s(zcorn, depthsCount, false, "zcorn");
-    auto v = Float64s(volumes, cells, true, "volumes");
-    auto d = Float64s(depths, cells, true, "depths");
+    static const char* const names[5] = {"volumes", "depths", "dx", "dy", "dz"};
+    std::unique_ptr<HeldArray> held[5];
+    double* into[5] = {};
+    for (int a = 0; a < 5; ++a)
+        if (!out[a].is_none()) {
+            held[a] = Float64s(out[a], cells, true, names[a]);
+            into[a] = reinterpret_cast<double*>(held[a]->Data());
+        }
     const grid::CornerPointGrid g{nI, nJ, nK, reinterpret_cast<const double*>(c->Data()),
                                   reinterpret_cast<const double*>(z->Data())};
-    double* out[2] = {reinterpret_cast<double*>(v->Data()), reinterpret_cast<double*>(d->Data())};
+    const grid::CellGeometryOut wanted{into[0], into[1], into[2], into[3], into[4]};
     const unsigned useful = UsefulThreads(threads < 1 ? 1 : threads);
     auto work = [&]() noexcept {
         try {
-            grid::CellVolumesAndDepths(g, out[0], out[1], useful);
+            grid::CellGeometry(g, wanted, useful);
         } catch (...) { // the pool failing to start a thread: the cells run here instead
-            grid::CellVolumesAndDepths(g, out[0], out[1], 1);
+            grid::CellGeometry(g, wanted, 1);
         }
     };
     WithoutLock(work);
@@ -77,9 +86,10 @@ void CellGeometry(std::uint64_t nI, std::uint64_t nJ, std::uint64_t nK, nb::hand
 void RegisterGeometry(nb::module_& m)
 {
     m.def("cell_geometry", &CellGeometry, nb::arg("nI"), nb::arg("nJ"), nb::arg("nK"), nb::arg("coord"),
-          nb::arg("zcorn"), nb::arg("volumes"), nb::arg("depths"), nb::arg("threads"),
-          "cell_geometry(nI, nJ, nK, coord, zcorn, volumes, depths, threads) -> None: the volume and the mean "
-          "corner depth of every cell of a corner-point grid, in the units of COORD and ZCORN");
+          nb::arg("zcorn"), nb::arg("out"), nb::arg("threads"),
+          "cell_geometry(nI, nJ, nK, coord, zcorn, out, threads) -> None: the volume, the mean corner depth, "
+          "DX, DY and DZ of every cell of a corner-point grid into out = (volumes, depths, dx, dy, dz) (None "
+          "for one not wanted), in the units of COORD and ZCORN");
 }
 
 } // namespace engine

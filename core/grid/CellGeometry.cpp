@@ -43,6 +43,20 @@ Vector Coefficient(const Corners& p, int m)
 
 constexpr std::uint64_t cellsPerChunk = 1 << 14;
 
+// The centre of the cell's face where bit `axis` of the corner number is 1,
+// less the centre of the face where it is 0.
+Vector FaceSpan(const Corners& p, int axis)
+{
+    Vector span{0.0, 0.0, 0.0};
+    for (int n = 0; n < 8; ++n) {
+        const double sign = (n >> axis) & 1 ? 0.25 : -0.25;
+        span.x += sign * p.x[n];
+        span.y += sign * p.y[n];
+        span.z += sign * p.z[n];
+    }
+    return span;
+}
+
 } // namespace
 
 Corners CellCorners(const CornerPointGrid& g, std::uint64_t c)
@@ -78,20 +92,28 @@ double HexahedronVolume(const Corners& p)
     return std::fabs(box / 64.0 + twist / 192.0);
 }
 
-void CellVolumesAndDepths(const CornerPointGrid& grid, double* volumes, double* depths, unsigned threads)
+void CellGeometry(const CornerPointGrid& grid, const CellGeometryOut& out, unsigned threads)
 {
     const std::uint64_t n = grid.nI * grid.nJ * grid.nK;
     ParallelChunks(n, cellsPerChunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
         for (std::uint64_t c = begin; c < end; ++c) {
             const Corners p = CellCorners(grid, c);
-            if (volumes != nullptr)
-                volumes[c] = HexahedronVolume(p);
-            if (depths != nullptr) {
+            if (out.volumes != nullptr)
+                out.volumes[c] = HexahedronVolume(p);
+            if (out.depths != nullptr) {
                 double sum = 0.0;
                 for (double z : p.z)
                     sum += z;
-                depths[c] = sum / 8.0;
+                out.depths[c] = sum / 8.0;
             }
+            double* const horizontal[2] = {out.dx, out.dy};
+            for (int axis = 0; axis < 2; ++axis)
+                if (horizontal[axis] != nullptr) {
+                    const Vector span = FaceSpan(p, axis);
+                    horizontal[axis][c] = std::sqrt(span.x * span.x + span.y * span.y);
+                }
+            if (out.dz != nullptr)
+                out.dz[c] = std::fabs(FaceSpan(p, 2).z);
         }
     });
 }

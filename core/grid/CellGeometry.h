@@ -13,7 +13,10 @@
 // r integrates to zero, and what is left is
 //     V = 8 [a1, a2, a3] + 8/3 ([a1, a4, a6] + [a4, a2, a5] + [a6, a5, a3])
 // ([a, b, c] the triple product a . (b x c)), taken as an absolute value.
-// The depth of a cell is the mean of its eight corners' z.
+// The depth of a cell is the mean of its eight corners' z.  Its DX (DY) is
+// the horizontal distance between the centres (the means of the four
+// corners) of its two I (J) faces, its DZ the vertical one between the
+// centres of its top and bottom faces.
 #include <cstdint>
 
 namespace kavra {
@@ -44,10 +47,20 @@ Corners CellCorners(const CornerPointGrid& grid, std::uint64_t c);
 // The volume of the trilinear hexahedron through `corners` (see above).
 double HexahedronVolume(const Corners& corners);
 
-// volumes[c] and depths[c] for every cell c of the grid (either may be
-// nullptr), in chunks on at most `threads` threads.  The numbers do not
-// depend on the threads.
-void CellVolumesAndDepths(const CornerPointGrid& grid, double* volumes, double* depths, unsigned threads);
+// Where the numbers of every cell go: an array of one number per cell, or
+// nullptr for a number not wanted.
+struct CellGeometryOut
+{
+    double* volumes = nullptr;
+    double* depths = nullptr;
+    double* dx = nullptr;
+    double* dy = nullptr;
+    double* dz = nullptr;
+};
+
+// The wanted numbers of every cell of the grid, in chunks on at most
+// `threads` threads.  The numbers do not depend on the threads.
+void CellGeometry(const CornerPointGrid& grid, const CellGeometryOut& out, unsigned threads);
 
 } // namespace grid
 } // namespace kavra

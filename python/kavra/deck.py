@@ -75,8 +75,7 @@ DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "PVTNUM": (1,
 
 # Keywords that change grid properties after they are given.  opm applies them on a deck with
 # a grid; on a deck without one (no COORD and ZCORN, no DX, DY, DZ and TOPS) there is nothing
-# for the simulator to apply them on, and a property that one of them names is refused.  So
-# is an edit of ACTNUM, whose result opm does not hand out.
+# for the simulator to apply them on, and a property that one of them names is refused.
 _EDIT_KEYWORDS = ("EQUALS", "COPY", "ADD", "MULTIPLY", "MINVALUE", "MAXVALUE", "COPYBOX",
                   "EQUALREG", "ADDREG", "MULTIREG", "COPYREG", "OPERATE", "OPERATER")
 
@@ -84,6 +83,7 @@ _EDIT_KEYWORDS = ("EQUALS", "COPY", "ADD", "MULTIPLY", "MINVALUE", "MAXVALUE", "
 # gives its grid's geometry.
 _GRID_KEYWORDS = ("DX", "DY", "DZ", "TOPS", "COORD", "ZCORN")
 _CORNER_POINT = ("COORD", "ZCORN")
+_SECTIONS = ("EDIT", "PROPS", "REGIONS", "SOLUTION", "SUMMARY", "SCHEDULE")  # the sections after GRID
 _BLOCK_CENTRED = ("DX", "DY", "DZ", "TOPS")
 
 # Table values that may be left to their default, because the default is zero
@@ -199,18 +199,17 @@ class Deck:
     def active(self) -> NDArray[np.bool_]:
         """The cells the simulator keeps: True for an active cell, in cell order.
 
-        On a deck with a grid: the cells of ACTNUM (all without it), less those whose pore
-        volume (:meth:`pore_volume` before the inactive cells are zeroed) is below MINPV (or
-        MINPORV), and with PINCH those thinner than its threshold thickness.  On a deck without
-        a grid: ACTNUM alone.
+        On a deck with a grid: the cells that opm keeps (those of ACTNUM, edits applied, with
+        a pore volume above 0), less those without a volume and those whose pore volume
+        (:meth:`pore_volume` before the inactive cells are zeroed) is below MINPV (or
+        MINPORV), as Flow drops them.  A cell thinner than PINCH's threshold stays active,
+        as in Flow.  On a deck without a grid: ACTNUM alone.
         """
         if self._geometry_kind() is None:
             return np.not_equal(self.cell_property("ACTNUM"), 0)
         if "active" not in self._known:
-            active = self._input_active() & (self._pore_volumes() >= self._minimum_pore_volume())
-            if "PINCH" in self._parsed:
-                active &= self._thickness() >= self._pinch_thickness()
-            self._known["active"] = active
+            self._known["active"] = (self._input_active() & (self._geometry()["volumes"] > 0)
+                                     & ~(self._pore_volumes() < self._minimum_pore_volume()))
         mask: NDArray[np.bool_] = self._known["active"].copy()
         return mask
 
@@ -255,7 +254,9 @@ class Deck:
             opm's SI numbers back to the deck's units (the deck's own number where it is
             the same number in SI).  Cells outside ACTNUM are NaN (0 for integers): the
             simulator holds nothing there.  DX, DY, DZ, TOPS, COORD and ZCORN are the grid's,
-            as written (opm refuses edits of them).  On a deck without a grid: the numbers
+            as written (opm refuses edits of them); of corner-point cells, DX (DY) is the
+            horizontal distance between the centres of the cell's I (J) faces and DZ the
+            vertical one between its top and bottom, as Flow writes them.  On a deck without a grid: the numbers
             as written.  NTG, PVTNUM and ACTNUM that the deck leaves out are 1 in every
             cell.  TOPS given for the upper layers only is continued downwards with DZ,
             layer by layer, as a simulator does.
@@ -268,8 +269,8 @@ class Deck:
             The deck has no such keyword (and it has no default).
         DeckError
             The keyword does not hold one value per cell or leaves values to their default;
-            on a deck without a grid, it is changed by an edit keyword; ACTNUM is changed by
-            one; opm cannot build the grid and its properties.
+            on a deck without a grid, it is changed by an edit keyword; opm cannot build the
+            grid and its properties.
 
         Examples
         --------
@@ -303,7 +304,10 @@ class Deck:
         array([100., 150., 150.])
         """
         name = _keyword_name(name, "cell_property")
-        if name in _GRID_KEYWORDS or self._geometry_kind() is None:
+        kind = self._geometry_kind()
+        if kind == _CORNER_POINT and name in ("DX", "DY", "DZ"):
+            return self._geometry()[name.lower()].copy()
+        if name in _GRID_KEYWORDS or kind is None:
             return self._as_written(name)
         if name == "ACTNUM":
             return self._input_active().astype(np.int32)
@@ -332,7 +336,7 @@ class Deck:
         >>> read(example_path("SPE1CASE1")).cell_volumes()[[0, 100, 200]]  # ft3
         array([20000000., 30000000., 50000000.])
         """
-        volumes: NDArray[np.float64] = self._geometry()[0].copy()
+        volumes: NDArray[np.float64] = self._geometry()["volumes"].copy()
         return volumes
 
     def cell_depths(self) -> NDArray[np.float64]:
@@ -354,14 +358,14 @@ class Deck:
         >>> read(example_path("SPE1CASE1")).cell_depths()[[0, 100, 200]]  # ft
         array([8335., 8360., 8400.])
         """
-        depths: NDArray[np.float64] = self._geometry()[1].copy()
+        depths: NDArray[np.float64] = self._geometry()["depths"].copy()
         return depths
 
     def pore_volume(self) -> NDArray[np.float64]:
         """The pore volume of every cell as the simulator computes it: bulk volume x PORO x
         NTG x MULTPV (opm's PORV where the deck gives or edits PORV), in the deck's reservoir
         volume unit (rm3, rb, rcc), and 0 in the cells that are not :attr:`active` (outside
-        ACTNUM, below MINPV, thinner than PINCH's threshold), as the simulator writes them.
+        ACTNUM, without pore volume, below MINPV), as Flow writes them.
 
         Returns
         -------
@@ -468,23 +472,50 @@ class Deck:
 
     def _opm_state(self) -> Any:
         """opm's EclipseState of the deck: the grid and the grid properties with every edit
-        applied, in SI units.  Built from a parse of its own: opm changes the numbers of the
-        deck it builds the state from."""
+        applied, in SI units, over the cells it keeps.
+
+        Built from a parse of its own (opm changes the numbers of the deck it builds the state
+        from), with a marker at the end of the GRID section: an integer property no other
+        keyword of the deck reads, holding each cell's number from 1, whose values in the
+        state name the cells that opm kept."""
         if self._state is None:
+            g = self.grid
+            marker = self._marker()
+            numbers = " ".join(map(str, range(1, g.number_of_cells() + 1)))
+            marked = _Parser().parse_string(f"RUNSPEC\nDIMENS\n {g.nI} {g.nJ} {g.nK} /\nGRID\n{marker}\n{numbers} /\n")
+            deck, placed, in_grid = _Parser().parse_string(""), False, False
+            for keyword in (self._parse() if self._parse else self._parsed):
+                if keyword.name in _SECTIONS and in_grid and not placed:
+                    deck.add(marked[marker])
+                    placed = True
+                in_grid = in_grid or keyword.name == "GRID"
+                deck.add(keyword)
+            if not placed:
+                deck.add(marked[marker])
             try:
-                self._state = _EclipseState(self._parse() if self._parse else self._parsed)
+                self._state = _EclipseState(deck)
             except (RuntimeError, ValueError, IndexError) as error:
                 raise DeckError(f"opm cannot build the grid and its properties: {error}") from error
+            kept = np.asarray(self._state.field_props().get_int_array(marker), dtype=np.int64) - 1
+            self._known["input_active"] = np.zeros(g.number_of_cells(), dtype=bool)
+            self._known["input_active"][kept] = True
         return self._state
 
+    def _marker(self) -> str:
+        """An integer property that no keyword of the deck reads: the deck has no such keyword,
+        no region operation names its region array, no OPERATER reads OPERNUM."""
+        regional = [str(k).replace("'", " ").split() for k in self._parsed
+                    if k.name in ("EQUALREG", "ADDREG", "MULTIREG", "COPYREG", "OPERATER")]
+        for name, letter in (("OPERNUM", "O"), ("FLUXNUM", "F"), ("MULTNUM", "M")):
+            if name not in self._parsed and not any(letter in tokens for tokens in regional) and not (
+                    name == "OPERNUM" and "OPERATER" in self._parsed):
+                return name
+        raise DeckError("the deck uses OPERNUM, FLUXNUM and MULTNUM: kavra cannot tell which cells opm keeps")
+
     def _input_active(self) -> NDArray[np.bool_]:
-        """The cells of ACTNUM, which opm's properties hold values for."""
-        if "input_active" not in self._known:
-            active = np.not_equal(self._as_written("ACTNUM"), 0)
-            kept = int(self._opm_state().grid().nactive)
-            if kept != int(active.sum()):
-                raise DeckError(f"opm keeps {kept} active cells where ACTNUM has {int(active.sum())}")
-            self._known["input_active"] = active
+        """The cells that opm keeps (ACTNUM, edits applied, with a pore volume above 0): those
+        its properties hold values for."""
+        self._opm_state()
         mask: NDArray[np.bool_] = self._known["input_active"]
         return mask
 
@@ -530,10 +561,11 @@ class Deck:
         values[rest] = distinct[where]
         return values
 
-    def _geometry(self) -> tuple[NDArray[np.float64], NDArray[np.float64]]:
-        """The volumes and centre depths of the cells, in the deck's length unit."""
+    def _geometry(self) -> dict[str, NDArray[np.float64]]:
+        """The volumes and centre depths of the cells (and DX, DY, DZ of corner-point cells), in
+        the deck's length unit."""
         if "geometry" in self._known:
-            geometry: tuple[NDArray[np.float64], NDArray[np.float64]] = self._known["geometry"]
+            geometry: dict[str, NDArray[np.float64]] = self._known["geometry"]
             return geometry
         kind = self._geometry_kind()
         g = self.grid
@@ -545,28 +577,13 @@ class Deck:
             for name, numbers, expected in (("COORD", coord, 6 * (g.nI + 1) * (g.nJ + 1)), ("ZCORN", zcorn, 8 * n)):
                 if len(numbers) != expected:
                     raise DeckError(f"{name} holds {len(numbers)} numbers; the grid of DIMENS needs {expected}")
-            volumes, depths = np.empty(n), np.empty(n)
-            _engine.cell_geometry(g.nI, g.nJ, g.nK, coord, zcorn, volumes, depths, _threads(None))
+            geometry = {name: np.empty(n) for name in ("volumes", "depths", "dx", "dy", "dz")}
+            _engine.cell_geometry(g.nI, g.nJ, g.nK, coord, zcorn, tuple(geometry.values()), _threads(None))
         else:
             dx, dy, dz, tops = (self.cell_property(name) for name in _BLOCK_CENTRED)
-            volumes, depths = dx * dy * dz, tops + dz / 2.0
-        self._known["geometry"] = (volumes, depths)
-        return volumes, depths
-
-    def _thickness(self) -> NDArray[np.float64]:
-        """Each cell's thickness: DZ, or for corner-point cells the mean over its four pillars."""
-        if self._geometry_kind() == _BLOCK_CENTRED:
-            dz: NDArray[np.float64] = self.cell_property("DZ")
-            return dz
-        g = self.grid
-        zcorn = self._numbers("ZCORN").astype(np.float64).reshape(g.nK, 2, g.nJ, 2, g.nI, 2)
-        thickness: NDArray[np.float64] = (zcorn[:, 1] - zcorn[:, 0]).mean(axis=(2, 4)).ravel()
-        return thickness
-
-    def _pinch_thickness(self) -> float:
-        """PINCH's threshold thickness in the deck's length unit (its default where left out)."""
-        item = self._parsed["PINCH"][0][0]
-        return float(item.get_SI_data_list()[0]) / _si_factor(self.units, "DZ")
+            geometry = {"volumes": dx * dy * dz, "depths": tops + dz / 2.0}
+        self._known["geometry"] = geometry
+        return geometry
 
     def _minimum_pore_volume(self) -> float:
         for name in ("MINPV", "MINPORV"):
@@ -584,7 +601,7 @@ class Deck:
             else:
                 scale = _si_factor(self.units, "DX") ** 3 / _si_factor(self.units, "PORV")
                 multiplier = self.cell_property("MULTPV") if self._has("MULTPV") else 1.0
-                self._known["pore volumes"] = (self._geometry()[0] * self.cell_property("PORO")
+                self._known["pore volumes"] = (self._geometry()["volumes"] * self.cell_property("PORO")
                                                * self.cell_property("NTG") * multiplier * scale)
         pore_volumes: NDArray[np.float64] = self._known["pore volumes"]
         return pore_volumes

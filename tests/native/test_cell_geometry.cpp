@@ -100,8 +100,8 @@ int main()
     const Corners last = CellCorners(grid, 11); // i 2, j 1, k 1: corner 7 on pillar (3, 2) at z 1022
     EXPECT(last.z[7] == 1000.0 + 20.0 + 10.0 + 2.0);
     EXPECT(Near(last.x[7], 300.0 + 20.0 * 0.32, 1e-15) && Near(last.y[7], 200.0 - 10.0 * 0.32, 1e-15));
-    std::vector<double> volumes(12), depths(12), again(12);
-    CellVolumesAndDepths(grid, volumes.data(), depths.data(), 1);
+    std::vector<double> volumes(12), depths(12), dx(12), dy(12), dz(12);
+    CellGeometry(grid, CellGeometryOut{volumes.data(), depths.data(), dx.data(), dy.data(), dz.data()}, 1);
     for (std::uint64_t c = 0; c < 12; ++c) {
         const Corners p = CellCorners(grid, c);
         EXPECT(volumes[c] == HexahedronVolume(p) && Near(volumes[c], QuadratureVolume(p), 1e-12));
@@ -111,6 +111,15 @@ int main()
         EXPECT(depths[c] == sum / 8.0);
     }
     EXPECT(depths[0] == (4 * 1001.0 + 4 * 1011.0) / 8.0);
+    // Cell 0: DX the horizontal distance between its I faces' centres, DZ its pillars' mean thickness.
+    const Corners first = CellCorners(grid, 0);
+    double spanX = 0.0, spanY = 0.0;
+    for (int n = 0; n < 8; ++n) {
+        spanX += (n & 1 ? 0.25 : -0.25) * first.x[n];
+        spanY += (n & 1 ? 0.25 : -0.25) * first.y[n];
+    }
+    EXPECT(Near(dx[0], std::sqrt(spanX * spanX + spanY * spanY), 1e-15) && Near(dx[0], 100.0, 0.05));
+    EXPECT(dz[0] == 10.0 && Near(dy[0], 100.0, 0.01));
 
     // A large grid: the same bits on one thread and on several.
     const std::uint64_t big = 60;
@@ -122,8 +131,11 @@ int main()
         bigZcorn[z] = 1000.0 + 3.0 * ((z / (4 * big * big) + 1) / 2) + 0.01 * (z % 97);
     const CornerPointGrid large{big, big, 10, bigCoord.data(), bigZcorn.data()};
     std::vector<double> one(big * big * 10), many(big * big * 10);
-    CellVolumesAndDepths(large, one.data(), nullptr, 1);
-    CellVolumesAndDepths(large, many.data(), nullptr, 4);
+    CellGeometryOut onOne, onMany;
+    onOne.volumes = one.data();
+    onMany.volumes = many.data();
+    CellGeometry(large, onOne, 1);
+    CellGeometry(large, onMany, 4);
     EXPECT(one == many);
 
     if (failures)
