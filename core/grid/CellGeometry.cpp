@@ -21,21 +21,26 @@ double Triple(const Vector& a, const Vector& b, const Vector& c)
 
 // 8 a_m for the corners: the sum of the corners, each with the sign of the
 // monomial m of (s, t, r) at that corner (s = +1 where di = 1, and so on).
+// The signs of every m sum to zero, so the corners are taken relative to
+// corner 0: differences of nearby numbers, exact however far the grid lies
+// from the origin, where the corners themselves would lose their last
+// digits to the sum.
 Vector Coefficient(const Corners& p, int m)
 {
     Vector sum{0.0, 0.0, 0.0};
-    for (int n = 0; n < 8; ++n) {
+    for (int n = 1; n < 8; ++n) {
         const int s = (n & 1) ? 1 : -1, t = (n & 2) ? 1 : -1, r = (n & 4) ? 1 : -1;
         // m: 1 s, 2 t, 3 r, 4 st, 5 tr, 6 sr
         const int sign = m == 1 ? s : m == 2 ? t : m == 3 ? r : m == 4 ? s * t : m == 5 ? t * r : s * r;
+        const Vector d{p.x[n] - p.x[0], p.y[n] - p.y[0], p.z[n] - p.z[0]};
         if (sign > 0) {
-            sum.x += p.x[n];
-            sum.y += p.y[n];
-            sum.z += p.z[n];
+            sum.x += d.x;
+            sum.y += d.y;
+            sum.z += d.z;
         } else {
-            sum.x -= p.x[n];
-            sum.y -= p.y[n];
-            sum.z -= p.z[n];
+            sum.x -= d.x;
+            sum.y -= d.y;
+            sum.z -= d.z;
         }
     }
     return sum;
@@ -67,15 +72,14 @@ Corners CellCorners(const CornerPointGrid& g, std::uint64_t c)
         const std::uint64_t di = n & 1, dj = (n >> 1) & 1, dk = (n >> 2) & 1;
         const double z = g.zcorn[(2 * k + dk) * 4 * g.nI * g.nJ + (2 * j + dj) * 2 * g.nI + 2 * i + di];
         const double* pillar = g.coord + 6 * ((j + dj) * (g.nI + 1) + i + di);
-        const double height = pillar[5] - pillar[2];
         p.z[n] = z;
-        if (height == 0.0) {
+        if (pillar[2] == pillar[5]) {
             p.x[n] = pillar[0];
             p.y[n] = pillar[1];
-        } else {
-            const double along = (z - pillar[2]) / height;
-            p.x[n] = pillar[0] + (pillar[3] - pillar[0]) * along;
-            p.y[n] = pillar[1] + (pillar[4] - pillar[1]) * along;
+        } else { // the pillar's slope in x and y per unit of depth, times the depth above its top
+            const double rise = pillar[2] - pillar[5], above = pillar[2] - z;
+            p.x[n] = pillar[0] + (pillar[3] - pillar[0]) / rise * above;
+            p.y[n] = pillar[1] + (pillar[4] - pillar[1]) / rise * above;
         }
     }
     return p;

@@ -256,7 +256,8 @@ class Deck:
             simulator holds nothing there.  DX, DY, DZ, TOPS, COORD and ZCORN are the grid's,
             as written (opm refuses edits of them); of corner-point cells, DX (DY) is the
             horizontal distance between the centres of the cell's I (J) faces and DZ the
-            vertical one between its top and bottom, as Flow writes them.  On a deck without a grid: the numbers
+            vertical one between its top and bottom, as Flow writes them.  COORD and ZCORN
+            are their pillars and corner depths, in the deck's order.  On a deck without a grid: the numbers
             as written.  NTG, PVTNUM and ACTNUM that the deck leaves out are 1 in every
             cell.  TOPS given for the upper layers only is continued downwards with DZ,
             layer by layer, as a simulator does.
@@ -423,7 +424,7 @@ class Deck:
         layer = self.grid.nI * self.grid.nJ
         if name == "TOPS" and len(values) < n and layer and len(values) % layer == 0:
             return self._tops_downwards(values.astype(np.float64))
-        if len(values) != n:
+        if len(values) != n and name not in _CORNER_POINT:  # COORD and ZCORN hold corners, not cells
             raise DeckError(f"{name} holds {len(values)} value{'' if len(values) == 1 else 's'}; "
                             f"the grid of DIMENS has {n} cells")
         return values
