@@ -6,6 +6,7 @@
 #include <Python.h>
 
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -71,14 +72,17 @@ void CellGeometry(std::uint64_t nI, std::uint64_t nJ, std::uint64_t nK, nb::hand
                                   reinterpret_cast<const double*>(z->Data())};
     const grid::CellGeometryOut wanted{into[0], into[1], into[2], into[3], into[4]};
     const unsigned useful = UsefulThreads(threads < 1 ? 1 : threads);
+    std::exception_ptr failure; // no memory for the pillars, or no thread to be had
     auto work = [&]() noexcept {
         try {
             grid::CellGeometry(g, wanted, useful);
-        } catch (...) { // the pool failing to start a thread: the cells run here instead
-            grid::CellGeometry(g, wanted, 1);
+        } catch (...) {
+            failure = std::current_exception();
         }
     };
     WithoutLock(work);
+    if (failure)
+        std::rethrow_exception(failure); // nanobind raises it as MemoryError or RuntimeError
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 #include "core/grid/CellGeometry.h"
 
 #include <cmath>
+#include <initializer_list>
+#include <vector>
 
 #include "core/utils/ParallelFor.h"
 
@@ -19,31 +21,38 @@ double Triple(const Vector& a, const Vector& b, const Vector& c)
     return a.x * (b.y * c.z - b.z * c.y) + a.y * (b.z * c.x - b.x * c.z) + a.z * (b.x * c.y - b.y * c.x);
 }
 
-// 8 a_m for the corners: the sum of the corners, each with the sign of the
-// monomial m of (s, t, r) at that corner (s = +1 where di = 1, and so on).
-// The signs of every m sum to zero, so the corners are taken relative to
-// corner 0: differences of nearby numbers, exact however far the grid lies
-// from the origin, where the corners themselves would lose their last
-// digits to the sum.
-Vector Coefficient(const Corners& p, int m)
+// A pillar: its top point and its slopes in x and y per unit of depth.
+struct Pillar
 {
-    Vector sum{0.0, 0.0, 0.0};
-    for (int n = 1; n < 8; ++n) {
-        const int s = (n & 1) ? 1 : -1, t = (n & 2) ? 1 : -1, r = (n & 4) ? 1 : -1;
-        // m: 1 s, 2 t, 3 r, 4 st, 5 tr, 6 sr
-        const int sign = m == 1 ? s : m == 2 ? t : m == 3 ? r : m == 4 ? s * t : m == 5 ? t * r : s * r;
-        const Vector d{p.x[n] - p.x[0], p.y[n] - p.y[0], p.z[n] - p.z[0]};
-        if (sign > 0) {
-            sum.x += d.x;
-            sum.y += d.y;
-            sum.z += d.z;
-        } else {
-            sum.x -= d.x;
-            sum.y -= d.y;
-            sum.z -= d.z;
-        }
+    double x, y, z, slopeX, slopeY;
+    bool flat; // top and bottom at one depth: the pillar's x and y at any depth
+};
+
+Pillar PillarAt(const double* coord)
+{
+    const bool flat = coord[2] == coord[5];
+    const double rise = coord[2] - coord[5];
+    return Pillar{coord[0], coord[1], coord[2], flat ? 0.0 : (coord[3] - coord[0]) / rise,
+                  flat ? 0.0 : (coord[4] - coord[1]) / rise, flat};
+}
+
+// The corners of cell c, pillarOf(p) giving pillar p of the grid: each
+// corner where its pillar passes its depth, the pillar's slope times the
+// depth above the pillar's top away from that top.
+template <class PillarOf>
+Corners CornersOf(const CornerPointGrid& g, std::uint64_t c, const PillarOf& pillarOf)
+{
+    const std::uint64_t i = c % g.nI, j = (c / g.nI) % g.nJ, k = c / (g.nI * g.nJ);
+    Corners p;
+    for (int n = 0; n < 8; ++n) {
+        const std::uint64_t di = n & 1, dj = (n >> 1) & 1, dk = (n >> 2) & 1;
+        const double z = g.zcorn[(2 * k + dk) * 4 * g.nI * g.nJ + (2 * j + dj) * 2 * g.nI + 2 * i + di];
+        const Pillar& pillar = pillarOf((j + dj) * (g.nI + 1) + i + di);
+        p.z[n] = z;
+        p.x[n] = pillar.flat ? pillar.x : pillar.x + pillar.slopeX * (pillar.z - z);
+        p.y[n] = pillar.flat ? pillar.y : pillar.y + pillar.slopeY * (pillar.z - z);
     }
-    return sum;
+    return p;
 }
 
 constexpr std::uint64_t cellsPerChunk = 1 << 14;
@@ -66,42 +75,55 @@ Vector FaceSpan(const Corners& p, int axis)
 
 Corners CellCorners(const CornerPointGrid& g, std::uint64_t c)
 {
-    const std::uint64_t i = c % g.nI, j = (c / g.nI) % g.nJ, k = c / (g.nI * g.nJ);
-    Corners p;
-    for (int n = 0; n < 8; ++n) {
-        const std::uint64_t di = n & 1, dj = (n >> 1) & 1, dk = (n >> 2) & 1;
-        const double z = g.zcorn[(2 * k + dk) * 4 * g.nI * g.nJ + (2 * j + dj) * 2 * g.nI + 2 * i + di];
-        const double* pillar = g.coord + 6 * ((j + dj) * (g.nI + 1) + i + di);
-        p.z[n] = z;
-        if (pillar[2] == pillar[5]) {
-            p.x[n] = pillar[0];
-            p.y[n] = pillar[1];
-        } else { // the pillar's slope in x and y per unit of depth, times the depth above its top
-            const double rise = pillar[2] - pillar[5], above = pillar[2] - z;
-            p.x[n] = pillar[0] + (pillar[3] - pillar[0]) / rise * above;
-            p.y[n] = pillar[1] + (pillar[4] - pillar[1]) / rise * above;
-        }
-    }
-    return p;
+    Pillar pillar;
+    return CornersOf(g, c, [&](std::uint64_t index) -> const Pillar& {
+        pillar = PillarAt(g.coord + 6 * index);
+        return pillar;
+    });
 }
 
 double HexahedronVolume(const Corners& p)
 {
-    Vector e[7];
-    for (int m = 1; m <= 6; ++m)
-        e[m] = Coefficient(p, m);
-    // With e_m = 8 a_m: V = [e1, e2, e3] / 64 + ([e1, e4, e6] + [e4, e2, e5] + [e6, e5, e3]) / 192.
-    const double box = Triple(e[1], e[2], e[3]);
-    const double twist = Triple(e[1], e[4], e[6]) + Triple(e[4], e[2], e[5]) + Triple(e[6], e[5], e[3]);
+    // The corners relative to corner 0: differences of nearby numbers, exact however far
+    // the grid lies from the origin, where the sums below of the corners themselves would
+    // lose their last digits.  (The signs of each sum add up to zero, so corner 0 drops out.)
+    Vector d[8];
+    for (int n = 1; n < 8; ++n)
+        d[n] = Vector{p.x[n] - p.x[0], p.y[n] - p.y[0], p.z[n] - p.z[0]};
+    // e_m = 8 a_m (a1 .. a6 of the header are the monomials s, t, r, st, tr, sr): the
+    // corners, each with the sign at it of the monomial (s = +1 where di = 1, t where
+    // dj = 1, r where dk = 1).
+    auto sum = [&](std::initializer_list<int> plus, std::initializer_list<int> minus) {
+        Vector e{0.0, 0.0, 0.0};
+        for (int n : plus) {
+            e.x += d[n].x;
+            e.y += d[n].y;
+            e.z += d[n].z;
+        }
+        for (int n : minus) {
+            e.x -= d[n].x;
+            e.y -= d[n].y;
+            e.z -= d[n].z;
+        }
+        return e;
+    };
+    const Vector s = sum({1, 3, 5, 7}, {2, 4, 6}), t = sum({2, 3, 6, 7}, {1, 4, 5}), r = sum({4, 5, 6, 7}, {1, 2, 3});
+    const Vector st = sum({3, 4, 7}, {1, 2, 5, 6}), tr = sum({1, 6, 7}, {2, 3, 4, 5}), sr = sum({2, 5, 7}, {1, 3, 4, 6});
+    // V = [e_s, e_t, e_r] / 64 + ([e_s, e_st, e_sr] + [e_st, e_t, e_tr] + [e_sr, e_tr, e_r]) / 192.
+    const double box = Triple(s, t, r);
+    const double twist = Triple(s, st, sr) + Triple(st, t, tr) + Triple(sr, tr, r);
     return std::fabs(box / 64.0 + twist / 192.0);
 }
 
 void CellGeometry(const CornerPointGrid& grid, const CellGeometryOut& out, unsigned threads)
 {
     const std::uint64_t n = grid.nI * grid.nJ * grid.nK;
+    std::vector<Pillar> pillars((grid.nI + 1) * (grid.nJ + 1));
+    for (std::uint64_t index = 0; index < pillars.size(); ++index)
+        pillars[index] = PillarAt(grid.coord + 6 * index);
     ParallelChunks(n, cellsPerChunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
         for (std::uint64_t c = begin; c < end; ++c) {
-            const Corners p = CellCorners(grid, c);
+            const Corners p = CornersOf(grid, c, [&](std::uint64_t index) -> const Pillar& { return pillars[index]; });
             if (out.volumes != nullptr)
                 out.volumes[c] = HexahedronVolume(p);
             if (out.depths != nullptr) {

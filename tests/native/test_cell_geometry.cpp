@@ -8,18 +8,9 @@
 #include <vector>
 
 #include "core/grid/CellGeometry.h"
+#include "tests/native/Expect.h"
 
 using namespace kavra::grid;
-
-static int failures = 0;
-
-#define EXPECT(condition)                                                                  \
-    do {                                                                                   \
-        if (!(condition)) {                                                                \
-            std::fprintf(stderr, "%s:%d: expected %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                                    \
-        }                                                                                  \
-    } while (false)
 
 static bool Near(double a, double b, double relative)
 {
@@ -138,9 +129,6 @@ int main()
     CellGeometry(large, onMany, 4);
     EXPECT(one == many);
 
-    if (failures)
-        std::fprintf(stderr, "%d failures\n", failures);
-    else
-        std::printf("cell geometry: all passed\n");
+    std::printf("%s\n", failures ? "FAILED" : "cell geometry: ok");
     return failures ? 1 : 0;
 }
