@@ -1,7 +1,6 @@
 #include "core/grid/CellGeometry.h"
 
 #include <cmath>
-#include <initializer_list>
 #include <vector>
 
 #include "core/utils/ParallelFor.h"
@@ -36,13 +35,13 @@ Pillar PillarAt(const double* coord)
                   flat ? 0.0 : (coord[4] - coord[1]) / rise, flat};
 }
 
-// The corners of cell c, pillarOf(p) giving pillar p of the grid: each
-// corner where its pillar passes its depth, the pillar's slope times the
-// depth above the pillar's top away from that top.
+// The corners of cell (i, j, k), pillarOf(p) giving pillar p of the grid:
+// each corner where its pillar passes its depth, the pillar's slope times
+// the depth above the pillar's top away from that top.
 template <class PillarOf>
-Corners CornersOf(const CornerPointGrid& g, std::uint64_t c, const PillarOf& pillarOf)
+Corners CornersOf(const CornerPointGrid& g, std::uint64_t i, std::uint64_t j, std::uint64_t k,
+                  const PillarOf& pillarOf)
 {
-    const std::uint64_t i = c % g.nI, j = (c / g.nI) % g.nJ, k = c / (g.nI * g.nJ);
     Corners p;
     for (int n = 0; n < 8; ++n) {
         const std::uint64_t di = n & 1, dj = (n >> 1) & 1, dk = (n >> 2) & 1;
@@ -76,7 +75,7 @@ Vector FaceSpan(const Corners& p, int axis)
 Corners CellCorners(const CornerPointGrid& g, std::uint64_t c)
 {
     Pillar pillar;
-    return CornersOf(g, c, [&](std::uint64_t index) -> const Pillar& {
+    return CornersOf(g, c % g.nI, c / g.nI % g.nJ, c / (g.nI * g.nJ), [&](std::uint64_t index) -> const Pillar& {
         pillar = PillarAt(g.coord + 6 * index);
         return pillar;
     });
@@ -93,22 +92,16 @@ double HexahedronVolume(const Corners& p)
     // e_m = 8 a_m (a1 .. a6 of the header are the monomials s, t, r, st, tr, sr): the
     // corners, each with the sign at it of the monomial (s = +1 where di = 1, t where
     // dj = 1, r where dk = 1).
-    auto sum = [&](std::initializer_list<int> plus, std::initializer_list<int> minus) {
-        Vector e{0.0, 0.0, 0.0};
-        for (int n : plus) {
-            e.x += d[n].x;
-            e.y += d[n].y;
-            e.z += d[n].z;
-        }
-        for (int n : minus) {
-            e.x -= d[n].x;
-            e.y -= d[n].y;
-            e.z -= d[n].z;
-        }
-        return e;
+    // sum(a, b, c, e, f, g, h, four) = d_a + d_b + d_c + (four ? d_e : -d_e) - d_f - d_g - d_h.
+    auto sum = [&d](int a, int b, int c, int e, int f, int g, int h, bool four) {
+        const double sign = four ? 1.0 : -1.0;
+        return Vector{d[a].x + d[b].x + d[c].x + sign * d[e].x - d[f].x - d[g].x - d[h].x,
+                      d[a].y + d[b].y + d[c].y + sign * d[e].y - d[f].y - d[g].y - d[h].y,
+                      d[a].z + d[b].z + d[c].z + sign * d[e].z - d[f].z - d[g].z - d[h].z};
     };
-    const Vector s = sum({1, 3, 5, 7}, {2, 4, 6}), t = sum({2, 3, 6, 7}, {1, 4, 5}), r = sum({4, 5, 6, 7}, {1, 2, 3});
-    const Vector st = sum({3, 4, 7}, {1, 2, 5, 6}), tr = sum({1, 6, 7}, {2, 3, 4, 5}), sr = sum({2, 5, 7}, {1, 3, 4, 6});
+    const Vector s = sum(1, 3, 5, 7, 2, 4, 6, true), t = sum(2, 3, 6, 7, 1, 4, 5, true);
+    const Vector r = sum(4, 5, 6, 7, 1, 2, 3, true), st = sum(3, 4, 7, 1, 2, 5, 6, false);
+    const Vector tr = sum(1, 6, 7, 2, 3, 4, 5, false), sr = sum(2, 5, 7, 1, 3, 4, 6, false);
     // V = [e_s, e_t, e_r] / 64 + ([e_s, e_st, e_sr] + [e_st, e_t, e_tr] + [e_sr, e_tr, e_r]) / 192.
     const double box = Triple(s, t, r);
     const double twist = Triple(s, st, sr) + Triple(st, t, tr) + Triple(sr, tr, r);
@@ -122,8 +115,16 @@ void CellGeometry(const CornerPointGrid& grid, const CellGeometryOut& out, unsig
     for (std::uint64_t index = 0; index < pillars.size(); ++index)
         pillars[index] = PillarAt(grid.coord + 6 * index);
     ParallelChunks(n, cellsPerChunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
+        std::uint64_t i = begin % grid.nI, j = begin / grid.nI % grid.nJ, k = begin / (grid.nI * grid.nJ);
         for (std::uint64_t c = begin; c < end; ++c) {
-            const Corners p = CornersOf(grid, c, [&](std::uint64_t index) -> const Pillar& { return pillars[index]; });
+            const Corners p = CornersOf(grid, i, j, k, [&](std::uint64_t index) -> const Pillar& { return pillars[index]; });
+            if (++i == grid.nI) { // the next cell, I fastest
+                i = 0;
+                if (++j == grid.nJ) {
+                    j = 0;
+                    ++k;
+                }
+            }
             if (out.volumes != nullptr)
                 out.volumes[c] = HexahedronVolume(p);
             if (out.depths != nullptr) {
