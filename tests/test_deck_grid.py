@@ -152,3 +152,21 @@ def test_density_is_a_table_value():
 def test_density_refuses_what_is_not_a_density(regions, words):
     with pytest.raises(ValueError, match=words):
         DENSITY(regions)
+
+
+@pytest.mark.parametrize("change, words", [
+    ({"coord": np.zeros(23)}, "coord must be a contiguous float64 array of 24 numbers"),
+    ({"zcorn": np.zeros(8, dtype=np.float32)}, "zcorn must be a contiguous float64 array of 8 numbers"),
+    ({"zcorn": np.zeros(16)[::2]}, "zcorn must be a contiguous float64 array"),
+    ({"out": (np.zeros(1), None, None, None, np.zeros(1)[:0])}, "dz must be a contiguous writable float64 array of 1"),
+    ({"out": (np.zeros(1, dtype=">f8"),) + (None,) * 4}, "volumes must be a contiguous writable float64 array"),
+    ({"out": (np.frombuffer(bytes(8)),) + (None,) * 4}, "volumes must be a contiguous writable float64 array"),
+    ({"out": (None,) * 4}, r"out is \(volumes, depths, dx, dy, dz\)"),
+    ({"nI": 2**62, "nJ": 2**62}, "a grid too large to address"),
+])
+def test_the_engine_refuses_arrays_that_do_not_fit_the_grid(change, words):
+    from kavra import _engine
+    call = {"nI": 1, "nJ": 1, "nK": 1, "coord": np.zeros(24), "zcorn": np.zeros(8), "out": (np.zeros(1),) + (None,) * 4}
+    call.update(change)
+    with pytest.raises(ValueError, match=words):
+        _engine.cell_geometry(call["nI"], call["nJ"], call["nK"], call["coord"], call["zcorn"], call["out"], 2)
