@@ -1,10 +1,14 @@
-"""PVT and rock tables and grid properties read from ECLIPSE-style input decks.
+"""PVT and rock tables, grid properties and cell geometry read from ECLIPSE-style input decks.
 
 The deck is parsed by ``opm.io`` (the ``opm`` package, installed with
 ``pip install 'kavra[deck]'``); this module turns what it parsed into the
-table values of :mod:`kavra.tables` and NumPy arrays.  Every number is the
-one written in the deck, in the deck's own unit system: nothing is converted
-to SI and nothing is filled in where a table leaves a value out.
+table values of :mod:`kavra.tables` and NumPy arrays.  Every number of a table
+is the one written in the deck, in the deck's own unit system: nothing is
+converted to SI and nothing is filled in where a table leaves a value out.
+Grid properties are the simulator's: opm's ``EclipseState`` applies the edits
+(EQUALS, MULTIPLY, BOX, ...), and its SI numbers come back in the deck's units.
+Cell volumes, centre depths and pore volumes are computed natively from the
+grid's corner points (:meth:`Deck.cell_volumes`).
 
 Examples
 --------
@@ -643,7 +647,8 @@ def read(source: str | os.PathLike[str]) -> Deck:
     Deck
         The grid of DIMENS, the unit system, the tables of PVTO, PVTG, PVDG, PVDO, PVTW and
         ROCK (None for those the deck does not have) with one table per PVT region, and the
-        grid properties through :meth:`Deck.cell_property`.
+        grid properties through :meth:`Deck.cell_property`, the geometry through
+        :meth:`Deck.cell_volumes`, :meth:`Deck.cell_depths` and :meth:`Deck.pore_volume`.
 
     Raises
     ------
@@ -665,7 +670,9 @@ def read(source: str | os.PathLike[str]) -> Deck:
 
     Notes
     -----
-    Numbers are the deck's own, never converted (opm's ``DeckItem.get_raw_data_list``).
+    Numbers of tables and records are the deck's own, never converted (opm's
+    ``DeckItem.get_raw_data_list``).  opm's state of the grid and its properties is built
+    when a property or the geometry is first asked for, from a parse of its own.
     Records of PVTO and PVTG are kept in deck order: the saturated point first, then the
     undersaturated rows.  A value left to its default is refused in a table, except PVTW
     viscosibility and ROCK compressibility, whose default is zero.
