@@ -1,0 +1,134 @@
+// Wet gas: each PVTG record (one gas pressure) is a line of 1/B (and of
+// 1/(B mu)) in Rv, from its lowest Rv up to its saturated point.  A record
+// without undersaturated rows takes those of the next record that has them,
+// moved to its own saturated Rv: the Rv shifted by the difference of the
+// saturated Rv, 1/B and 1/(B mu) scaled by the ratio of the saturated
+// values, down to Rv = 0 (a row that would fall below 0 is replaced by the
+// point at 0 on the line to it).  Between two records the value at (P, Rv)
+// is the mix, by the weight of P between their pressures, of each record's
+// line read at the same fraction of its own span of Rv as Rv is of the
+// mixed span.  Outside the records' pressures, and outside each line, the
+// values are extended linearly.
+#include "core/blackoil/Gas.h"
+
+#include <algorithm>
+
+#include "core/blackoil/Cells.h"
+
+namespace kavra {
+namespace {
+
+using blackoil::Bracket;
+using blackoil::BracketOf;
+using blackoil::Line;
+
+double Reciprocal(const TPVTGRecord& row) { return 1.0 / ScalarValue(row.B); }
+double ReciprocalBMu(const TPVTGRecord& row) { return 1.0 / (ScalarValue(row.B) * ScalarValue(row.Mi)); }
+
+struct WetGas
+{
+    std::vector<double> pg, rvSat;
+    std::vector<Line> b, bmu; // per record, in Rv (rising)
+    Line saturatedRv;
+
+    explicit WetGas(const TPVTGTable& table)
+    {
+        for (const TPVTG& record : table) {
+            PRECONDITION(!record.under_sat.empty(), "A PVTG record has no saturated point.");
+            pg.push_back(ScalarValue(record.Pg));
+            rvSat.push_back(ScalarValue(record.under_sat[0].Rv));
+        }
+        saturatedRv = Line{pg, rvSat};
+        for (std::size_t r = 0; r < table.size(); ++r) {
+            // The rows from the saturated point down, then put in rising Rv.
+            std::vector<double> x, yb, ybmu;
+            for (const TPVTGRecord& row : table[r].under_sat) {
+                x.push_back(ScalarValue(row.Rv));
+                yb.push_back(Reciprocal(row));
+                ybmu.push_back(ReciprocalBMu(row));
+            }
+            std::size_t j = r;
+            if (x.size() == 1)
+                for (++j; j < table.size() && table[j].under_sat.size() < 2;)
+                    ++j;
+            if (j != r && j < table.size()) {
+                const TPVTGRecordTable& rows = table[j].under_sat;
+                const double shift = rvSat[r] - ScalarValue(rows[0].Rv);
+                const double scaleB = yb[0] / Reciprocal(rows[0]), scaleBMu = ybmu[0] / ReciprocalBMu(rows[0]);
+                for (std::size_t k = 1; k < rows.size(); ++k) {
+                    const double rv = ScalarValue(rows[k].Rv) + shift;
+                    const double vb = Reciprocal(rows[k]) * scaleB, vbmu = ReciprocalBMu(rows[k]) * scaleBMu;
+                    if (rv > 0.0) {
+                        x.push_back(rv);
+                        yb.push_back(vb);
+                        ybmu.push_back(vbmu);
+                        continue;
+                    }
+                    const double t = (0.0 - x.back()) / (rv - x.back());
+                    yb.push_back(yb.back() + t * (vb - yb.back()));
+                    ybmu.push_back(ybmu.back() + t * (vbmu - ybmu.back()));
+                    x.push_back(0.0);
+                    break;
+                }
+            }
+            std::reverse(x.begin(), x.end());
+            std::reverse(yb.begin(), yb.end());
+            std::reverse(ybmu.begin(), ybmu.end());
+            b.push_back(Line{x, yb});
+            bmu.push_back(Line{x, ybmu});
+        }
+    }
+    bool Empty() const { return pg.empty(); }
+
+    double At(const std::vector<Line>& lines, double p, double rv) const
+    {
+        if (pg.size() == 1)
+            return lines[0].At(rv);
+        const Bracket at = BracketOf(pg, p);
+        const Line& l0 = lines[at.i];
+        const Line& l1 = lines[at.i + 1];
+        const double low0 = l0.x.front(), span0 = l0.x.back() - low0;
+        const double low1 = l1.x.front(), span1 = l1.x.back() - low1;
+        const double low = low0 + at.w * (low1 - low0);
+        const double span = span0 + at.w * (span1 - span0);
+        const double fraction = span > 0.0 ? (rv - low) / span : 0.0;
+        const double v0 = l0.At(low0 + fraction * span0);
+        const double v1 = l1.At(low1 + fraction * span1);
+        return v0 + at.w * (v1 - v0);
+    }
+
+    // The first segment of the saturated line, in rising pressure, whose Rv
+    // reach `rv`; past them all, the line extended from the end nearer in Rv.
+    double DewPoint(double rv) const
+    {
+        if (pg.size() == 1)
+            return pg[0];
+        for (std::size_t i = 0; i + 1 < pg.size(); ++i) {
+            const double r0 = rvSat[i], r1 = rvSat[i + 1];
+            if (r0 != r1 && std::min(r0, r1) <= rv && rv <= std::max(r0, r1))
+                return pg[i] + (rv - r0) * ((pg[i + 1] - pg[i]) / (r1 - r0));
+        }
+        std::size_t i = rv < *std::min_element(rvSat.begin(), rvSat.end()) ? 0 : pg.size() - 2;
+        while (i + 2 < pg.size() && rvSat[i] == rvSat[i + 1])
+            ++i;
+        while (i > 0 && rvSat[i] == rvSat[i + 1])
+            --i;
+        if (rvSat[i] == rvSat[i + 1])
+            return pg[i];
+        return pg[i] + (rv - rvSat[i]) * ((pg[i + 1] - pg[i]) / (rvSat[i + 1] - rvSat[i]));
+    }
+};
+
+const auto WetB = [](const WetGas& gas, double p, double rv) { return gas.At(gas.b, p, rv); };
+const auto WetMu = [](const WetGas& gas, double p, double rv) { return gas.At(gas.b, p, rv) / gas.At(gas.bmu, p, rv); };
+const auto SaturatedRv = [](const WetGas& gas, double p) { return gas.saturatedRv.At(p); };
+const auto DewPoint = [](const WetGas& gas, double rv) { return gas.DewPoint(rv); };
+
+} // namespace
+
+KAVRA_BLACKOIL_ENTRIES(CalcWetGasOneOverB, TPVTGList, WetGas, WetB, p, rv, result)
+KAVRA_BLACKOIL_ENTRIES(CalcWetGasViscosity, TPVTGList, WetGas, WetMu, p, rv, result)
+KAVRA_BLACKOIL_ENTRIES(CalcSaturatedRv, TPVTGList, WetGas, SaturatedRv, p, result)
+KAVRA_BLACKOIL_ENTRIES(CalcDewPoint, TPVTGList, WetGas, DewPoint, rv, result)
+
+} // namespace kavra
