@@ -1,8 +1,9 @@
 """Simulation cases for the tests and examples: the SPE decks that ship with kavra, run with OPM Flow.
 
-The decks have no SCHEDULE.  Each case adds files of tests/data to its deck
+The SPE decks have no SCHEDULE.  Each case adds files of tests/data to its deck
 (CASES): the restart output, summary and schedule before END, and for SPE3
-inactive cells at the end of the GRID section.  `run_flow` writes the deck
+inactive cells at the end of the GRID section.  TWOREGIONS is a whole deck of
+tests/data (METRIC, two PVT regions; the kavra.blackoil tests).  `run_flow` writes the deck
 into a directory and runs Flow there (package opm-simulators), in a child
 process: Flow writes its files beside the deck, prints its progress and keeps
 state between runs.
@@ -27,6 +28,7 @@ DATA = pathlib.Path(__file__).resolve().parent / "data"
 CASES = {
     "SPE1CASE1": {"END": "SPE1CASE1.SCHEDULE.INC"},
     "SPE3CASE1": {"PROPS": "SPE3CASE1.GRID.INC", "END": "SPE3CASE1.SCHEDULE.INC"},
+    "TWOREGIONS": {},
 }
 
 _RUN = """
@@ -48,7 +50,8 @@ def write_deck(name, directory, unified=True):
     """
     additions = CASES[name]
     lines, seen = [], set()
-    for line in example_path(name).read_text().splitlines():
+    source = DATA / f"{name}.DATA"
+    for line in (source if source.exists() else example_path(name)).read_text().splitlines():
         if not unified and line.strip() in ("UNIFIN", "UNIFOUT"):
             continue
         if line.strip() in additions:
