@@ -18,29 +18,65 @@
 namespace kavra {
 namespace blackoil {
 
+// The segment [i, i + 1] of nodes x[0] < x[1] < ... (at least two) that
+// serves `at`: the first for `at` below x[1], the last for `at` at or above
+// x[n - 2], else the one with x[i] <= at < x[i + 1] (bisection).
+inline std::size_t SegmentOf(const std::vector<double>& x, double at)
+{
+    std::size_t lo = 0, hi = x.size() - 1;
+    while (hi - lo > 1) {
+        const std::size_t mid = (lo + hi) / 2;
+        (at >= x[mid] ? lo : hi) = mid;
+    }
+    return lo;
+}
+
 // Nodes x[0] < x[1] < ... with values; one node gives its value everywhere.
 struct Line
 {
     std::vector<double> x, y;
 
     std::size_t Size() const { return x.size(); }
-    // The segment [i, i + 1] that serves x: the first for x below x[1], the
-    // last for x at or above x[n - 2].
-    std::size_t Segment(double at) const
-    {
-        std::size_t lo = 0, hi = x.size() - 1; // x[lo] <= at < x[hi] after the search, clamped
-        while (hi - lo > 1) {
-            const std::size_t mid = (lo + hi) / 2;
-            (at >= x[mid] ? lo : hi) = mid;
-        }
-        return lo;
-    }
+    std::size_t Segment(double at) const { return SegmentOf(x, at); }
     double At(double at) const
     {
         if (x.size() == 1)
             return y[0];
         const std::size_t i = Segment(at);
         return y[i] + (at - x[i]) * ((y[i + 1] - y[i]) / (x[i + 1] - x[i]));
+    }
+};
+
+// 1/B and 1/(B mu) together.
+struct Values
+{
+    double b, bmu;
+};
+
+// Nodes x with the two values of each: one search serves both.  `both`
+// false reads 1/B alone (bmu is left 0).
+struct Curve
+{
+    Line b;                  // the nodes, and 1/B at them
+    std::vector<double> bmu; // 1/(B mu) at the nodes
+
+    std::size_t Size() const { return b.Size(); }
+    template <bool both>
+    Values At(double at) const
+    {
+        const std::vector<double>& x = b.x;
+        if (x.size() == 1)
+            return Values{b.y[0], both ? bmu[0] : 0.0};
+        const std::size_t i = b.Segment(at);
+        const double t = at - x[i], dx = x[i + 1] - x[i];
+        const double vb = b.y[i] + t * ((b.y[i + 1] - b.y[i]) / dx);
+        return Values{vb, both ? bmu[i] + t * ((bmu[i + 1] - bmu[i]) / dx) : 0.0};
+    }
+    void Add(double x, double vb, double vbmu)
+    {
+        b.x.push_back(x);
+        b.y.push_back(vb);
+        bmu.push_back(vbmu);
     }
 };
 
@@ -57,8 +93,7 @@ inline Bracket BracketOf(const std::vector<double>& keys, double at)
 {
     if (keys.size() < 2)
         return Bracket{0, 0.0};
-    Line line{keys, {}};
-    const std::size_t i = line.Segment(at);
+    const std::size_t i = SegmentOf(keys, at);
     return Bracket{i, (at - keys[i]) / (keys[i + 1] - keys[i])};
 }
 

@@ -20,7 +20,9 @@ namespace {
 
 using blackoil::Bracket;
 using blackoil::BracketOf;
+using blackoil::Curve;
 using blackoil::Line;
+using blackoil::Values;
 
 double Reciprocal(const TPVTGRecord& row) { return 1.0 / ScalarValue(row.B); }
 double ReciprocalBMu(const TPVTGRecord& row) { return 1.0 / (ScalarValue(row.B) * ScalarValue(row.Mi)); }
@@ -28,7 +30,7 @@ double ReciprocalBMu(const TPVTGRecord& row) { return 1.0 / (ScalarValue(row.B) 
 struct WetGas
 {
     std::vector<double> pg, rvSat;
-    std::vector<Line> b, bmu; // per record, in Rv (rising)
+    std::vector<Curve> curves; // per record, in Rv (rising)
     Line saturatedRv;
 
     explicit WetGas(const TPVTGTable& table)
@@ -71,30 +73,30 @@ struct WetGas
                     break;
                 }
             }
-            std::reverse(x.begin(), x.end());
-            std::reverse(yb.begin(), yb.end());
-            std::reverse(ybmu.begin(), ybmu.end());
-            b.push_back(Line{x, yb});
-            bmu.push_back(Line{x, ybmu});
+            Curve curve;
+            for (std::size_t k = x.size(); k-- > 0;)
+                curve.Add(x[k], yb[k], ybmu[k]);
+            curves.push_back(std::move(curve));
         }
     }
     bool Empty() const { return pg.empty(); }
 
-    double At(const std::vector<Line>& lines, double p, double rv) const
+    template <bool both>
+    Values At(double p, double rv) const
     {
         if (pg.size() == 1)
-            return lines[0].At(rv);
+            return curves[0].At<both>(rv);
         const Bracket at = BracketOf(pg, p);
-        const Line& l0 = lines[at.i];
-        const Line& l1 = lines[at.i + 1];
-        const double low0 = l0.x.front(), span0 = l0.x.back() - low0;
-        const double low1 = l1.x.front(), span1 = l1.x.back() - low1;
+        const Curve& c0 = curves[at.i];
+        const Curve& c1 = curves[at.i + 1];
+        const double low0 = c0.b.x.front(), span0 = c0.b.x.back() - low0;
+        const double low1 = c1.b.x.front(), span1 = c1.b.x.back() - low1;
         const double low = low0 + at.w * (low1 - low0);
         const double span = span0 + at.w * (span1 - span0);
         const double fraction = span > 0.0 ? (rv - low) / span : 0.0;
-        const double v0 = l0.At(low0 + fraction * span0);
-        const double v1 = l1.At(low1 + fraction * span1);
-        return v0 + at.w * (v1 - v0);
+        const Values v0 = c0.At<both>(low0 + fraction * span0);
+        const Values v1 = c1.At<both>(low1 + fraction * span1);
+        return Values{v0.b + at.w * (v1.b - v0.b), v0.bmu + at.w * (v1.bmu - v0.bmu)};
     }
 
     // The first segment of the saturated line, in rising pressure, whose Rv
@@ -119,8 +121,11 @@ struct WetGas
     }
 };
 
-const auto WetB = [](const WetGas& gas, double p, double rv) { return gas.At(gas.b, p, rv); };
-const auto WetMu = [](const WetGas& gas, double p, double rv) { return gas.At(gas.b, p, rv) / gas.At(gas.bmu, p, rv); };
+const auto WetB = [](const WetGas& gas, double p, double rv) { return gas.At<false>(p, rv).b; };
+const auto WetMu = [](const WetGas& gas, double p, double rv) {
+    const Values v = gas.At<true>(p, rv);
+    return v.b / v.bmu;
+};
 const auto SaturatedRv = [](const WetGas& gas, double p) { return gas.saturatedRv.At(p); };
 const auto DewPoint = [](const WetGas& gas, double rv) { return gas.DewPoint(rv); };
 

@@ -16,7 +16,9 @@ namespace {
 
 using blackoil::Bracket;
 using blackoil::BracketOf;
+using blackoil::Curve;
 using blackoil::Line;
+using blackoil::Values;
 
 // 1/B and 1/(B mu) of a row (P, B, mu).
 double Reciprocal(const TPVT& row) { return 1.0 / ScalarValue(row.B); }
@@ -25,7 +27,7 @@ double ReciprocalBMu(const TPVT& row) { return 1.0 / (ScalarValue(row.B) * Scala
 struct LiveOil
 {
     std::vector<double> rs, pb; // the saturated line
-    std::vector<Line> b, bmu;   // per record, in pressure
+    std::vector<Curve> curves;  // per record, in pressure
     Line saturatedRs, bubblePoint;
 
     explicit LiveOil(const TPVTOTable& table)
@@ -34,20 +36,15 @@ struct LiveOil
             PRECONDITION(!record.under_sat.empty(), "A PVTO record has no saturated point.");
             rs.push_back(ScalarValue(record.Rs));
             pb.push_back(ScalarValue(record.under_sat[0].P));
-            Line lb, lbmu;
-            for (const TPVT& row : record.under_sat) {
-                lb.x.push_back(ScalarValue(row.P));
-                lb.y.push_back(Reciprocal(row));
-                lbmu.y.push_back(ReciprocalBMu(row));
-            }
-            lbmu.x = lb.x;
-            b.push_back(std::move(lb));
-            bmu.push_back(std::move(lbmu));
+            Curve curve;
+            for (const TPVT& row : record.under_sat)
+                curve.Add(ScalarValue(row.P), Reciprocal(row), ReciprocalBMu(row));
+            curves.push_back(std::move(curve));
         }
         saturatedRs = Line{pb, rs};
         bubblePoint = Line{rs, pb};
         for (std::size_t r = 0; r < table.size(); ++r) {
-            if (b[r].Size() > 1)
+            if (curves[r].Size() > 1)
                 continue;
             std::size_t j = r + 1;
             while (j < table.size() && table[j].under_sat.size() < 2)
@@ -55,52 +52,52 @@ struct LiveOil
             if (j == table.size())
                 break; // no record above has undersaturated rows: the lines stay flat
             const std::vector<TPVT>& rows = table[j].under_sat;
+            Curve& curve = curves[r];
             const double shift = pb[r] - ScalarValue(rows[0].P);
-            const double scaleB = b[r].y[0] / Reciprocal(rows[0]), scaleBMu = bmu[r].y[0] / ReciprocalBMu(rows[0]);
-            for (std::size_t k = 1; k < rows.size(); ++k) {
-                const double p = ScalarValue(rows[k].P) + shift;
-                b[r].x.push_back(p);
-                bmu[r].x.push_back(p);
-                b[r].y.push_back(Reciprocal(rows[k]) * scaleB);
-                bmu[r].y.push_back(ReciprocalBMu(rows[k]) * scaleBMu);
-            }
+            const double scaleB = curve.b.y[0] / Reciprocal(rows[0]), scaleBMu = curve.bmu[0] / ReciprocalBMu(rows[0]);
+            for (std::size_t k = 1; k < rows.size(); ++k)
+                curve.Add(ScalarValue(rows[k].P) + shift, Reciprocal(rows[k]) * scaleB,
+                          ReciprocalBMu(rows[k]) * scaleBMu);
         }
     }
     bool Empty() const { return rs.empty(); }
 
-    double At(const std::vector<Line>& lines, double p, double r) const
+    template <bool both>
+    Values At(double p, double r) const
     {
-        const Bracket at = BracketOf(rs, r);
         if (rs.size() == 1)
-            return lines[0].At(p);
+            return curves[0].At<both>(p);
+        const Bracket at = BracketOf(rs, r);
         const double bubble = pb[at.i] + at.w * (pb[at.i + 1] - pb[at.i]);
-        const double low = lines[at.i].At(p - bubble + pb[at.i]);
-        const double high = lines[at.i + 1].At(p - bubble + pb[at.i + 1]);
-        return low + at.w * (high - low);
+        const Values low = curves[at.i].At<both>(p - bubble + pb[at.i]);
+        const Values high = curves[at.i + 1].At<both>(p - bubble + pb[at.i + 1]);
+        return Values{low.b + at.w * (high.b - low.b), low.bmu + at.w * (high.bmu - low.bmu)};
     }
 };
 
 struct DeadFluid
 {
-    Line b, bmu;
+    Curve curve;
     explicit DeadFluid(const TPVTTable& table)
     {
-        for (const TPVT& row : table) {
-            b.x.push_back(ScalarValue(row.P));
-            b.y.push_back(Reciprocal(row));
-            bmu.y.push_back(ReciprocalBMu(row));
-        }
-        bmu.x = b.x;
+        for (const TPVT& row : table)
+            curve.Add(ScalarValue(row.P), Reciprocal(row), ReciprocalBMu(row));
     }
-    bool Empty() const { return b.Size() == 0; }
+    bool Empty() const { return curve.Size() == 0; }
 };
 
-const auto LiveB = [](const LiveOil& oil, double p, double r) { return oil.At(oil.b, p, r); };
-const auto LiveMu = [](const LiveOil& oil, double p, double r) { return oil.At(oil.b, p, r) / oil.At(oil.bmu, p, r); };
+const auto LiveB = [](const LiveOil& oil, double p, double r) { return oil.At<false>(p, r).b; };
+const auto LiveMu = [](const LiveOil& oil, double p, double r) {
+    const Values v = oil.At<true>(p, r);
+    return v.b / v.bmu;
+};
 const auto SaturatedRs = [](const LiveOil& oil, double p) { return oil.saturatedRs.At(p); };
 const auto BubblePoint = [](const LiveOil& oil, double r) { return oil.bubblePoint.At(r); };
-const auto DeadB = [](const DeadFluid& fluid, double p) { return fluid.b.At(p); };
-const auto DeadMu = [](const DeadFluid& fluid, double p) { return fluid.b.At(p) / fluid.bmu.At(p); };
+const auto DeadB = [](const DeadFluid& fluid, double p) { return fluid.curve.At<false>(p).b; };
+const auto DeadMu = [](const DeadFluid& fluid, double p) {
+    const Values v = fluid.curve.At<true>(p);
+    return v.b / v.bmu;
+};
 
 } // namespace
 
