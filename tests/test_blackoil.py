@@ -127,3 +127,23 @@ def test_regions_below_one_and_masks():
                                    [30.0, 30.0])
     b = blackoil.one_over_bo(OIL, [1, 2], [100.0, 100.0], [30.0, 30.0])
     assert np.allclose(density, b * (np.array([800.0, 700.0]) + 30.0 * np.array([1.0, 2.0])), rtol=1e-15)
+
+
+WATER_ROCK = {"pvtw": [[100.0, 1.02, 4e-5, 0.4, 1e-4]], "rock": [[100.0, 5e-5]]}
+
+
+def test_dask_versions_give_the_same_bits():
+    da = pytest.importorskip("dask.array")
+    import kavra.dask
+    from kavra.tables import PVTW, ROCK
+    rng = np.random.default_rng(2)
+    pvtnum, p, rs = rng.integers(0, 3, 2000), rng.uniform(0, 500, 2000), rng.uniform(0, 150, 2000)
+    lazy = [da.from_array(a, chunks=c) for a, c in ((pvtnum, 700), (p, 300), (rs, 1100))]
+    density = [[800.0, 1000.0, 1.0], [700.0, 1010.0, 1.2]]
+    water, rock = PVTW(WATER_ROCK["pvtw"] * 2), ROCK(WATER_ROCK["rock"] * 2)
+    for name, args in [("one_over_bo", (OIL,)), ("oil_viscosity", (OIL,)), ("oil_density", (OIL, density)),
+                       ("bubble_point", (OIL,)), ("one_over_bw", (water,)), ("water_density", (water, density)),
+                       ("pore_volume_multiplier", (rock,))]:
+        cells = [lazy[0], lazy[1], lazy[2]] if name in ("one_over_bo", "oil_viscosity", "oil_density") else lazy[:2]
+        expected = getattr(blackoil, name)(*args, *(np.asarray(c) for c in cells))
+        assert np.array_equal(getattr(kavra.dask.blackoil, name)(*args, *cells).compute(), expected), name
