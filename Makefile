@@ -67,6 +67,7 @@ demo: build
 	$(PY) examples/workflow.py
 	$(PY) examples/deck_workflow.py
 	$(PY) examples/flow_case.py
+	$(PY) examples/blackoil_flow.py
 
 ensemble: build
 	$(PY) examples/ensemble_dask.py
@@ -80,6 +81,7 @@ bench: build
 	$(PY) -m pip install -q -r bench/requirements.txt
 	$(PY) bench/run.py $(BENCH_ARGS)
 	$(PY) bench/threads.py $(filter --large,$(BENCH_ARGS))
+	$(PY) bench/blackoil.py
 
 clean:
 	rm -rf build

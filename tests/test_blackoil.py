@@ -147,3 +147,16 @@ def test_dask_versions_give_the_same_bits():
         cells = [lazy[0], lazy[1], lazy[2]] if name in ("one_over_bo", "oil_viscosity", "oil_density") else lazy[:2]
         expected = getattr(blackoil, name)(*args, *(np.asarray(c) for c in cells))
         assert np.array_equal(getattr(kavra.dask.blackoil, name)(*args, *cells).compute(), expected), name
+
+
+def test_the_example_draws_both_ways_against_flow(flow_run, tmp_path, capsys):
+    import runpy
+    from conftest import ROOT
+    pytest.importorskip("matplotlib")
+    flow_run("SPE1CASE1")  # skips where Flow is missing
+    png = tmp_path / "blackoil_flow.png"
+    runpy.run_path(str(ROOT / "examples/blackoil_flow.py"))["main"](["--png", str(png)])
+    assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+    out = capsys.readouterr().out
+    assert "kavra.one_over_bo 1.0e-01   kavra.blackoil.one_over_bo 7.2e-08" in out
+    assert "kavra.one_over_b  5.0e-02   kavra.blackoil.one_over_bg 8.8e-08" in out
