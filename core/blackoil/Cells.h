@@ -97,6 +97,29 @@ inline Bracket BracketOf(const std::vector<double>& keys, double at)
     return Bracket{i, (at - keys[i]) / (keys[i + 1] - keys[i])};
 }
 
+// 1/B and 1/(B mu) of a row with a B and a viscosity (TPVT, TPVTGRecord).
+template <class Row>
+double Reciprocal(const Row& row)
+{
+    return 1.0 / ScalarValue(row.B);
+}
+template <class Row>
+double ReciprocalBMu(const Row& row)
+{
+    return 1.0 / (ScalarValue(row.B) * ScalarValue(row.Mi));
+}
+
+// The first record after record r of a two-level table with undersaturated
+// rows (two or more), or table.size() when none has them.
+template <class Table>
+std::size_t NextWithRows(const Table& table, std::size_t r)
+{
+    std::size_t j = r + 1;
+    while (j < table.size() && table[j].under_sat.size() < 2)
+        ++j;
+    return j;
+}
+
 // The region models of a list, one per region: Model(table) each.
 template <class Model, class List>
 std::vector<Model> Models(const List& list)

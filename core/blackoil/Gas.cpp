@@ -22,10 +22,9 @@ using blackoil::Bracket;
 using blackoil::BracketOf;
 using blackoil::Curve;
 using blackoil::Line;
+using blackoil::Reciprocal;
+using blackoil::ReciprocalBMu;
 using blackoil::Values;
-
-double Reciprocal(const TPVTGRecord& row) { return 1.0 / ScalarValue(row.B); }
-double ReciprocalBMu(const TPVTGRecord& row) { return 1.0 / (ScalarValue(row.B) * ScalarValue(row.Mi)); }
 
 struct WetGas
 {
@@ -49,11 +48,8 @@ struct WetGas
                 yb.push_back(Reciprocal(row));
                 ybmu.push_back(ReciprocalBMu(row));
             }
-            std::size_t j = r;
-            if (x.size() == 1)
-                for (++j; j < table.size() && table[j].under_sat.size() < 2;)
-                    ++j;
-            if (j != r && j < table.size()) {
+            const std::size_t j = x.size() == 1 ? blackoil::NextWithRows(table, r) : table.size();
+            if (j < table.size()) {
                 const TPVTGRecordTable& rows = table[j].under_sat;
                 const double shift = rvSat[r] - ScalarValue(rows[0].Rv);
                 const double scaleB = yb[0] / Reciprocal(rows[0]), scaleBMu = ybmu[0] / ReciprocalBMu(rows[0]);

@@ -18,11 +18,9 @@ using blackoil::Bracket;
 using blackoil::BracketOf;
 using blackoil::Curve;
 using blackoil::Line;
+using blackoil::Reciprocal;
+using blackoil::ReciprocalBMu;
 using blackoil::Values;
-
-// 1/B and 1/(B mu) of a row (P, B, mu).
-double Reciprocal(const TPVT& row) { return 1.0 / ScalarValue(row.B); }
-double ReciprocalBMu(const TPVT& row) { return 1.0 / (ScalarValue(row.B) * ScalarValue(row.Mi)); }
 
 struct LiveOil
 {
@@ -46,9 +44,7 @@ struct LiveOil
         for (std::size_t r = 0; r < table.size(); ++r) {
             if (curves[r].Size() > 1)
                 continue;
-            std::size_t j = r + 1;
-            while (j < table.size() && table[j].under_sat.size() < 2)
-                ++j;
+            const std::size_t j = blackoil::NextWithRows(table, r);
             if (j == table.size())
                 break; // no record above has undersaturated rows: the lines stay flat
             const std::vector<TPVT>& rows = table[j].under_sat;

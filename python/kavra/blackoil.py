@@ -99,12 +99,10 @@ def one_over_bo(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLike
 
     Parameters
     ----------
-    oil : PVTO or PVDO
-        Live-oil (with `rs`) or dead-oil (without) table per PVT region.
+    %(oil)s
     %(pvtnum)s
     %(p)s
-    rs : array_like of float, optional
-        Dissolved gas-oil ratio per cell (PVTO only), in the table's Rs unit.
+    %(rs_live)s
     %(out)s
     %(threads)s
 
@@ -121,7 +119,7 @@ def one_over_bo(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLike
     >>> from kavra.tables import PVTO
     >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8, 300.0, 1.31, 0.9]]])
     >>> print(one_over_bo(oil, 1, [150.0, 250.0], [65.0, 50.0]).round(6))
-    [0.769231 0.787277]
+    [0.77037  0.826463]
     """
     return _oil("one_over_bo", "one_over_b", oil, pvtnum, p, rs, out, threads)
 
@@ -133,12 +131,10 @@ def oil_viscosity(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLi
 
     Parameters
     ----------
-    oil : PVTO or PVDO
-        Live-oil (with `rs`) or dead-oil (without) table per PVT region.
+    %(oil)s
     %(pvtnum)s
     %(p)s
-    rs : array_like of float, optional
-        Dissolved gas-oil ratio per cell (PVTO only), in the table's Rs unit.
+    %(rs_live)s
     %(out)s
     %(threads)s
 
@@ -166,12 +162,10 @@ def one_over_bg(gas: PVTG | PVDG, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLike
 
     Parameters
     ----------
-    gas : PVTG or PVDG
-        Wet-gas (with `rv`) or dry-gas (without) table per PVT region.
+    %(gas)s
     %(pvtnum)s
     %(p)s
-    rv : array_like of float, optional
-        Vaporised oil-gas ratio per cell (PVTG only), in the table's Rv unit.
+    %(rv_wet)s
     %(out)s
     %(threads)s
 
@@ -199,12 +193,10 @@ def gas_viscosity(gas: PVTG | PVDG, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLi
 
     Parameters
     ----------
-    gas : PVTG or PVDG
-        Wet-gas (with `rv`) or dry-gas (without) table per PVT region.
+    %(gas)s
     %(pvtnum)s
     %(p)s
-    rv : array_like of float, optional
-        Vaporised oil-gas ratio per cell (PVTG only), in the table's Rv unit.
+    %(rv_wet)s
     %(out)s
     %(threads)s
 
@@ -302,8 +294,7 @@ def rv_sat(pvtg: PVTG, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any] | N
 
     Parameters
     ----------
-    pvtg : kavra.tables.PVTG
-        Wet-gas table per PVT region.
+    %(pvtg_value)s
     %(pvtnum)s
     %(p)s
     %(out)s
@@ -339,8 +330,7 @@ def dew_point(pvtg: PVTG, pvtnum: ArrayLike, rv: ArrayLike, *, out: NDArray[Any]
 
     Parameters
     ----------
-    pvtg : kavra.tables.PVTG
-        Wet-gas table per PVT region.
+    %(pvtg_value)s
     %(pvtnum)s
     rv : array_like of float
         Vaporised oil-gas ratio per cell, in the table's Rv unit.
@@ -373,8 +363,7 @@ def one_over_bw(pvtw: PVTW, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any
 
     Parameters
     ----------
-    pvtw : kavra.tables.PVTW
-        Water record per PVT region.
+    %(pvtw_value)s
     %(pvtnum)s
     %(p)s
     %(out)s
@@ -405,8 +394,7 @@ def water_viscosity(pvtw: PVTW, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray
 
     Parameters
     ----------
-    pvtw : kavra.tables.PVTW
-        Water record per PVT region.
+    %(pvtw_value)s
     %(pvtnum)s
     %(p)s
     %(out)s
@@ -511,14 +499,11 @@ def oil_density(oil: PVTO | PVDO, density: Any, pvtnum: ArrayLike, p: ArrayLike,
 
     Parameters
     ----------
-    oil : PVTO or PVDO
-        Live-oil (with `rs`) or dead-oil (without) table per PVT region.
-    density : kavra.tables.DENSITY or array_like
-        Surface densities (oil, water, gas) per PVT region, in the tables' unit system.
+    %(oil)s
+    %(density)s
     %(pvtnum)s
     %(p)s
-    rs : array_like of float, optional
-        Dissolved gas-oil ratio per cell (PVTO only), in the table's Rs unit.
+    %(rs_live)s
     %(out)s
     %(threads)s
 
@@ -550,14 +535,11 @@ def gas_density(gas: PVTG | PVDG, density: Any, pvtnum: ArrayLike, p: ArrayLike,
 
     Parameters
     ----------
-    gas : PVTG or PVDG
-        Wet-gas (with `rv`) or dry-gas (without) table per PVT region.
-    density : kavra.tables.DENSITY or array_like
-        Surface densities (oil, water, gas) per PVT region, in the tables' unit system.
+    %(gas)s
+    %(density)s
     %(pvtnum)s
     %(p)s
-    rv : array_like of float, optional
-        Vaporised oil-gas ratio per cell (PVTG only), in the table's Rv unit.
+    %(rv_wet)s
     %(out)s
     %(threads)s
 
@@ -589,10 +571,8 @@ def water_density(pvtw: PVTW, density: Any, pvtnum: ArrayLike, p: ArrayLike, *,
 
     Parameters
     ----------
-    pvtw : kavra.tables.PVTW
-        Water record per PVT region.
-    density : kavra.tables.DENSITY or array_like
-        Surface densities (oil, water, gas) per PVT region, in the tables' unit system.
+    %(pvtw_value)s
+    %(density)s
     %(pvtnum)s
     %(p)s
     %(out)s
