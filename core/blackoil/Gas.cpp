@@ -56,6 +56,8 @@ struct WetGas
                 for (std::size_t k = 1; k < rows.size(); ++k) {
                     const double rv = ScalarValue(rows[k].Rv) + shift;
                     const double vb = Reciprocal(rows[k]) * scaleB, vbmu = ReciprocalBMu(rows[k]) * scaleBMu;
+                    if (x.back() <= 0.0)
+                        break; // already down to Rv = 0
                     if (rv > 0.0) {
                         x.push_back(rv);
                         yb.push_back(vb);
