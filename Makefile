@@ -70,6 +70,7 @@ demo: build
 	$(PY) examples/workflow.py
 	$(PY) examples/deck_workflow.py
 	$(PY) examples/flow_case.py
+	$(PY) examples/blackoil_flow.py
 
 ensemble: build
 	$(PY) examples/ensemble_dask.py
@@ -86,6 +87,7 @@ bench: build
 	$(PY) bench/run.py $(BENCH_ARGS)
 	$(PY) bench/threads.py $(filter --large,$(BENCH_ARGS))
 	$(PY) bench/engine.py
+	$(PY) bench/blackoil.py
 
 clean:
 	rm -rf build
