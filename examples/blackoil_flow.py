@@ -91,10 +91,13 @@ def draw(deck: kavra.deck.Deck, cells: dict[str, np.ndarray], png: pathlib.Path)
     figure, axes = plt.subplots(2, 2, figsize=(14, 11), layout="constrained", sharey="row")
     for ax, (label, (line, branch, at_cells)) in zip(axes[0], methods.items()):
         ax.plot(saturated, line(saturated), color="tab:blue", lw=1.5, label="saturated line")
+        ends: dict[float, list[float]] = {}  # branches that end at one point share their label
         for r in branches:
             above = np.linspace(float(blackoil.bubble_point(oil, 1, [r])[0]), 9014.7, 100)
             ax.plot(above, branch(above, r), color="tab:blue", ls="--", lw=1.2)
-            ax.annotate(f"Rs {r}", (above[-1], branch(above[-1:], r)[0]), fontsize=8, ha="right", va="bottom")
+            ends.setdefault(round(float(branch(above[-1:], r)[0]), 3), []).append(r)
+        for end, rs_of_end in ends.items():
+            ax.annotate("Rs " + ", ".join(map(str, rs_of_end)), (9014.7, end), fontsize=8, ha="right", va="bottom")
         ax.scatter(p, cells["1OVERBO"], s=14, color="black", zorder=3, label="Flow's 1OVERBO, every cell and step")
         ax.scatter(p, at_cells, s=40, facecolors="none", edgecolors="tab:red", zorder=4,
                    label="this method at those cells (p, Rs)")
@@ -109,7 +112,7 @@ def draw(deck: kavra.deck.Deck, cells: dict[str, np.ndarray], png: pathlib.Path)
                                                ("kavra.blackoil.one_over_bg (1/B linear in p)", blackoil.one_over_bg)]):
         at_cells = function(gas, 1, p)
         ax.plot(q, function(gas, 1, q), color="tab:blue", lw=1.5, label="along PVDG")
-        ax.scatter(rows[:, 0], 1 / rows[:, 1], marker="s", s=30, facecolors="none", edgecolors="tab:green",
+        ax.scatter(rows[:, 0], 1 / rows[:, 1], marker="s", s=60, facecolors="none", edgecolors="tab:green", lw=2, zorder=5,
                    label="PVDG rows")
         ax.scatter(p, cells["1OVERBG"], s=14, color="black", zorder=3, label="Flow's 1OVERBG, every cell and step")
         ax.scatter(p, at_cells, s=40, facecolors="none", edgecolors="tab:red", zorder=4, label="this method at those cells")
