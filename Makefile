@@ -33,7 +33,7 @@ bootstrap:
 build: bootstrap
 	$(PY) -m pip install -q --no-build-isolation ".[deck]"
 
-# The column kernels and the chunk scheduler are plain C++: tested without Python.
+# The column kernels, the chunk scheduler and the cell geometry are plain C++: tested without Python.
 native-test:
 	@mkdir -p build
 	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_column_kernels.cpp \
@@ -42,6 +42,9 @@ native-test:
 	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_parallel_chunks.cpp \
 		core/utils/ParallelFor.cpp -pthread -o build/test_parallel_chunks
 	build/test_parallel_chunks
+	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_cell_geometry.cpp \
+		core/grid/CellGeometry.cpp core/utils/ParallelFor.cpp -pthread -o build/test_cell_geometry
+	build/test_cell_geometry
 
 test: bootstrap native-test
 	@bash scripts/versions.sh test $(PYTHONS)
@@ -76,6 +79,7 @@ demo: build
 	$(PY) examples/workflow.py
 	$(PY) examples/deck_workflow.py
 	$(PY) examples/flow_case.py
+	$(PY) examples/blackoil_flow.py
 
 ensemble: build
 	$(PY) examples/ensemble_dask.py
@@ -92,6 +96,7 @@ bench: build
 	$(PY) bench/run.py $(BENCH_ARGS)
 	$(PY) bench/threads.py $(filter --large,$(BENCH_ARGS))
 	$(PY) bench/engine.py
+	$(PY) bench/blackoil.py
 
 clean:
 	rm -rf build

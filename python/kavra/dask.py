@@ -660,3 +660,7 @@ def kaverage(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None,
     [-1  1 -1  1]
     """
     return _reduce("kaverage", _reductions.kaverage, _never, values, grid, active, layout)
+
+
+# kavra.blackoil over dask arrays (the properties as the simulator evaluates them)
+from . import _dask_blackoil as blackoil  # noqa: E402
