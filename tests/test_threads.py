@@ -88,7 +88,7 @@ def test_a_failing_cell_fails_as_the_native_call(failure, threads):
 
 
 def test_the_interpreter_runs_other_threads_during_a_call():
-    n = 4_000_000
+    n = 10_000_000  # a call of some 50 ms on the engine, two threads
     p = np.resize(P, n)
     stamps, stop = [], threading.Event()
 
