@@ -82,6 +82,38 @@ inline void Take(double* total, double* weight, std::ptrdiff_t* taken, std::ptrd
         ++taken[at];
 }
 
+// Columns c..c+G-1 of the runs layout (K fastest) into the running arrays at
+// `at`..`at`+G-1, each in ascending K, the state held locally.
+template <Reduce R, bool Weighted, bool Masked, int G, class T>
+void AccumulateRuns(const Cells<T>& cells, std::ptrdiff_t c, std::ptrdiff_t at, double* total, double* weight,
+                    std::ptrdiff_t* taken)
+{
+    double t[G], w[G];
+    std::ptrdiff_t n[G];
+    for (int q = 0; q < G; ++q) {
+        t[q] = total[at + q];
+        w[q] = Weighted ? weight[at + q] : 0.0;
+        n[q] = 0;
+    }
+    const std::ptrdiff_t nK = cells.nK;
+    for (std::ptrdiff_t k = 0; k < nK; ++k) {
+        for (int q = 0; q < G; ++q) {
+            const std::ptrdiff_t cell = (c + q) * nK + k;
+            if (Masked && !cells.active[cell])
+                continue;
+            Take<R, Weighted, Masked>(t, w, n, q, double(cells.values[cell]),
+                                      Weighted ? double(cells.weights[cell]) : 1.0);
+        }
+    }
+    for (int q = 0; q < G; ++q) {
+        total[at + q] = t[q];
+        if (Weighted)
+            weight[at + q] = w[q];
+        if (Masked)
+            taken[at + q] = n[q];
+    }
+}
+
 // Columns first..last-1 of `cells` into the running arrays (one element per column,
 // in that order, at the initial state), each in ascending K.  In the layers layout
 // the column number is i + nI * j, in the runs layout j + nJ * i.
@@ -106,15 +138,12 @@ void Accumulate(const Cells<T>& cells, std::ptrdiff_t first, std::ptrdiff_t last
             }
         }
     } else {
-        for (std::ptrdiff_t c = first; c < last; ++c) {
-            const std::ptrdiff_t base = c * nK;
-            for (std::ptrdiff_t k = 0; k < nK; ++k) {
-                if (Masked && !active[base + k])
-                    continue;
-                Take<R, Weighted, Masked>(total, weight, taken, c - first, double(values[base + k]),
-                                          Weighted ? double(weights[base + k]) : 1.0);
-            }
-        }
+        // Four columns at a time: four chains of additions that do not wait on each other.
+        std::ptrdiff_t c = first;
+        for (; c + 4 <= last; c += 4)
+            AccumulateRuns<R, Weighted, Masked, 4>(cells, c, c - first, total, weight, taken);
+        for (; c < last; ++c)
+            AccumulateRuns<R, Weighted, Masked, 1>(cells, c, c - first, total, weight, taken);
     }
 }
 

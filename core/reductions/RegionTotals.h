@@ -34,10 +34,9 @@ inline std::uint64_t Blocks(std::uint64_t n, std::uint64_t count)
 inline void AddCompensated(double& sum, double& compensation, double v)
 {
     const double t = sum + v;
-    if (std::fabs(sum) >= std::fabs(v))
-        compensation += (sum - t) + v;
-    else
-        compensation += (v - t) + sum;
+    const bool larger = std::fabs(sum) >= std::fabs(v);
+    const double big = larger ? sum : v, small = larger ? v : sum; // selected, not branched
+    compensation += (big - t) + small;
     sum = t;
 }
 
