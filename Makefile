@@ -8,6 +8,9 @@
 #   bar and a summary per realization; about 15 s on two cores.
 # make wheel: a wheel in dist/ that needs nothing from the system at run
 #   time (Boost.Python copied in by auditwheel).
+# make docs: the documentation site in build/docs/html (Sphinx: the README's
+#   tour, the API from the docstrings, the examples run by sphinx-gallery),
+#   warnings as errors; installs the package with its docs extra.
 # make sanitize: the same tests on a build with AddressSanitizer and
 #   UndefinedBehaviorSanitizer, kept apart in build/sanitize and .venv-sanitize.
 VENV   := .venv
@@ -15,7 +18,7 @@ PY     := $(VENV)/bin/python
 SAN_VENV  := .venv-sanitize
 SAN_BUILD := build/sanitize
 
-.PHONY: all bootstrap build test native-test wheel sanitize demo ensemble bench clean
+.PHONY: all bootstrap build test native-test wheel sanitize demo ensemble bench docs clean
 
 all: build
 
@@ -67,6 +70,12 @@ demo: build
 	$(PY) examples/workflow.py
 	$(PY) examples/deck_workflow.py
 	$(PY) examples/flow_case.py
+
+# What the site generates in docs/ goes first, so that every page is made anew.
+docs: bootstrap
+	$(PY) -m pip install -q --no-build-isolation ".[docs]"
+	rm -rf docs/auto_examples docs/generated docs/_pages docs/sg_execution_times.rst build/docs
+	$(VENV)/bin/sphinx-build -W --keep-going -b html docs build/docs/html
 
 ensemble: build
 	$(PY) examples/ensemble_dask.py

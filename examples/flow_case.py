@@ -1,4 +1,5 @@
-"""Flow case: SPE1 run with OPM Flow, its results read with kavra.results.
+"""Flow case: SPE1 run with OPM Flow, its results read with kavra.results
+======================================================================
 
 Run with `make demo` (or `python examples/flow_case.py [--png PATH] [--keep DIR]`
 with kavra installed with its results extra and the opm-simulators package).
@@ -23,7 +24,8 @@ import numpy as np
 import kavra.results
 from kavra.tables import UNIT_LABELS
 
-HERE = pathlib.Path(__file__).resolve().parent
+# This script's directory, from its own code (sphinx-gallery runs the examples without __file__).
+HERE = pathlib.Path((lambda: None).__code__.co_filename).resolve().parent
 DEFAULT_PNG = HERE / "output" / "flow_case.png"
 sys.path.insert(0, str(HERE.parent / "tests"))
 from flow_cases import run_flow  # noqa: E402  (the decks and schedules of the tests)
