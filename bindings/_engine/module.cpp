@@ -707,24 +707,30 @@ bool Writable(PyObject* array)
     return PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(array), NPY_ARRAY_WRITEABLE);
 }
 
-struct MapJob : Job
+// A call that writes into the caller's arrays and gives None: `run` over the
+// job itself, its failure kept.
+template <class Self>
+struct WritingJob : Job
 {
     void Run() noexcept override
     {
         try {
-            run(*this);
+            run(static_cast<Self&>(*this));
         } catch (...) {
             error = std::current_exception();
         }
     }
     PyObject* Result() override { Py_RETURN_NONE; }
+    void (*run)(Self&) = nullptr;
+};
 
+struct MapJob : WritingJob<MapJob>
+{
     std::unique_ptr<HeldArray> values, weights, active, map, empty;
     std::int64_t nI = 0, nJ = 0, nK = 0;
     bool runs = false;
     maps::Reduce reduce = maps::Reduce::sum;
     unsigned threads = 1;
-    void (*run)(MapJob&) = nullptr;
 };
 
 template <class T>
@@ -801,24 +807,13 @@ Job* PrepareColumnMap(PyObject* const* args, Py_ssize_t nargs)
     return job.release();
 }
 
-struct TotalsJob : Job
+struct TotalsJob : WritingJob<TotalsJob>
 {
-    void Run() noexcept override
-    {
-        try {
-            run(*this);
-        } catch (...) {
-            error = std::current_exception();
-        }
-    }
-    PyObject* Result() override { Py_RETURN_NONE; }
-
     std::unique_ptr<HeldArray> values, regions, out;
     std::uint64_t n = 0, count = 0;
     bool oneRegion = false;
     unsigned threads = 1;
     std::vector<double> sums, compensations; // per block and region
-    void (*run)(TotalsJob&) = nullptr;
 };
 
 template <class T>

@@ -681,6 +681,7 @@ def _map_block(block: np.ndarray, *extra: np.ndarray, reduce: str, layout: str, 
     return result if layout == "kji" else result.T
 
 
+@filled
 def column_map(values: ArrayLike, grid: Any, reduce: _maps.Reduce = "sum", *, weights: ArrayLike | None = None,
                active: ArrayLike | None = None, layout: Layout = "kji") -> da.Array:
     """One value per column of a grid, as a lazy (nJ, nI) masked map.
@@ -690,19 +691,12 @@ def column_map(values: ArrayLike, grid: Any, reduce: _maps.Reduce = "sum", *, we
 
     Parameters
     ----------
-    values : dask or NumPy array
-        One value per cell, of the shape given by ``layout`` or flat in its cell order.
-    grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
-        The grid.
+    %(dask_values_grid)s
     reduce : {"sum", "mean", "max", "min"}
         As :func:`kavra.column_map`.
     weights : dask or NumPy array, optional
         One weight per cell, broadcast to the shape of ``values`` (``"sum"`` and ``"mean"``).
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-        flat with K fastest.
+    %(active_layout)s
 
     Returns
     -------

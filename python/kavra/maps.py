@@ -63,11 +63,7 @@ def column_map(values: ArrayLike, grid: Grid, reduce: Reduce = "sum", *, weights
         One weight per cell, broadcast to the shape of ``values`` (a thickness per layer of
         the shape (nK, 1, 1) in the ``"kji"`` layout, say); masked weights leave their
         cells out.  For ``"sum"`` and ``"mean"`` only.
-    active : array_like of bool, optional
-        Cells that take part (ACTNUM: nonzero integers are active), of the shape of ``values``.
-    layout : {"kji", "ijk"}
-        ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK)
-        or flat with K fastest.
+    %(active_layout)s
     %(threads)s
 
     Returns
