@@ -9,15 +9,18 @@ The SPE1 deck that ships with kavra gets the six-month schedule that the tests u
 the bottom of the opposite one); Flow runs it in a temporary directory (or
 DIR), and kavra.results reads the case: one restart array per call.  The
 script prints the field's state at each report step and draws the PRESSURE
-and SGAS maps of the top layer at four of them (examples/output/flow_case.png
-unless --png says otherwise).
+and SGAS maps of the top layer, and maps of the oil in place of each column
+(Flow's FIPOIL summed over K) and of its pore-volume-weighted pressure
+(kavra.column_map), at four of them (examples/output/flow_case.png unless --png
+says otherwise), and the oil in place per FIPNUM region (kavra.region_totals).
 """
 
 import argparse
 import pathlib
 import sys
 import tempfile
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
+from typing import Any
 
 import numpy as np
 
@@ -46,35 +49,64 @@ def report(r: kavra.results.Results) -> None:
               f"{int((sgas > 0).sum()):>15} {rate}")
 
 
+# Surface volumes of oil (FIPOIL) in each unit system.
+OIL_VOLUME = {"FIELD": "stb", "METRIC": "sm3", "LAB": "scc", "PVT-M": "sm3"}
+
+
+def regions(r: kavra.results.Results) -> None:
+    """Oil in place per FIPNUM region at each report step: Flow's FIPOIL of every cell, added up."""
+    fipnum = r.cell_property("FIPNUM")
+    print(f"\n  oil in place per FIPNUM region ({OIL_VOLUME[r.units]})")
+    count = int(fipnum.max())
+    print(f"  {'step':>4} " + " ".join(f"{'region ' + str(n):>14}" for n in range(1, count + 1)))
+    for step in r.steps:
+        totals = kavra.region_totals(r.cell_property("FIPOIL", step), fipnum, count=count)
+        print(f"  {step:>4} " + " ".join(f"{t:14.6g}" for t in totals))
+
+
 def draw(r: kavra.results.Results, png: pathlib.Path) -> None:
-    """PRESSURE and SGAS of the top layer at four report steps; one colour scale per row."""
+    """PRESSURE and SGAS of the top layer, the oil in place of each column and its pore-volume-
+    weighted pressure, at four report steps; one colour scale per row."""
     import matplotlib
 
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
 
     g = r.grid
+    grid = (g.nI, g.nJ, g.nK)
     steps = [r.steps[i] for i in np.linspace(0, len(r.steps) - 1, 4).round().astype(int)]
-    rows = [("PRESSURE", f"PRESSURE ({UNIT_LABELS[r.units]['pressure']})", "viridis"),
-            ("SGAS", "SGAS (fraction of pore volume)", "magma")]
-    figure, axes = plt.subplots(len(rows), len(steps), figsize=(4 * len(steps) + 1.5, 7.5), squeeze=False,
-                                layout="constrained")
+    pressure_unit = UNIT_LABELS[r.units]["pressure"]
+
+    def top(name: str) -> Callable[[int], Any]:
+        # the top layer (K = 1) of a step, shaped (nJ, nI)
+        return lambda step: r.cell_property(name, step).reshape(g.nK, g.nJ, g.nI)[0]
+
+    rows: list[tuple[str, str, str, Callable[[int], Any]]] = [
+        ("PRESSURE, K = 1", f"PRESSURE ({pressure_unit})", "viridis", top("PRESSURE")),
+        ("SGAS, K = 1", "SGAS (fraction of pore volume)", "magma", top("SGAS")),
+        ("oil in place per column", f"FIPOIL summed over K ({OIL_VOLUME[r.units]})", "cividis",
+         lambda step: kavra.column_map(r.cell_property("FIPOIL", step), grid, "sum")),
+        ("pore-volume-weighted pressure", f"PRESSURE weighted by RPORV ({pressure_unit})", "viridis",
+         lambda step: kavra.column_map(r.cell_property("PRESSURE", step), grid, "mean",
+                                       weights=r.cell_property("RPORV", step))),
+    ]
+    figure, axes = plt.subplots(len(rows), len(steps), figsize=(4 * len(steps) + 1.5, 3.6 * len(rows)),
+                                squeeze=False, layout="constrained")
     dates = dict(zip(r.steps, r.dates))
-    for row, (name, label, colours) in enumerate(rows):
-        # the top layer (K = 1) of each step, shaped (nJ, nI)
-        maps = [r.cell_property(name, step).reshape(g.nK, g.nJ, g.nI)[0] for step in steps]
+    for row, (title, label, colours, of_step) in enumerate(rows):
+        maps = [of_step(step) for step in steps]
         low, high = min(float(m.min()) for m in maps), max(float(m.max()) for m in maps)
         for column, (step, values) in enumerate(zip(steps, maps)):
             ax = axes[row, column]
             image = ax.imshow(values, origin="upper", cmap=colours, vmin=low, vmax=high,
                               extent=(0.5, g.nI + 0.5, g.nJ + 0.5, 0.5))
-            ax.set_title(f"{name}, step {step} ({str(dates[step])[:10]})", fontsize=10)
+            ax.set_title(f"{title}, step {step} ({str(dates[step])[:10]})", fontsize=9)
             ax.set_xlabel("I")
             ax.set_ylabel("J")
             ax.set_xticks(range(1, g.nI + 1))
             ax.set_yticks(range(1, g.nJ + 1))
         figure.colorbar(image, ax=axes[row, :].tolist(), label=label, shrink=0.9)
-    figure.suptitle(f"{r.case.name}: top layer (K = 1) over time, {r.units} units")
+    figure.suptitle(f"{r.case.name} over time, {r.units} units (I and J counted from 1, as the deck counts them)")
     png.parent.mkdir(parents=True, exist_ok=True)
     figure.savefig(png, dpi=90)
     plt.close(figure)
@@ -93,6 +125,7 @@ def main(argv: Sequence[str] | None = None) -> None:
         r = kavra.results.read(run_flow("SPE1CASE1", directory))
         print(r)
         report(r)
+        regions(r)
         draw(r, args.png)
 
 
