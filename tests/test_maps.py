@@ -79,6 +79,8 @@ def test_column_map_weights_broadcast_and_edge_columns():
     assert np.isnan(zero).all() and not zero.mask.any()
     assert kavra.column_map(np.zeros((0, 2, 3)), (3, 2, 0)).mask.all()  # no layers: no cells
     assert kavra.column_map(np.array([7], np.int64), (1, 1, 1)).tolist() == [[7.0]]
+    assert kavra.column_map(np.ones((2, 1, 3), bool), (3, 1, 2)).tolist() == [[2.0, 2.0, 2.0]]  # a count
+    assert kavra.column_map(np.zeros((2, 0, 3)), (3, 0, 2), "max").shape == (0, 3)
 
 
 ERRORS = [

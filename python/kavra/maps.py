@@ -28,10 +28,11 @@ _INT32 = np.iinfo(np.int32)
 
 
 def _floats(function: str, name: str, data: np.ndarray) -> np.ndarray:
-    """`data` as float32 or float64 in the machine's byte order (other real types as float64)."""
-    if data.dtype.kind not in "fiu" or data.dtype.itemsize > 8:
-        raise TypeError(f"{function}: {name} must hold real numbers (integers or floats up to 64 bits), "
-                        f"got {data.dtype}")
+    """`data` as float32 or float64 in the machine's byte order (other real types, booleans as 0 and 1,
+    as float64)."""
+    if data.dtype.kind not in "biuf" or data.dtype.itemsize > 8:
+        raise TypeError(f"{function}: {name} must hold real numbers (booleans, integers or floats up to "
+                        f"64 bits), got {data.dtype}")
     if data.dtype.char in "fd":
         return data if data.dtype.isnative else data.astype(data.dtype.newbyteorder("="))
     return data.astype(np.float64)
