@@ -82,14 +82,17 @@ ensemble: build
 
 # Native calculations against NumPy on 10^6 and 10^7 cells (bench/run.py), then
 # the NumPy-first functions on one thread and on all against numba at 10^7 cells,
-# and the size from which threads pay (bench/threads.py); then the column maps
-# and region totals of 10^8 cells against a parallel copy (bench/maps.py).  BENCH_ARGS goes to
+# and the size from which threads pay (bench/threads.py), then the engine against
+# the module it replaced and its thread gain against numba's (bench/engine.py;
+# bash bench/old_parallel.sh builds that module once), and the column maps and
+# region totals of 10^8 cells against a parallel copy (bench/maps.py).  BENCH_ARGS goes to
 # run.py; of it, --large (10^8 cells) goes to threads.py too.  numba is for the
 # bench alone: bench/requirements.txt.
 bench: build
 	$(PY) -m pip install -q -r bench/requirements.txt
 	$(PY) bench/run.py $(BENCH_ARGS)
 	$(PY) bench/threads.py $(filter --large,$(BENCH_ARGS))
+	$(PY) bench/engine.py
 	$(PY) bench/maps.py
 
 clean:

@@ -15,10 +15,13 @@ ratios of those (a machine that others load makes the medians move most):
 2. The gain of all threads over one, for the engine and for numba's kernel
    of the same steps (bench/numba_kernels.py) in the same rounds, and the
    engine's gain as a share of numba's (the goal: at least 90 %).
-3. float32 inputs (read as they are) against float64 inputs, and a single
-   region number (pvtnum=1) against an array of ones, through kavra.one_over_bo.
-4. The overhead of a call in microseconds: kavra.one_over_bo and the engine's
-   own entry on 10 cells.
+3. float32 inputs (read as they are) against float64 inputs and against
+   float32 inputs widened to float64 copies first (what the layer did before
+   the engine), and a single region number (pvtnum=1) against an array of
+   ones, through kavra.one_over_bo.
+4. The overhead of a call in microseconds on 10 cells: kavra.one_over_bo, the
+   engine's own entry with the bench's tables and without tables, and the
+   old module's.
 """
 
 import argparse
@@ -67,7 +70,7 @@ def variants(n, old, rng):
     regions, po, pbub = cells(n, rng)
     n = regions.size
     out = np.empty(n)
-    tables = OIL._engine_tables() if hasattr(OIL, "_engine_tables") else _engine.Tables("TPVTOList", OIL.regions)
+    tables = OIL._engine_tables()
     words = ("one_over_bo", "PVTO", (n,))
     flat = nk.flat_pvto(OIL)
 
@@ -83,9 +86,8 @@ def variants(n, old, rng):
     calls = {"engine 1": engine(1), f"engine {ALL}": engine(ALL),
              "numba 1": numba_kernel(1), f"numba {ALL}": numba_kernel(ALL)}
     if old is not None:
-        from kavra import _kavracore
         import tessel
-        native = OIL.to_native() if hasattr(OIL, "to_native") else None
+        native = OIL.to_native()
         grid_functions = [tessel.IntGridFunction.wrap(regions), tessel.DoubleGridFunction.wrap(po),
                           tessel.DoubleGridFunction.wrap(pbub), tessel.DoubleGridFunction.wrap(out)]
         for threads in (1, ALL):
@@ -96,6 +98,8 @@ def variants(n, old, rng):
     calls.update({
         "kavra f64": lambda: kavra.one_over_bo(OIL, ones, po, pbub, out=out, threads=ALL),
         "kavra f32": lambda: kavra.one_over_bo(OIL, ones, *f32, out=out, threads=ALL),
+        "kavra f32 widened": lambda: kavra.one_over_bo(OIL, ones, *(v.astype(np.float64) for v in f32), out=out,
+                                                       threads=ALL),
         "kavra pvtnum=1": lambda: kavra.one_over_bo(OIL, 1, po, pbub, out=out, threads=ALL),
     })
     return calls, out
@@ -107,13 +111,20 @@ def timed(call):
     return time.perf_counter() - start
 
 
-def overhead(repeat):
-    """Microseconds per call on 10 cells: the public function and the engine's entry."""
+def overhead(repeat, old):
+    """Microseconds per call on 10 cells: the public function, the engine's entry (with the tables
+    of the bench, which every call flattens, and without tables), and the old module's."""
     regions, po, out = np.ones(10, np.int32), np.linspace(100.0, 300.0, 10), np.empty(10)
-    tables = _engine.Tables("TPVTOList", OIL.regions)
+    tables, words = _engine.Tables("TPVTOList", OIL.regions), ("one_over_bo", "PVTO", (10,))
     calls = {"kavra.one_over_bo": lambda: kavra.one_over_bo(OIL, regions, po, po, out=out, threads=1),
-             "_engine.calculate": lambda: _engine.calculate("one_over_bo", tables, regions, (po, po), out,
-                                                            ("one_over_bo", "PVTO", (10,)), 1)}
+             "_engine one_over_bo": lambda: _engine.calculate("one_over_bo", tables, regions, (po, po), out, words, 1),
+             "_engine bulk_volume": lambda: _engine.calculate("bulk_volume", None, None, (po, po), out, words, 1)}
+    if old is not None:
+        import tessel
+        native = OIL.to_native()
+        grid_functions = [tessel.IntGridFunction.wrap(regions), tessel.DoubleGridFunction.wrap(po),
+                          tessel.DoubleGridFunction.wrap(po), tessel.DoubleGridFunction.wrap(out)]
+        calls["_parallel one_over_bo"] = lambda: old.CalcOneOverBo(native, *grid_functions, 1)
     result = {}
     for name, call in calls.items():
         call()
@@ -157,7 +168,7 @@ def main():
         for label, of in (("medians", median), ("fastest quarters", fastest)):
             print(f"  of the {label}:")
             report(of, times if of is median else None, old is not None)
-    print("\nper call on 10 cells (µs):", ", ".join(f"{k} {v:.2f}" for k, v in overhead(7).items()))
+    print("\nper call on 10 cells (µs):", ", ".join(f"{k} {v:.2f}" for k, v in overhead(7, old).items()))
 
 
 def report(of, times, old):
@@ -173,7 +184,8 @@ def report(of, times, old):
     if old:
         print("    engine / _parallel: " + ", ".join(
             f"{t} thread{'s' if t > 1 else ''} {of[f'engine {t}'] / of[f'_parallel {t}']:.2f}" for t in (1, ALL)))
-    print(f"    float32 / float64 inputs: {of['kavra f32'] / of['kavra f64']:.2f}; "
+    print(f"    float32 / float64 inputs: {of['kavra f32'] / of['kavra f64']:.2f}, float32 read as it is / "
+          f"widened to a float64 copy first: {of['kavra f32'] / of['kavra f32 widened']:.2f}; "
           f"pvtnum=1 / ones: {of['kavra pvtnum=1'] / of['kavra f64']:.2f}")
 
 

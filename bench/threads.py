@@ -40,7 +40,6 @@ import inspect
 import json
 import os
 import pathlib
-import re
 import resource
 import statistics
 import sys

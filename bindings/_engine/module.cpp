@@ -19,6 +19,7 @@
 #include <Python.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -33,6 +34,8 @@
 #include <numpy/ndarraytypes.h> // the array struct only: no NumPy function table is used
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
+#include <nanobind/ndarray.h>
+#include <nanobind/stl/array.h>
 #include <nanobind/stl/vector.h>
 
 #include "bindings/_engine/Held.h"
@@ -72,7 +75,8 @@ struct Calculation
     const char* list; // nullptr: no tables
     unsigned inputs;
     bool floatInputs; // takes float inputs as they are (EngineVariants)
-    Run run;
+    Run run;          // the core function as _kavracore calls it
+    Run runFloats;    // with EngineVariants, where it takes them; float inputs only
 };
 
 template <class List>
@@ -85,21 +89,24 @@ const char* ListNameOf()
 }
 
 // Calls the core function `entry` (an overload set, as a generic callable)
-// over the tables and arguments, with the engine's variants where it takes them.
-template <class List, class Entry, std::size_t... I>
+// over the tables and arguments; with `floats`, with the engine's variants
+// where it takes them.  (Arrays of double take the calculation's own
+// variants: the code made for those alone runs them fastest.)
+template <class List, bool floats, class Entry, std::size_t... I>
 void CallEntry(Entry entry, const Tables* tables, const GridFunctionPtr* a, std::index_sequence<I...>)
 {
     if constexpr (std::is_same<List, NoTables>::value) {
         entry(a[I]...);
     } else {
         const List& list = *tables->Get<List>();
-        if constexpr (std::is_invocable<Entry, EngineVariants, const List&, decltype(a[I])...>::value)
+        if constexpr (floats && std::is_invocable<Entry, EngineVariants, const List&, decltype(a[I])...>::value)
             entry(EngineVariants(), list, a[I]...);
         else
             entry(list, a[I]...);
     }
 }
 
+// Whether the core function takes EngineVariants (float inputs as they are).
 template <class List, std::size_t... I, class Entry>
 constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
 {
@@ -110,21 +117,36 @@ constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
                                  GridFunctionPtr>::value;
 }
 
-#define KAVRA_OVERLOADS(entry) \
+// The overloads of a core function as one generic callable.
+#define KAVRA_OVERLOADS(entry)                                                     \
     [](auto&&... a) -> decltype(kavra::entry(std::forward<decltype(a)>(a)...)) { \
-        return kavra::entry(std::forward<decltype(a)>(a)...); \
+        return kavra::entry(std::forward<decltype(a)>(a)...);                      \
     }
 #define KAVRA_ARGUMENTS(List, inputs) ((std::is_same<List, NoTables>::value ? 1 : 2) + inputs)
-#define KAVRA_ENGINE_CELL(name, entry, List, inputs, kavracore)                                                             \
+#define KAVRA_ENGINE_CELL(name, entry, List, inputs, kavracore)                                                  \
     Calculation{#name, ListNameOf<List>(), inputs,                                                               \
                 TakesFloatInputsOf<List>(KAVRA_OVERLOADS(entry), std::make_index_sequence<inputs>()),            \
                 [](const Tables* tables, const GridFunctionPtr* arguments) {                                     \
-                    CallEntry<List>(KAVRA_OVERLOADS(entry), tables, arguments,                                   \
-                                    std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());                  \
+                    CallEntry<List, false>(KAVRA_OVERLOADS(entry), tables, arguments,                            \
+                                           std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());           \
+                },                                                                                               \
+                [](const Tables* tables, const GridFunctionPtr* arguments) {                                     \
+                    CallEntry<List, true>(KAVRA_OVERLOADS(entry), tables, arguments,                             \
+                                          std::make_index_sequence<KAVRA_ARGUMENTS(List, inputs)>());            \
                 }},
 #define KAVRA_ENGINE_OTHER(entry)
 
 const Calculation calculations[] = {KAVRA_CALCULATIONS(KAVRA_ENGINE_CELL, KAVRA_ENGINE_OTHER)};
+
+// The regions, the inputs and the result of the calculation with the most.
+#define KAVRA_ENGINE_ARGUMENTS(name, entry, List, inputs, kavracore) KAVRA_ARGUMENTS(List, inputs),
+constexpr std::size_t argumentCounts[] = {KAVRA_CALCULATIONS(KAVRA_ENGINE_ARGUMENTS, KAVRA_ENGINE_OTHER)};
+constexpr std::size_t mostArguments = [] {
+    std::size_t most = 0;
+    for (std::size_t count : argumentCounts)
+        most = count > most ? count : most;
+    return most;
+}();
 
 const Calculation* Find(const std::string& name)
 {
@@ -216,7 +238,7 @@ void SetError(const std::exception_ptr& error, const Words& words)
 
 // ---------------------------------------------------------------- calls
 
-// [[noreturn]] the Python error `type` with `message`, through nanobind.
+// Raises the Python error `type` with `message`, through nanobind.
 [[noreturn]] void Refuse(PyObject* type, const std::string& message)
 {
     PyErr_SetString(type, message.c_str());
@@ -359,6 +381,7 @@ struct CellJob : Job
     std::uint64_t n = 0;
     unsigned threads = 1;
     std::uint64_t chunk = cellsPerChunk;
+    bool floats = false; // float32 inputs
     boost::shared_ptr<void> keeper; // of the slices: the buffers are the caller's
 };
 
@@ -385,11 +408,11 @@ GridFunctionPtr SliceOf(CellJob& job, Operand& operand, std::uint64_t begin, std
 
 void RunChunk(CellJob& job, std::uint64_t begin, std::uint64_t end)
 {
-    GridFunctionPtr arguments[8];
+    GridFunctionPtr arguments[mostArguments];
     for (std::size_t a = 0; a < job.operands.size(); ++a)
         arguments[a] = SliceOf(job, job.operands[a], begin, end);
     try {
-        job.calculation->run(job.tables, arguments);
+        (job.floats ? job.calculation->runFloats : job.calculation->run)(job.tables, arguments);
     } catch (IHeaderException& failure) {
         if (failure.failure.cell >= 0)
             failure.failure.cell += static_cast<std::int64_t>(begin);
@@ -533,6 +556,7 @@ Job* PrepareCalculation(PyObject* const* args, Py_ssize_t nargs)
     const Element result = job->operands.back().type;
     const bool typed = (!floats && result == Element::float64) ||
                        (c.floatInputs && floats && !doubles && result != Element::int32);
+    job->floats = floats;
     if (!typed)
         Refuse(PyExc_ValueError, name + " takes float64 arrays" +
                                      (c.floatInputs ? ", or float32 inputs into a float32 or float64 out" : ""));
@@ -866,28 +890,38 @@ Job* PrepareRegionTotals(PyObject* const* args, Py_ssize_t nargs)
 
 // ---------------------------------------------------------------- pinch-outs
 
-// transmissibility_k(nnc1, nnc2, grid, cells): the core's sifting of int32
-// connection lists over the selection `cells` ((m, 3) uint16) of a grid of
-// `grid` = (nI, nJ, nK) cells.  Gives the kept lists and the marks, one per
-// selected cell.
-nb::tuple TransmissibilityK(std::vector<int> nnc1, std::vector<int> nnc2, std::vector<std::uint16_t> grid,
-                            std::vector<std::uint16_t> cells)
+// A NumPy array that owns the elements of `values`.
+template <class T>
+nb::object ToArray(std::vector<T>&& values)
 {
-    if (grid.size() != 3 || cells.size() % 3 != 0)
-        throw nb::value_error("transmissibility_k takes a grid (nI, nJ, nK) and cells (i, j, k)");
-    std::vector<tessel::strata::CellIJK> selected(cells.size() / 3);
+    auto* owned = new std::vector<T>(std::move(values));
+    nb::capsule owner(owned, [](void* p) noexcept { delete static_cast<std::vector<T>*>(p); });
+    return nb::cast(nb::ndarray<nb::numpy, T, nb::ndim<1>>(owned->data(), {owned->size()}, owner));
+}
+
+typedef nb::ndarray<const int, nb::ndim<1>, nb::c_contig, nb::device::cpu> Connections;
+typedef nb::ndarray<const std::uint16_t, nb::ndim<2>, nb::shape<-1, 3>, nb::c_contig, nb::device::cpu> SelectedCells;
+
+// transmissibility_k(nnc1, nnc2, grid, cells): the core's sifting of int32
+// connection lists over the selection `cells` ((m, 3) uint16 (i, j, k), in
+// selection order) of a grid of `grid` = (nI, nJ, nK) cells.  Gives the kept
+// lists (int32) and the marks (float64, one per selected cell).
+nb::tuple TransmissibilityK(Connections nnc1, Connections nnc2, std::array<std::uint16_t, 3> grid,
+                            SelectedCells cells)
+{
+    std::vector<tessel::strata::CellIJK> selected(cells.shape(0));
     for (std::size_t s = 0; s < selected.size(); ++s)
-        selected[s] = tessel::strata::CellIJK{cells[3 * s], cells[3 * s + 1], cells[3 * s + 2]};
+        selected[s] = tessel::strata::CellIJK{cells(s, 0), cells(s, 1), cells(s, 2)};
     auto parent = boost::make_shared<tessel::strata::ReservoirTopology>(grid[0], grid[1], grid[2]);
     tessel::strata::ReservoirSelectionTopologyPtr selection;
     try {
         selection = boost::make_shared<tessel::strata::ReservoirSelectionTopology>(parent, std::move(selected));
     } catch (const std::out_of_range& e) {
-        throw nb::value_error(e.what());
+        Refuse(PyExc_ValueError, std::string("transmissibility_k: ") + e.what());
     }
-    auto marks = tessel::core::make_array_grid_function<double>(std::vector<double>(selection->number_of_selected_cells));
-    auto first = boost::make_shared<std::vector<int>>(std::move(nnc1));
-    auto second = boost::make_shared<std::vector<int>>(std::move(nnc2));
+    auto marks = make_array_grid_function<double>(std::vector<double>(selection->number_of_selected_cells));
+    auto first = boost::make_shared<std::vector<int>>(nnc1.data(), nnc1.data() + nnc1.shape(0));
+    auto second = boost::make_shared<std::vector<int>>(nnc2.data(), nnc2.data() + nnc2.shape(0));
     try {
         CalcTransmissibilityK(first, second, selection, tessel::core::make_selection_view(selection, marks));
     } catch (...) {
@@ -895,7 +929,7 @@ nb::tuple TransmissibilityK(std::vector<int> nnc1, std::vector<int> nnc2, std::v
         throw nb::python_error();
     }
     std::vector<double> trank(marks->data, marks->data + marks->count);
-    return nb::make_tuple(*first, *second, trank);
+    return nb::make_tuple(ToArray(std::move(*first)), ToArray(std::move(*second)), ToArray(std::move(trank)));
 }
 
 nb::dict CalculationList()

@@ -17,12 +17,13 @@ struct Mixed
 {
 };
 
-// The variants the engine adds to a calculation's own: every input an array
-// of float or of double, the result an array of double, or all of float.
-// A calculation that offers them takes this tag as its first argument.
+// The variants the engine runs a calculation in when its inputs are arrays
+// of float: the result an array of double, or of float.  (Arrays of double
+// take the calculation's own variants.)  A calculation that offers them
+// takes this tag as its first argument.
 struct EngineVariants
 {
-    typedef ElementTypes<double, float, Mixed<float, double>> Types;
+    typedef ElementTypes<Mixed<float, double>, float> Types;
 };
 
 } // namespace kavra

@@ -65,10 +65,9 @@ __all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", 
 # inputs, whether float32 inputs are read as they are).
 _CALCULATIONS: dict[str, tuple[str | None, int, bool]] = _engine.CALCULATIONS
 # The table values of each region list.
-_VALUES: dict[str, tuple[type[_Table], ...]] = {}
-for _kind in (PVTO, PVTG, PVDG, PVDO, PVTW, ROCK):
-    _VALUES.setdefault(_kind._list_name, ())
-    _VALUES[_kind._list_name] += (_kind,)
+_VALUES: dict[str, tuple[type[_Table], ...]] = {
+    name: tuple(kind for kind in (PVTO, PVTG, PVDG, PVDO, PVTW, ROCK) if kind._list_name == name)
+    for name in _engine.RECORD_FIELDS}
 
 
 def _native_list_class(name: str) -> Any:
@@ -514,9 +513,9 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike,
             p = int(np.flatnonzero(outside)[0])
             raise ValueError(f"{function}: {name}[{p}] = {array[p]} is not a cell of the grid of "
                              f"{ni} x {nj} x {nk} cells")
-    kept1, kept2, trank = _engine.transmissibility_k(first.astype(np.int32), second.astype(np.int32), (ni, nj, nk),
-                                                     selected.reshape(-1))
-    return np.array(kept1, dtype=np.int32), np.array(kept2, dtype=np.int32), np.array(trank, dtype=np.float64)
+    kept: tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]] = _engine.transmissibility_k(
+        first.astype(np.int32), second.astype(np.int32), (ni, nj, nk), np.ascontiguousarray(selected))
+    return kept
 
 
 def _selection(function: str, selection: Any) -> tuple[tuple[int, int, int], NDArray[np.uint16]]:

@@ -28,6 +28,7 @@ bit for bit what the native ``KMax`` … give, run by kavra's engine
 
 from __future__ import annotations
 
+import functools
 import math
 import operator
 from dataclasses import dataclass
@@ -97,6 +98,7 @@ def _topology(function: str, grid: Any) -> _Cells:
                     f"tessel.ReservoirSelectionTopology, got {type(grid).__name__}")
 
 
+@functools.cache
 def _tessel() -> Any:
     """The tessel package, when its native module is built (None otherwise)."""
     try:
