@@ -63,16 +63,16 @@ Two ways to reach the columns, chosen per call:
   both keep the first of equal values (``-0.0`` against ``0.0``) and pass
   over NaN, in every part and when the parts are combined in K order.
 
+A one-dimensional ``values`` is viewed as the three-dimensional grid first
+(its chunks become whole layers); a reduction's result is laid out flat
+again from chunks of whole layers, while a map stays two-dimensional.
+
 Column maps
 -----------
 ``column_map`` gives one value per column as a two-dimensional (nJ, nI) masked
 array.  Like the whole-column reductions, it rechunks ``values`` (and
 ``weights``, ``active``) so that K lies in one chunk, and runs
 :func:`kavra.column_map` on each chunk: the map's chunks are those of J and I.
-
-A one-dimensional ``values`` is viewed as the three-dimensional grid first
-(its chunks become whole layers), and the result is laid out flat again
-from chunks of whole layers.
 
 Examples
 --------
