@@ -1,7 +1,7 @@
 #pragma once
 
 // What a call's threads touch, held alive and fixed while the interpreter
-// lock is released, and the release itself.
+// lock is released.
 #include <Python.h>
 
 #include <cstdint>
@@ -36,19 +36,6 @@ private:
     PyObject* m_owner; // an ndarray that owned its memory, or nullptr
     char* m_data;
 };
-
-// Runs work() with the interpreter lock released.  The lock is taken back in
-// plain code, never in a destructor or a handler: a thread that takes it
-// back while the interpreter finalizes is ended by the interpreter
-// (pthread_exit), and its unwinding must pass only frames that let it pass.
-// work() must not throw.
-template <class Work>
-void WithoutLock(Work& work)
-{
-    PyThreadState* state = PyEval_SaveThread();
-    work();
-    PyEval_RestoreThread(state);
-}
 
 } // namespace engine
 } // namespace kavra

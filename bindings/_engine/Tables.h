@@ -10,6 +10,7 @@
 
 #include <nanobind/nanobind.h>
 
+#include "core/pvt/RegionCells.h"
 #include "core/types/Records.h"
 
 namespace kavra {
@@ -40,7 +41,11 @@ public:
         return std::get_if<List>(&m_list);
     }
 
+    // The list's tables flattened, once for all calls (core/pvt/RegionCells.h).
+    FlatTablesKeeper& Flattened() const { return m_flattened; }
+
 private:
+    mutable FlatTablesKeeper m_flattened;
     std::string m_name;
     std::variant<TPVTList, TPVTOList, TPVTWList, TPVTGList, TRockList> m_list;
     std::vector<bool> m_empty;

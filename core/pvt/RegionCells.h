@@ -8,7 +8,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <tuple>
+#include <typeindex>
 #include <type_traits>
 #include <utility>
 
@@ -48,6 +53,30 @@ void ForEachRegionRun(Regions regions, Result result, std::uint64_t nElts, Run r
     }
 }
 
+// The flattened tables of one list that never changes, kept for every call
+// over it: its owner (the engine's tables) sets flatTablesKept on the
+// threads of a call, and CalculateByRegion then flattens the list once, not
+// at each call (or chunk of a call).  Unset, every call flattens its own.
+class FlatTablesKeeper
+{
+public:
+    template <class Flat, class List>
+    const FlatRegions<Flat>& Get(const List& list)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::shared_ptr<void>& kept = m_flat[std::make_pair(std::type_index(typeid(Flat)), &list)];
+        if (!kept)
+            kept = std::make_shared<FlatRegions<Flat>>(list);
+        return *static_cast<const FlatRegions<Flat>*>(kept.get());
+    }
+
+private:
+    std::mutex m_mutex;
+    std::map<std::pair<std::type_index, const void*>, std::shared_ptr<void>> m_flat;
+};
+
+inline thread_local FlatTablesKeeper* flatTablesKept = nullptr;
+
 namespace detail {
 
 // Cells begin..end-1 of one region: each reads its inputs in argument
@@ -84,7 +113,9 @@ void CalculateByRegion(ElementTypes<T...> types, const List& list, const Rule& r
         [&](auto regionNumbers, auto... access) {
             typedef typename List::value_type Table;
             typedef typename Flat::template InPlace<Table> InPlace;
-            const FlatRegions<Flat> flat(list);
+            std::optional<FlatRegions<Flat>> own;
+            const FlatRegions<Flat>& flat =
+                flatTablesKept ? flatTablesKept->Get<Flat>(list) : own.emplace(list);
             const auto accesses = std::make_tuple(access...);
             const auto inputs = std::make_index_sequence<sizeof...(access) - 1>();
             // The region of the run before: checked already, and the checks
