@@ -28,7 +28,7 @@ bootstrap:
 build: bootstrap
 	$(PY) -m pip install -q --no-build-isolation ".[deck]"
 
-# The column kernels and the chunk scheduler are plain C++: tested without Python.
+# The column kernels, the chunk scheduler and the cell geometry are plain C++: tested without Python.
 native-test:
 	@mkdir -p build
 	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_column_kernels.cpp \
@@ -37,6 +37,9 @@ native-test:
 	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_parallel_chunks.cpp \
 		core/utils/ParallelFor.cpp -pthread -o build/test_parallel_chunks
 	build/test_parallel_chunks
+	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_cell_geometry.cpp \
+		core/grid/CellGeometry.cpp core/utils/ParallelFor.cpp -pthread -o build/test_cell_geometry
+	build/test_cell_geometry
 
 # pytest exits with 5 when it collected no test: that is a broken suite here.
 test: build native-test

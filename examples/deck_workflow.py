@@ -43,18 +43,6 @@ PSI_PER_FT_PER_LB_FT3 = 1.0 / 144.0
 Floats = NDArray[np.float64]
 
 
-def cell_depths(deck: kavra.deck.Deck) -> Floats:
-    """Depth of each cell's centre: its top (TOPS, continued down the layers
-    with DZ) plus half its thickness."""
-    return deck.cell_property("TOPS") + 0.5 * deck.cell_property("DZ")
-
-
-def equil(deck: kavra.deck.Deck) -> tuple[float, float]:
-    """Datum depth and the pressure at the datum, EQUIL items 1 and 2 (one equilibration region)."""
-    record = deck.records("EQUIL")[0]
-    return float(record[0]), float(record[1])
-
-
 def layer_table(deck: kavra.deck.Deck, columns: dict[str, tuple[str, Floats]]) -> None:
     """One line per layer: the mean of each quantity over the layer's active cells."""
     grid, active = deck.grid, deck.active.reshape(deck.grid.nK, -1)
@@ -73,7 +61,7 @@ def spe1(out: pathlib.Path) -> None:
     assert deck.pvto is not None and deck.rock is not None
     n = deck.grid.number_of_cells()
     pvtnum = deck.cell_property("PVTNUM")
-    depth = cell_depths(deck)
+    depth = deck.cell_depths()  # of each cell's centre
 
     # Rs of every cell from RSVD (Rs against depth, linear between its rows).
     rsvd = deck.records("RSVD")[0].reshape(-1, 2)
@@ -86,8 +74,9 @@ def spe1(out: pathlib.Path) -> None:
     # fills Bo reservoir barrels, so rho = (rho_o + Rs * 1000 * rho_g / 5.614583) / Bo
     # in lb/ft3.  Bo (through 1/Bo) is taken at the datum pressure with the
     # datum's Rs; the gradient is kept constant over the thin oil column.
-    datum_depth, datum_pressure = equil(deck)
-    rho_oil, _, rho_gas = deck.records("DENSITY")[0]
+    datum_depth, datum_pressure = deck.equil[0].datum_depth, deck.equil[0].datum_pressure
+    assert deck.density is not None
+    rho_oil, _, rho_gas = deck.density.regions[0]
     rs_datum = float(np.interp(datum_depth, rsvd[:, 0], rsvd[:, 1]))
     pbub_datum = kavra.bubble_point_pressure(deck.pvto, [1], [rs_datum])
     one_over_bo_datum = kavra.one_over_bo(deck.pvto, [1], [datum_pressure], np.minimum(pbub_datum, datum_pressure))
@@ -141,7 +130,7 @@ def spe3(out: pathlib.Path) -> None:
     assert deck.pvtg is not None and deck.rock is not None
     n = deck.grid.number_of_cells()
     pvtnum = deck.cell_property("PVTNUM")
-    depth = cell_depths(deck)
+    depth = deck.cell_depths()  # of each cell's centre
     gas = deck.pvtg.regions[0]
 
     # The gas in place is the richest gas of the table: the largest Rv of a
@@ -157,8 +146,9 @@ def spe3(out: pathlib.Path) -> None:
     # table at the datum: an Mscf of gas (1000 * rho_g lb) with its Rv stock-tank
     # barrels of oil (Rv * 5.614583 * rho_o lb) fills Bg reservoir barrels, so
     # rho = (1000 * rho_g + Rv * 5.614583 * rho_o) / (Bg * 5.614583) in lb/ft3.
-    datum_depth, datum_pressure = equil(deck)
-    rho_oil, _, rho_gas = deck.records("DENSITY")[0]
+    datum_depth, datum_pressure = deck.equil[0].datum_depth, deck.equil[0].datum_pressure
+    assert deck.density is not None
+    rho_oil, _, rho_gas = deck.density.regions[0]
     one_over_bg_datum = float(kavra.one_over_bg(deck.pvtg, [1], [datum_pressure], [pdew_initial], [rv_initial])[0])
     density = (SCF_PER_MSCF * rho_gas + rv_initial * FT3_PER_BBL * rho_oil) * one_over_bg_datum / FT3_PER_BBL
     gradient = density * PSI_PER_FT_PER_LB_FT3

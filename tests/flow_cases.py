@@ -1,8 +1,11 @@
-"""Simulation cases for the tests and examples: the SPE decks that ship with kavra, run with OPM Flow.
+"""Simulation cases for the tests and examples: the SPE decks that ship with kavra and the decks
+of tests/data, run with OPM Flow.
 
-The decks have no SCHEDULE.  Each case adds files of tests/data to its deck
-(CASES): the restart output, summary and schedule before END, and for SPE3
-inactive cells at the end of the GRID section.  `run_flow` writes the deck
+The SPE decks have no SCHEDULE.  Each of their cases adds files of tests/data
+to its deck (CASES): the restart output, summary and schedule before END, and
+for SPE3 inactive cells at the end of the GRID section.  The decks of
+tests/data (EDITED: edited properties and two PVT regions; FAULTED: corner
+points) are whole, and run as they are.  `run_flow` writes the deck
 into a directory and runs Flow there (package opm-simulators), in a child
 process: Flow writes its files beside the deck, prints its progress and keeps
 state between runs.
@@ -19,7 +22,7 @@ import sys
 
 import pytest
 
-from kavra.deck import example_path
+from kavra.deck import EXAMPLES, example_path
 
 DATA = pathlib.Path(__file__).resolve().parent / "data"
 
@@ -27,6 +30,8 @@ DATA = pathlib.Path(__file__).resolve().parent / "data"
 CASES = {
     "SPE1CASE1": {"END": "SPE1CASE1.SCHEDULE.INC"},
     "SPE3CASE1": {"PROPS": "SPE3CASE1.GRID.INC", "END": "SPE3CASE1.SCHEDULE.INC"},
+    "EDITED": {},
+    "FAULTED": {},
 }
 
 _RUN = """
@@ -48,7 +53,8 @@ def write_deck(name, directory, unified=True):
     """
     additions = CASES[name]
     lines, seen = [], set()
-    for line in example_path(name).read_text().splitlines():
+    source = example_path(name) if name in EXAMPLES else DATA / f"{name}.DATA"
+    for line in source.read_text().splitlines():
         if not unified and line.strip() in ("UNIFIN", "UNIFOUT"):
             continue
         if line.strip() in additions:

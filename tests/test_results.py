@@ -13,7 +13,7 @@ from flow_cases import CASES, flow_case, flow_run  # noqa: F401  (fixtures)
 ecl = pytest.importorskip("opm.io.ecl")
 results = pytest.importorskip("kavra.results", reason="resfo is not installed (pip install '.[results]')")
 
-EVERY_CASE = pytest.mark.parametrize("flow_case", list(CASES), indirect=True)
+EVERY_CASE = pytest.mark.parametrize("flow_case", [name for name in CASES if name.startswith("SPE")], indirect=True)
 NUMERIC = {ecl.eclArrType.INTE, ecl.eclArrType.REAL, ecl.eclArrType.DOUB, ecl.eclArrType.LOGI}
 
 

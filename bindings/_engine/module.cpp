@@ -25,6 +25,7 @@
 
 #include "bindings/_engine/Calls.h"
 #include "bindings/_engine/Engine.h"
+#include "bindings/_engine/Geometry.h"
 #include "bindings/_engine/Tables.h"
 #include "core/vadra/TransmissibilityK.h"
 #include "tessel/core/GridFunction.h"
@@ -107,6 +108,7 @@ NB_MODULE(_engine, m)
         throw nb::python_error();
     m.def("reduce_selection", &ReduceSelection);
     m.def("transmissibility_k", &TransmissibilityK);
+    RegisterGeometry(m);
     m.attr("CALCULATIONS") = CalculationList();
     m.attr("RECORD_FIELDS") = RecordFieldNames();
     m.attr("CHUNK") = cellsPerChunk;

@@ -1,10 +1,14 @@
-"""PVT and rock tables and grid properties read from ECLIPSE-style input decks.
+"""PVT and rock tables, grid properties and cell geometry read from ECLIPSE-style input decks.
 
 The deck is parsed by ``opm.io`` (the ``opm`` package, installed with
 ``pip install 'kavra[deck]'``); this module turns what it parsed into the
-table values of :mod:`kavra.tables` and NumPy arrays.  Every number is the
-one written in the deck, in the deck's own unit system: nothing is converted
-to SI and nothing is filled in where a table leaves a value out.
+table values of :mod:`kavra.tables` and NumPy arrays.  Every number of a table
+is the one written in the deck, in the deck's own unit system: nothing is
+converted to SI and nothing is filled in where a table leaves a value out.
+Grid properties are the simulator's: opm's ``EclipseState`` applies the edits
+(EQUALS, MULTIPLY, BOX, ...), and its SI numbers come back in the deck's units.
+Cell volumes, centre depths and pore volumes are computed natively from the
+grid's corner points (:meth:`Deck.cell_volumes`).
 
 Examples
 --------
@@ -31,21 +35,25 @@ Examples
 
 from __future__ import annotations
 
+import functools
 import os
 import pathlib
 import re
 from collections.abc import Callable, Iterator
-from typing import Any
+from typing import Any, NamedTuple
 
 import numpy as np
 from numpy.typing import NDArray
 
 import tessel
 
-from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_SYSTEMS
+from . import _engine
+from ._threads import resolve as _threads
+from .tables import DENSITY, PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_SYSTEMS
 
 try:
-    from opm.io.parser import ParseContext as _ParseContext  # type: ignore[import-untyped]
+    from opm.io.ecl_state import EclipseState as _EclipseState  # type: ignore[import-untyped]
+    from opm.io.parser import ParseContext as _ParseContext
     from opm.io.parser import Parser as _Parser
     from opm.io.parser import action as _action
 except ImportError as _error:  # the optional extra is not installed
@@ -53,7 +61,8 @@ except ImportError as _error:  # the optional extra is not installed
         "kavra.deck reads decks with the opm package, which is not installed: "
         "pip install 'kavra[deck]' (or pip install opm)") from _error
 
-__all__ = ["Deck", "DeckError", "read", "example_path", "EXAMPLES", "MAX_INCLUDE_DEPTH", "MAX_INCLUDES"]
+__all__ = ["Deck", "DeckError", "Equilibration", "read", "example_path", "EXAMPLES", "MAX_INCLUDE_DEPTH",
+           "MAX_INCLUDES"]
 
 #: The decks shipped with kavra (public SPE test decks, each with its license header), for
 #: :func:`example_path`.
@@ -68,10 +77,18 @@ MAX_INCLUDES = 10_000
 DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "PVTNUM": (1, np.int32),
                                          "ACTNUM": (1, np.int32)}
 
-# Keywords that change grid properties after they are given.  Their effect is
-# not applied here, so a property that one of them names is refused.
+# Keywords that change grid properties after they are given.  opm applies them on a deck with
+# a grid; on a deck without one (no COORD and ZCORN, no DX, DY, DZ and TOPS) there is nothing
+# for the simulator to apply them on, and a property that one of them names is refused.
 _EDIT_KEYWORDS = ("EQUALS", "COPY", "ADD", "MULTIPLY", "MINVALUE", "MAXVALUE", "COPYBOX",
                   "EQUALREG", "ADDREG", "MULTIREG", "COPYREG", "OPERATE", "OPERATER")
+
+# Keywords that the grid reads as written (opm refuses edits of them), and the two ways a deck
+# gives its grid's geometry.
+_GRID_KEYWORDS = ("DX", "DY", "DZ", "TOPS", "COORD", "ZCORN")
+_CORNER_POINT = ("COORD", "ZCORN")
+_SECTIONS = ("EDIT", "PROPS", "REGIONS", "SOLUTION", "SUMMARY", "SCHEDULE")  # the sections after GRID
+_BLOCK_CENTRED = ("DX", "DY", "DZ", "TOPS")
 
 # Table values that may be left to their default, because the default is zero
 # in every unit system: PVTW viscosibility, ROCK compressibility (index of the
@@ -115,6 +132,24 @@ def example_path(name: str) -> pathlib.Path:
     return pathlib.Path(__file__).with_name("decks") / f"{name}.DATA"
 
 
+class Equilibration(NamedTuple):
+    """The items of one EQUIL record (one equilibration region), in the deck's units.
+
+    NaN where the deck leaves an item to its default.  Depths in the deck's length unit (m,
+    ft, cm), pressures in its pressure unit (barsa, psia, atma).
+    """
+
+    datum_depth: float
+    datum_pressure: float
+    owc_depth: float  #: the oil-water contact (the gas-water contact of a gas-water deck)
+    owc_pc: float  #: the oil-water capillary pressure at that contact
+    goc_depth: float
+    goc_pc: float
+    rsvd_table: float  #: item 7: how Rs (or Pb) varies with depth
+    rvvd_table: float  #: item 8: how Rv (or Pd) varies with depth
+    accuracy: float  #: item 9: the accuracy of the initial fluid in place
+
+
 class Deck:
     """What :func:`read` found in a deck.
 
@@ -125,9 +160,9 @@ class Deck:
     units : str
         The deck's unit system: ``"METRIC"``, ``"FIELD"``, ``"LAB"`` or ``"PVT-M"``.  Every
         number of the tables is in it, and its labels are on every scalar they hand out.
-    pvto, pvtg, pvdg, pvdo, pvtw, rock : kavra.tables.PVTO, ... or None
-        The tables of the keywords of those names, one per PVT region (the NTPVT of
-        TABDIMS), or None where the deck has no such keyword.
+    pvto, pvtg, pvdg, pvdo, pvtw, rock, density : kavra.tables.PVTO, ... or None
+        The tables of the keywords PVTO, PVTG, PVDG, PVDO, PVTW, ROCK and DENSITY, one per PVT
+        region (the NTPVT of TABDIMS), or None where the deck has no such keyword.
     """
 
     grid: tessel.ReservoirTopology
@@ -138,18 +173,23 @@ class Deck:
     pvdo: PVDO | None
     pvtw: PVTW | None
     rock: ROCK | None
+    density: DENSITY | None
 
     def __init__(self, parsed: Any, grid: tessel.ReservoirTopology, units: str,
-                 tables: dict[str, Any]) -> None:
+                 tables: dict[str, Any], parse: Callable[[], Any] | None = None) -> None:
         self._parsed = parsed
+        self._parse = parse  # a new parse of the deck, for opm's state (which changes the deck it is given)
         self.grid = grid
         self.units = units
         self.pvto, self.pvtg = tables["PVTO"], tables["PVTG"]
         self.pvdg, self.pvdo = tables["PVDG"], tables["PVDO"]
         self.pvtw, self.rock = tables["PVTW"], tables["ROCK"]
+        self.density = tables["DENSITY"]
+        self._state: Any = None
+        self._known: dict[str, Any] = {}  # what is worked out once: the geometry, the active cells
 
     def __repr__(self) -> str:
-        tables = ", ".join(name for name in ("pvto", "pvtg", "pvdg", "pvdo", "pvtw", "rock")
+        tables = ", ".join(name for name in ("pvto", "pvtg", "pvdg", "pvdo", "pvtw", "rock", "density")
                            if getattr(self, name) is not None)
         g = self.grid
         return f"<kavra.deck.Deck {g.nI}x{g.nJ}x{g.nK} {self.units}, tables: {tables or 'none'}>"
@@ -161,12 +201,45 @@ class Deck:
 
     @property
     def active(self) -> NDArray[np.bool_]:
-        """The ACTNUM mask: True for the active cells, in cell order (all True without ACTNUM)."""
-        mask: NDArray[np.bool_] = np.not_equal(self.cell_property("ACTNUM"), 0)
+        """The cells the simulator keeps: True for an active cell, in cell order.
+
+        On a deck with a grid: the cells that opm keeps (those of ACTNUM, edits applied, with
+        a pore volume above 0), less those without a volume and those whose pore volume
+        (:meth:`pore_volume` before the inactive cells are zeroed) is below MINPV (or
+        MINPORV), as Flow drops them.  A cell thinner than PINCH's threshold stays active,
+        as in Flow.  On a deck without a grid: ACTNUM alone.
+        """
+        if self._geometry_kind() is None:
+            return np.not_equal(self.cell_property("ACTNUM"), 0)
+        if "active" not in self._known:
+            self._known["active"] = (self._input_active() & (self._geometry()["volumes"] > 0)
+                                     & ~(self._pore_volumes() < self._minimum_pore_volume()))
+        mask: NDArray[np.bool_] = self._known["active"].copy()
         return mask
 
+    @property
+    def equil(self) -> tuple[Equilibration, ...]:
+        """The records of EQUIL, one :class:`Equilibration` per equilibration region.
+
+        Raises
+        ------
+        KeyError
+            The deck has no EQUIL keyword.
+
+        Examples
+        --------
+        >>> deck = read(example_path("SPE1CASE1"))
+        >>> deck.equil[0].datum_depth, deck.equil[0].datum_pressure, deck.equil[0].goc_depth
+        (8400.0, 4800.0, 8300.0)
+        """
+        fields = len(Equilibration._fields)
+        return tuple(Equilibration(*(float(x) for x in np.resize(np.append(record[:fields], [np.nan] * fields),
+                                                                 fields)))
+                     for record in self.records("EQUIL"))
+
     def cell_property(self, name: str) -> NDArray[Any]:
-        """One value per cell of a grid property of the deck (PORO, NTG, PERMX, PVTNUM, ...).
+        """One value per cell of a grid property (PORO, NTG, PERMX, PVTNUM, ...) as the
+        simulator sees it.
 
         Parameters
         ----------
@@ -177,10 +250,21 @@ class Deck:
         -------
         numpy.ndarray
             A new 1-D array of nI * nJ * nK values in cell order (I fastest, then J, then K):
-            float64, or int32 for integer keywords (regions, ACTNUM).  Numbers are as the deck
-            writes them.  NTG, PVTNUM and ACTNUM that the deck leaves out are 1 in every cell.
-            TOPS given for the upper layers only is continued downwards with DZ, layer by
-            layer, as a simulator does.
+            float64, or int32 for integer keywords (regions, ACTNUM), in the deck's units.
+
+            On a deck with a grid (COORD and ZCORN, or DX, DY, DZ and TOPS) the values are
+            opm's: the keyword and what EQUALS, MULTIPLY, ADD, COPY, MINVALUE, MAXVALUE (in
+            BOX ... ENDBOX or a box of their own) and the region operations do to it, from
+            opm's SI numbers back to the deck's units (the deck's own number where it is
+            the same number in SI).  Cells outside ACTNUM are NaN (0 for integers): the
+            simulator holds nothing there.  DX, DY, DZ, TOPS, COORD and ZCORN are the grid's,
+            as written (opm refuses edits of them); of corner-point cells, DX (DY) is the
+            horizontal distance between the centres of the cell's I (J) faces and DZ the
+            vertical one between its top and bottom, as Flow writes them.  COORD and ZCORN
+            are their pillars and corner depths, in the deck's order.  On a deck without a grid: the numbers
+            as written.  NTG, PVTNUM and ACTNUM that the deck leaves out are 1 in every
+            cell.  TOPS given for the upper layers only is continued downwards with DZ,
+            layer by layer, as a simulator does.
 
         Raises
         ------
@@ -189,51 +273,134 @@ class Deck:
         KeyError
             The deck has no such keyword (and it has no default).
         DeckError
-            The keyword does not hold one value per cell, leaves values to their default, or
-            is changed by an edit keyword (EQUALS, MULTIPLY, COPY, ...), which is not applied.
+            The keyword does not hold one value per cell or leaves values to their default;
+            on a deck without a grid, it is changed by an edit keyword; opm cannot build the
+            grid and its properties.
 
         Examples
         --------
         >>> deck = read("RUNSPEC\\nDIMENS\\n 3 1 1 /\\nGRID\\nPVTNUM\\n 1 2 2 /\\n")
         >>> deck.cell_property("pvtnum"), deck.cell_property("ACTNUM")
         (array([1, 2, 2], dtype=int32), array([1, 1, 1], dtype=int32))
+        >>> deck = read('''
+        ... RUNSPEC
+        ... DIMENS
+        ...  3 1 1 /
+        ... FIELD
+        ... GRID
+        ... DX
+        ...  3*100 /
+        ... DY
+        ...  3*100 /
+        ... DZ
+        ...  3*10 /
+        ... TOPS
+        ...  3*5000 /
+        ... PERMX
+        ...  3*100 /
+        ... BOX
+        ...  2 3 1 1 1 1 /
+        ... MULTIPLY
+        ...  PERMX 1.5 /
+        ... /
+        ... ENDBOX
+        ... ''')
+        >>> deck.cell_property("PERMX")
+        array([100., 150., 150.])
         """
         name = _keyword_name(name, "cell_property")
-        n = self.grid.number_of_cells()
-        if name not in self._parsed:
-            if name in DEFAULTS:
-                value, dtype = DEFAULTS[name]
-                return np.full(n, value, dtype=dtype)
-            raise KeyError(f"the deck has no {name} keyword")
-        self._refuse_edits(name)
-        keyword = self._parsed[name]  # the last one counts
-        item = _array_item(keyword, name)
-        values = np.array(item.get_data_list(), dtype=np.int32) if item.is_int() \
-            else np.array(item.get_raw_data_list(), dtype=np.float64)
-        slots = _defaulted_slots(str(keyword[0]))
-        if any(slots):
-            raise DeckError(f"{name}: value {slots.index(True) + 1} is left to its default (1*); "
-                            f"every cell needs its number")
-        layer = self.grid.nI * self.grid.nJ
-        if name == "TOPS" and len(values) < n and layer and len(values) % layer == 0:
-            return self._tops_downwards(values.astype(np.float64))
-        if len(values) != n:
-            raise DeckError(f"{name} holds {len(values)} value{'' if len(values) == 1 else 's'}; "
-                            f"the grid of DIMENS has {n} cells")
-        return values
+        kind = self._geometry_kind()
+        if kind == _CORNER_POINT and name in ("DX", "DY", "DZ"):
+            return self._geometry()[name.lower()].copy()
+        if name in _GRID_KEYWORDS or kind is None:
+            return self._as_written(name)
+        if name == "ACTNUM":
+            return self._input_active().astype(np.int32)
+        return self._simulated(name)
+
+    def cell_volumes(self) -> NDArray[np.float64]:
+        """The bulk volume of every cell, in the deck's length unit cubed (m3, ft3, cc).
+
+        Corner-point cells (COORD and ZCORN) are the trilinear hexahedra through their eight
+        corners, faces that are not planar included, as the simulator takes them; the
+        volumes are computed natively, on kavra's threads.  Block-centred cells are DX * DY
+        * DZ.
+
+        Returns
+        -------
+        numpy.ndarray
+            A new float64 array of nI * nJ * nK volumes in cell order, inactive cells included.
+
+        Raises
+        ------
+        DeckError
+            The deck has no grid geometry, or its COORD or ZCORN has the wrong length.
+
+        Examples
+        --------
+        >>> read(example_path("SPE1CASE1")).cell_volumes()[[0, 100, 200]]  # ft3
+        array([20000000., 30000000., 50000000.])
+        """
+        volumes: NDArray[np.float64] = self._geometry()["volumes"].copy()
+        return volumes
+
+    def cell_depths(self) -> NDArray[np.float64]:
+        """The depth of every cell's centre (the mean depth of its eight corners, as the
+        simulator takes it), in the deck's length unit.
+
+        Returns
+        -------
+        numpy.ndarray
+            A new float64 array of nI * nJ * nK depths in cell order, inactive cells included.
+
+        Raises
+        ------
+        DeckError
+            As :meth:`cell_volumes`.
+
+        Examples
+        --------
+        >>> read(example_path("SPE1CASE1")).cell_depths()[[0, 100, 200]]  # ft
+        array([8335., 8360., 8400.])
+        """
+        depths: NDArray[np.float64] = self._geometry()["depths"].copy()
+        return depths
+
+    def pore_volume(self) -> NDArray[np.float64]:
+        """The pore volume of every cell as the simulator computes it: bulk volume x PORO x
+        NTG x MULTPV (opm's PORV where the deck gives or edits PORV), in the deck's reservoir
+        volume unit (rm3, rb, rcc), and 0 in the cells that are not :attr:`active` (outside
+        ACTNUM, without pore volume, below MINPV), as Flow writes them.
+
+        Returns
+        -------
+        numpy.ndarray
+            A new float64 array of nI * nJ * nK pore volumes in cell order.
+
+        Raises
+        ------
+        DeckError
+            As :meth:`cell_volumes`, or the deck has no PORO.
+
+        Examples
+        --------
+        >>> read(example_path("SPE1CASE1")).pore_volume()[[0, 100, 200]]  # rb
+        array([1068645.64007421, 1602968.46011132, 2671614.10018553])
+        """
+        return np.where(self.active, self._pore_volumes(), 0.0)
 
     def records(self, name: str) -> list[NDArray[np.float64]]:
         """The records of any keyword as float64 arrays, every item's values in record order.
 
         Values that the deck leaves to their default (``1*``, or a record ended early) are NaN:
         they are not numbers of the deck.  Useful for the keywords that have no table class
-        here (EQUIL, DENSITY, RSVD, ...).
+        here (RSVD, ...).
 
         Examples
         --------
-        >>> deck = read("RUNSPEC\\nDIMENS\\n 1 1 1 /\\nFIELD\\nTABDIMS\\n/\\nPROPS\\nDENSITY\\n 53.66 1* 0.0533 /\\n")
-        >>> deck.records("DENSITY")
-        [array([5.366e+01,       nan, 5.330e-02])]
+        >>> deck = read("RUNSPEC\\nDIMENS\\n 1 1 1 /\\nFIELD\\nTABDIMS\\n/\\nPROPS\\nROCK\\n 3000 1* /\\n")
+        >>> deck.records("ROCK")
+        [array([3000.,   nan])]
         """
         name = _keyword_name(name, "records")
         if name not in self._parsed:
@@ -246,6 +413,39 @@ class Deck:
             result.append(values)
         return result
 
+    # --- the numbers as written ------------------------------------------------------
+
+    def _as_written(self, name: str) -> NDArray[Any]:
+        n = self.grid.number_of_cells()
+        if name not in self._parsed:
+            if name in DEFAULTS:
+                value, dtype = DEFAULTS[name]
+                return np.full(n, value, dtype=dtype)
+            raise KeyError(f"the deck has no {name} keyword")
+        if name not in _GRID_KEYWORDS:
+            self._refuse_edits(name)
+        values = self._numbers(name)
+        layer = self.grid.nI * self.grid.nJ
+        if name == "TOPS" and len(values) < n and layer and len(values) % layer == 0:
+            return self._tops_downwards(values.astype(np.float64))
+        if len(values) != n and name not in _CORNER_POINT:  # COORD and ZCORN hold corners, not cells
+            raise DeckError(f"{name} holds {len(values)} value{'' if len(values) == 1 else 's'}; "
+                            f"the grid of DIMENS has {n} cells")
+        return values
+
+    def _numbers(self, name: str) -> NDArray[Any]:
+        """Every number of an array keyword as written (the last one counts); DeckError where
+        one is left to its default."""
+        keyword = self._parsed[name]
+        item = _array_item(keyword, name)
+        values = np.array(item.get_data_list(), dtype=np.int32) if item.is_int() \
+            else np.array(item.get_raw_data_list(), dtype=np.float64)
+        slots = _defaulted_slots(str(keyword[0]))
+        if any(slots):
+            raise DeckError(f"{name}: value {slots.index(True) + 1} is left to its default (1*); "
+                            f"every cell needs its number")
+        return values
+
     def _refuse_edits(self, name: str) -> None:
         for keyword in self._parsed:
             if keyword.name not in _EDIT_KEYWORDS:
@@ -254,8 +454,9 @@ class Deck:
                 texts = [item.get_str(0).strip("'").upper() for item in record
                          if item.is_string() and len(item.get_data_list())]
                 if name in texts:
-                    raise DeckError(f"{name} is changed by {keyword.name} record {index}, which kavra does not "
-                                    f"apply; give {name} with one value per cell")
+                    raise DeckError(f"{name} is changed by {keyword.name} record {index}, which kavra applies "
+                                    f"only on a deck with a grid (COORD and ZCORN, or DX, DY, DZ and TOPS); "
+                                    f"give {name} with one value per cell")
 
     def _tops_downwards(self, tops: NDArray[np.float64]) -> NDArray[np.float64]:
         layer = self.grid.nI * self.grid.nJ
@@ -265,6 +466,168 @@ class Deck:
         for start in range(len(tops), len(full), layer):
             full[start:start + layer] = full[start - layer:start] + dz[start - layer:start]
         return full
+
+    # --- the simulator's view --------------------------------------------------------
+
+    def _geometry_kind(self) -> tuple[str, ...] | None:
+        for keywords in (_CORNER_POINT, _BLOCK_CENTRED):
+            if all(name in self._parsed for name in keywords):
+                return keywords
+        return None
+
+    def _opm_state(self) -> Any:
+        """opm's EclipseState of the deck: the grid and the grid properties with every edit
+        applied, in SI units, over the cells it keeps.
+
+        Built from a parse of its own (opm changes the numbers of the deck it builds the state
+        from), with a marker at the end of the GRID section: an integer property no other
+        keyword of the deck reads, holding each cell's number from 1, whose values in the
+        state name the cells that opm kept."""
+        if self._state is None:
+            g = self.grid
+            marker = self._marker()
+            numbers = " ".join(map(str, range(1, g.number_of_cells() + 1)))
+            marked = _Parser().parse_string(f"RUNSPEC\nDIMENS\n {g.nI} {g.nJ} {g.nK} /\nGRID\n{marker}\n{numbers} /\n")
+            deck, placed, in_grid = _Parser().parse_string(""), False, False
+            for keyword in (self._parse() if self._parse else self._parsed):
+                if keyword.name in _SECTIONS and in_grid and not placed:
+                    deck.add(marked[marker])
+                    placed = True
+                in_grid = in_grid or keyword.name == "GRID"
+                deck.add(keyword)
+            if not placed:
+                deck.add(marked[marker])
+            try:
+                self._state = _EclipseState(deck)
+            except (RuntimeError, ValueError, IndexError) as error:
+                raise DeckError(f"opm cannot build the grid and its properties: {error}") from error
+            kept = np.asarray(self._state.field_props().get_int_array(marker), dtype=np.int64) - 1
+            self._known["input_active"] = np.zeros(g.number_of_cells(), dtype=bool)
+            self._known["input_active"][kept] = True
+        return self._state
+
+    def _marker(self) -> str:
+        """An integer property that no keyword of the deck reads: the deck has no such keyword,
+        no region operation names its region array, no OPERATER reads OPERNUM."""
+        regional = [str(k).replace("'", " ").split() for k in self._parsed
+                    if k.name in ("EQUALREG", "ADDREG", "MULTIREG", "COPYREG", "OPERATER")]
+        for name, letter in (("OPERNUM", "O"), ("FLUXNUM", "F"), ("MULTNUM", "M")):
+            if name not in self._parsed and not any(letter in tokens for tokens in regional) and not (
+                    name == "OPERNUM" and "OPERATER" in self._parsed):
+                return name
+        raise DeckError("the deck uses OPERNUM, FLUXNUM and MULTNUM: kavra cannot tell which cells opm keeps")
+
+    def _input_active(self) -> NDArray[np.bool_]:
+        """The cells that opm keeps (ACTNUM, edits applied, with a pore volume above 0): those
+        its properties hold values for."""
+        self._opm_state()
+        mask: NDArray[np.bool_] = self._known["input_active"]
+        return mask
+
+    def _simulated(self, name: str) -> NDArray[Any]:
+        properties = self._opm_state().field_props()
+        values: NDArray[Any] | None = None
+        for get, dtype in ((properties.get_double_array, np.float64), (properties.get_int_array, np.int32)):
+            try:
+                values = np.asarray(get(name), dtype=dtype)
+                break
+            except (ValueError, RuntimeError, KeyError, IndexError):  # not a property of that type
+                continue
+        if values is None:
+            return self._as_written(name)  # a default, a KeyError or a DeckError in words
+        active = self._input_active()
+        if values.dtype == np.float64:
+            values = self._deck_units(name, values, active)
+        full = np.full(self.grid.number_of_cells(), np.nan if values.dtype == np.float64 else 0, dtype=values.dtype)
+        full[active] = values
+        return full
+
+    def _deck_units(self, name: str, si: NDArray[np.float64], active: NDArray[np.bool_]) -> NDArray[np.float64]:
+        """opm's SI numbers of property `name` in the active cells, in the deck's units: the deck's own
+        number where opm's SI number converted back is that number but for the rounding of the
+        conversion, else the SI number converted back."""
+        factor = _si_factor(self.units, name)
+        if factor == 1.0:
+            return si
+        values = si / factor
+        rest = np.ones(len(values), dtype=bool)
+        if name in self._parsed:
+            raw = np.array(_array_item(self._parsed[name], name).get_raw_data_list(), dtype=np.float64)
+            if len(raw) == len(active):
+                raw = raw[active]
+                written = np.abs(values - raw) <= 4 * np.spacing(np.abs(raw))
+                values[written] = raw[written]
+                rest = ~written
+        # An edited number: its shortest decimal form, where only the conversion's rounding
+        # (a few units in the last place) stands between the two.
+        distinct, where = np.unique(values[rest], return_inverse=True)
+        short = np.array([float(f"{value:.15g}") for value in distinct])
+        distinct = np.where(np.abs(short - distinct) <= 4 * np.spacing(np.abs(distinct)), short, distinct)
+        values[rest] = distinct[where]
+        return values
+
+    def _geometry(self) -> dict[str, NDArray[np.float64]]:
+        """The volumes and centre depths of the cells (and DX, DY, DZ of corner-point cells), in
+        the deck's length unit."""
+        if "geometry" in self._known:
+            geometry: dict[str, NDArray[np.float64]] = self._known["geometry"]
+            return geometry
+        kind = self._geometry_kind()
+        g = self.grid
+        n = g.number_of_cells()
+        if kind is None:
+            raise DeckError("the deck has no grid geometry: it needs COORD and ZCORN, or DX, DY, DZ and TOPS")
+        if kind == _CORNER_POINT:
+            coord, zcorn = self._numbers("COORD").astype(np.float64), self._numbers("ZCORN").astype(np.float64)
+            for name, numbers, expected in (("COORD", coord, 6 * (g.nI + 1) * (g.nJ + 1)), ("ZCORN", zcorn, 8 * n)):
+                if len(numbers) != expected:
+                    raise DeckError(f"{name} holds {len(numbers)} numbers; the grid of DIMENS needs {expected}")
+            geometry = {name: np.empty(n) for name in ("volumes", "depths", "dx", "dy", "dz")}
+            _engine.cell_geometry(g.nI, g.nJ, g.nK, coord, zcorn, tuple(geometry.values()), _threads(None))
+        else:
+            dx, dy, dz, tops = (self.cell_property(name) for name in _BLOCK_CENTRED)
+            geometry = {"volumes": dx * dy * dz, "depths": tops + dz / 2.0}
+        self._known["geometry"] = geometry
+        return geometry
+
+    def _minimum_pore_volume(self) -> float:
+        for name in ("MINPV", "MINPORV"):
+            if name in self._parsed:
+                return float(self._parsed[name][0][0].get_raw_data_list()[0])
+        return -np.inf
+
+    def _pore_volumes(self) -> NDArray[np.float64]:
+        """Pore volumes of every cell in the deck's reservoir volume unit, inactive cells not zeroed."""
+        if "pore volumes" not in self._known:
+            named = "PORV" in self._parsed or any(
+                keyword.name in _EDIT_KEYWORDS and "PORV" in str(keyword) for keyword in self._parsed)
+            if named:
+                self._known["pore volumes"] = self._simulated("PORV")
+            else:
+                scale = _si_factor(self.units, "DX") ** 3 / _si_factor(self.units, "PORV")
+                multiplier = self.cell_property("MULTPV") if self._has("MULTPV") else 1.0
+                self._known["pore volumes"] = (self._geometry()["volumes"] * self.cell_property("PORO")
+                                               * self.cell_property("NTG") * multiplier * scale)
+        pore_volumes: NDArray[np.float64] = self._known["pore volumes"]
+        return pore_volumes
+
+    def _has(self, name: str) -> bool:
+        try:
+            self.cell_property(name)
+        except KeyError:
+            return False
+        return True
+
+
+@functools.lru_cache(maxsize=None)
+def _si_factor(units: str, name: str) -> float:
+    """What opm multiplies a number of keyword `name` in unit system `units` by to have it in SI
+    (1 for a number without a unit), from a deck of that keyword alone."""
+    probe = _Parser().parse_string(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nGRID\n{name}\n 1 /\n")
+    item = _array_item(probe[name], name)
+    if item.is_int():
+        return 1.0
+    return float(item.get_SI_data_list()[0]) / float(item.get_raw_data_list()[0])
 
 
 def read(source: str | os.PathLike[str]) -> Deck:
@@ -284,7 +647,8 @@ def read(source: str | os.PathLike[str]) -> Deck:
     Deck
         The grid of DIMENS, the unit system, the tables of PVTO, PVTG, PVDG, PVDO, PVTW and
         ROCK (None for those the deck does not have) with one table per PVT region, and the
-        grid properties through :meth:`Deck.cell_property`.
+        grid properties through :meth:`Deck.cell_property`, the geometry through
+        :meth:`Deck.cell_volumes`, :meth:`Deck.cell_depths` and :meth:`Deck.pore_volume`.
 
     Raises
     ------
@@ -306,7 +670,9 @@ def read(source: str | os.PathLike[str]) -> Deck:
 
     Notes
     -----
-    Numbers are the deck's own, never converted (opm's ``DeckItem.get_raw_data_list``).
+    Numbers of tables and records are the deck's own, never converted (opm's
+    ``DeckItem.get_raw_data_list``).  opm's state of the grid and its properties is built
+    when a property or the geometry is first asked for, from a parse of its own.
     Records of PVTO and PVTG are kept in deck order: the saturated point first, then the
     undersaturated rows.  A value left to its default is refused in a table, except PVTW
     viscosibility and ROCK compressibility, whose default is zero.
@@ -344,8 +710,12 @@ def read(source: str | os.PathLike[str]) -> Deck:
         _check_file(path, "", (), _Includes(root))
     # opm's default for a missing INCLUDE file is to end the process: ask it to raise.
     context = _ParseContext([("PARSE_MISSING_INCLUDE", _action.throw)])
+
+    def parse() -> Any:
+        return _Parser().parse_string(source, context) if text else _Parser().parse(where, context)
+
     try:
-        parsed = _Parser().parse_string(source, context) if text else _Parser().parse(where, context)
+        parsed = parse()
     except UnicodeDecodeError as error:  # opm's message quoting bytes that are not UTF-8
         raise DeckError(f"opm cannot parse {where}: it holds bytes that are not UTF-8 text") from error
     except (RuntimeError, ValueError, IndexError) as error:
@@ -365,7 +735,7 @@ def read(source: str | os.PathLike[str]) -> Deck:
                 raise
             except ValueError as error:  # a record the table class refuses: it names it
                 raise DeckError(str(error)) from error
-    return Deck(parsed, grid, units, tables)
+    return Deck(parsed, grid, units, tables, parse)
 
 
 # --- what is handed to opm ----------------------------------------------------------------
@@ -611,7 +981,7 @@ def _dead_table(cls: type[PVDG] | type[PVDO]) -> Callable[..., Any]:
     return build
 
 
-def _one_record(cls: type[PVTW] | type[ROCK]) -> Callable[..., Any]:
+def _one_record(cls: type[PVTW] | type[ROCK] | type[DENSITY]) -> Callable[..., Any]:
     keyword = cls.keyword
 
     def build(parsed_keyword: Any, regions: int, units: str) -> Any:
@@ -629,6 +999,7 @@ _BUILDERS: dict[str, Callable[..., Any]] = {
     "PVDO": _dead_table(PVDO),
     "PVTW": _one_record(PVTW),
     "ROCK": _one_record(ROCK),
+    "DENSITY": _one_record(DENSITY),
 }
 
 

@@ -12,6 +12,7 @@ class     one region is                                         ``regions[r]`` h
 ``PVDG``  rows ``[p, bg, mu]``                                  an ``(n, 3)`` array
 ``PVTW``  one record ``[p_ref, bw, cw, mu, cvw]``               a ``(5,)`` array
 ``ROCK``  one record ``[p_ref, cr]``                            a ``(2,)`` array
+``DENSITY``  one record ``[oil, water, gas]``                   a ``(3,)`` array
 ========  ====================================================  =================================
 
 The first triple of a ``PVTO`` (``PVTG``) record is its saturated point; the
@@ -44,6 +45,7 @@ water_fvf         rm3/sm3    rb/stb     rcc/scc    rm3/sm3
 viscosity         cP         cP         cP         cP
 compressibility   1/bars     1/psi      1/atm      1/atm
 viscosibility     1/bars     1/psi      1/atm      1/atm
+density           kg/m3      lb/ft3     gm/cc      kg/m3
 ================  =========  =========  =========  =========
 
 Tables are values: ``==`` compares units and numbers (NaN equals NaN), they
@@ -63,7 +65,7 @@ from numpy.typing import NDArray
 from . import _engine
 from . import _kavracore as _native
 
-__all__ = ["UNIT_SYSTEMS", "UNIT_LABELS", "PVTO", "PVTG", "PVDG", "PVDO", "PVTW", "ROCK"]
+__all__ = ["UNIT_SYSTEMS", "UNIT_LABELS", "PVTO", "PVTG", "PVDG", "PVDO", "PVTW", "ROCK", "DENSITY"]
 
 UNIT_SYSTEMS: tuple[str, ...] = ("METRIC", "FIELD", "LAB", "PVT-M")
 
@@ -72,16 +74,16 @@ UNIT_SYSTEMS: tuple[str, ...] = ("METRIC", "FIELD", "LAB", "PVT-M")
 UNIT_LABELS: dict[str, dict[str, str]] = {
     "METRIC": {"pressure": "barsa", "rs": "sm3/sm3", "rv": "sm3/sm3", "oil_fvf": "rm3/sm3",
                "gas_fvf": "rm3/sm3", "water_fvf": "rm3/sm3", "viscosity": "cP",
-               "compressibility": "1/bars", "viscosibility": "1/bars"},
+               "compressibility": "1/bars", "viscosibility": "1/bars", "density": "kg/m3"},
     "FIELD": {"pressure": "psia", "rs": "Mscf/stb", "rv": "stb/Mscf", "oil_fvf": "rb/stb",
               "gas_fvf": "rb/Mscf", "water_fvf": "rb/stb", "viscosity": "cP",
-              "compressibility": "1/psi", "viscosibility": "1/psi"},
+              "compressibility": "1/psi", "viscosibility": "1/psi", "density": "lb/ft3"},
     "LAB": {"pressure": "atma", "rs": "scc/scc", "rv": "scc/scc", "oil_fvf": "rcc/scc",
             "gas_fvf": "rcc/scc", "water_fvf": "rcc/scc", "viscosity": "cP",
-            "compressibility": "1/atm", "viscosibility": "1/atm"},
+            "compressibility": "1/atm", "viscosibility": "1/atm", "density": "gm/cc"},
     "PVT-M": {"pressure": "atma", "rs": "sm3/sm3", "rv": "sm3/sm3", "oil_fvf": "rm3/sm3",
               "gas_fvf": "rm3/sm3", "water_fvf": "rm3/sm3", "viscosity": "cP",
-              "compressibility": "1/atm", "viscosibility": "1/atm"},
+              "compressibility": "1/atm", "viscosibility": "1/atm", "density": "kg/m3"},
 }
 
 _T = TypeVar("_T", bound="_Table")
@@ -755,3 +757,53 @@ class ROCK(_RecordPerRegion):
     _list_name = "TRockList"
     _fields = _engine.RECORD_FIELDS[_list_name]
     _record_class, _list_class = _native.TRock, _native.TRockList
+
+
+class DENSITY(_RecordPerRegion):
+    """Surface densities: per region, one record ``[oil, water, gas]``.
+
+    The stock-tank oil, water and gas densities of each PVT region, in the unit of
+    ``density`` of ``units`` (kg/m3, lb/ft3, gm/cc).  No calculation takes them, so there is
+    no native list: :meth:`to_native` and :meth:`from_native` raise TypeError.
+
+    Parameters
+    ----------
+    regions : sequence of regions
+        One record ``[oil, water, gas]`` per PVT region, each density above 0.
+    units : {"METRIC", "FIELD", "LAB", "PVT-M"}
+        The unit system of the numbers (a label; nothing is converted).
+
+    Raises
+    ------
+    ValueError
+        A record that is not three finite numbers above 0, or no region.
+
+    Examples
+    --------
+    >>> from kavra.tables import DENSITY
+    >>> density = DENSITY([[53.66, 64.49, 0.0533]], units="FIELD")
+    >>> density
+    DENSITY(units='FIELD', regions=[
+        [53.66, 64.49, 0.0533],
+    ])
+    >>> density.regions[0][2], DENSITY.columns
+    (np.float64(0.0533), ('oil', 'water', 'gas'))
+    """
+
+    __slots__ = ()
+    keyword = "DENSITY"
+    columns = ("oil", "water", "gas")
+    _quantities = ("density", "density", "density")
+
+    def _region(self, number: int, region: Any) -> FloatArray:
+        numbers = super()._region(number, region)
+        for column, value in zip(self.columns, numbers):
+            _positive(np.array([value]), column, f"{self.keyword} region {number}")
+        return numbers
+
+    def to_native(self) -> Any:
+        raise TypeError("DENSITY has no native list: no calculation takes surface densities")
+
+    @classmethod
+    def from_native(cls, lst: Any, units: str | None = None) -> Self:
+        raise TypeError("DENSITY has no native list: no calculation takes surface densities")
