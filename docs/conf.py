@@ -113,6 +113,8 @@ exclude_patterns = ["_build", "generated/*.examples", "auto_examples/*.ipynb", "
                     "auto_examples/*.zip", "auto_examples/*.md5"]
 # `name` in a docstring or an example's text is code, as in the README's Markdown.
 default_role = "literal"
+# Options such as --png stay two hyphens.
+smartquotes = False
 html_theme = "furo"
 html_title = f"kavra {release}"
 html_static_path: list[str] = []
