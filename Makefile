@@ -73,6 +73,7 @@ demo: build
 	$(PY) examples/workflow.py
 	$(PY) examples/deck_workflow.py
 	$(PY) examples/flow_case.py
+	$(PY) examples/blackoil_flow.py
 
 # What the site generates in docs/ goes first, so that every page is made anew.
 docs: bootstrap
@@ -97,6 +98,7 @@ bench: build
 	$(PY) bench/threads.py $(filter --large,$(BENCH_ARGS))
 	$(PY) bench/engine.py
 	$(PY) bench/maps.py
+	$(PY) bench/blackoil.py
 
 clean:
 	rm -rf build

@@ -21,6 +21,9 @@
 // A core function that also takes EngineVariants as its first argument
 // (core/utils/ElementTypes.h) runs in the engine with those variants: float
 // inputs, read as they are.
+#include "core/blackoil/Gas.h"
+#include "core/blackoil/Oil.h"
+#include "core/blackoil/Water.h"
 #include "core/pvt/BubblePointPressure.h"
 #include "core/pvt/Interpolation.h"
 #include "core/pvt/OneOverB.h"
@@ -44,7 +47,25 @@
     CELL(bulk_volume_times_ntg, CalcBulkVolume, NoTables, 1, 1)              \
     CELL(bulk_volume, CalcBulkVolume, NoTables, 2, 1)                        \
     OTHER(CalcTransmissibilityK)                                             \
-    CELL(rs_from_components, CalcRsFromComponents, NoTables, 2, 1)
+    CELL(rs_from_components, CalcRsFromComponents, NoTables, 2, 1)          \
+    KAVRA_BLACKOIL_CALCULATIONS(CELL)
+
+// kavra.blackoil: the properties as the simulator evaluates them.
+#define KAVRA_BLACKOIL_CALCULATIONS(CELL)                                     \
+    CELL(live_oil_one_over_b, CalcLiveOilOneOverB, TPVTOList, 2, 0)          \
+    CELL(live_oil_viscosity, CalcLiveOilViscosity, TPVTOList, 2, 0)          \
+    CELL(saturated_rs, CalcSaturatedRs, TPVTOList, 1, 0)                     \
+    CELL(bubble_point, CalcBubblePoint, TPVTOList, 1, 0)                     \
+    CELL(dead_fluid_one_over_b, CalcDeadFluidOneOverB, TPVTList, 1, 0)       \
+    CELL(dead_fluid_viscosity, CalcDeadFluidViscosity, TPVTList, 1, 0)       \
+    CELL(wet_gas_one_over_b, CalcWetGasOneOverB, TPVTGList, 2, 0)            \
+    CELL(wet_gas_viscosity, CalcWetGasViscosity, TPVTGList, 2, 0)            \
+    CELL(saturated_rv, CalcSaturatedRv, TPVTGList, 1, 0)                     \
+    CELL(dew_point, CalcDewPoint, TPVTGList, 1, 0)                           \
+    CELL(water_one_over_b, CalcWaterOneOverB, TPVTWList, 1, 0)               \
+    CELL(water_viscosity, CalcWaterViscosity, TPVTWList, 1, 0)               \
+    CELL(pore_volume_multiplier, CalcPoreVolumeMultiplier, TRockList, 1, 0)  \
+    CELL(density_from_b, CalcDensityFromB, NoTables, 4, 0)
 
 #include <cstddef>
 #include <utility>

@@ -7,6 +7,7 @@ import struct
 import numpy as np
 import pytest
 
+import kavra.deck
 from conftest import ROOT
 from flow_cases import CASES, flow_case, flow_run  # noqa: F401  (fixtures)
 
@@ -23,7 +24,7 @@ def test_every_cell_array_is_the_one_opm_reads(flow_case):
     init, restart = ecl.EclFile(f"{flow_case}.INIT"), ecl.ERst(f"{flow_case}.UNRST")
     active = ecl.EclFile(f"{flow_case}.EGRID")["ACTNUM"] != 0
     assert r.grid.number_of_cells() == active.size and r.steps == tuple(restart.report_steps)
-    assert np.array_equal(r.active, active) and r.units == "FIELD"
+    assert np.array_equal(r.active, active) and r.units == kavra.deck.read(f"{flow_case}.DATA").units
     sizes = (active.size, active.sum())
     for step, arrays in [(None, init.arrays), *((step, restart.arrays(step)) for step in restart.report_steps)]:
         names = [name for name, kind, size in arrays if kind in NUMERIC and size in sizes]

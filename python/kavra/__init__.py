@@ -36,6 +36,7 @@ if _TYPE_CHECKING:  # "name as name": exported for type checkers
     from . import tables as tables
     from . import deck as deck
     from . import results as results
+    from . import blackoil as blackoil
     from .calculations import bubble_point_pressure as bubble_point_pressure
     from .calculations import bulk_volume as bulk_volume
     from .calculations import one_over_b as one_over_b
@@ -56,7 +57,7 @@ if _TYPE_CHECKING:  # "name as name": exported for type checkers
     from ._threads import set_num_threads as set_num_threads
 
 
-_SUBMODULES = ("tables", "calculations", "reductions", "maps", "deck", "results")
+_SUBMODULES = ("tables", "calculations", "reductions", "maps", "deck", "results", "blackoil")
 
 
 def __getattr__(name: str) -> _Any:

@@ -26,6 +26,27 @@ grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
 PIECES = {
     "active_layout": _ACTIVE_LAYOUT,
     "dask_values_grid": _DASK_VALUES_GRID,
+    "oil": """\
+oil : PVTO or PVDO
+    Live-oil (with `rs`) or dead-oil (without) table per PVT region.""",
+    "rs_live": """\
+rs : array_like of float, optional
+    Dissolved gas-oil ratio per cell (PVTO only), in the table's Rs unit.""",
+    "gas": """\
+gas : PVTG or PVDG
+    Wet-gas (with `rv`) or dry-gas (without) table per PVT region.""",
+    "rv_wet": """\
+rv : array_like of float, optional
+    Vaporised oil-gas ratio per cell (PVTG only), in the table's Rv unit.""",
+    "pvtg_value": """\
+pvtg : kavra.tables.PVTG
+    Wet-gas table per PVT region.""",
+    "pvtw_value": """\
+pvtw : kavra.tables.PVTW
+    Water record per PVT region.""",
+    "density": """\
+density : kavra.tables.DENSITY or array_like
+    Surface densities (oil, water, gas) per PVT region, in the tables' unit system.""",
     "pvto": """\
 pvto : PVTO or TPVTOList
     Live-oil table per PVT region.""",

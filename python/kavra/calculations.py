@@ -95,15 +95,16 @@ def _tables(function: str, name: str, table: Any) -> tuple[Any, str]:
 
 
 def _cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any,
-           keep_out: bool = False) -> CellArrays:
+           keep_out: bool = False, name: str | None = None) -> CellArrays:
     """The buffers of a calculation: the caller's own when they are ready as they are (the engine
-    holds them in place while it runs), else prepared ones."""
+    holds them in place while it runs), else prepared ones.  `name`: the engine's name of the
+    calculation when it is not `function`."""
     ready = ready_buffers(None if regions is None else regions[1], [value for _, value in inputs], out)
     if ready is not None:
         first = 0 if regions is None else 1
         return CellArrays(function, out.shape, None if regions is None else ready[0], ready[first:-1],
                           ready[-1], None, out, None)
-    floats = _CALCULATIONS[function][2]
+    floats = _CALCULATIONS[name or function][2]
     return prepare_cells(function, regions, inputs, out, keep_out=keep_out, floats=floats)
 
 

@@ -748,3 +748,7 @@ def column_map(values: ArrayLike, grid: Any, reduce: _maps.Reduce = "sum", *, we
         functools.partial(_map_block, reduce=reduce, layout=layout, weighted=weights is not None), *arrays,
         drop_axis=k_axis, dtype=np.float64, meta=meta, token=f"kavra-{name}")
     return result if layout == "kji" else result.T
+
+
+# kavra.blackoil over dask arrays (the properties as the simulator evaluates them)
+from . import _dask_blackoil as blackoil  # noqa: E402

@@ -1,0 +1,598 @@
+"""Black-oil properties per cell as the simulator evaluates its tables.
+
+kavra's own calculations (``kavra.one_over_bo`` and the rest) are exact to
+their definitions; a simulator of the ECLIPSE family reads the same tables
+in its own way, and these functions give what it gives, to the last digits
+it writes (checked against OPM Flow's restart arrays, every report step and
+cell):
+
+* PVDO and PVDG: 1/B and 1/(B·μ) linear in pressure, extended linearly past
+  the table; the viscosity is their ratio.
+* PVTO: a table in Rs and pressure.  Each record is a line of 1/B and of
+  1/(B·μ) from its bubble point up; a record without undersaturated rows
+  takes those of the next record that has them, moved to its own bubble
+  point (pressures shifted, values scaled by the ratio of the saturated
+  values).  At (p, Rs) the two records around Rs are read at the same
+  distance above their own bubble points as p is above the bubble point
+  of Rs, and mixed linearly in Rs.  Rs of saturated oil and the bubble
+  point are linear along the saturated records, extended past them.
+* PVTG: a table in pressure and Rv.  Each record is a line in Rv up to
+  its saturated Rv; a record without undersaturated rows takes those of
+  the next record that has them, shifted to its own saturated Rv and
+  scaled as for oil, down to Rv = 0.  At (p, Rv) the two records around p
+  are read at the same fraction of their own span of Rv, and mixed
+  linearly in p.
+* PVTW and ROCK: the exponential cut after its second-order term,
+  ``1 + x + x**2/2``: 1/Bw with ``x = cw (p - p_ref)``, 1/(Bw·μw) with
+  ``x = (cw - cv) (p - p_ref)``, the pore volume multiplier with
+  ``x = cr (p - p_ref)``.
+* Densities: ``b (rho_own + r rho_other)`` with the surface densities of
+  DENSITY, r the dissolved (Rs) or vaporised (Rv) ratio.
+
+Every function takes its tables first, then ``pvtnum``, then its per-cell
+inputs, as the functions of :mod:`kavra` do (array-likes that broadcast,
+masked arrays, ``out=``, ``threads=``; float32 inputs, such as a restart's
+arrays, are read as they are), all in the tables' units.
+"""
+
+from __future__ import annotations
+
+from typing import Any
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+from . import _engine
+from ._docs import filled
+from ._threads import resolve as _resolve_threads
+from .calculations import _cells, _run, _tables
+from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
+
+__all__ = ["one_over_bo", "one_over_bg", "one_over_bw", "rs_sat", "rv_sat", "bubble_point", "dew_point",
+           "oil_viscosity", "gas_viscosity", "water_viscosity", "oil_density", "gas_density", "water_density",
+           "pore_volume_multiplier"]
+
+# Stock-tank barrels per thousand standard cubic feet, as cubic feet: the FIELD
+# factor between a ratio of surface volumes and a density (1 in the other systems).
+_FIELD_SCF_PER_STB = 1000.0 * 0.028316846592 / 0.158987294928
+
+
+def _calculate(function: str, name: str, table: Any, pvtnum: Any, inputs: list[tuple[str, Any]], out: Any,
+               threads: int | None) -> Any:
+    """The engine's calculation `name` for kavra.blackoil's `function`."""
+    tables, kind = _tables(name, function.split(".")[-1], table)
+    cells = _cells(function, ("pvtnum", pvtnum), inputs, out, name=name)
+    _run(name, tables, kind, cells, cells.inputs, _resolve_threads(threads))
+    return cells.finish()
+
+
+def _phase(function: str, table: Any, live: type, dead: type, ratio_name: str, ratio: Any) -> str:
+    """Which calculation a phase's table takes: the live one with its ratio, the dead one without."""
+    if isinstance(table, live):
+        if ratio is None:
+            raise TypeError(f"{function}: a {live.__name__} table needs {ratio_name}")
+        return "live"
+    if isinstance(table, dead):
+        if ratio is not None:
+            raise TypeError(f"{function}: a {dead.__name__} table takes no {ratio_name}")
+        return "dead"
+    raise TypeError(f"{function}: the table must be a {live.__name__} or a {dead.__name__}, "
+                    f"got {type(table).__name__}")
+
+
+def _oil(function: str, quantity: str, oil: Any, pvtnum: Any, p: Any, rs: Any, out: Any, threads: Any) -> Any:
+    if _phase(function, oil, PVTO, PVDO, "rs", rs) == "live":
+        return _calculate(function, f"live_oil_{quantity}", oil, pvtnum, [("p", p), ("rs", rs)], out, threads)
+    return _calculate(function, f"dead_fluid_{quantity}", oil, pvtnum, [("p", p)], out, threads)
+
+
+def _gas(function: str, quantity: str, gas: Any, pvtnum: Any, p: Any, rv: Any, out: Any, threads: Any) -> Any:
+    if _phase(function, gas, PVTG, PVDG, "rv", rv) == "live":
+        return _calculate(function, f"wet_gas_{quantity}", gas, pvtnum, [("p", p), ("rv", rv)], out, threads)
+    return _calculate(function, f"dead_fluid_{quantity}", gas, pvtnum, [("p", p)], out, threads)
+
+
+@filled
+def one_over_bo(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLike | None = None, *,
+                out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
+    """1/Bo per cell as the simulator evaluates the oil table.
+
+    Parameters
+    ----------
+    %(oil)s
+    %(pvtnum)s
+    %(p)s
+    %(rs_live)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        1/Bo per cell (sm3/rm3 in METRIC).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import one_over_bo
+    >>> from kavra.tables import PVTO
+    >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8, 300.0, 1.31, 0.9]]])
+    >>> print(one_over_bo(oil, 1, [150.0, 250.0], [65.0, 50.0]).round(6))
+    [0.77037  0.826463]
+    """
+    return _oil("one_over_bo", "one_over_b", oil, pvtnum, p, rs, out, threads)
+
+
+@filled
+def oil_viscosity(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLike | None = None, *,
+                  out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
+    """Oil viscosity per cell: 1/Bo over 1/(Bo·μo), each as :func:`one_over_bo` reads it.
+
+    Parameters
+    ----------
+    %(oil)s
+    %(pvtnum)s
+    %(p)s
+    %(rs_live)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Viscosity per cell in the table's unit (cP).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import oil_viscosity
+    >>> from kavra.tables import PVDO
+    >>> print(oil_viscosity(PVDO([[[100.0, 1.2, 1.0], [200.0, 1.1, 1.2]]]), 1, [150.0]).round(6))
+    [1.095238]
+    """
+    return _oil("oil_viscosity", "viscosity", oil, pvtnum, p, rs, out, threads)
+
+
+@filled
+def one_over_bg(gas: PVTG | PVDG, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLike | None = None, *,
+                out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
+    """1/Bg per cell as the simulator evaluates the gas table.
+
+    Parameters
+    ----------
+    %(gas)s
+    %(pvtnum)s
+    %(p)s
+    %(rv_wet)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        1/Bg per cell (sm3/rm3 in METRIC, Mscf/rb in FIELD).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import one_over_bg
+    >>> from kavra.tables import PVDG
+    >>> print(one_over_bg(PVDG([[[100.0, 0.02, 0.01], [200.0, 0.01, 0.02]]]), 1, [150.0]))
+    [75.]
+    """
+    return _gas("one_over_bg", "one_over_b", gas, pvtnum, p, rv, out, threads)
+
+
+@filled
+def gas_viscosity(gas: PVTG | PVDG, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLike | None = None, *,
+                  out: NDArray[Any] | None = None, threads: int | None = None) -> NDArray[np.float64]:
+    """Gas viscosity per cell: 1/Bg over 1/(Bg·μg), each as :func:`one_over_bg` reads it.
+
+    Parameters
+    ----------
+    %(gas)s
+    %(pvtnum)s
+    %(p)s
+    %(rv_wet)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Viscosity per cell in the table's unit (cP).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import gas_viscosity
+    >>> from kavra.tables import PVDG
+    >>> print(gas_viscosity(PVDG([[[100.0, 0.02, 0.01], [200.0, 0.01, 0.02]]]), 1, [150.0]))
+    [0.015]
+    """
+    return _gas("gas_viscosity", "viscosity", gas, pvtnum, p, rv, out, threads)
+
+
+def _checked(function: str, table: Any, kind: type) -> Any:
+    if not isinstance(table, kind):
+        raise TypeError(f"{function}: the table must be a {kind.__name__}, got {type(table).__name__}")
+    return table
+
+
+@filled
+def rs_sat(pvto: PVTO, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any] | None = None,
+           threads: int | None = None) -> NDArray[np.float64]:
+    """Rs of saturated oil per cell: linear in pressure along the PVTO records, extended past them.
+
+    Parameters
+    ----------
+    %(pvto_value)s
+    %(pvtnum)s
+    %(p)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Rs per cell in the table's Rs unit.
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import rs_sat
+    >>> from kavra.tables import PVTO
+    >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8, 300.0, 1.31, 0.9]]])
+    >>> print(rs_sat(oil, 1, [150.0, 240.0]))
+    [ 65. 110.]
+    """
+    return _calculate("rs_sat", "saturated_rs", _checked("rs_sat", pvto, PVTO), pvtnum, [("p", p)], out,
+                      threads)
+
+
+@filled
+def bubble_point(pvto: PVTO, pvtnum: ArrayLike, rs: ArrayLike, *, out: NDArray[Any] | None = None,
+                 threads: int | None = None) -> NDArray[np.float64]:
+    """Bubble point pressure per cell: linear in Rs along the PVTO records, extended past them.
+
+    Parameters
+    ----------
+    %(pvto_value)s
+    %(pvtnum)s
+    %(rs)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Pressure per cell in the table's pressure unit.
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import bubble_point
+    >>> from kavra.tables import PVTO
+    >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8, 300.0, 1.31, 0.9]]])
+    >>> print(bubble_point(oil, 1, [65.0, 110.0]))
+    [150. 240.]
+    """
+    return _calculate("bubble_point", "bubble_point", _checked("bubble_point", pvto, PVTO), pvtnum,
+                      [("rs", rs)], out, threads)
+
+
+@filled
+def rv_sat(pvtg: PVTG, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any] | None = None,
+           threads: int | None = None) -> NDArray[np.float64]:
+    """Rv of saturated gas per cell: linear in pressure along the PVTG records, extended past them.
+
+    Parameters
+    ----------
+    %(pvtg_value)s
+    %(pvtnum)s
+    %(p)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Rv per cell in the table's Rv unit.
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import rv_sat
+    >>> from kavra.tables import PVTG
+    >>> gas = PVTG([[[100.0, 0.02, 0.02, 0.01], [200.0, 0.04, 0.01, 0.02, 0.0, 0.009, 0.015]]])
+    >>> print(rv_sat(gas, 1, [150.0]))
+    [0.03]
+    """
+    return _calculate("rv_sat", "saturated_rv", _checked("rv_sat", pvtg, PVTG), pvtnum, [("p", p)], out,
+                      threads)
+
+
+@filled
+def dew_point(pvtg: PVTG, pvtnum: ArrayLike, rv: ArrayLike, *, out: NDArray[Any] | None = None,
+              threads: int | None = None) -> NDArray[np.float64]:
+    """Dew point pressure per cell: the pressure whose saturated Rv is `rv`.
+
+    Along the saturated line in rising pressure, the first segment whose Rv reach `rv`; past
+    them all, the segment at the nearer end, extended.  Where the saturated Rv falls and rises
+    again (SPE3 below 1000 psia) a simulator may find another root, or none: see the README.
+
+    Parameters
+    ----------
+    %(pvtg_value)s
+    %(pvtnum)s
+    rv : array_like of float
+        Vaporised oil-gas ratio per cell, in the table's Rv unit.
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Pressure per cell in the table's pressure unit.
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import dew_point
+    >>> from kavra.tables import PVTG
+    >>> gas = PVTG([[[100.0, 0.02, 0.02, 0.01], [200.0, 0.04, 0.01, 0.02, 0.0, 0.009, 0.015]]])
+    >>> print(dew_point(gas, 1, [0.03]))
+    [150.]
+    """
+    return _calculate("dew_point", "dew_point", _checked("dew_point", pvtg, PVTG), pvtnum, [("rv", rv)], out,
+                      threads)
+
+
+@filled
+def one_over_bw(pvtw: PVTW, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any] | None = None,
+                threads: int | None = None) -> NDArray[np.float64]:
+    """1/Bw per cell: ``(1 + x + x**2/2) / bw_ref`` with ``x = cw (p - p_ref)``.
+
+    Parameters
+    ----------
+    %(pvtw_value)s
+    %(pvtnum)s
+    %(p)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        1/Bw per cell (sm3/rm3 in METRIC).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import one_over_bw
+    >>> from kavra.tables import PVTW
+    >>> print(one_over_bw(PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]]), 1, [100.0, 1100.0]))
+    [1.    1.105]
+    """
+    return _calculate("one_over_bw", "water_one_over_b", _checked("one_over_bw", pvtw, PVTW), pvtnum,
+                      [("p", p)], out, threads)
+
+
+@filled
+def water_viscosity(pvtw: PVTW, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any] | None = None,
+                    threads: int | None = None) -> NDArray[np.float64]:
+    """Water viscosity per cell: 1/Bw over ``(1 + y + y**2/2) / (bw_ref mu_ref)``, ``y = (cw - cv) (p - p_ref)``.
+
+    Parameters
+    ----------
+    %(pvtw_value)s
+    %(pvtnum)s
+    %(p)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Viscosity per cell in the table's unit (cP).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import water_viscosity
+    >>> from kavra.tables import PVTW
+    >>> print(water_viscosity(PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]]), 1, [100.0, 1100.0]))
+    [0.5 0.5]
+    """
+    return _calculate("water_viscosity", "water_viscosity", _checked("water_viscosity", pvtw, PVTW), pvtnum,
+                      [("p", p)], out, threads)
+
+
+@filled
+def pore_volume_multiplier(rock: ROCK, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any] | None = None,
+                           threads: int | None = None) -> NDArray[np.float64]:
+    """Pore volume multiplier per cell: ``1 + x + x**2/2`` with ``x = cr (p - p_ref)``.
+
+    Parameters
+    ----------
+    rock : kavra.tables.ROCK
+        Rock record per region (the PVT regions, as ROCKNUM defaults to them).
+    %(pvtnum)s
+    %(p)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        The pore volume at `p` over the pore volume at the reference pressure, per cell.
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import pore_volume_multiplier
+    >>> from kavra.tables import ROCK
+    >>> print(pore_volume_multiplier(ROCK([[100.0, 1e-4]]), 1, [1100.0]))
+    [1.105]
+    """
+    return _calculate("pore_volume_multiplier", "pore_volume_multiplier",
+                      _checked("pore_volume_multiplier", rock, ROCK), pvtnum, [("p", p)], out, threads)
+
+
+def _densities(function: str, density: Any) -> NDArray[np.float64]:
+    """The surface densities (oil, water, gas) per region, as an (n, 3) float64 array."""
+    regions = getattr(density, "regions", density)
+    values = np.asarray([np.asarray(r, dtype=np.float64).reshape(-1)[:3] for r in np.atleast_2d(regions)]
+                        if not isinstance(regions, np.ndarray) else np.atleast_2d(regions), dtype=np.float64)
+    if values.ndim != 2 or values.shape[1] != 3 or len(values) == 0:
+        raise ValueError(f"{function}: density must hold (oil, water, gas) surface densities per region")
+    return values
+
+
+def _per_cell(densities: NDArray[np.float64], column: int, pvtnum: Any, factor: float,
+              shape: tuple[int, ...]) -> NDArray[np.float64]:
+    """A surface density for every cell: one value when the regions agree, else by region number."""
+    values = densities[:, column] * factor
+    if np.all(values == values[0]):
+        return values[:1].copy()
+    regions = np.broadcast_to(np.ma.getdata(pvtnum), shape).reshape(-1)
+    inside = (regions >= 1) & (regions <= len(values))
+    return np.where(inside, values[np.clip(regions, 1, len(values)) - 1], 0.0)
+
+
+def _density(function: str, b: NDArray[np.float64], ratio: Any, own: NDArray[np.float64],
+             other: NDArray[np.float64], out: Any, threads: int | None) -> Any:
+    """``b (own + ratio other)`` per cell, into `out` when given."""
+    flat = np.ascontiguousarray(b, dtype=np.float64).reshape(-1)
+    r = np.ascontiguousarray(np.broadcast_to(np.asarray(ratio, dtype=np.float64), np.shape(b))).reshape(-1) \
+        if np.ndim(ratio) else np.array([float(ratio)])
+    result = np.empty_like(flat)
+    mask = np.ma.getmask(b)
+    _engine.calculate("density_from_b", None, None, (flat, r, own, other), result, (function, "DENSITY", np.shape(b)),
+                      _resolve_threads(threads))
+    value = result.reshape(np.shape(b))
+    if out is not None:
+        np.copyto(out, value, casting="same_kind")
+        value = out
+    return np.ma.MaskedArray(value, mask=mask) if mask is not np.ma.nomask else value
+
+
+def _units_factor(table: Any) -> float:
+    return _FIELD_SCF_PER_STB if getattr(table, "units", "METRIC") == "FIELD" else 1.0
+
+
+@filled
+def oil_density(oil: PVTO | PVDO, density: Any, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLike | None = None, *,
+                out: NDArray[Any] | None = None, threads: int | None = None) -> Any:
+    """Oil density per cell: ``(1/Bo) (rho_oil + Rs rho_gas)`` at surface densities.
+
+    Parameters
+    ----------
+    %(oil)s
+    %(density)s
+    %(pvtnum)s
+    %(p)s
+    %(rs_live)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Density per cell (kg/m3 in METRIC, lb/ft3 in FIELD).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import oil_density
+    >>> from kavra.tables import PVDO
+    >>> print(oil_density(PVDO([[[100.0, 1.25, 1.0], [200.0, 1.2, 1.2]]]), [[800.0, 1000.0, 1.0]], 1, [100.0]))
+    [640.]
+    """
+    densities = _densities("oil_density", density)
+    b = one_over_bo(oil, pvtnum, p, rs, threads=threads)
+    k = _units_factor(oil)
+    return _density("oil_density", b, 0.0 if rs is None else rs, _per_cell(densities, 0, pvtnum, 1.0, np.shape(b)),
+                    _per_cell(densities, 2, pvtnum, k, np.shape(b)), out, threads)
+
+
+@filled
+def gas_density(gas: PVTG | PVDG, density: Any, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLike | None = None, *,
+                out: NDArray[Any] | None = None, threads: int | None = None) -> Any:
+    """Gas density per cell: ``(1/Bg) (rho_gas + Rv rho_oil)`` at surface densities.
+
+    Parameters
+    ----------
+    %(gas)s
+    %(density)s
+    %(pvtnum)s
+    %(p)s
+    %(rv_wet)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Density per cell (kg/m3 in METRIC, lb/ft3 in FIELD).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import gas_density
+    >>> from kavra.tables import PVDG
+    >>> print(gas_density(PVDG([[[100.0, 0.01, 0.01], [200.0, 0.005, 0.02]]]), [[800.0, 1000.0, 1.0]], 1, [100.0]))
+    [100.]
+    """
+    densities = _densities("gas_density", density)
+    b = one_over_bg(gas, pvtnum, p, rv, threads=threads)
+    k = _units_factor(gas)
+    return _density("gas_density", b, 0.0 if rv is None else rv, _per_cell(densities, 2, pvtnum, k, np.shape(b)),
+                    _per_cell(densities, 0, pvtnum, 1.0, np.shape(b)), out, threads)
+
+
+@filled
+def water_density(pvtw: PVTW, density: Any, pvtnum: ArrayLike, p: ArrayLike, *,
+                  out: NDArray[Any] | None = None, threads: int | None = None) -> Any:
+    """Water density per cell: ``(1/Bw) rho_water`` at the surface density.
+
+    Parameters
+    ----------
+    %(pvtw_value)s
+    %(density)s
+    %(pvtnum)s
+    %(p)s
+    %(out)s
+    %(threads)s
+
+    Returns
+    -------
+    ndarray of float64
+        Density per cell (kg/m3 in METRIC, lb/ft3 in FIELD).
+
+    %(raises_table)s
+
+    Examples
+    --------
+    >>> from kavra.blackoil import water_density
+    >>> from kavra.tables import PVTW
+    >>> print(water_density(PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]]), [[800.0, 1000.0, 1.0]], 1, [1100.0]))
+    [1105.]
+    """
+    densities = _densities("water_density", density)
+    b = one_over_bw(pvtw, pvtnum, p, threads=threads)
+    zero = np.zeros(1)
+    return _density("water_density", b, 0.0, _per_cell(densities, 1, pvtnum, 1.0, np.shape(b)), zero, out, threads)
