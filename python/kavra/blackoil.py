@@ -37,7 +37,8 @@ arrays, are read as they are), all in the tables' units.
 
 from __future__ import annotations
 
-from typing import Any
+from collections.abc import Mapping
+from typing import Any, NamedTuple
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -50,7 +51,7 @@ from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 __all__ = ["one_over_bo", "one_over_bg", "one_over_bw", "rs_sat", "rv_sat", "bubble_point", "dew_point",
            "oil_viscosity", "gas_viscosity", "water_viscosity", "oil_density", "gas_density", "water_density",
-           "pore_volume_multiplier"]
+           "pore_volume_multiplier", "in_place"]
 
 # Stock-tank barrels per thousand standard cubic feet, as cubic feet: the FIELD
 # factor between a ratio of surface volumes and a density (1 in the other systems).
@@ -596,3 +597,124 @@ def water_density(pvtw: PVTW, density: Any, pvtnum: ArrayLike, p: ArrayLike, *,
     b = one_over_bw(pvtw, pvtnum, p, threads=threads)
     zero = np.zeros(1)
     return _density("water_density", b, 0.0, _per_cell(densities, 1, pvtnum, 1.0, np.shape(b)), zero, out, threads)
+
+
+# --- fluids in place ------------------------------------------------------------------------
+
+class InPlace(NamedTuple):
+    """Oil, gas and water in place per cell at surface conditions, in the tables' surface units
+    (sm3 in METRIC; stb, Mscf and stb in FIELD)."""
+
+    oil: NDArray[np.float64]
+    gas: NDArray[np.float64]
+    water: NDArray[np.float64]
+
+
+_TABLE_NAMES = ("pvto", "pvdo", "pvtg", "pvdg", "pvtw", "rock")
+# The spacing of float32 at 1: an oil saturation 1 - Sw - Sg closer to 0 than this, of saturations
+# given as float32, is the rounding of Sw and Sg, not oil.
+_FLOAT32_SPACING = 2.0**-23
+
+
+def _tables_of(deck_or_tables: Any) -> dict[str, Any]:
+    """The tables of a kavra.deck.Deck, or of a mapping (or object) with the attributes named so."""
+    if isinstance(deck_or_tables, Mapping):
+        return {name: deck_or_tables.get(name) for name in _TABLE_NAMES}
+    return {name: getattr(deck_or_tables, name, None) for name in _TABLE_NAMES}
+
+
+def _oil_saturation(sw: Any, sg: Any) -> Any:
+    """1 - Sw - Sg, in float64; 0 where that is within float32's spacing of 0 and Sw or Sg came as float32."""
+    so = 1.0 - np.asanyarray(sw, dtype=np.float64) - np.asanyarray(sg, dtype=np.float64)
+    if np.result_type(np.ma.getdata(sw), np.ma.getdata(sg)) == np.float32:
+        data = np.ma.getdata(so)  # a new array: set in place, its mask (if any) untouched
+        data[abs(data) < _FLOAT32_SPACING] = 0.0
+    return so
+
+
+@filled
+def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLike, sw: ArrayLike, sg: ArrayLike,
+             rs: ArrayLike | None = None, rv: ArrayLike | None = None, *, pw: ArrayLike | None = None,
+             pg: ArrayLike | None = None, so: ArrayLike | None = None, threads: int | None = None) -> InPlace:
+    """Oil, gas and water in place per cell at surface conditions, as the simulator's FIP arrays.
+
+    With the pore volume at pressure ``pv = porv * pore_volume_multiplier(rock, pvtnum, p)`` (no
+    ROCK: ``porv``) and the 1/B of this module at each phase's pressure::
+
+        oil   = pv * So / Bo + pv * Sg / Bg * Rv      (liquid, and vaporised in the gas)
+        gas   = pv * Sg / Bg + pv * So / Bo * Rs      (free, and dissolved in the oil)
+        water = pv * Sw / Bw
+
+    what OPM Flow writes as FIPOIL, FIPGAS and FIPWAT.  A phase without a table (no gas table
+    in a dead-oil deck, say) holds nothing; Rs counts only with a PVTO, Rv only with a PVTG.
+    :func:`kavra.region_totals` adds them up per FIPNUM region.
+
+    Parameters
+    ----------
+    deck_or_tables : kavra.deck.Deck or mapping
+        The tables: ``pvto`` or ``pvdo``, ``pvtg`` or ``pvdg``, ``pvtw`` and ``rock``, as the
+        attributes of a deck or the keys of a mapping (a missing one is None).
+    %(pvtnum)s
+    porv : array_like of float
+        Pore volume per cell at the reference pressure (an INIT's PORV), in reservoir volume
+        (rm3 in METRIC, rb in FIELD).
+    p : array_like of float
+        Oil pressure per cell, in the tables' pressure unit; also the pressure of the pore
+        volume, and of water and gas unless ``pw`` and ``pg`` say otherwise.
+    sw, sg : array_like of float
+        Water and gas saturation per cell (fraction of pore volume).
+    rs : array_like of float, optional
+        Dissolved gas-oil ratio per cell (with a PVTO), in the table's Rs unit.
+    rv : array_like of float, optional
+        Vaporised oil-gas ratio per cell (with a PVTG), in the table's Rv unit.
+    pw, pg : array_like of float, optional
+        Water and gas pressure per cell (``p`` minus and plus the capillary pressures).
+    so : array_like of float, optional
+        Oil saturation per cell (a restart's SOIL).  Default ``1 - sw - sg``, taken as 0 within
+        2**-23 of 0 when ``sw`` or ``sg`` is float32 (as a restart holds them): there the
+        rounding of the saturations, not oil, would be left.
+    %(threads)s
+
+    Returns
+    -------
+    InPlace
+        ``(oil, gas, water)``, float64 arrays of the inputs' broadcast shape, masked where an
+        input is, in surface volumes of the tables' units (sm3 in METRIC; stb, Mscf and stb in
+        FIELD).
+
+    Raises
+    ------
+    TypeError
+        A table of the wrong kind, or as the functions of this module say.
+    ValueError
+        A PVTO without ``rs`` or a PVTG without ``rv``; inputs that do not broadcast; a region
+        past a table (as the functions of this module say).
+
+    Examples
+    --------
+    >>> import kavra.deck
+    >>> from kavra import blackoil
+    >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))   # FIELD
+    >>> fluids = blackoil.in_place(deck, 1, porv=[1000.0], p=[4800.0], sw=[0.12], sg=[0.0], rs=[1.27])
+    >>> print(fluids.oil.round(2), fluids.gas.round(2), fluids.water.round(2))   # stb, Mscf, stb
+    [532.76] [676.6] [117.57]
+    """
+    tables = _tables_of(deck_or_tables)
+    oil = tables["pvto"] if tables["pvto"] is not None else tables["pvdo"]
+    gas = tables["pvtg"] if tables["pvtg"] is not None else tables["pvdg"]
+    live, wet = tables["pvto"] is not None, tables["pvtg"] is not None
+    pw = p if pw is None else pw
+    pg = p if pg is None else pg
+    pv = np.asanyarray(porv, dtype=np.float64)
+    if tables["rock"] is not None:
+        pv = pv * pore_volume_multiplier(tables["rock"], pvtnum, p, threads=threads)
+    so = _oil_saturation(sw, sg) if so is None else np.asanyarray(so, dtype=np.float64)
+    zero = np.zeros(np.broadcast_shapes(*(np.shape(a) for a in (pvtnum, pv, p, sw, sg))))
+    liquid = zero if oil is None else pv * so * one_over_bo(oil, pvtnum, p, rs if live else None, threads=threads)
+    free = zero if gas is None else pv * np.asanyarray(sg, dtype=np.float64) * one_over_bg(
+        gas, pvtnum, pg, rv if wet else None, threads=threads)
+    water = zero if tables["pvtw"] is None else pv * np.asanyarray(sw, dtype=np.float64) * one_over_bw(
+        tables["pvtw"], pvtnum, pw, threads=threads)
+    vaporised = free * np.asanyarray(rv, dtype=np.float64) if wet and rv is not None else zero
+    dissolved = liquid * np.asanyarray(rs, dtype=np.float64) if live and rs is not None else zero
+    return InPlace(liquid + vaporised, free + dissolved, water + zero)
