@@ -23,7 +23,7 @@ PAGES = HERE / "_pages"
 PARTS = {  # page: (file, the text it starts after, the text it ends before; None: the file's end)
     "tour": ("README.md", "<!-- tour: start -->", "<!-- tour: end -->"),
     "comparison": ("README.md", "<!-- comparison with Flow: start -->", "<!-- comparison with Flow: end -->"),
-    "native": ("README.md", "<!-- comparison with Flow: end -->", None),
+    "native": ("README.md", "<!-- tour: end -->", None),
     "performance": ("bench/README.md", "", None),
 }
 TITLES = {"tour": "A tour", "comparison": "Black-oil properties against Flow",
@@ -34,6 +34,7 @@ MODULES = [
     "kavra.deck",
     "kavra.results",
     "kavra.dask",
+    "kavra.blackoil",
 ]
 
 

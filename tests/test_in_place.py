@@ -41,3 +41,19 @@ def test_in_place_of_tables_without_a_phase_and_masks():
     fluids = blackoil.in_place(tables, 1, [100.0, 100.0], [4000.0, 4000.0], sw, np.float32([0.8, 0.0]), rs=1.0)
     assert fluids.oil[0] == 0.0 and fluids.gas[0] == 0.0  # So = 1 - 0.2 - 0.8 in float32: no oil
     assert fluids.water[0] > 0 and fluids.water.mask.tolist() == [False, True]
+
+
+def test_dask_in_place_gives_the_same_bits():
+    da = pytest.importorskip("dask.array")
+    import kavra.dask
+
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    rng = np.random.default_rng(5)
+    n = 1000
+    cells = [rng.uniform(100.0, 200.0, n), rng.uniform(3000.0, 6000.0, n), rng.uniform(0.1, 0.3, n).astype(np.float32),
+             rng.uniform(0.0, 0.5, n).astype(np.float32), rng.uniform(0.5, 1.8, n)]
+    porv, p, sw, sg, rs = cells
+    expected = blackoil.in_place(deck, 1, porv, p, sw, sg, rs)
+    lazy = kavra.dask.blackoil.in_place(deck, 1, *(da.from_array(a, chunks=300) for a in cells))
+    for got, want in zip(lazy, expected):
+        np.testing.assert_array_equal(got.compute(), want)

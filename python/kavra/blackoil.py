@@ -37,6 +37,7 @@ arrays, are read as they are), all in the tables' units.
 
 from __future__ import annotations
 
+import sys
 from collections.abc import Mapping
 from typing import Any, NamedTuple
 
@@ -623,12 +624,11 @@ def _tables_of(deck_or_tables: Any) -> dict[str, Any]:
     return {name: getattr(deck_or_tables, name, None) for name in _TABLE_NAMES}
 
 
-def _oil_saturation(sw: Any, sg: Any) -> Any:
+def _oil_saturation(arrays: _Arrays, sw: Any, sg: Any) -> Any:
     """1 - Sw - Sg, in float64; 0 where that is within float32's spacing of 0 and Sw or Sg came as float32."""
-    so = 1.0 - np.asanyarray(sw, dtype=np.float64) - np.asanyarray(sg, dtype=np.float64)
-    if np.result_type(np.ma.getdata(sw), np.ma.getdata(sg)) == np.float32:
-        data = np.ma.getdata(so)  # a new array: set in place, its mask (if any) untouched
-        data[abs(data) < _FLOAT32_SPACING] = 0.0
+    so = 1.0 - arrays.floats(sw) - arrays.floats(sg)
+    if np.result_type(arrays.dtype(sw), arrays.dtype(sg)) == np.float32:
+        so = arrays.where(abs(so) < _FLOAT32_SPACING, 0.0, so)
     return so
 
 
@@ -699,22 +699,43 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
     >>> print(fluids.oil.round(2), fluids.gas.round(2), fluids.water.round(2))   # stb, Mscf, stb
     [532.76] [676.6] [117.57]
     """
+    return fluids_in_place(_NUMPY, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, threads=threads)
+
+
+class _Arrays(NamedTuple):
+    """The steps of in_place over one kind of array: this module's functions and NumPy, or the
+    lazy functions of kavra.dask.blackoil and dask.array."""
+
+    functions: Any  # with one_over_bo, one_over_bg, one_over_bw and pore_volume_multiplier
+    floats: Any     # an array-like as float64, its mask kept
+    dtype: Any      # the element type of an array-like
+    where: Any      # numpy.where, keeping masks
+
+
+def fluids_in_place(arrays: _Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any, p: Any, sw: Any, sg: Any,
+                    rs: Any, rv: Any, pw: Any, pg: Any, so: Any, **keywords: Any) -> InPlace:
+    """in_place over `arrays`: the same steps, in the same order, for NumPy and dask arrays."""
     tables = _tables_of(deck_or_tables)
+    f, floats = arrays.functions, arrays.floats
     oil = tables["pvto"] if tables["pvto"] is not None else tables["pvdo"]
     gas = tables["pvtg"] if tables["pvtg"] is not None else tables["pvdg"]
     live, wet = tables["pvto"] is not None, tables["pvtg"] is not None
     pw = p if pw is None else pw
     pg = p if pg is None else pg
-    pv = np.asanyarray(porv, dtype=np.float64)
+    pv = floats(porv)
     if tables["rock"] is not None:
-        pv = pv * pore_volume_multiplier(tables["rock"], pvtnum, p, threads=threads)
-    so = _oil_saturation(sw, sg) if so is None else np.asanyarray(so, dtype=np.float64)
-    zero = np.zeros(np.broadcast_shapes(*(np.shape(a) for a in (pvtnum, pv, p, sw, sg))))
-    liquid = zero if oil is None else pv * so * one_over_bo(oil, pvtnum, p, rs if live else None, threads=threads)
-    free = zero if gas is None else pv * np.asanyarray(sg, dtype=np.float64) * one_over_bg(
-        gas, pvtnum, pg, rv if wet else None, threads=threads)
-    water = zero if tables["pvtw"] is None else pv * np.asanyarray(sw, dtype=np.float64) * one_over_bw(
-        tables["pvtw"], pvtnum, pw, threads=threads)
-    vaporised = free * np.asanyarray(rv, dtype=np.float64) if wet and rv is not None else zero
-    dissolved = liquid * np.asanyarray(rs, dtype=np.float64) if live and rs is not None else zero
+        pv = pv * f.pore_volume_multiplier(tables["rock"], pvtnum, p, **keywords)
+    so = _oil_saturation(arrays, sw, sg) if so is None else floats(so)
+    zero = floats(0.0) * (pv + floats(p) + floats(sw) + floats(sg))  # 0.0 of the inputs' shape (and masks)
+    liquid = zero if oil is None else pv * so * f.one_over_bo(oil, pvtnum, p, rs if live else None, **keywords)
+    free = zero if gas is None else pv * floats(sg) * f.one_over_bg(gas, pvtnum, pg, rv if wet else None,
+                                                                     **keywords)
+    water = zero if tables["pvtw"] is None else pv * floats(sw) * f.one_over_bw(tables["pvtw"], pvtnum, pw,
+                                                                                 **keywords)
+    vaporised = free * floats(rv) if wet and rv is not None else zero
+    dissolved = liquid * floats(rs) if live and rs is not None else zero
     return InPlace(liquid + vaporised, free + dissolved, water + zero)
+
+
+_NUMPY = _Arrays(sys.modules[__name__], lambda value: np.asanyarray(value, dtype=np.float64),
+                 lambda value: np.asarray(np.ma.getdata(value)).dtype, np.ma.where)
