@@ -10,9 +10,10 @@ the bottom of the opposite one); Flow runs it in a temporary directory (or
 DIR), and kavra.results reads the case: one restart array per call.  The
 script prints the field's state at each report step and draws the PRESSURE
 and SGAS maps of the top layer, and maps of the oil in place of each column
-(Flow's FIPOIL summed over K) and of its pore-volume-weighted pressure
-(kavra.column_map), at four of them (examples/output/flow_case.png unless --png
-says otherwise), and the oil in place per FIPNUM region (kavra.region_totals).
+(kavra.results' in_place summed over K) and of its pore-volume-weighted
+pressure (kavra.column_map), at four of them (examples/output/flow_case.png
+unless --png says otherwise), and the oil, gas and water in place per FIPNUM
+region (kavra.region_totals) beside the totals of Flow's own FIP arrays.
 """
 
 import argparse
@@ -49,19 +50,27 @@ def report(r: kavra.results.Results) -> None:
               f"{int((sgas > 0).sum()):>15} {rate}")
 
 
-# Surface volumes of oil (FIPOIL) in each unit system.
+# Surface volumes of oil (and water) and of gas in each unit system.
 OIL_VOLUME = {"FIELD": "stb", "METRIC": "sm3", "LAB": "scc", "PVT-M": "sm3"}
+GAS_VOLUME = {"FIELD": "Mscf", "METRIC": "sm3", "LAB": "scc", "PVT-M": "sm3"}
 
 
 def regions(r: kavra.results.Results) -> None:
-    """Oil in place per FIPNUM region at each report step: Flow's FIPOIL of every cell, added up."""
+    """Oil, gas and water in place per FIPNUM region at each report step: kavra's (in_place, then
+    region_totals) beside the totals of Flow's FIPOIL, FIPGAS and FIPWAT."""
     fipnum = r.cell_property("FIPNUM")
-    print(f"\n  oil in place per FIPNUM region ({OIL_VOLUME[r.units]})")
     count = int(fipnum.max())
-    print(f"  {'step':>4} " + " ".join(f"{'region ' + str(n):>14}" for n in range(1, count + 1)))
+    units = {"oil": OIL_VOLUME[r.units], "gas": GAS_VOLUME[r.units], "water": OIL_VOLUME[r.units]}
+    print(f"\n  in place per FIPNUM region: kavra / Flow ({', '.join(f'{k} {u}' for k, u in units.items())})")
+    print(f"  {'step':>4} {'region':>6} " + " ".join(f"{part:>27}" for part in units))
     for step in r.steps:
-        totals = kavra.region_totals(r.cell_property("FIPOIL", step), fipnum, count=count)
-        print(f"  {step:>4} " + " ".join(f"{t:14.6g}" for t in totals))
+        fluids = r.in_place(step)
+        ours = [kavra.region_totals(getattr(fluids, part), fipnum, count=count) for part in units]
+        flow = [kavra.region_totals(r.cell_property(name, step), fipnum, count=count)
+                for name in ("FIPOIL", "FIPGAS", "FIPWAT")]
+        for region in range(count):
+            print(f"  {step:>4} {region + 1:>6} " + " ".join(f"{o[region]:13.6g} / {f[region]:11.6g}"
+                                                            for o, f in zip(ours, flow)))
 
 
 def draw(r: kavra.results.Results, png: pathlib.Path) -> None:
@@ -84,8 +93,8 @@ def draw(r: kavra.results.Results, png: pathlib.Path) -> None:
     rows: list[tuple[str, str, str, Callable[[int], Any]]] = [
         ("PRESSURE, K = 1", f"PRESSURE ({pressure_unit})", "viridis", top("PRESSURE")),
         ("SGAS, K = 1", "SGAS (fraction of pore volume)", "magma", top("SGAS")),
-        ("oil in place per column", f"FIPOIL summed over K ({OIL_VOLUME[r.units]})", "cividis",
-         lambda step: kavra.column_map(r.cell_property("FIPOIL", step), grid, "sum")),
+        ("oil in place per column", f"oil in place, summed over K ({OIL_VOLUME[r.units]})", "cividis",
+         lambda step: kavra.column_map(r.in_place(step).oil, grid, "sum")),
         ("pore-volume-weighted pressure", f"PRESSURE weighted by RPORV ({pressure_unit})", "viridis",
          lambda step: kavra.column_map(r.cell_property("PRESSURE", step), grid, "mean",
                                        weights=r.cell_property("RPORV", step))),
