@@ -8,6 +8,9 @@
 #   bar and a summary per realization; about 15 s on two cores.
 # make wheel: a wheel in dist/ that needs nothing from the system at run
 #   time (Boost.Python copied in by auditwheel).
+# make docs: the documentation site in build/docs/html (Sphinx: the README's
+#   tour, the API from the docstrings, the examples run by sphinx-gallery),
+#   warnings as errors; installs the package with its docs extra.
 # make sanitize: the same tests on a build with AddressSanitizer and
 #   UndefinedBehaviorSanitizer, kept apart in build/sanitize and .venv-sanitize.
 VENV   := .venv
@@ -15,7 +18,7 @@ PY     := $(VENV)/bin/python
 SAN_VENV  := .venv-sanitize
 SAN_BUILD := build/sanitize
 
-.PHONY: all bootstrap build test native-test wheel sanitize demo ensemble bench clean
+.PHONY: all bootstrap build test native-test wheel sanitize demo ensemble bench docs clean
 
 all: build
 
@@ -72,6 +75,12 @@ demo: build
 	$(PY) examples/flow_case.py
 	$(PY) examples/blackoil_flow.py
 
+# What the site generates in docs/ goes first, so that every page is made anew.
+docs: bootstrap
+	$(PY) -m pip install -q --no-build-isolation ".[docs]"
+	rm -rf docs/auto_examples docs/generated docs/_pages docs/sg_execution_times.rst build/docs
+	$(VENV)/bin/sphinx-build -W --keep-going -b html docs build/docs/html
+
 ensemble: build
 	$(PY) examples/ensemble_dask.py
 
@@ -79,7 +88,8 @@ ensemble: build
 # the NumPy-first functions on one thread and on all against numba at 10^7 cells,
 # and the size from which threads pay (bench/threads.py), then the engine against
 # the module it replaced and its thread gain against numba's (bench/engine.py;
-# bash bench/old_parallel.sh builds that module once).  BENCH_ARGS goes to
+# bash bench/old_parallel.sh builds that module once), and the column maps and
+# region totals of 10^8 cells against a parallel copy (bench/maps.py).  BENCH_ARGS goes to
 # run.py; of it, --large (10^8 cells) goes to threads.py too.  numba is for the
 # bench alone: bench/requirements.txt.
 bench: build
@@ -87,6 +97,7 @@ bench: build
 	$(PY) bench/run.py $(BENCH_ARGS)
 	$(PY) bench/threads.py $(filter --large,$(BENCH_ARGS))
 	$(PY) bench/engine.py
+	$(PY) bench/maps.py
 	$(PY) bench/blackoil.py
 
 clean:
