@@ -13,6 +13,9 @@
 #   time (Boost.Python, where the build found it, copied in by auditwheel).
 # make wheels: a wheel per Python version of PYTHONS, each installed into a
 #   fresh environment and tested there.
+# make docs: the documentation site in build/docs/html (Sphinx: the README's
+#   tour, the API from the docstrings, the examples run by sphinx-gallery),
+#   warnings as errors; installs the package with its docs extra.
 # make sanitize: the same tests on a build with AddressSanitizer and
 #   UndefinedBehaviorSanitizer, kept apart in build/sanitize and .venv-sanitize.
 VENV   := .venv
@@ -23,7 +26,7 @@ SAN_BUILD := build/sanitize
 # bootstrap.sh makes; the others have no Boost.Python here.
 PYTHONS   := 3.11 3.10 3.12 3.13
 
-.PHONY: all bootstrap build test native-test wheel wheels sanitize demo ensemble bench clean
+.PHONY: all bootstrap build test native-test wheel wheels sanitize demo ensemble bench docs clean
 
 all: build
 
@@ -81,6 +84,12 @@ demo: build
 	$(PY) examples/flow_case.py
 	$(PY) examples/blackoil_flow.py
 
+# What the site generates in docs/ goes first, so that every page is made anew.
+docs: bootstrap
+	$(PY) -m pip install -q --no-build-isolation ".[docs]"
+	rm -rf docs/auto_examples docs/generated docs/_pages docs/sg_execution_times.rst build/docs
+	$(VENV)/bin/sphinx-build -W --keep-going -b html docs build/docs/html
+
 ensemble: build
 	$(PY) examples/ensemble_dask.py
 
@@ -88,7 +97,8 @@ ensemble: build
 # the NumPy-first functions on one thread and on all against numba at 10^7 cells,
 # and the size from which threads pay (bench/threads.py), then the engine against
 # the module it replaced and its thread gain against numba's (bench/engine.py;
-# bash bench/old_parallel.sh builds that module once).  BENCH_ARGS goes to
+# bash bench/old_parallel.sh builds that module once), and the column maps and
+# region totals of 10^8 cells against a parallel copy (bench/maps.py).  BENCH_ARGS goes to
 # run.py; of it, --large (10^8 cells) goes to threads.py too.  numba is for the
 # bench alone: bench/requirements.txt.
 bench: build
@@ -96,6 +106,7 @@ bench: build
 	$(PY) bench/run.py $(BENCH_ARGS)
 	$(PY) bench/threads.py $(filter --large,$(BENCH_ARGS))
 	$(PY) bench/engine.py
+	$(PY) bench/maps.py
 	$(PY) bench/blackoil.py
 
 clean:

@@ -1,4 +1,5 @@
-"""The NumPy-first API on a small grid: tables as a deck writes them, arrays in and out.
+"""The NumPy-first API on a small grid: tables as a deck writes them, arrays in and out
+====================================================================================
 
 Run with `python examples/arrays_and_tables.py` once the package is installed.
 Grid properties come as a grid library hands them out: shaped (nI, nJ, nK),

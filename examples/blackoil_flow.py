@@ -1,4 +1,5 @@
-"""1/Bo and 1/Bg of SPE1 two ways, against what OPM Flow computed in every cell.
+"""1/Bo and 1/Bg of SPE1 two ways, against what OPM Flow computed in every cell
+============================================================================
 
 Run with `make demo` (or `python examples/blackoil_flow.py [--png PATH]` with kavra
 installed with its results extra and the opm-simulators package).
@@ -31,7 +32,8 @@ import kavra.deck
 import kavra.results
 from kavra import blackoil
 
-HERE = pathlib.Path(__file__).resolve().parent
+# This script's directory, from its own code (sphinx-gallery runs the examples without __file__).
+HERE = pathlib.Path((lambda: None).__code__.co_filename).resolve().parent
 DEFAULT_PNG = HERE / "output" / "blackoil_flow.png"
 sys.path.insert(0, str(HERE.parent / "tests"))
 from flow_cases import run_flow  # noqa: E402  (the decks and schedules of the tests)

@@ -1,4 +1,5 @@
-"""Deck workflow: two public SPE decks read with kavra.deck and pushed through the calculations.
+"""Deck workflow: two public SPE decks read with kavra.deck and pushed through the calculations
+============================================================================================
 
 Run with `make demo` (or `python examples/deck_workflow.py [--out DIR]` once the
 package is installed with its deck extra, `pip install '.[deck]'`).
@@ -28,7 +29,8 @@ import kavra
 import kavra.deck
 from kavra.tables import UNIT_LABELS
 
-HERE = pathlib.Path(__file__).resolve().parent
+# This script's directory, from its own code (sphinx-gallery runs the examples without __file__).
+HERE = pathlib.Path((lambda: None).__code__.co_filename).resolve().parent
 DEFAULT_OUT = HERE / "output"
 
 # FIELD units: a stock-tank barrel (and a reservoir barrel) holds 5.614583 ft3,

@@ -1,4 +1,5 @@
-"""An ensemble on a local Dask cluster: 1/Bo and its K average for 20 realizations of a grid.
+"""An ensemble on a local Dask cluster: 1/Bo and its K average for 20 realizations of a grid
+=========================================================================================
 
 Run with `make ensemble` (or `python examples/ensemble_dask.py [--realizations N]
 [--grid NI NJ NK] [--workers N]` once the package is installed with the `dask`

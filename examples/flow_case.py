@@ -1,4 +1,5 @@
-"""Flow case: SPE1 run with OPM Flow, its results read with kavra.results.
+"""Flow case: SPE1 run with OPM Flow, its results read with kavra.results
+======================================================================
 
 Run with `make demo` (or `python examples/flow_case.py [--png PATH] [--keep DIR]`
 with kavra installed with its results extra and the opm-simulators package).
@@ -8,22 +9,27 @@ The SPE1 deck that ships with kavra gets the six-month schedule that the tests u
 the bottom of the opposite one); Flow runs it in a temporary directory (or
 DIR), and kavra.results reads the case: one restart array per call.  The
 script prints the field's state at each report step and draws the PRESSURE
-and SGAS maps of the top layer at four of them (examples/output/flow_case.png
-unless --png says otherwise).
+and SGAS maps of the top layer, and maps of the oil in place of each column
+(kavra.results' in_place summed over K) and of its pore-volume-weighted
+pressure (kavra.column_map), at four of them (examples/output/flow_case.png
+unless --png says otherwise), and the oil, gas and water in place per FIPNUM
+region (kavra.region_totals) beside the totals of Flow's own FIP arrays.
 """
 
 import argparse
 import pathlib
 import sys
 import tempfile
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
+from typing import Any
 
 import numpy as np
 
 import kavra.results
 from kavra.tables import UNIT_LABELS
 
-HERE = pathlib.Path(__file__).resolve().parent
+# This script's directory, from its own code (sphinx-gallery runs the examples without __file__).
+HERE = pathlib.Path((lambda: None).__code__.co_filename).resolve().parent
 DEFAULT_PNG = HERE / "output" / "flow_case.png"
 sys.path.insert(0, str(HERE.parent / "tests"))
 from flow_cases import run_flow  # noqa: E402  (the decks and schedules of the tests)
@@ -44,35 +50,72 @@ def report(r: kavra.results.Results) -> None:
               f"{int((sgas > 0).sum()):>15} {rate}")
 
 
+# Surface volumes of oil (and water) and of gas in each unit system.
+OIL_VOLUME = {"FIELD": "stb", "METRIC": "sm3", "LAB": "scc", "PVT-M": "sm3"}
+GAS_VOLUME = {"FIELD": "Mscf", "METRIC": "sm3", "LAB": "scc", "PVT-M": "sm3"}
+
+
+def regions(r: kavra.results.Results) -> None:
+    """Oil, gas and water in place per FIPNUM region at each report step: kavra's (in_place, then
+    region_totals) beside the totals of Flow's FIPOIL, FIPGAS and FIPWAT."""
+    fipnum = r.cell_property("FIPNUM")
+    count = int(fipnum.max())
+    units = {"oil": OIL_VOLUME[r.units], "gas": GAS_VOLUME[r.units], "water": OIL_VOLUME[r.units]}
+    print(f"\n  in place per FIPNUM region: kavra / Flow ({', '.join(f'{k} {u}' for k, u in units.items())})")
+    print(f"  {'step':>4} {'region':>6} " + " ".join(f"{part:>27}" for part in units))
+    for step in r.steps:
+        fluids = r.in_place(step)
+        ours = [kavra.region_totals(getattr(fluids, part), fipnum, count=count) for part in units]
+        flow = [kavra.region_totals(r.cell_property(name, step), fipnum, count=count)
+                for name in ("FIPOIL", "FIPGAS", "FIPWAT")]
+        for region in range(count):
+            print(f"  {step:>4} {region + 1:>6} " + " ".join(f"{o[region]:13.6g} / {f[region]:11.6g}"
+                                                            for o, f in zip(ours, flow)))
+
+
 def draw(r: kavra.results.Results, png: pathlib.Path) -> None:
-    """PRESSURE and SGAS of the top layer at four report steps; one colour scale per row."""
+    """PRESSURE and SGAS of the top layer, the oil in place of each column and its pore-volume-
+    weighted pressure, at four report steps; one colour scale per row."""
     import matplotlib
 
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
 
     g = r.grid
+    grid = (g.nI, g.nJ, g.nK)
     steps = [r.steps[i] for i in np.linspace(0, len(r.steps) - 1, 4).round().astype(int)]
-    rows = [("PRESSURE", f"PRESSURE ({UNIT_LABELS[r.units]['pressure']})", "viridis"),
-            ("SGAS", "SGAS (fraction of pore volume)", "magma")]
-    figure, axes = plt.subplots(len(rows), len(steps), figsize=(4 * len(steps) + 1.5, 7.5), squeeze=False,
-                                layout="constrained")
+    pressure_unit = UNIT_LABELS[r.units]["pressure"]
+
+    def top(name: str) -> Callable[[int], Any]:
+        # the top layer (K = 1) of a step, shaped (nJ, nI)
+        return lambda step: r.cell_property(name, step).reshape(g.nK, g.nJ, g.nI)[0]
+
+    rows: list[tuple[str, str, str, Callable[[int], Any]]] = [
+        ("PRESSURE, K = 1", f"PRESSURE ({pressure_unit})", "viridis", top("PRESSURE")),
+        ("SGAS, K = 1", "SGAS (fraction of pore volume)", "magma", top("SGAS")),
+        ("oil in place per column", f"oil in place, summed over K ({OIL_VOLUME[r.units]})", "cividis",
+         lambda step: kavra.column_map(r.in_place(step).oil, grid, "sum")),
+        ("pore-volume-weighted pressure", f"PRESSURE weighted by RPORV ({pressure_unit})", "viridis",
+         lambda step: kavra.column_map(r.cell_property("PRESSURE", step), grid, "mean",
+                                       weights=r.cell_property("RPORV", step))),
+    ]
+    figure, axes = plt.subplots(len(rows), len(steps), figsize=(4 * len(steps) + 1.5, 3.6 * len(rows)),
+                                squeeze=False, layout="constrained")
     dates = dict(zip(r.steps, r.dates))
-    for row, (name, label, colours) in enumerate(rows):
-        # the top layer (K = 1) of each step, shaped (nJ, nI)
-        maps = [r.cell_property(name, step).reshape(g.nK, g.nJ, g.nI)[0] for step in steps]
+    for row, (title, label, colours, of_step) in enumerate(rows):
+        maps = [of_step(step) for step in steps]
         low, high = min(float(m.min()) for m in maps), max(float(m.max()) for m in maps)
         for column, (step, values) in enumerate(zip(steps, maps)):
             ax = axes[row, column]
             image = ax.imshow(values, origin="upper", cmap=colours, vmin=low, vmax=high,
                               extent=(0.5, g.nI + 0.5, g.nJ + 0.5, 0.5))
-            ax.set_title(f"{name}, step {step} ({str(dates[step])[:10]})", fontsize=10)
+            ax.set_title(f"{title}, step {step} ({str(dates[step])[:10]})", fontsize=9)
             ax.set_xlabel("I")
             ax.set_ylabel("J")
             ax.set_xticks(range(1, g.nI + 1))
             ax.set_yticks(range(1, g.nJ + 1))
         figure.colorbar(image, ax=axes[row, :].tolist(), label=label, shrink=0.9)
-    figure.suptitle(f"{r.case.name}: top layer (K = 1) over time, {r.units} units")
+    figure.suptitle(f"{r.case.name} over time, {r.units} units (I and J counted from 1, as the deck counts them)")
     png.parent.mkdir(parents=True, exist_ok=True)
     figure.savefig(png, dpi=90)
     plt.close(figure)
@@ -91,6 +134,7 @@ def main(argv: Sequence[str] | None = None) -> None:
         r = kavra.results.read(run_flow("SPE1CASE1", directory))
         print(r)
         report(r)
+        regions(r)
         draw(r, args.png)
 
 

@@ -1,4 +1,5 @@
-"""Example workflow: a small reservoir grid, pushed through the calculations.
+"""Example workflow: a small reservoir grid, pushed through the calculations
+=========================================================================
 
 Run with `make demo` (or `python examples/workflow.py [--png PATH]` once the
 package is installed).  Every input is built with tessel; every result is
@@ -18,7 +19,8 @@ from numpy.typing import ArrayLike, NDArray
 import kavra
 from kavra import tessel
 
-DEFAULT_PNG = pathlib.Path(__file__).resolve().parent / "output" / "workflow.png"
+# This script's directory, from its own code (sphinx-gallery runs the examples without __file__).
+DEFAULT_PNG = pathlib.Path((lambda: None).__code__.co_filename).resolve().parent / "output" / "workflow.png"
 
 Curve = tuple[NDArray[np.float64], NDArray[np.float64]]  # pressures, 1/Bo
 

@@ -250,7 +250,7 @@ def test_reductions_equal_the_native_kernels(name, dims, dtype, order, layout, f
         np.testing.assert_array_equal(np.ma.getmaskarray(got), ~active)
 
 
-@pytest.mark.parametrize("module", [kavra.calculations, kavra.reductions, kavra.tables, kavra.blackoil])
+@pytest.mark.parametrize("module", [kavra.calculations, kavra.reductions, kavra.maps, kavra.tables, kavra.blackoil])
 def test_numpy_docstrings_with_examples_that_run(module):
     result = doctest.testmod(module, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert result.attempted > 0 and result.failed == 0

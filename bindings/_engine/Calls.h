@@ -45,6 +45,23 @@ struct Job
     Words words;
 };
 
+// A Job that writes into the caller's arrays and gives None: `run` over the
+// job itself, its failure kept.
+template <class Self>
+struct WritingJob : Job
+{
+    void Run() noexcept override
+    {
+        try {
+            run(static_cast<Self&>(*this));
+        } catch (...) {
+            error = std::current_exception();
+        }
+    }
+    PyObject* Result() override { Py_RETURN_NONE; }
+    void (*run)(Self&) = nullptr;
+};
+
 // Sets the Python error of a failure while preparing or finishing.
 void SetPreparingError();
 

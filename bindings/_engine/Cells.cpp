@@ -44,7 +44,7 @@ namespace engine {
 // for every cell (pvtnum=1) holds the least, so that the buffer of that
 // value stays small.
 const std::uint64_t cellsPerChunk = 1 << 16;
-constexpr std::uint64_t chunksPerThread = 8;
+const std::uint64_t chunksPerThread = 8;
 const std::uint64_t cellsWithoutLock = 1 << 13;
 
 namespace {

@@ -15,6 +15,8 @@ namespace engine {
 
 // The least cells of a chunk of a call.
 extern const std::uint64_t cellsPerChunk;
+// Chunks per thread of a larger call.
+extern const std::uint64_t chunksPerThread;
 // Below this many cells a call keeps the interpreter lock: releasing it costs more.
 extern const std::uint64_t cellsWithoutLock;
 
@@ -27,6 +29,11 @@ nanobind::dict CalculationList();
 
 // reduce_grid(name, values, result, columns, threads) (see Reductions.cpp).
 PyObject* ReduceGrid(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
+
+// column_map(reduce, values, weights, active, nI, nJ, nK, runs, map, empty, threads)
+// and region_totals(values, regions, out, threads) (see Maps.cpp).
+PyObject* ColumnMap(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
+PyObject* RegionTotals(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 
 // reduce_selection(name, values, cells, nI, nJ, result) (see Reductions.cpp).
 void ReduceSelection(const std::string& name, nanobind::object values, nanobind::object cells, std::int64_t nI,

@@ -4,7 +4,8 @@
 // on a pool of threads with the interpreter lock released.
 //
 // The entries: Cells.cpp (the calculations), Reductions.cpp (the K
-// reductions), the pinch-outs here; Calls.cpp makes every failure one
+// reductions), Maps.cpp (the column maps and totals per region), the
+// pinch-outs here; Calls.cpp makes every failure one
 // Python error, once: a ValueError in kavra's words built from the facts the
 // core's exception carries (kavra::Failure).
 #include <Python.h>
@@ -98,6 +99,10 @@ NB_MODULE(_engine, m)
          METH_FASTCALL, "calculate(name, tables, regions, inputs, out, words, threads) -> out"},
         {"reduce_grid", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&ReduceGrid)),
          METH_FASTCALL, "reduce_grid(name, values, result, columns, threads) -> None"},
+        {"column_map", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&ColumnMap)), METH_FASTCALL,
+         "column_map(reduce, values, weights, active, nI, nJ, nK, runs, map, empty, threads) -> None"},
+        {"region_totals", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&RegionTotals)),
+         METH_FASTCALL, "region_totals(values, regions, out, threads) -> None"},
         {nullptr, nullptr, 0, nullptr}};
     if (PyModule_AddFunctions(m.ptr(), unlocked) < 0)
         throw nb::python_error();

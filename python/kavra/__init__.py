@@ -33,7 +33,8 @@ _LAYER = {
     "one_over_bw": "calculations", "one_over_bg": "calculations", "rs_from_components": "calculations",
     "porosity": "calculations", "porosity_from_porv": "calculations", "bulk_volume": "calculations",
     "transmissibility_k": "calculations", "kmax": "reductions", "kmin": "reductions", "ksum": "reductions",
-    "kaverage": "reductions", "get_num_threads": "_threads", "set_num_threads": "_threads",
+    "kaverage": "reductions", "column_map": "maps", "region_totals": "maps", "get_num_threads": "_threads",
+    "set_num_threads": "_threads",
 }
 
 if _TYPE_CHECKING:  # "name as name": exported for type checkers
@@ -55,11 +56,13 @@ if _TYPE_CHECKING:  # "name as name": exported for type checkers
     from .reductions import kmax as kmax
     from .reductions import kmin as kmin
     from .reductions import ksum as ksum
+    from .maps import column_map as column_map
+    from .maps import region_totals as region_totals
     from ._threads import get_num_threads as get_num_threads
     from ._threads import set_num_threads as set_num_threads
 
 
-_SUBMODULES = ("tables", "calculations", "reductions", "deck", "results", "blackoil")
+_SUBMODULES = ("tables", "calculations", "reductions", "maps", "deck", "results", "blackoil")
 
 
 def __getattr__(name: str) -> _Any:

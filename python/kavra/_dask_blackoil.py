@@ -18,9 +18,12 @@ Examples
 
 from __future__ import annotations
 
+import sys
+
 from typing import Any
 
 import dask.array as da
+import numpy as np
 from numpy.typing import ArrayLike
 
 from . import blackoil as _blackoil
@@ -78,8 +81,21 @@ one_over_bw = _plain("one_over_bw", PVTW)
 water_viscosity = _plain("water_viscosity", PVTW)
 pore_volume_multiplier = _plain("pore_volume_multiplier", ROCK)
 
-for _name in __all__:
+
+def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLike, sw: ArrayLike, sg: ArrayLike,
+             rs: ArrayLike | None = None, rv: ArrayLike | None = None, *, pw: ArrayLike | None = None,
+             pg: ArrayLike | None = None, so: ArrayLike | None = None) -> _blackoil.InPlace:
+    """:func:`kavra.blackoil.in_place` over dask arrays: its steps with the lazy functions of this
+    module, the tables taken out of a deck first; gives three dask arrays of float64."""
+    tables = _blackoil._tables_of(deck_or_tables)  # table values: one pickled key each
+    arrays = _blackoil._Arrays(sys.modules[__name__], lambda value: da.asarray(value).astype(np.float64),
+                               lambda value: da.asarray(value).dtype, da.where)
+    return _blackoil.fluids_in_place(arrays, tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so)
+
+
+for _name in (name for name in __all__ if name != "in_place"):  # in_place has its own text
     _lazy = globals()[_name]
     _lazy.__name__ = _lazy.__qualname__ = _name
     _lazy.__doc__ = (f"Chunk by chunk :func:`kavra.blackoil.{_name}` over dask arrays (same arguments, "
                      f"without ``out``); gives a dask.array.Array of float64.")
+

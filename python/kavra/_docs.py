@@ -11,7 +11,21 @@ from typing import Callable, TypeVar
 
 F = TypeVar("F", bound=Callable[..., object])
 
+_ACTIVE_LAYOUT = """\
+active : array_like of bool, optional
+    Cells that take part (ACTNUM), of the shape of ``values``.
+layout : {"kji", "ijk"}
+    ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
+    flat with K fastest."""
+_DASK_VALUES_GRID = """\
+values : dask or NumPy array
+    One value per cell, of the shape given by ``layout`` or flat in its cell order.
+grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
+    The grid."""
+
 PIECES = {
+    "active_layout": _ACTIVE_LAYOUT,
+    "dask_values_grid": _DASK_VALUES_GRID,
     "oil": """\
 oil : PVTO or PVDO
     Live-oil (with `rs`) or dead-oil (without) table per PVT region.""",
@@ -103,18 +117,14 @@ TypeError
 ValueError
     A ``layout`` other than ``"kji"`` or ``"ijk"``; values (or ``active``) whose shape does not
     fit the grid or the selection; ``threads`` below 1.""",
-    "k_arguments": """\
+    "k_arguments": f"""\
 Parameters
 ----------
 values : array_like
     One value per cell (see ``layout``), or one per selected cell of a selection.
 grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
     The grid, or the selection of its cells.
-active : array_like of bool, optional
-    Cells that take part (ACTNUM), of the shape of ``values``.
-layout : {"kji", "ijk"}
-    ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-    flat with K fastest.
+{_ACTIVE_LAYOUT}
 threads : int, optional
     Threads to run on (default: :func:`kavra.get_num_threads`); the result is the same for any
     number.  A selection, and cells left out by ``active`` or a mask, take one thread.
@@ -123,18 +133,11 @@ Returns
 -------
 ndarray
     The input's shape and element type; masked where a cell took no part.""",
-    "dask_k_arguments": """\
+    "dask_k_arguments": f"""\
 Parameters
 ----------
-values : dask or NumPy array
-    One value per cell, of the shape given by ``layout`` or flat in its cell order.
-grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
-    The grid.
-active : array_like of bool, optional
-    Cells that take part (ACTNUM), of the shape of ``values``.
-layout : {"kji", "ijk"}
-    ``"kji"``: shape (nK, nJ, nI) or flat with I fastest; ``"ijk"``: shape (nI, nJ, nK) or
-    flat with K fastest.
+{_DASK_VALUES_GRID}
+{_ACTIVE_LAYOUT}
 
 Returns
 -------

@@ -37,7 +37,9 @@ arrays, are read as they are), all in the tables' units.
 
 from __future__ import annotations
 
-from typing import Any
+import sys
+from collections.abc import Mapping
+from typing import Any, NamedTuple
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -50,7 +52,7 @@ from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 __all__ = ["one_over_bo", "one_over_bg", "one_over_bw", "rs_sat", "rv_sat", "bubble_point", "dew_point",
            "oil_viscosity", "gas_viscosity", "water_viscosity", "oil_density", "gas_density", "water_density",
-           "pore_volume_multiplier"]
+           "pore_volume_multiplier", "in_place"]
 
 # Stock-tank barrels per thousand standard cubic feet, as cubic feet: the FIELD
 # factor between a ratio of surface volumes and a density (1 in the other systems).
@@ -596,3 +598,144 @@ def water_density(pvtw: PVTW, density: Any, pvtnum: ArrayLike, p: ArrayLike, *,
     b = one_over_bw(pvtw, pvtnum, p, threads=threads)
     zero = np.zeros(1)
     return _density("water_density", b, 0.0, _per_cell(densities, 1, pvtnum, 1.0, np.shape(b)), zero, out, threads)
+
+
+# --- fluids in place ------------------------------------------------------------------------
+
+class InPlace(NamedTuple):
+    """Oil, gas and water in place per cell at surface conditions, in the tables' surface units
+    (sm3 in METRIC; stb, Mscf and stb in FIELD)."""
+
+    oil: NDArray[np.float64]
+    gas: NDArray[np.float64]
+    water: NDArray[np.float64]
+
+
+_TABLE_NAMES = ("pvto", "pvdo", "pvtg", "pvdg", "pvtw", "rock")
+# The spacing of float32 at 1: an oil saturation 1 - Sw - Sg closer to 0 than this, of saturations
+# given as float32, is the rounding of Sw and Sg, not oil.
+_FLOAT32_SPACING = 2.0**-23
+
+
+def _tables_of(deck_or_tables: Any) -> dict[str, Any]:
+    """The tables of a kavra.deck.Deck, or of a mapping (or object) with the attributes named so."""
+    if isinstance(deck_or_tables, Mapping):
+        return {name: deck_or_tables.get(name) for name in _TABLE_NAMES}
+    return {name: getattr(deck_or_tables, name, None) for name in _TABLE_NAMES}
+
+
+def _oil_saturation(arrays: _Arrays, sw: Any, sg: Any) -> Any:
+    """1 - Sw - Sg, in float64; 0 where that is within float32's spacing of 0 and Sw or Sg came as float32."""
+    so = 1.0 - arrays.floats(sw) - arrays.floats(sg)
+    if np.result_type(arrays.dtype(sw), arrays.dtype(sg)) == np.float32:
+        so = arrays.where(abs(so) < _FLOAT32_SPACING, 0.0, so)
+    return so
+
+
+@filled
+def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLike, sw: ArrayLike, sg: ArrayLike,
+             rs: ArrayLike | None = None, rv: ArrayLike | None = None, *, pw: ArrayLike | None = None,
+             pg: ArrayLike | None = None, so: ArrayLike | None = None, threads: int | None = None) -> InPlace:
+    """Oil, gas and water in place per cell at surface conditions, as the simulator's FIP arrays.
+
+    With the pore volume at pressure ``pv = porv * pore_volume_multiplier(rock, pvtnum, p)`` (no
+    ROCK: ``porv``) and the 1/B of this module at each phase's pressure::
+
+        oil   = pv * So / Bo + pv * Sg / Bg * Rv      (liquid, and vaporised in the gas)
+        gas   = pv * Sg / Bg + pv * So / Bo * Rs      (free, and dissolved in the oil)
+        water = pv * Sw / Bw
+
+    what OPM Flow writes as FIPOIL, FIPGAS and FIPWAT.  A phase without a table (no gas table
+    in a dead-oil deck, say) holds nothing; Rs counts only with a PVTO, Rv only with a PVTG.
+    :func:`kavra.region_totals` adds them up per FIPNUM region.
+
+    Parameters
+    ----------
+    deck_or_tables : kavra.deck.Deck or mapping
+        The tables: ``pvto`` or ``pvdo``, ``pvtg`` or ``pvdg``, ``pvtw`` and ``rock``, as the
+        attributes of a deck or the keys of a mapping (a missing one is None).
+    %(pvtnum)s
+    porv : array_like of float
+        Pore volume per cell at the reference pressure (an INIT's PORV), in reservoir volume
+        (rm3 in METRIC, rb in FIELD).
+    p : array_like of float
+        Oil pressure per cell, in the tables' pressure unit; also the pressure of the pore
+        volume, and of water and gas unless ``pw`` and ``pg`` say otherwise.
+    sw, sg : array_like of float
+        Water and gas saturation per cell (fraction of pore volume).
+    rs : array_like of float, optional
+        Dissolved gas-oil ratio per cell (with a PVTO), in the table's Rs unit.
+    rv : array_like of float, optional
+        Vaporised oil-gas ratio per cell (with a PVTG), in the table's Rv unit.
+    pw, pg : array_like of float, optional
+        Water and gas pressure per cell (``p`` minus and plus the capillary pressures).
+    so : array_like of float, optional
+        Oil saturation per cell (a restart's SOIL).  Default ``1 - sw - sg``, taken as 0 within
+        2**-23 of 0 when ``sw`` or ``sg`` is float32 (as a restart holds them): there the
+        rounding of the saturations, not oil, would be left.
+    %(threads)s
+
+    Returns
+    -------
+    InPlace
+        ``(oil, gas, water)``, float64 arrays of the inputs' broadcast shape, masked where an
+        input is, in surface volumes of the tables' units (sm3 in METRIC; stb, Mscf and stb in
+        FIELD).
+
+    Raises
+    ------
+    TypeError
+        A table of the wrong kind, or as the functions of this module say.
+    ValueError
+        A PVTO without ``rs`` or a PVTG without ``rv``; inputs that do not broadcast; a region
+        past a table (as the functions of this module say).
+
+    Examples
+    --------
+    >>> import kavra.deck
+    >>> from kavra import blackoil
+    >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))   # FIELD
+    >>> fluids = blackoil.in_place(deck, 1, porv=[1000.0], p=[4800.0], sw=[0.12], sg=[0.0], rs=[1.27])
+    >>> print(fluids.oil.round(2), fluids.gas.round(2), fluids.water.round(2))   # stb, Mscf, stb
+    [532.76] [676.6] [117.57]
+    """
+    return fluids_in_place(_NUMPY, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, threads=threads)
+
+
+class _Arrays(NamedTuple):
+    """The steps of in_place over one kind of array: this module's functions and NumPy, or the
+    lazy functions of kavra.dask.blackoil and dask.array."""
+
+    functions: Any  # with one_over_bo, one_over_bg, one_over_bw and pore_volume_multiplier
+    floats: Any     # an array-like as float64, its mask kept
+    dtype: Any      # the element type of an array-like
+    where: Any      # numpy.where, keeping masks
+
+
+def fluids_in_place(arrays: _Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any, p: Any, sw: Any, sg: Any,
+                    rs: Any, rv: Any, pw: Any, pg: Any, so: Any, **keywords: Any) -> InPlace:
+    """in_place over `arrays`: the same steps, in the same order, for NumPy and dask arrays."""
+    tables = _tables_of(deck_or_tables)
+    f, floats = arrays.functions, arrays.floats
+    oil = tables["pvto"] if tables["pvto"] is not None else tables["pvdo"]
+    gas = tables["pvtg"] if tables["pvtg"] is not None else tables["pvdg"]
+    live, wet = tables["pvto"] is not None, tables["pvtg"] is not None
+    pw = p if pw is None else pw
+    pg = p if pg is None else pg
+    pv = floats(porv)
+    if tables["rock"] is not None:
+        pv = pv * f.pore_volume_multiplier(tables["rock"], pvtnum, p, **keywords)
+    so = _oil_saturation(arrays, sw, sg) if so is None else floats(so)
+    zero = floats(0.0) * (pv + floats(p) + floats(sw) + floats(sg))  # 0.0 of the inputs' shape (and masks)
+    liquid = zero if oil is None else pv * so * f.one_over_bo(oil, pvtnum, p, rs if live else None, **keywords)
+    free = zero if gas is None else pv * floats(sg) * f.one_over_bg(gas, pvtnum, pg, rv if wet else None,
+                                                                     **keywords)
+    water = zero if tables["pvtw"] is None else pv * floats(sw) * f.one_over_bw(tables["pvtw"], pvtnum, pw,
+                                                                                 **keywords)
+    vaporised = free * floats(rv) if wet and rv is not None else zero
+    dissolved = liquid * floats(rs) if live and rs is not None else zero
+    return InPlace(liquid + vaporised, free + dissolved, water + zero)
+
+
+_NUMPY = _Arrays(sys.modules[__name__], lambda value: np.asanyarray(value, dtype=np.float64),
+                 lambda value: np.asarray(np.ma.getdata(value)).dtype, np.ma.where)

@@ -64,8 +64,15 @@ Two ways to reach the columns, chosen per call:
   over NaN, in every part and when the parts are combined in K order.
 
 A one-dimensional ``values`` is viewed as the three-dimensional grid first
-(its chunks become whole layers), and the result is laid out flat again
-from chunks of whole layers.
+(its chunks become whole layers); a reduction's result is laid out flat
+again from chunks of whole layers, while a map stays two-dimensional.
+
+Column maps
+-----------
+``column_map`` gives one value per column as a two-dimensional (nJ, nI) masked
+array.  Like the whole-column reductions, it rechunks ``values`` (and
+``weights``, ``active``) so that K lies in one chunk, and runs
+:func:`kavra.column_map` on each chunk: the map's chunks are those of J and I.
 
 Examples
 --------
@@ -103,12 +110,13 @@ from numpy.typing import ArrayLike
 
 from ._docs import filled
 from . import calculations as _calculations
+from . import maps as _maps
 from . import reductions as _reductions
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 __all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", "one_over_bg",
            "rs_from_components", "porosity", "porosity_from_porv", "bulk_volume",
-           "kmax", "kmin", "ksum", "kaverage"]
+           "kmax", "kmin", "ksum", "kaverage", "column_map"]
 
 Layout = Literal["kji", "ijk"]
 
@@ -660,6 +668,85 @@ def kaverage(values: ArrayLike, grid: Any, *, active: ArrayLike | None = None,
     [-1  1 -1  1]
     """
     return _reduce("kaverage", _reductions.kaverage, _never, values, grid, active, layout)
+
+
+def _map_block(block: np.ndarray, *extra: np.ndarray, reduce: str, layout: str, weighted: bool) -> Any:
+    """The map of a chunk that holds whole columns, its axes in the order of the chunk's (J and I,
+    or I and J)."""
+    weights = extra[0] if weighted else None
+    active = extra[-1] if len(extra) > int(weighted) else None
+    result = _maps.column_map(block, _block_grid(block.shape, layout), reduce, weights=weights, active=active,
+                              layout=layout)
+    return result if layout == "kji" else result.T
+
+
+@filled
+def column_map(values: ArrayLike, grid: Any, reduce: _maps.Reduce = "sum", *, weights: ArrayLike | None = None,
+               active: ArrayLike | None = None, layout: Layout = "kji") -> da.Array:
+    """One value per column of a grid, as a lazy (nJ, nI) masked map.
+
+    Chunk by chunk :func:`kavra.column_map`, over chunks that hold whole columns (rechunked
+    when K is split over chunks; see the module notes): the same bits as the NumPy function.
+
+    Parameters
+    ----------
+    %(dask_values_grid)s
+    reduce : {"sum", "mean", "max", "min"}
+        As :func:`kavra.column_map`.
+    weights : dask or NumPy array, optional
+        One weight per cell, broadcast to the shape of ``values`` (``"sum"`` and ``"mean"``).
+    %(active_layout)s
+
+    Returns
+    -------
+    dask.array.Array of float64, shape (nJ, nI)
+        Masked where a column has no cell that takes part.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> import dask.array as da
+    >>> import kavra.dask
+    >>> values = da.from_array(np.arange(8.0).reshape(2, 2, 2), chunks=1)
+    >>> print(kavra.dask.column_map(values, (2, 2, 2), "mean").compute())
+    [[2.0 3.0]
+     [4.0 5.0]]
+    """
+    name = "column_map"
+    ni, nj, nk = _dimensions(name, grid)
+    _reductions.check_layout(f"kavra.dask.{name}", layout)
+    values = da.asarray(values)
+    shape = _reductions.check_grid_shape(f"kavra.dask.{name}", values.shape, (ni, nj, nk), layout)
+    arrays = [values]
+    if weights is not None:  # broadcast to the values as given, as the NumPy function does
+        weights = da.asarray(weights)
+        try:
+            arrays.append(da.broadcast_to(weights, values.shape))
+        except ValueError:
+            raise ValueError(f"kavra.dask.{name}: weights of the shape {weights.shape} do not broadcast to the "
+                             f"values' shape {values.shape}") from None
+    if active is not None:
+        active = da.asarray(active)
+        if active.shape != values.shape:
+            raise ValueError(f"kavra.dask.{name}: active has the shape {active.shape}, values {values.shape}")
+        arrays.append(active)
+    arrays = [a.reshape(shape) for a in arrays]
+    values = arrays[0]
+    # Argument errors come from the NumPy function itself, now rather than on a worker.
+    _maps.column_map(np.ones((1, 1, 1), dtype=values.dtype), (1, 1, 1), reduce,
+                     weights=None if weights is None else np.ones((1, 1, 1), dtype=arrays[1].dtype),
+                     active=None if active is None else np.ones((1, 1, 1), dtype=arrays[-1].dtype), layout=layout)
+    k_axis = 0 if layout == "kji" else 2
+    limit = max(int(np.prod([max(c, default=0) for c in values.chunks])) * values.dtype.itemsize, 1 << 20)
+    if len(values.chunks[k_axis]) > 1:
+        values = values.rechunk({axis: (-1 if axis == k_axis else "auto") for axis in range(3)},
+                                block_size_limit=limit)
+    arrays = [values] + [a.rechunk(values.chunks) for a in arrays[1:]]
+    meta = np.ma.masked_array(np.empty((0, 0), dtype=np.float64))
+    result: da.Array = da.map_blocks(
+        functools.partial(_map_block, reduce=reduce, layout=layout, weighted=weights is not None), *arrays,
+        drop_axis=k_axis, dtype=np.float64, meta=meta, token=f"kavra-{name}")
+    return result if layout == "kji" else result.T
 
 
 # kavra.blackoil over dask arrays (the properties as the simulator evaluates them)

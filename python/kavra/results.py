@@ -450,6 +450,74 @@ class Results:
         """
         return tuple(self._cell_arrays(self._arrays(step)[0]))
 
+    def in_place(self, step: int, deck: Any = None, *, threads: int | None = None) -> Any:
+        """Oil, gas and water in place per cell at a report step, as the simulator's FIP arrays.
+
+        :func:`kavra.blackoil.in_place` of the step's PRESSURE, SWAT, SGAS, RS and RV (those
+        the restart holds; a missing saturation is 0), with the INIT's PORV, PVTNUM and SATNUM
+        and the tables of the deck; water and gas at their own pressures, the capillary
+        pressure of SWOF or SWFN (SGOF or SGFN) at the cell's saturation and SATNUM region
+        taken off (added to) PRESSURE.  :func:`kavra.region_totals` of a part with the
+        INIT's FIPNUM gives the totals per region.
+
+        Parameters
+        ----------
+        step : int
+            A report step of the restart (see :attr:`steps`).
+        deck : kavra.deck.Deck, str or path, optional
+            The deck of the run (default: ``CASE.DATA`` beside the case's files).
+        threads : int, optional
+            Threads to run on (default: :func:`kavra.get_num_threads`).
+
+        Returns
+        -------
+        kavra.blackoil.InPlace
+            ``(oil, gas, water)``: masked arrays of one value per cell, masked where the cell
+            is inactive, in surface volumes of the deck's units (sm3 in METRIC; stb, Mscf and
+            stb in FIELD).
+
+        Raises
+        ------
+        FileNotFoundError
+            No deck given, and none beside the case; no INIT or restart file.
+        KeyError
+            `step` is not a report step; the restart has no PRESSURE.
+
+        Examples
+        --------
+        >>> import kavra.results
+        >>> r = kavra.results.read("run/SPE1CASE1")                    # doctest: +SKIP
+        >>> fluids = r.in_place(6)                                       # doctest: +SKIP
+        >>> kavra.region_totals(fluids.oil, r.cell_property("FIPNUM"))   # doctest: +SKIP
+        array([2.81011183e+08])
+        """
+        from . import blackoil
+        from . import deck as decks
+
+        if deck is None:
+            deck = self.case.with_name(self.case.name + ".DATA")
+            if not deck.exists():
+                raise FileNotFoundError(f"in_place needs the deck of {self.case.name}: there is no {deck.name} "
+                                        "beside the case; pass deck=")
+        if not isinstance(deck, decks.Deck):
+            deck = decks.read(pathlib.Path(deck))
+        names, static = self.property_names(step), self.property_names()
+
+        def restart(name: str) -> Any:
+            return self.cell_property(name, step) if name in names else None
+
+        def init(name: str) -> Any:
+            return self.cell_property(name) if name in static else 1
+
+        p, sw, sg = self.cell_property("PRESSURE", step), restart("SWAT"), restart("SGAS")
+        sw = np.float32(0.0) if sw is None else sw
+        sg = np.float32(0.0) if sg is None else sg
+        satnum = init("SATNUM")
+        pw = p - _capillary(deck, satnum, sw, ("SWOF", 4), ("SWFN", 3))
+        pg = p + _capillary(deck, satnum, sg, ("SGOF", 4), ("SGFN", 3))
+        return blackoil.in_place(deck, init("PVTNUM"), self.cell_property("PORV"), p, sw, sg, restart("RS"),
+                                 restart("RV"), pw=pw, pg=pg, threads=threads)
+
     def cell_property(self, name: str, step: int | None = None) -> np.ma.MaskedArray[Any, Any]:
         """One value per cell of an INIT array (step None) or a restart array at a report step.
 
@@ -689,3 +757,23 @@ def read(path: str | os.PathLike[str]) -> Results:
     (ReservoirTopology(10, 10, 3), 'FIELD', (0, 1, 2, 3, 4, 5, 6))
     """
     return Results(_case_base(pathlib.Path(os.fspath(path))))
+
+
+def _capillary(deck: Any, satnum: Any, saturation: Any, *sources: tuple[str, int]) -> Any:
+    """The capillary pressure per cell at its saturation, from the first of `sources` (keyword,
+    columns: the last column is the capillary pressure, the first the saturation) that the deck
+    has, linear in the saturation within each SATNUM region's table; 0.0 without any."""
+    for keyword, columns in sources:
+        try:
+            records = deck.records(keyword)
+        except KeyError:
+            continue
+        s = np.asarray(np.ma.getdata(saturation), dtype=np.float64)
+        regions = np.broadcast_to(np.ma.getdata(satnum), s.shape)
+        pc = np.zeros(s.shape)
+        for region, record in enumerate(records, start=1):
+            table = record.reshape(-1, columns)
+            at = regions == region
+            pc[at] = np.interp(s[at], table[:, 0], np.nan_to_num(table[:, -1]))  # a defaulted Pc is 0
+        return pc
+    return 0.0

@@ -3,17 +3,17 @@
 Each class holds one table per PVT region (region 1 first) as read-only NumPy
 arrays of float64, built from the records exactly as a deck writes them:
 
-========  ====================================================  =================================
-class     one region is                                         ``regions[r]`` holds
-========  ====================================================  =================================
-``PVTO``  records ``[rs, p, bo, mu, p, bo, mu, ...]``           a tuple of 1-D arrays, one per record
-``PVTG``  records ``[pg, rv, bg, mu, rv, bg, mu, ...]``         a tuple of 1-D arrays, one per record
-``PVDO``  rows ``[p, bo, mu]``                                  an ``(n, 3)`` array
-``PVDG``  rows ``[p, bg, mu]``                                  an ``(n, 3)`` array
-``PVTW``  one record ``[p_ref, bw, cw, mu, cvw]``               a ``(5,)`` array
-``ROCK``  one record ``[p_ref, cr]``                            a ``(2,)`` array
-``DENSITY``  one record ``[oil, water, gas]``                   a ``(3,)`` array
-========  ====================================================  =================================
+===========  ====================================================  =================================
+class        one region is                                         ``regions[r]`` holds
+===========  ====================================================  =================================
+``PVTO``     records ``[rs, p, bo, mu, p, bo, mu, ...]``           a tuple of 1-D arrays, one per record
+``PVTG``     records ``[pg, rv, bg, mu, rv, bg, mu, ...]``         a tuple of 1-D arrays, one per record
+``PVDO``     rows ``[p, bo, mu]``                                  an ``(n, 3)`` array
+``PVDG``     rows ``[p, bg, mu]``                                  an ``(n, 3)`` array
+``PVTW``     one record ``[p_ref, bw, cw, mu, cvw]``               a ``(5,)`` array
+``ROCK``     one record ``[p_ref, cr]``                            a ``(2,)`` array
+``DENSITY``  one record ``[oil, water, gas]``                      a ``(3,)`` array
+===========  ====================================================  =================================
 
 The first triple of a ``PVTO`` (``PVTG``) record is its saturated point; the
 triples after it are the undersaturated rows of that Rs (the further Rv rows

@@ -1,0 +1,68 @@
+"""kavra.blackoil.in_place and Results.in_place against OPM Flow's FIPOIL, FIPGAS and FIPWAT,
+every report step and cell, and kavra.region_totals of them per FIPNUM region against Flow's region vectors (ROIP, RGIP, RWIP)."""
+
+import numpy as np
+import pytest
+
+import kavra
+import kavra.deck
+from kavra import blackoil
+from flow_cases import flow_run  # noqa: F401  (a fixture)
+
+results = pytest.importorskip("kavra.results", reason="resfo is not installed")
+
+CASES = ["SPE1CASE1", "SPE3CASE1", "TWOREGIONS"]
+PARTS = {"oil": "FIPOIL", "gas": "FIPGAS", "water": "FIPWAT"}
+
+
+@pytest.mark.parametrize("case", CASES)
+def test_in_place_is_flows_per_cell_and_per_region(flow_run, case):
+    r = results.read(flow_run(case))
+    fipnum = r.cell_property("FIPNUM")
+    worst = {part: 0.0 for part in PARTS}
+    for step in r.steps:
+        fluids = r.in_place(step)
+        for part, name in PARTS.items():
+            ours, flow = getattr(fluids, part), r.cell_property(name, step).astype(float)
+            assert np.array_equal(np.ma.getmaskarray(ours), np.ma.getmaskarray(flow))  # inactive cells masked
+            held = abs(flow) >= 1e-4 * float(np.ma.max(abs(flow)))  # cells that hold a share of the largest
+            if held.any():
+                worst[part] = max(worst[part], float(np.ma.max(abs(ours - flow)[held] / abs(flow)[held])))
+            # Flow's own totals per FIPNUM region: the summary's ROIP, RGIP, RWIP at the report date
+            # (the summary starts after the first time step: step 0 has none)
+            totals = kavra.region_totals(ours, fipnum)
+            if step > 0:
+                expected = [region_vector(r, f"R{part[0].upper()}IP:{region}", r.dates[step])
+                            for region in range(1, len(totals) + 1)]
+                np.testing.assert_allclose(totals, expected, rtol=1e-6)
+    assert max(worst.values()) <= 1e-6, worst
+
+
+def region_vector(case, key, date):
+    dates, values = case.summary(key)
+    return float(values[list(dates).index(date)])
+
+
+def test_in_place_of_tables_without_a_phase_and_masks():
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    tables = {"pvdo": None, "pvto": deck.pvto, "pvtw": deck.pvtw}  # no gas table, no rock: nothing of gas
+    sw = np.ma.MaskedArray(np.float32([0.2, 0.3]), mask=[False, True])
+    fluids = blackoil.in_place(tables, 1, [100.0, 100.0], [4000.0, 4000.0], sw, np.float32([0.8, 0.0]), rs=1.0)
+    assert fluids.oil[0] == 0.0 and fluids.gas[0] == 0.0  # So = 1 - 0.2 - 0.8 in float32: no oil
+    assert fluids.water[0] > 0 and fluids.water.mask.tolist() == [False, True]
+
+
+def test_dask_in_place_gives_the_same_bits():
+    da = pytest.importorskip("dask.array")
+    import kavra.dask
+
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    rng = np.random.default_rng(5)
+    n = 1000
+    cells = [rng.uniform(100.0, 200.0, n), rng.uniform(3000.0, 6000.0, n), rng.uniform(0.1, 0.3, n).astype(np.float32),
+             rng.uniform(0.0, 0.5, n).astype(np.float32), rng.uniform(0.5, 1.8, n)]
+    porv, p, sw, sg, rs = cells
+    expected = blackoil.in_place(deck, 1, porv, p, sw, sg, rs)
+    lazy = kavra.dask.blackoil.in_place(deck, 1, *(da.from_array(a, chunks=300) for a in cells))
+    for got, want in zip(lazy, expected):
+        np.testing.assert_array_equal(got.compute(), want)
