@@ -86,7 +86,7 @@ def variants(n, old, rng):
     calls = {"engine 1": engine(1), f"engine {ALL}": engine(ALL),
              "numba 1": numba_kernel(1), f"numba {ALL}": numba_kernel(ALL)}
     if old is not None:
-        import tessel
+        from kavra import tessel
         native = OIL.to_native()
         grid_functions = [tessel.IntGridFunction.wrap(regions), tessel.DoubleGridFunction.wrap(po),
                           tessel.DoubleGridFunction.wrap(pbub), tessel.DoubleGridFunction.wrap(out)]
@@ -120,7 +120,7 @@ def overhead(repeat, old):
              "_engine one_over_bo": lambda: _engine.calculate("one_over_bo", tables, regions, (po, po), out, words, 1),
              "_engine bulk_volume": lambda: _engine.calculate("bulk_volume", None, None, (po, po), out, words, 1)}
     if old is not None:
-        import tessel
+        from kavra import tessel
         native = OIL.to_native()
         grid_functions = [tessel.IntGridFunction.wrap(regions), tessel.DoubleGridFunction.wrap(po),
                           tessel.DoubleGridFunction.wrap(po), tessel.DoubleGridFunction.wrap(out)]

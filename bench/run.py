@@ -31,7 +31,7 @@ os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
 import numpy as np  # noqa: E402
 
 import kavra  # noqa: E402
-import tessel  # noqa: E402
+from kavra import tessel  # noqa: E402
 from kavra.tables import PVDO, PVTG, PVTO, PVTW, ROCK  # noqa: E402
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))

@@ -17,7 +17,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 import kavra
-import tessel
+from kavra import tessel
 
 # This script's directory, from its own code (sphinx-gallery runs the examples without __file__).
 DEFAULT_PNG = pathlib.Path((lambda: None).__code__.co_filename).resolve().parent / "output" / "workflow.png"

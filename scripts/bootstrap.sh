@@ -6,7 +6,8 @@
 #
 # The environment's Python is $PYTHON when set, else the Python that the
 # system's Boost.Python is built for (Boost.Python is built for one Python
-# version, and the build refuses any other), else python3.
+# version; with any other, the build leaves out the modules that need it),
+# else python3.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -55,8 +56,9 @@ if [ ! -x "$VENV/bin/python" ]; then
 fi
 python_version=$("$VENV/bin/python" -c 'import sys; print("%d.%d" % sys.version_info[:2])')
 if ! grep -qx "$python_version" <<<"$boost_pythons"; then
-    echo "bootstrap: warning: $VENV has Python $python_version, but Boost.Python is built for" \
-         "Python $(echo ${boost_pythons:-none} | tr ' ' ','): the build will stop" >&2
+    echo "bootstrap: $VENV has Python $python_version, and Boost.Python is built for Python" \
+         "$(echo ${boost_pythons:-none} | tr ' ' ','): the build leaves out kavra._kavracore and the" \
+         "Python bindings of tessel"
 fi
 
 stamp="$VENV/.requirements-installed"

@@ -8,8 +8,8 @@ import sys
 from typing import NamedTuple
 
 import numpy as np
-import tessel
-from tessel import DoubleGridFunction, IntGridFunction
+from kavra import tessel
+from kavra.tessel import DoubleGridFunction, IntGridFunction
 
 import kavra
 from kavra import TPVT, TPVTG, TPVTO, TPVTW, TPVTGRecord, TRock, TScalar

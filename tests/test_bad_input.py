@@ -5,8 +5,8 @@ table) and the rest untouched."""
 
 import numpy as np
 import pytest
-import tessel
-from tessel import DoubleGridFunction, IntGridFunction
+from kavra import tessel
+from kavra.tessel import DoubleGridFunction, IntGridFunction
 
 import kavra
 from catalogue import CALLS, S, function, two_level

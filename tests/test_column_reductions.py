@@ -2,7 +2,7 @@
 
 import numpy as np
 import pytest
-from tessel import ReservoirSelectionTopology, ReservoirTopology
+from kavra.tessel import ReservoirSelectionTopology, ReservoirTopology
 
 import kavra
 

@@ -11,7 +11,7 @@ from dask.distributed import Client, LocalCluster  # noqa: E402
 
 import kavra
 import kavra.dask
-import tessel
+from conftest import needs_boost_python
 from kavra.tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 NK, NJ, NI = 100, 100, 100  # 10^6 cells
@@ -140,17 +140,25 @@ def test_reductions_match_numpy(reduction_inputs, case, reduction):
     same_bits(result.compute(), expected)
 
 
-def test_refusals_and_failures(fields):
+@needs_boost_python
+def test_native_lists_and_selections_are_refused_and_topologies_taken(fields):
+    from kavra import tessel
+
     pressure = fields["p"][1]
     with pytest.raises(TypeError, match="must be a kavra.tables.PVTO .*from_native"):
         kavra.dask.one_over_bo(TABLES["pvto"].to_native(), 1, pressure, pressure)
-    with pytest.raises(TypeError, match="pvtnum must hold integer region numbers"):
-        kavra.dask.one_over_bo(TABLES["pvto"], pressure, pressure, pressure)
     grid = tessel.ReservoirTopology(NI, NJ, NK)
     with pytest.raises(TypeError, match="selections are not supported"):
         kavra.dask.kmax(pressure[0, 0], tessel.ReservoirSelectionTopology(grid, [[i, 0, 0] for i in range(NI)]))
     with pytest.raises(ValueError, match=r"do not fit the grid of 100 x 100 x 100 cells"):
         kavra.dask.ksum(pressure[1:], grid)
+
+
+def test_refusals_and_failures(fields):
+    pressure = fields["p"][1]
+    with pytest.raises(TypeError, match="pvtnum must hold integer region numbers"):
+        kavra.dask.one_over_bo(TABLES["pvto"], pressure, pressure, pressure)
+    grid = (NI, NJ, NK)
     with pytest.raises(TypeError, match="float16"):
         kavra.dask.kmin(pressure.astype(np.float16), grid)
     with pytest.raises(ValueError, match=r"^kavra.dask.one_over_bo: the shapes of the inputs do not broadcast "

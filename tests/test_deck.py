@@ -11,6 +11,7 @@ import numpy as np
 import pytest
 
 import kavra
+from conftest import needs_boost_python
 
 deck_module = importlib.import_module("kavra.deck") if importlib.util.find_spec("opm") else None
 needs_opm = pytest.mark.skipif(deck_module is None, reason="opm is not installed (pip install '.[deck]')")
@@ -47,6 +48,11 @@ def test_tables_hold_the_deck_numbers(spe1, spe3):
     assert list(gas[0]) == [500.0, 0.0382886993, 6.419987, 0.012999]
     assert gas[8][0] == 4000.0 and list(gas[8][1::3]) == [  # Rv runs down, as written
         0.1670518252, 0.1043958616, 0.0679314005, 0.0473304978, 0.0357629796, 0.0314227763, 0.0]
+
+
+@needs_opm
+@needs_boost_python
+def test_deck_tables_give_native_lists_labelled_in_the_deck_units(spe1):
     native = spe1.pvto.to_native()
     assert (native[0][0].Rs.unit, native[0][0].under_sat[0].P.unit) == ("Mscf/stb", "psia")
 

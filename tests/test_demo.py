@@ -6,9 +6,10 @@ import struct
 
 import pytest
 
-from conftest import ROOT
+from conftest import ROOT, needs_boost_python
 
 
+@needs_boost_python  # the demo of the native calls over grid functions
 def test_demo_writes_its_figure(tmp_path, capsys):
     pytest.importorskip("matplotlib")
     workflow = runpy.run_path(str(ROOT / "examples/workflow.py"))

@@ -70,7 +70,7 @@ def test_a_single_region_past_the_table_fails_at_the_first_cell(threads):
 
 
 def test_pinch_outs_of_a_grid_shape_and_cells_as_of_a_selection():
-    tessel = pytest.importorskip("tessel")
+    tessel = pytest.importorskip("kavra.tessel")
     cells = [[c % 3, (c // 3) % 2, c // 6] for c in range(30) if c % 7]
     selection = tessel.ReservoirSelectionTopology(tessel.ReservoirTopology(3, 2, 5), cells)
     nnc1, nnc2 = [0, 1, 2, 3, 13, 8, 4, 4], [12, 25, 5, 10, 25, 20, 22, 28]

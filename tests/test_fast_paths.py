@@ -4,7 +4,7 @@ calculations through buffers and through accessors.  Results must agree bit for 
 
 import numpy as np
 import pytest
-from tessel import (
+from kavra.tessel import (
     DoubleGridFunction, FloatGridFunction, IntGridFunction, ReservoirSelectionTopology, ReservoirTopology,
     SelectionViewGridFunction,
 )

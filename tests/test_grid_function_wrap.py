@@ -8,7 +8,7 @@ import numpy as np
 import pytest
 
 import kavra
-import tessel
+from kavra import tessel
 
 CLASSES = [(tessel.IntGridFunction, np.int32), (tessel.FloatGridFunction, np.float32),
            (tessel.DoubleGridFunction, np.float64)]

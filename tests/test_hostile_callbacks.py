@@ -4,7 +4,7 @@ drops it, an __index__ during a conversion) sees, and may change, a whole contai
 import weakref
 
 import pytest
-from tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
+from kavra.tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
 
 import kavra
 from catalogue import LISTS as ELEMENTS, S

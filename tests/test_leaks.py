@@ -8,9 +8,9 @@ import sys
 
 import numpy as np
 import pytest
-import tessel
-from tessel import DoubleGridFunction as D
-from tessel import IntGridFunction
+from kavra import tessel
+from kavra.tessel import DoubleGridFunction as D
+from kavra.tessel import IntGridFunction
 
 import kavra
 from catalogue import CALLS, PVT, SAMPLE, S, dead_table, function, oil_table

@@ -5,7 +5,7 @@ import sys
 import textwrap
 
 import pytest
-from tessel import DoubleGridFunction
+from kavra.tessel import DoubleGridFunction
 
 import kavra
 
@@ -22,7 +22,7 @@ def test_package_exposes_every_extension_name():
 
 def test_the_namespace_holds_only_what_it_exports():
     public = {n for n in dir(kavra) if not n.startswith("_")}
-    assert public - set(kavra.__all__) <= {"calculations", "reductions", "maps", "tables", "deck", "dask", "results",
+    assert public - set(kavra.__all__) <= {"tessel", "calculations", "reductions", "maps", "tables", "deck", "dask", "results",
                                            "blackoil"}
     assert not hasattr(kavra, "Any") and not hasattr(kavra, "TYPE_CHECKING")
 

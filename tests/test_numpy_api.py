@@ -9,7 +9,7 @@ import pytest
 from hypothesis import given, settings, strategies as st
 
 import kavra
-import tessel
+from kavra import tessel
 from kavra import _kavracore as native
 from kavra.tables import PVDG, PVTG, PVTO, PVTW, ROCK
 

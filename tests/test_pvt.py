@@ -7,7 +7,7 @@ import numpy as np
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
-from tessel import DoubleGridFunction, FloatGridFunction, IntGridFunction
+from kavra.tessel import DoubleGridFunction, FloatGridFunction, IntGridFunction
 
 import kavra
 from catalogue import PVT, SAMPLE, S, dead_table, expected, ref

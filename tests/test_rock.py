@@ -3,8 +3,8 @@ CalcPorosityFromPORV: values, and the texts and order of their refusals."""
 
 import numpy as np
 import pytest
-from tessel import DoubleGridFunction as D
-from tessel import FloatGridFunction, IntGridFunction
+from kavra.tessel import DoubleGridFunction as D
+from kavra.tessel import FloatGridFunction, IntGridFunction
 
 import kavra
 from catalogue import ref, rock_list

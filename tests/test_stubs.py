@@ -10,12 +10,12 @@ import sys
 
 import numpy as np
 import pytest
-import tessel
+from kavra import tessel
 
 import kavra
 from catalogue import ROOT, S
 
-STUBS = {"kavra._kavracore": ROOT / "python/kavra/_kavracore.pyi", "tessel._tessel": ROOT / "python/tessel/_tessel.pyi"}
+STUBS = {"kavra._kavracore": ROOT / "python/kavra/_kavracore.pyi", "kavra.tessel._tessel": ROOT / "python/kavra/tessel/_tessel.pyi"}
 
 
 @pytest.mark.parametrize("command", [
@@ -31,13 +31,14 @@ def test_tools_find_no_difference(tmp_path, command):
 
 def test_installed_packages_ship_stubs_and_marker():
     for module, stub in STUBS.items():
-        package = pathlib.Path(importlib.import_module(module.split(".")[0]).__file__).parent
-        assert (package / "py.typed").is_file()
-        assert (package / (module.split(".")[1] + ".pyi")).read_text() == stub.read_text()
+        package, _, name = module.rpartition(".")
+        directory = pathlib.Path(importlib.import_module(package).__file__).parent
+        assert (directory / "py.typed").is_file()
+        assert (directory / (name + ".pyi")).read_text() == stub.read_text()
 
 
 def runtime(name):
-    return getattr(kavra._kavracore, name, None) or getattr(tessel._tessel, name)
+    return getattr(kavra._kavracore, name, None) or getattr(kavra.tessel._tessel, name)
 
 
 TREES = [ast.parse(path.read_text()) for path in STUBS.values()]

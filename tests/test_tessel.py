@@ -7,8 +7,8 @@ import sys
 import numpy as np
 import pytest
 
-import tessel
-from tessel import (
+from kavra import tessel
+from kavra.tessel import (
     DoubleGridFunction, FloatGridFunction, IntGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology,
     SelectionViewGridFunction,
 )

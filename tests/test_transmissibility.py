@@ -2,7 +2,7 @@
 
 import numpy as np
 import pytest
-from tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
+from kavra.tessel import DoubleGridFunction, IntVector, ReservoirSelectionTopology, ReservoirTopology, SelectionViewGridFunction
 
 import kavra
 from conftest import cast_failure_text, precondition_text

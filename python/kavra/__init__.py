@@ -4,8 +4,9 @@ The functions that take and give NumPy arrays (``one_over_bo``, ``kaverage``
 and the others) and the table values of ``kavra.tables`` are the API to
 start from.  Every name of the native extension ``kavra._kavracore`` (the
 ``Calc…`` functions over grid functions, ``KMax`` …, and the table classes
-``TScalar``, ``TPVTOList`` …) is available here as well.  Grid functions,
-topologies and connection lists come from the ``tessel`` package.
+``TScalar``, ``TPVTOList`` …) is available here as well, in a build that
+has that module (one that found Boost.Python for its Python).  Grid functions,
+topologies and connection lists come from ``kavra.tessel``.
 """
 
 from importlib import import_module as _import_module
@@ -13,8 +14,12 @@ from importlib import metadata as _metadata
 from typing import TYPE_CHECKING as _TYPE_CHECKING
 from typing import Any as _Any
 
-from . import _kavracore
-from ._kavracore import *  # noqa: F401,F403
+from ._optional import optional as _optional
+
+# Built where kavra found Boost.Python for this Python; a stand-in elsewhere.
+_kavracore = _optional(__name__ + "._kavracore")
+if _kavracore.__spec__ is not None:  # the module itself (a stand-in has no import spec)
+    from ._kavracore import *  # noqa: F401,F403
 
 try:
     __version__: str = _metadata.version("kavra")

@@ -12,7 +12,7 @@ from typing import ClassVar, Generic, TypeVar, overload
 
 import numpy as np
 from numpy.typing import NDArray
-from tessel._tessel import (
+from kavra.tessel._tessel import (
     IDoubleTypeGridFunction,
     IGridFunction,
     IIntTypeGridFunction,

@@ -29,7 +29,7 @@ _CORES = _cores()
 
 def _checked(threads: object, what: str) -> int:
     """`threads` as a count of threads, at most the cores: any integer (``operator.index``) from 1."""
-    if isinstance(threads, bool) or type(threads).__name__ == "bool_":
+    if isinstance(threads, bool) or type(threads).__name__ in ("bool", "bool_"):  # NumPy's: bool from 2.0
         raise TypeError(f"{what} must be an integer, got {type(threads).__name__}")
     try:
         count = operator.index(threads)  # type: ignore[arg-type]

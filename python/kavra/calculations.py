@@ -54,7 +54,7 @@ from ._docs import filled
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
 
 if TYPE_CHECKING:
-    import tessel
+    from kavra import tessel
 
     from . import _kavracore as _native
 
@@ -486,7 +486,7 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike,
 
     Examples
     --------
-    >>> import tessel
+    >>> from kavra import tessel
     >>> from kavra import transmissibility_k
     >>> grid = tessel.ReservoirTopology(2, 1, 4)       # cells 0, 2, 4, 6 form column (0, 0)
     >>> everything = tessel.ReservoirSelectionTopology(grid, [[c % 2, 0, c // 2] for c in range(8)])
@@ -522,7 +522,7 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike,
 def _selection(function: str, selection: Any) -> tuple[tuple[int, int, int], NDArray[np.uint16]]:
     """The grid's shape and the selected cells (an (m, 3) uint16 array) of a selection argument."""
     try:
-        import tessel
+        from kavra import tessel
     except ImportError:
         tessel = None
     if tessel is not None and isinstance(selection, tessel.ReservoirSelectionTopology):

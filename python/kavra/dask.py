@@ -108,8 +108,6 @@ except ImportError as _error:  # the optional extra is not installed
 import numpy as np
 from numpy.typing import ArrayLike
 
-import tessel
-
 from ._docs import filled
 from . import calculations as _calculations
 from . import maps as _maps
@@ -494,9 +492,10 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
 
 
 def _dimensions(function: str, grid: Any) -> tuple[int, int, int]:
-    if isinstance(grid, tessel.ReservoirTopology):
+    tessel = _reductions._tessel()
+    if tessel is not None and isinstance(grid, tessel.ReservoirTopology):
         return grid.nI, grid.nJ, grid.nK
-    if isinstance(grid, tessel.ReservoirSelectionTopology):
+    if tessel is not None and isinstance(grid, tessel.ReservoirSelectionTopology):
         raise TypeError(f"kavra.dask.{function}: selections are not supported over dask arrays; pass the "
                         "whole grid and active= for the cells that take part")
     if isinstance(grid, tuple) and len(grid) == 3:

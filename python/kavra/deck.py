@@ -40,12 +40,16 @@ import os
 import pathlib
 import re
 from collections.abc import Callable, Iterator
-from typing import Any, NamedTuple
+from typing import TYPE_CHECKING, Any, NamedTuple
 
 import numpy as np
 from numpy.typing import NDArray
 
-import tessel
+from ._grid import reservoir_grid
+
+if TYPE_CHECKING:
+    from . import tessel
+    from ._grid import Grid
 
 from . import _engine
 from ._threads import resolve as _threads
@@ -155,8 +159,9 @@ class Deck:
 
     Attributes
     ----------
-    grid : tessel.ReservoirTopology
-        The grid of DIMENS (nI, nJ, nK).
+    grid : kavra.tessel.ReservoirTopology
+        The grid of DIMENS (nI, nJ, nK); in a build without kavra.tessel, a named tuple
+        ``(nI, nJ, nK)`` with ``number_of_cells()``, which kavra's functions take as well.
     units : str
         The deck's unit system: ``"METRIC"``, ``"FIELD"``, ``"LAB"`` or ``"PVT-M"``.  Every
         number of the tables is in it, and its labels are on every scalar they hand out.
@@ -165,7 +170,7 @@ class Deck:
         region (the NTPVT of TABDIMS), or None where the deck has no such keyword.
     """
 
-    grid: tessel.ReservoirTopology
+    grid: tessel.ReservoirTopology | Grid
     units: str
     pvto: PVTO | None
     pvtg: PVTG | None
@@ -175,7 +180,7 @@ class Deck:
     rock: ROCK | None
     density: DENSITY | None
 
-    def __init__(self, parsed: Any, grid: tessel.ReservoirTopology, units: str,
+    def __init__(self, parsed: Any, grid: tessel.ReservoirTopology | Grid, units: str,
                  tables: dict[str, Any], parse: Callable[[], Any] | None = None) -> None:
         self._parsed = parsed
         self._parse = parse  # a new parse of the deck, for opm's state (which changes the deck it is given)
@@ -861,7 +866,7 @@ def _units(parsed: Any) -> str:
     return name
 
 
-def _grid(parsed: Any) -> tessel.ReservoirTopology:
+def _grid(parsed: Any) -> tessel.ReservoirTopology | Grid:
     if "DIMENS" not in parsed:
         raise DeckError("the deck has no DIMENS keyword: the grid size is unknown")
     record = parsed["DIMENS"][0]
@@ -871,7 +876,7 @@ def _grid(parsed: Any) -> tessel.ReservoirTopology:
                         f"the grid size needs nI, nJ and nK written out")
     dims = [record[i].get_int(0) for i in range(3)]
     try:
-        return tessel.ReservoirTopology(*dims)
+        return reservoir_grid(*dims)
     except (ValueError, OverflowError) as error:
         raise DeckError(f"DIMENS record 1: {error}") from error
 

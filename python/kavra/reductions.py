@@ -102,7 +102,7 @@ def _topology(function: str, grid: Any) -> _Cells:
 def _tessel() -> Any:
     """The tessel package, when its native module is built (None otherwise)."""
     try:
-        import tessel
+        from kavra import tessel
     except ImportError:
         return None
     return tessel

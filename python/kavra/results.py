@@ -45,12 +45,16 @@ import os
 import pathlib
 import re
 from collections.abc import Iterable, Sequence
-from typing import Any, NamedTuple
+from typing import TYPE_CHECKING, Any, NamedTuple
 
 import numpy as np
 from numpy.typing import NDArray
 
-import tessel
+from ._grid import reservoir_grid
+
+if TYPE_CHECKING:
+    from . import tessel
+    from ._grid import Grid
 
 from .tables import UNIT_SYSTEMS
 
@@ -232,9 +236,10 @@ class Results:
     ----------
     case : pathlib.Path
         The case's base name (its files are ``case`` with ``.EGRID``, ``.INIT``, ...).
-    grid : tessel.ReservoirTopology
+    grid : kavra.tessel.ReservoirTopology
         The grid (nI, nJ, nK) of the EGRID (or of the INIT, restart or summary when the case
-        has no EGRID).
+        has no EGRID); in a build without kavra.tessel, a named tuple ``(nI, nJ, nK)`` with
+        ``number_of_cells()``, which kavra's functions take as well.
     units : str
         The unit system that the files write every number in: ``"METRIC"``, ``"FIELD"``,
         ``"LAB"`` or ``"PVT-M"``.  Pressures are barsa in METRIC, psia in FIELD, atma in LAB.
@@ -246,7 +251,7 @@ class Results:
     """
 
     case: pathlib.Path
-    grid: tessel.ReservoirTopology
+    grid: tessel.ReservoirTopology | Grid
     units: str
     steps: tuple[int, ...]
     files: dict[str, pathlib.Path]
@@ -307,7 +312,7 @@ class Results:
                              "in an INIT or restart, no DIMENS in an SMSPEC")
         if len(dims) != 3 or min(dims) < 1:
             raise ValueError(f"the case {case} has a grid of {dims} cells")
-        self.grid = tessel.ReservoirTopology(*dims)
+        self.grid = reservoir_grid(*dims)
         self._cells = dims[0] * dims[1] * dims[2]
         # The active cells that the headers count: what a case without ACTNUM is checked against.
         self._header_active = int(header[_NACTIVE]) if header is not None else self._cells
@@ -691,7 +696,7 @@ def _strings(values: Any) -> list[str]:
     return [v.decode("ascii", "replace").strip() if isinstance(v, bytes) else str(v).strip() for v in values]
 
 
-def _summary_key(keyword: str, wgname: str, num: int, grid: tessel.ReservoirTopology) -> str:
+def _summary_key(keyword: str, wgname: str, num: int, grid: tessel.ReservoirTopology | Grid) -> str:
     """The key of a summary vector: its keyword, with the well or group, block or region that it is of.
 
     Vectors of no well (the name ``:+:+:+:+``) or of no block or region (number 0) where one is

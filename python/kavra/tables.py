@@ -57,13 +57,19 @@ tables).  ``from_frame`` reads a pandas DataFrame (pandas is imported only by
 from __future__ import annotations
 
 from collections.abc import Iterable, Iterator, Sequence
-from typing import Any, ClassVar, Self, TypeVar
+from typing import TYPE_CHECKING, Any, ClassVar, TypeVar
 
 import numpy as np
 from numpy.typing import NDArray
 
 from . import _engine
-from . import _kavracore as _native
+
+if TYPE_CHECKING:
+    from . import _kavracore as _native
+else:  # to_native and from_native need it; a build without Boost.Python has a stand-in
+    from ._optional import optional as _optional
+
+    _native = _optional(__package__ + "._kavracore")
 
 __all__ = ["UNIT_SYSTEMS", "UNIT_LABELS", "PVTO", "PVTG", "PVDG", "PVDO", "PVTW", "ROCK", "DENSITY"]
 
@@ -325,7 +331,7 @@ class _Table:
     # --- native lists back to values ---------------------------------------------
 
     @classmethod
-    def from_native(cls, lst: Any, units: str | None = None) -> Self:
+    def from_native(cls: type[_T], lst: Any, units: str | None = None) -> _T:
         """The table value of a native list: ``TPVTOList`` for PVTO, ``TPVTGList`` for PVTG,
         ``TPVTList`` for PVDO and PVDG, ``TPVTWList`` for PVTW, ``TRockList`` for ROCK.
 

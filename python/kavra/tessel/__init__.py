@@ -1,4 +1,4 @@
-"""tessel: reservoir grids, selections of their cells, and grid functions.
+"""kavra.tessel, the grid library: reservoir grids, selections of their cells, and grid functions.
 
 * ``ReservoirTopology(nI, nJ, nK)``: a grid of nI x nJ x nK cells; cell
   (i, j, k) has the cell number ``i + nI * (j + nJ * k)``.
@@ -19,6 +19,9 @@
 
 from importlib import metadata as _metadata
 
+from kavra._optional import load as _load
+
+_load(__name__ + "._tessel")  # an ImportError that says why, in a build without Boost.Python for this Python
 from ._tessel import (  # noqa: F401
     IGridFunction,
     IIntTypeGridFunction,

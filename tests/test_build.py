@@ -1,0 +1,78 @@
+"""The build's configuration: without Boost.Python for its Python (or with KAVRA_WITHOUT_BOOST_PYTHON) it
+leaves out the modules that need it, says so once and why, and keeps the rest."""
+
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+import pytest
+
+from conftest import BOOST_PYTHON_BUILT, ROOT
+
+CMAKE = shutil.which("cmake", path=str(pathlib.Path(sys.executable).parent))
+THIS_PYTHON = "Python %d.%d" % sys.version_info[:2]
+
+
+@pytest.mark.skipif(CMAKE is None, reason="no cmake in this environment (requirements-dev.txt has it)")
+@pytest.mark.parametrize("hidden", [False, True], ids=["as-installed", "hidden"])
+def test_what_needs_boost_python_is_left_out_with_one_message(tmp_path, hidden):
+    done = subprocess.run([CMAKE, "-S", str(ROOT), "-B", str(tmp_path), f"-DPython_EXECUTABLE={sys.executable}",
+                           f"-DKAVRA_WITHOUT_BOOST_PYTHON={'ON' if hidden else 'OFF'}"],
+                          capture_output=True, text=True, timeout=300)
+    assert done.returncode == 0, done.stderr
+    without = hidden or not BOOST_PYTHON_BUILT
+    assert done.stderr.count("kavra: building without kavra._kavracore and the Python bindings of tessel") == without
+    if without:
+        why = "KAVRA_WITHOUT_BOOST_PYTHON is ON" if hidden else f"not {THIS_PYTHON}"
+        assert f"Boost.Python for {THIS_PYTHON}" in done.stderr and why in done.stderr, done.stderr
+    targets = {path.name for path in (tmp_path / "CMakeFiles").glob("*.dir")}  # a directory per target
+    assert {"tessel.dir", "kavra_core.dir"} <= targets
+    assert {"_kavracore.dir", "_tessel.dir"} & targets == (set() if without else {"_kavracore.dir", "_tessel.dir"})
+
+
+HIDDEN = """
+import sys
+
+class Hide:  # as if the build had left them out
+    def find_spec(self, name, path=None, target=None):
+        if name in ("kavra._kavracore", "kavra.tessel._tessel"):
+            raise ModuleNotFoundError(f"No module named {name!r}", name=name)
+
+sys.meta_path.insert(0, Hide())
+"""
+
+
+def test_without_boost_python_modules_kavra_imports_and_what_needs_them_says_why():
+    script = HIDDEN + """
+import importlib, pickle
+import numpy as np
+import kavra, kavra.tables
+from kavra._grid import reservoir_grid
+table = kavra.tables.PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8]]], units="FIELD")
+assert pickle.loads(pickle.dumps(table)) == table and "TPVT" not in kavra.__all__ and not hasattr(kavra, "TPVT")
+grid = reservoir_grid(3, 2, 1)  # a deck's or a case's grid
+assert grid == (3, 2, 1) and grid.number_of_cells() == 6 and kavra.ksum(np.ones(6), grid).tolist() == [1.0] * 6
+try:
+    reservoir_grid(3, 70000, 1)
+except ValueError as error:
+    print("ValueError", error)
+for call in (table.to_native, lambda: kavra.tables.ROCK.from_native(None), lambda: importlib.import_module("kavra.tessel")):
+    try:
+        call()
+    except ImportError as error:
+        print(type(error).__name__, error.name, error)
+"""
+    done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=120)
+    assert done.returncode == 0, done.stderr
+    grid_error, *lines = done.stdout.splitlines()
+    assert grid_error == "ValueError nJ = 70000 is outside [0, 65535]"  # tessel's words, where it is built
+    if BOOST_PYTHON_BUILT:
+        from kavra import tessel
+        with pytest.raises(ValueError, match=re.escape(grid_error.split(" ", 1)[1])):
+            tessel.ReservoirTopology(3, 70000, 1)
+    assert [line.split()[:2] for line in lines] == [["NotBuilt", "kavra._kavracore"]] * 2 + [["NotBuilt", "kavra.tessel._tessel"]]
+    for line in lines:
+        assert f"needs Boost.Python for {THIS_PYTHON}, and none was found when kavra was built" in line
+        assert "pip install --no-binary kavra kavra" in line
