@@ -167,7 +167,7 @@ def test_a_region_past_the_table_names_the_cell_and_region(name):
      r"do not fit the grid of 1 x 2 x 3 cells: layout 'kji' takes the shape \(3, 2, 1\) or \(6,\)"),
     (lambda: kavra.kmax(np.zeros((3, 2, 1)), (1, 2, 3), layout="ijk"), ValueError, r"takes the shape \(1, 2, 3\)"),
     (lambda: kavra.kmax(np.zeros(6), (1, 2, 3), layout="kij"), ValueError, "layout must be 'kji' or 'ijk'"),
-    (lambda: kavra.kmax(np.zeros(6), [1, 2, 3]), TypeError, "grid must be a tessel.ReservoirTopology"),
+    (lambda: kavra.kmax(np.zeros(6), [1, 2, 3]), TypeError, "grid must be a kavra.tessel.ReservoirTopology"),
     (lambda: kavra.kmax(np.zeros(6), (1, 2, 3), active=np.zeros(6, float)), TypeError, "active must be a boolean"),
 ])
 def test_failures_in_python_words(call, error, words):

@@ -20,7 +20,7 @@ layout : {"kji", "ijk"}
 _DASK_VALUES_GRID = """\
 values : dask or NumPy array
     One value per cell, of the shape given by ``layout`` or flat in its cell order.
-grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
+grid : kavra.tessel.ReservoirTopology or (nI, nJ, nK) tuple
     The grid."""
 
 PIECES = {
@@ -122,7 +122,7 @@ Parameters
 ----------
 values : array_like
     One value per cell (see ``layout``), or one per selected cell of a selection.
-grid : tessel.ReservoirTopology, (nI, nJ, nK) tuple or tessel.ReservoirSelectionTopology
+grid : kavra.tessel.ReservoirTopology, (nI, nJ, nK) tuple or kavra.tessel.ReservoirSelectionTopology
     The grid, or the selection of its cells.
 {_ACTIVE_LAYOUT}
 threads : int, optional

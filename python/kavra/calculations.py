@@ -467,7 +467,7 @@ def transmissibility_k(nnc1: ArrayLike, nnc2: ArrayLike,
     nnc1, nnc2 : array_like of int
         The two cells of each connection, one-dimensional, of one length.  A connection masked
         in either is left out.
-    selection : tessel.ReservoirSelectionTopology or ((nI, nJ, nK), cells)
+    selection : kavra.tessel.ReservoirSelectionTopology or ((nI, nJ, nK), cells)
         The cells that take part: a selection, or the grid's shape and an (m, 3) array-like of the
         selected cells' (i, j, k) in selection order.
 
@@ -538,5 +538,5 @@ def _selection(function: str, selection: Any) -> tuple[tuple[int, int, int], NDA
                 return (int(dims[0]), int(dims[1]), int(dims[2])), ijk.astype(np.uint16)
         raise ValueError(f"{function}: a selection ((nI, nJ, nK), cells) takes whole numbers from 0 to 65535 and "
                          "an (m, 3) array of (i, j, k) inside the grid")
-    raise TypeError(f"{function}: selection must be a tessel.ReservoirSelectionTopology or ((nI, nJ, nK), cells), "
+    raise TypeError(f"{function}: selection must be a kavra.tessel.ReservoirSelectionTopology or ((nI, nJ, nK), cells), "
                     f"got {type(selection).__name__}")

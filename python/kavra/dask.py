@@ -34,7 +34,7 @@ K-column reductions
 -------------------
 ``kmax``, ``kmin``, ``ksum`` and ``kaverage`` reduce each column (all the
 cells with one I and one J) to one value.  ``grid`` is an ``(nI, nJ, nK)``
-tuple or a ``tessel.ReservoirTopology``; ``values`` has the shape
+tuple or a ``kavra.tessel.ReservoirTopology``; ``values`` has the shape
 ``(nK, nJ, nI)`` (``layout="kji"``), ``(nI, nJ, nK)`` (``layout="ijk"``) or is
 one-dimensional in the cell order of that layout.  The result has the shape
 and element type of ``values``.  Selections (``ReservoirSelectionTopology``)
@@ -500,7 +500,7 @@ def _dimensions(function: str, grid: Any) -> tuple[int, int, int]:
                         "whole grid and active= for the cells that take part")
     if isinstance(grid, tuple) and len(grid) == 3:
         return int(grid[0]), int(grid[1]), int(grid[2])
-    raise TypeError(f"kavra.dask.{function}: grid must be a tessel.ReservoirTopology or an (nI, nJ, nK) "
+    raise TypeError(f"kavra.dask.{function}: grid must be a kavra.tessel.ReservoirTopology or an (nI, nJ, nK) "
                     f"tuple, got {type(grid).__name__}")
 
 

@@ -52,7 +52,7 @@ def column_map(values: ArrayLike, grid: Grid, reduce: Reduce = "sum", *, weights
     ----------
     values : array_like of real numbers
         One value per cell (see ``layout``), in any unit; masked cells take no part.
-    grid : tessel.ReservoirTopology or (nI, nJ, nK) tuple
+    grid : kavra.tessel.ReservoirTopology or (nI, nJ, nK) tuple
         The grid (a whole grid: leave cells out with ``active``).
     reduce : {"sum", "mean", "max", "min"}
         ``"sum"``: the sum, with ``weights`` the sum of weight x value (net pay from DZ and

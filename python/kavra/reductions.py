@@ -5,8 +5,8 @@ every cell holds the value of its column (all cells with one I and one J),
 bit for bit what the native ``KMax`` … give, run by kavra's engine
 (``kavra._engine``; a whole grid's columns in chunks on threads).
 
-* ``grid``: a ``tessel.ReservoirTopology``, an ``(nI, nJ, nK)`` tuple, or a
-  ``tessel.ReservoirSelectionTopology`` (then ``values`` has one element per
+* ``grid``: a ``kavra.tessel.ReservoirTopology``, an ``(nI, nJ, nK)`` tuple, or a
+  ``kavra.tessel.ReservoirSelectionTopology`` (then ``values`` has one element per
   selected cell, in selection order, and only selected cells take part).
 * ``layout``: ``"kji"`` (the default) for arrays of the shape
   ``(nK, nJ, nI)``, I fastest, or one-dimensional in that cell order;
@@ -94,8 +94,8 @@ def _topology(function: str, grid: Any) -> _Cells:
         if len(dims) == 3 and all(0 <= d < 2**16 for d in dims):
             return _Cells(*dims)
         raise ValueError(f"{function}: a grid (nI, nJ, nK) takes whole numbers from 0 to 65535, got {grid}")
-    raise TypeError(f"{function}: grid must be a tessel.ReservoirTopology, an (nI, nJ, nK) tuple or a "
-                    f"tessel.ReservoirSelectionTopology, got {type(grid).__name__}")
+    raise TypeError(f"{function}: grid must be a kavra.tessel.ReservoirTopology, an (nI, nJ, nK) tuple or a "
+                    f"kavra.tessel.ReservoirSelectionTopology, got {type(grid).__name__}")
 
 
 @functools.cache
