@@ -18,7 +18,7 @@ from ._optional import optional as _optional
 
 # Built where kavra found Boost.Python for this Python; a stand-in elsewhere.
 _kavracore = _optional(__name__ + "._kavracore")
-if _kavracore.__spec__ is not None:  # the module itself (a stand-in has no import spec)
+if _kavracore.__spec__ is not None:  # the module itself, not the stand-in for a missing one
     from ._kavracore import *  # noqa: F401,F403
 
 try:

@@ -57,7 +57,7 @@ class _Missing:
 
 
 class _MissingModule(ModuleType):
-    """Stands for a module that this build lacks (see the module's description); it has no import spec."""
+    """Stands for a module that this build lacks (see the module's description); it was never imported."""
 
     def __init__(self, error: NotBuilt) -> None:
         super().__init__(str(error.name))

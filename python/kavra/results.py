@@ -322,13 +322,13 @@ class Results:
         # Each summary vector's position in a time step's record, and its unit.
         self._vectors: dict[str, tuple[int, str]] = {}
         if self._smspec:
-            spec = self._smspec
-            lacking = {"KEYWORDS", "NUMS", "UNITS", "STARTDAT"} - set(spec) | ({"WGNAMES"} - set(spec) - {"NAMES"})
+            header = self._smspec
+            lacking = {"KEYWORDS", "NUMS", "UNITS", "STARTDAT"} - set(header) | ({"WGNAMES"} - set(header) - {"NAMES"})
             if lacking - {"NAMES"}:
                 raise ValueError(f"{self.files['SMSPEC']} lacks {_listing(sorted(lacking))}")
-            names = spec["WGNAMES"] if "WGNAMES" in spec else spec["NAMES"]
+            names = header["WGNAMES"] if "WGNAMES" in header else header["NAMES"]
             for position, (keyword, wgname, num, unit) in enumerate(zip(
-                    _strings(spec["KEYWORDS"]), _strings(names), spec["NUMS"], _strings(spec["UNITS"]))):
+                    _strings(header["KEYWORDS"]), _strings(names), header["NUMS"], _strings(header["UNITS"]))):
                 key = _summary_key(keyword, wgname, int(num), self.grid)
                 if key:
                     self._vectors.setdefault(key, (position, unit))
