@@ -2,6 +2,7 @@
 any dtype, byte order, mask and layout, no copies of ready buffers, failures in Python's words."""
 
 import doctest
+import inspect
 import tracemalloc
 
 import numpy as np
@@ -277,5 +278,7 @@ def test_reductions_equal_the_native_kernels(name, dims, dtype, order, layout, f
 def test_numpy_docstrings_with_examples_that_run(module):
     result = doctest.testmod(module, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert result.attempted > 0 and result.failed == 0
-    for doc in (getattr(module, name).__doc__ for name in module.__all__ if callable(getattr(module, name))):
-        assert "Parameters\n    ----------" in doc and "Examples\n    --------" in doc
+    # (cleandoc: from Python 3.13 on, the compiler strips the docstring's indentation itself)
+    for doc in (inspect.cleandoc(getattr(module, name).__doc__) for name in module.__all__
+                if callable(getattr(module, name))):
+        assert "\nParameters\n----------\n" in doc and "\nExamples\n--------\n" in doc
