@@ -51,6 +51,7 @@ from . import _engine
 from ._threads import resolve as _resolve_threads
 from ._arrays import CellArrays, prepare_cells, ready_buffers, split_mask
 from ._docs import filled
+from ._optional import NotBuilt, load as _load
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
 
 if TYPE_CHECKING:
@@ -72,11 +73,11 @@ _VALUES: dict[str, tuple[type[_Table], ...]] = {
 
 def _native_list_class(name: str) -> Any:
     """The native list class `name` of kavra._kavracore; None where that module is not built."""
-    try:
-        from . import _kavracore
-    except ImportError:
+    try:  # (the package's own attribute is a stand-in in such a build: it is no class to test against)
+        kavracore = _load("kavra._kavracore")
+    except NotBuilt:
         return None
-    return getattr(_kavracore, name)
+    return getattr(kavracore, name)
 
 
 def _tables(function: str, name: str, table: Any) -> tuple[Any, str]:
