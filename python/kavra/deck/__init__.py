@@ -35,35 +35,39 @@ Examples
 
 from __future__ import annotations
 
-import functools
 import os
 import pathlib
-import re
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from typing import TYPE_CHECKING, Any, NamedTuple
 
 import numpy as np
 from numpy.typing import NDArray
 
-from ._grid import reservoir_grid
-
 if TYPE_CHECKING:
-    from . import tessel
-    from ._grid import Grid
+    from .. import tessel
+    from .._grid import Grid
 
-from . import _engine
-from ._threads import resolve as _threads
-from .tables import DENSITY, PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, UNIT_SYSTEMS
+# This file is the face: Deck, read and what users name.  The jobs behind it have a private
+# module each: reading through opm (_opm, the module whose private names the others import),
+# SI numbers back in the deck's units (_conversion), the deck's files and their INCLUDE walk
+# (_includes), the tables (_tables).  The public names of those modules are imported here under
+# private names, so that kavra.deck holds no public name but its own.
+from .. import _engine
+from .._threads import resolve as _threads
+from ..tables import DENSITY, PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
+from ._conversion import DeckUnits as _DeckUnits
+from ._conversion import si_factor as _si_factor
+from ._includes import MAX_INCLUDE_DEPTH, MAX_INCLUDES
+from ._includes import Includes as _Includes
+from ._includes import check_file as _check_file
+from ._includes import check_text as _check_text
+from ._includes import deck_file as _deck_file
+from ._opm import DeckError, _action, _array_item, _defaulted, _defaulted_slots, _grid, _ParseContext, _Parser
+from ._opm import OpmState as _OpmState
+from ._opm import _pvt_regions, _record_values, _units
+from ._tables import BUILDERS as _BUILDERS
 
-try:
-    from opm.io.ecl_state import EclipseState as _EclipseState  # type: ignore[import-untyped]
-    from opm.io.parser import ParseContext as _ParseContext
-    from opm.io.parser import Parser as _Parser
-    from opm.io.parser import action as _action
-except ImportError as _error:  # the optional extra is not installed
-    raise ImportError(
-        "kavra.deck reads decks with the opm package, which is not installed: "
-        "pip install 'kavra[deck]' (or pip install opm)") from _error
+DeckError.__module__ = __name__  # kavra.deck.DeckError, where callers catch it
 
 __all__ = ["Deck", "DeckError", "Equilibration", "read", "example_path", "EXAMPLES", "MAX_INCLUDE_DEPTH",
            "MAX_INCLUDES"]
@@ -71,11 +75,6 @@ __all__ = ["Deck", "DeckError", "Equilibration", "read", "example_path", "EXAMPL
 #: The decks shipped with kavra (public SPE test decks, each with its license header), for
 #: :func:`example_path`.
 EXAMPLES: tuple[str, ...] = ("SPE1CASE1", "SPE3CASE1")
-
-#: How deep INCLUDE files may nest, and how many INCLUDE keywords one deck may follow in all.
-#: Far beyond any real deck; they bound the work of a deck that includes itself over and over.
-MAX_INCLUDE_DEPTH = 32
-MAX_INCLUDES = 10_000
 
 #: Grid properties that a simulator fills in when the deck leaves them out.
 DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "PVTNUM": (1, np.int32),
@@ -91,18 +90,7 @@ _EDIT_KEYWORDS = ("EQUALS", "COPY", "ADD", "MULTIPLY", "MINVALUE", "MAXVALUE", "
 # gives its grid's geometry.
 _GRID_KEYWORDS = ("DX", "DY", "DZ", "TOPS", "COORD", "ZCORN")
 _CORNER_POINT = ("COORD", "ZCORN")
-_SECTIONS = ("EDIT", "PROPS", "REGIONS", "SOLUTION", "SUMMARY", "SCHEDULE")  # the sections after GRID
 _BLOCK_CENTRED = ("DX", "DY", "DZ", "TOPS")
-
-# Table values that may be left to their default, because the default is zero
-# in every unit system: PVTW viscosibility, ROCK compressibility (index of the
-# value in the record).  Any other default would be a number the deck does not
-# hold (opm fills in metric defaults whatever the deck's unit system).
-_ZERO_DEFAULTS = {"PVTW": {4}, "ROCK": {1}}
-
-
-class DeckError(ValueError):
-    """A deck that cannot be read, or a table in it that the calculations cannot take."""
 
 
 def example_path(name: str) -> pathlib.Path:
@@ -133,7 +121,7 @@ def example_path(name: str) -> pathlib.Path:
     """
     if name not in EXAMPLES:
         raise ValueError(f"example_path: no deck {name!r} ships with kavra; there are {', '.join(EXAMPLES)}")
-    return pathlib.Path(__file__).with_name("decks") / f"{name}.DATA"
+    return pathlib.Path(__file__).parent.with_name("decks") / f"{name}.DATA"
 
 
 class Equilibration(NamedTuple):
@@ -154,7 +142,7 @@ class Equilibration(NamedTuple):
     accuracy: float  #: item 9: the accuracy of the initial fluid in place
 
 
-class Deck:
+class Deck(_OpmState, _DeckUnits):
     """What :func:`read` found in a deck.
 
     Attributes
@@ -473,103 +461,14 @@ class Deck:
         return full
 
     # --- the simulator's view --------------------------------------------------------
+    # (opm's state and the values it holds: _opm.OpmState; those values in the deck's units:
+    # _conversion.DeckUnits)
 
     def _geometry_kind(self) -> tuple[str, ...] | None:
         for keywords in (_CORNER_POINT, _BLOCK_CENTRED):
             if all(name in self._parsed for name in keywords):
                 return keywords
         return None
-
-    def _opm_state(self) -> Any:
-        """opm's EclipseState of the deck: the grid and the grid properties with every edit
-        applied, in SI units, over the cells it keeps.
-
-        Built from a parse of its own (opm changes the numbers of the deck it builds the state
-        from), with a marker at the end of the GRID section: an integer property no other
-        keyword of the deck reads, holding each cell's number from 1, whose values in the
-        state name the cells that opm kept."""
-        if self._state is None:
-            g = self.grid
-            marker = self._marker()
-            numbers = " ".join(map(str, range(1, g.number_of_cells() + 1)))
-            marked = _Parser().parse_string(f"RUNSPEC\nDIMENS\n {g.nI} {g.nJ} {g.nK} /\nGRID\n{marker}\n{numbers} /\n")
-            deck, placed, in_grid = _Parser().parse_string(""), False, False
-            for keyword in (self._parse() if self._parse else self._parsed):
-                if keyword.name in _SECTIONS and in_grid and not placed:
-                    deck.add(marked[marker])
-                    placed = True
-                in_grid = in_grid or keyword.name == "GRID"
-                deck.add(keyword)
-            if not placed:
-                deck.add(marked[marker])
-            try:
-                self._state = _EclipseState(deck)
-            except (RuntimeError, ValueError, IndexError) as error:
-                raise DeckError(f"opm cannot build the grid and its properties: {error}") from error
-            kept = np.asarray(self._state.field_props().get_int_array(marker), dtype=np.int64) - 1
-            self._known["input_active"] = np.zeros(g.number_of_cells(), dtype=bool)
-            self._known["input_active"][kept] = True
-        return self._state
-
-    def _marker(self) -> str:
-        """An integer property that no keyword of the deck reads: the deck has no such keyword,
-        no region operation names its region array, no OPERATER reads OPERNUM."""
-        regional = [str(k).replace("'", " ").split() for k in self._parsed
-                    if k.name in ("EQUALREG", "ADDREG", "MULTIREG", "COPYREG", "OPERATER")]
-        for name, letter in (("OPERNUM", "O"), ("FLUXNUM", "F"), ("MULTNUM", "M")):
-            if name not in self._parsed and not any(letter in tokens for tokens in regional) and not (
-                    name == "OPERNUM" and "OPERATER" in self._parsed):
-                return name
-        raise DeckError("the deck uses OPERNUM, FLUXNUM and MULTNUM: kavra cannot tell which cells opm keeps")
-
-    def _input_active(self) -> NDArray[np.bool_]:
-        """The cells that opm keeps (ACTNUM, edits applied, with a pore volume above 0): those
-        its properties hold values for."""
-        self._opm_state()
-        mask: NDArray[np.bool_] = self._known["input_active"]
-        return mask
-
-    def _simulated(self, name: str) -> NDArray[Any]:
-        properties = self._opm_state().field_props()
-        values: NDArray[Any] | None = None
-        for get, dtype in ((properties.get_double_array, np.float64), (properties.get_int_array, np.int32)):
-            try:
-                values = np.asarray(get(name), dtype=dtype)
-                break
-            except (ValueError, RuntimeError, KeyError, IndexError):  # not a property of that type
-                continue
-        if values is None:
-            return self._as_written(name)  # a default, a KeyError or a DeckError in words
-        active = self._input_active()
-        if values.dtype == np.float64:
-            values = self._deck_units(name, values, active)
-        full = np.full(self.grid.number_of_cells(), np.nan if values.dtype == np.float64 else 0, dtype=values.dtype)
-        full[active] = values
-        return full
-
-    def _deck_units(self, name: str, si: NDArray[np.float64], active: NDArray[np.bool_]) -> NDArray[np.float64]:
-        """opm's SI numbers of property `name` in the active cells, in the deck's units: the deck's own
-        number where opm's SI number converted back is that number but for the rounding of the
-        conversion, else the SI number converted back."""
-        factor = _si_factor(self.units, name)
-        if factor == 1.0:
-            return si
-        values = si / factor
-        rest = np.ones(len(values), dtype=bool)
-        if name in self._parsed:
-            raw = np.array(_array_item(self._parsed[name], name).get_raw_data_list(), dtype=np.float64)
-            if len(raw) == len(active):
-                raw = raw[active]
-                written = np.abs(values - raw) <= 4 * np.spacing(np.abs(raw))
-                values[written] = raw[written]
-                rest = ~written
-        # An edited number: its shortest decimal form, where only the conversion's rounding
-        # (a few units in the last place) stands between the two.
-        distinct, where = np.unique(values[rest], return_inverse=True)
-        short = np.array([float(f"{value:.15g}") for value in distinct])
-        distinct = np.where(np.abs(short - distinct) <= 4 * np.spacing(np.abs(distinct)), short, distinct)
-        values[rest] = distinct[where]
-        return values
 
     def _geometry(self) -> dict[str, NDArray[np.float64]]:
         """The volumes and centre depths of the cells (and DX, DY, DZ of corner-point cells), in
@@ -623,16 +522,6 @@ class Deck:
             return False
         return True
 
-
-@functools.lru_cache(maxsize=None)
-def _si_factor(units: str, name: str) -> float:
-    """What opm multiplies a number of keyword `name` in unit system `units` by to have it in SI
-    (1 for a number without a unit), from a deck of that keyword alone."""
-    probe = _Parser().parse_string(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nGRID\n{name}\n 1 /\n")
-    item = _array_item(probe[name], name)
-    if item.is_int():
-        return 1.0
-    return float(item.get_SI_data_list()[0]) / float(item.get_raw_data_list()[0])
 
 
 def read(source: str | os.PathLike[str]) -> Deck:
@@ -743,272 +632,7 @@ def read(source: str | os.PathLike[str]) -> Deck:
     return Deck(parsed, grid, units, tables, parse)
 
 
-# --- what is handed to opm ----------------------------------------------------------------
-
-
-def _shown(source: Any) -> str:
-    text = repr(os.fspath(source))
-    return text if len(text) <= 80 else text[:60] + "..." + text[-15:]
-
-
-def _deck_file(source: str | os.PathLike[str]) -> pathlib.Path:
-    """The path of a deck file; FileNotFoundError, in words, where there is none."""
-    try:
-        found = pathlib.Path(source).is_file()
-    except (OSError, ValueError) as error:  # a name too long for the system, a NUL in it
-        reason = getattr(error, "strerror", None) or str(error)
-        raise FileNotFoundError(f"no deck at {_shown(source)}: no file can have that name ({reason})") from None
-    if not found:
-        hint = ("; deck text is read as such only with a line break in it (each keyword on a line of "
-                "its own)") if isinstance(source, str) else ""
-        raise FileNotFoundError(f"no deck at {_shown(source)}{hint}")
-    return pathlib.Path(source)
-
-
-class _Includes:
-    """What the checks of the INCLUDE files share over one deck: the directory opm finds them
-    from, the PATHS aliases seen so far and the count of INCLUDE keywords followed."""
-
-    def __init__(self, root: pathlib.Path) -> None:
-        self.root = root
-        self.aliases: dict[str, str] = {}
-        self.count = 0
-
-
-# Characters that no deck holds: control characters (tab, line and page breaks aside).
-_NOT_TEXT = re.compile(r"[\x00-\x08\x0b\x0e-\x1f\x7f]")
-_QUOTED = re.compile(r"'[^']*'|\"[^\"]*\"")
-_TOKEN = re.compile(r"'([^']*)'|\"([^\"]*)\"|([^\s'\"]+)")
-
-
-def _lines(text: str) -> Iterator[tuple[int, str]]:
-    """The lines of a deck (from 1, counted as opm counts them: at line feeds), each without
-    its comment."""
-    for number, line in enumerate(text.split("\n"), start=1):
-        yield number, line.split("--", 1)[0]
-
-
-def _items(line: str) -> list[str]:
-    """The items of a record's line, up to the slash that ends the record."""
-    items = []
-    for single, double, bare in _TOKEN.findall(line):
-        if not bare:
-            items.append(single or double)
-            continue
-        head, slash, _ = bare.partition("/")
-        if head:
-            items.append(head)
-        if slash:
-            break
-    return items
-
-
-def _check_file(path: pathlib.Path, at: str, chain: tuple[pathlib.Path, ...], includes: _Includes) -> None:
-    """The checks of :func:`_check_text` on a deck file; `at` says where it is included, if it is."""
-    resolved = path.resolve()
-    if resolved in chain:
-        cycle = " includes ".join(str(p) for p in (*chain[chain.index(resolved):], resolved))
-        raise DeckError(f"INCLUDE files include each other in a cycle: {cycle}")
-    if len(chain) > MAX_INCLUDE_DEPTH:
-        raise DeckError(f"{path}{at}: INCLUDE files nest deeper than {MAX_INCLUDE_DEPTH} levels")
-    if path.is_dir():
-        raise DeckError(f"{path}{at} is a directory, not a deck file")
-    if not path.is_file():
-        return  # opm names the missing file
-    text = path.read_bytes().decode("utf-8", errors="replace")
-    _check_text(text, str(path), (*chain, resolved), includes)
-
-
-def _check_text(text: str, where: str, chain: tuple[pathlib.Path, ...], includes: _Includes) -> None:
-    """DeckError for what opm would choke on, hang on or end the process for, in `text` or in
-    the files it includes: characters that are not deck text (opm's parser formats them into
-    its own messages), INCLUDE cycles and directories.  Only what is certain is refused; the
-    rest is left to opm."""
-    lines = _lines(text)
-    for number, line in lines:
-        bad = _NOT_TEXT.search(line) or re.search(r"[{}]", _QUOTED.sub("", line))
-        if bad:
-            raise DeckError(f"{where}, line {number}: {bad.group()!r} is not deck text; is this a deck file?")
-        keyword = line.split()[0] if line.split() else ""
-        if keyword not in ("INCLUDE", "PATHS"):
-            continue
-        for number, line in lines:  # the keyword's records
-            if keyword == "PATHS" and line.strip().startswith("/"):
-                break
-            items = _items(line)
-            if keyword == "PATHS" and len(items) >= 2:
-                includes.aliases[items[0]] = items[1]
-            elif keyword == "INCLUDE" and items:
-                includes.count += 1
-                if includes.count > MAX_INCLUDES:
-                    raise DeckError(f"{where}, line {number}: more than {MAX_INCLUDES} INCLUDE keywords in one deck")
-                _check_file(_include_path(items[0], includes), f" (INCLUDE in {where}, line {number})", chain,
-                            includes)
-                break
-            elif keyword == "INCLUDE" and line.strip():
-                break
-
-
-def _include_path(name: str, includes: _Includes) -> pathlib.Path:
-    for alias, directory in includes.aliases.items():
-        name = name.replace(f"${alias}", directory)
-    path = pathlib.Path(name)
-    return path if path.is_absolute() else includes.root / path
-
-
-# --- what every table needs ----------------------------------------------------------------
-
-
-def _units(parsed: Any) -> str:
-    name = str(parsed.active_unit_system().name).upper()
-    if name not in UNIT_SYSTEMS:
-        raise DeckError(f"the deck's unit system {name} is not one of {', '.join(UNIT_SYSTEMS)}")
-    return name
-
-
-def _grid(parsed: Any) -> tessel.ReservoirTopology | Grid:
-    if "DIMENS" not in parsed:
-        raise DeckError("the deck has no DIMENS keyword: the grid size is unknown")
-    record = parsed["DIMENS"][0]
-    defaulted = _defaulted(record, 3)
-    if defaulted.any():
-        raise DeckError(f"DIMENS record 1: value {int(np.argmax(defaulted)) + 1} is left to its default; "
-                        f"the grid size needs nI, nJ and nK written out")
-    dims = [record[i].get_int(0) for i in range(3)]
-    try:
-        return reservoir_grid(*dims)
-    except (ValueError, OverflowError) as error:
-        raise DeckError(f"DIMENS record 1: {error}") from error
-
-
 def _keyword_name(name: Any, method: str) -> str:
     if not isinstance(name, str):
         raise TypeError(f"{method} needs a keyword name (str), got {type(name).__name__}")
     return name.upper()
-
-
-def _pvt_regions(parsed: Any) -> int:
-    if "TABDIMS" not in parsed:
-        return 1
-    return int(parsed["TABDIMS"][0][1].get_int(0))  # NTPVT
-
-
-def _defaulted_slots(text: str) -> list[bool]:
-    """Which values of a record opm's text of it shows as left to their default.
-
-    opm writes a record back as the deck would hold it, with ``N*`` for N values left
-    to their default; it is the one place its Python interface tells them apart.
-    Values after the last one written are defaulted as well (the caller sees them as
-    missing slots)."""
-    slots: list[bool] = []
-    for token in text.split():
-        if token == "/":
-            break
-        count, star, value = token.partition("*")
-        if star and count.isdigit():
-            slots += [not value] * int(count)
-        else:
-            slots.append(False)
-    return slots
-
-
-def _record_values(record: Any, where: str) -> NDArray[np.float64]:
-    values: list[float] = []
-    for item in record:
-        if item.is_string():
-            raise DeckError(f"{where}: item {item.name()} holds text, not numbers")
-        values += item.get_data_list() if item.is_int() else item.get_raw_data_list()
-    return np.array(values, dtype=np.float64)
-
-
-def _defaulted(record: Any, count: int) -> NDArray[np.bool_]:
-    """Which of a record's first `count` values the deck left to their default (``1*``, or a
-    record ended early)."""
-    slots = _defaulted_slots(str(record))
-    return np.array([slots[i] if i < len(slots) else True for i in range(count)], dtype=bool)
-
-
-def _checked_numbers(record: Any, keyword: str, where: str) -> NDArray[np.float64]:
-    """A table record's numbers as written; DeckError where the deck left one out."""
-    values = _record_values(record, where)
-    allowed = _ZERO_DEFAULTS.get(keyword, set())
-    for index, defaulted in enumerate(_defaulted(record, len(values))):
-        if defaulted and not (index in allowed and values[index] == 0.0):
-            raise DeckError(f"{where}: value {index + 1} is left to its default; a table needs "
-                            f"every number written out")
-    return values
-
-
-def _count(keyword: str, found: int, regions: int) -> None:
-    if found != regions:
-        raise DeckError(f"{keyword} has {found} tables, TABDIMS gives {regions} PVT regions")
-
-
-# --- the tables ----------------------------------------------------------------------------
-# The numbers of each region go to the table class as they are: its constructor makes the
-# checks of the numbers (lengths of records, finite numbers, rising keys, formation volume
-# factors above 0), the same for a deck as for a table written by hand, and read() turns its
-# ValueError into a DeckError.
-
-
-def _record_table(cls: type[PVTO] | type[PVTG]) -> Callable[..., Any]:
-    """PVTO and PVTG: records of a key and triples, regions ended by an empty record."""
-    keyword = cls.keyword
-
-    def build(parsed_keyword: Any, regions: int, units: str) -> Any:
-        tables: list[list[NDArray[np.float64]]] = [[]]
-        for record in parsed_keyword:
-            if not record[1].get_raw_data_list():  # the empty record that ends a region
-                tables.append([])
-                continue
-            number, index = len(tables), len(tables[-1]) + 1
-            tables[-1].append(_checked_numbers(record, keyword, f"{keyword} region {number}, record {index}"))
-        _count(keyword, len(tables), regions)
-        return cls(tables, units=units)
-
-    return build
-
-
-def _dead_table(cls: type[PVDG] | type[PVDO]) -> Callable[..., Any]:
-    keyword = cls.keyword
-
-    def build(parsed_keyword: Any, regions: int, units: str) -> Any:
-        _count(keyword, len(parsed_keyword), regions)
-        tables = []
-        for number, record in enumerate(parsed_keyword, start=1):
-            numbers = _checked_numbers(record, keyword, f"{keyword} region {number}")
-            if not len(numbers) or len(numbers) % 3:
-                raise DeckError(f"{keyword} region {number}: expected rows of three numbers [p, b, mu], "
-                                f"got {len(numbers)} numbers")
-            tables.append(numbers.reshape(-1, 3))
-        return cls(tables, units=units)
-
-    return build
-
-
-def _one_record(cls: type[PVTW] | type[ROCK] | type[DENSITY]) -> Callable[..., Any]:
-    keyword = cls.keyword
-
-    def build(parsed_keyword: Any, regions: int, units: str) -> Any:
-        _count(keyword, len(parsed_keyword), regions)
-        return cls([_checked_numbers(record, keyword, f"{keyword} region {number}")
-                    for number, record in enumerate(parsed_keyword, start=1)], units=units)
-
-    return build
-
-
-_BUILDERS: dict[str, Callable[..., Any]] = {
-    "PVTO": _record_table(PVTO),
-    "PVTG": _record_table(PVTG),
-    "PVDG": _dead_table(PVDG),
-    "PVDO": _dead_table(PVDO),
-    "PVTW": _one_record(PVTW),
-    "ROCK": _one_record(ROCK),
-    "DENSITY": _one_record(DENSITY),
-}
-
-
-def _array_item(keyword: Any, name: str) -> Any:
-    if len(keyword) != 1 or len(keyword[0]) != 1 or keyword[0][0].is_string():
-        raise DeckError(f"{name} is not a grid property: it does not hold one list of numbers")
-    return keyword[0][0]
