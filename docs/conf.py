@@ -71,6 +71,28 @@ def _write_pages() -> None:
 
 
 
+# The functions of kavra itself, by the module that defines them (kavra._calls, the table of calls,
+# names them): a heading each, in the API reference (docs/api.rst includes the page).
+FACE_HEADINGS = {"calculations": "Cell calculations", "reductions": "Columns and regions",
+                 "maps": "Columns and regions", "_threads": "Threads"}
+
+
+def _write_face_page() -> None:
+    from kavra._calls import FACE
+
+    sections: dict[str, list[str]] = {}
+    for name, module in FACE.items():
+        sections.setdefault(FACE_HEADINGS[module], []).append(name)
+    lines = []
+    for heading, names in sections.items():
+        lines += [heading, "-" * len(heading), "", ".. autosummary::", "   :toctree: generated",
+                  "   :nosignatures:", "", *(f"   {name}" for name in names), ""]
+    path = PAGES / "functions.rst"
+    written = "\n".join(lines)
+    if not path.exists() or path.read_text() != written:
+        path.write_text(written)
+
+
 def _write_module_pages() -> None:
     """A page per module of MODULES: its docstring, then what its __all__ exports."""
     import importlib
@@ -99,6 +121,7 @@ def _write_module_pages() -> None:
 
 
 _write_pages()
+_write_face_page()
 _write_module_pages()
 
 extensions = [
@@ -111,7 +134,8 @@ extensions = [
 source_suffix = {".rst": "restructuredtext", ".md": "markdown"}
 templates_path = ["_templates"]
 exclude_patterns = ["_build", "generated/*.examples", "auto_examples/*.ipynb", "auto_examples/*.py",
-                    "auto_examples/*.zip", "auto_examples/*.md5"]
+                    "auto_examples/*.zip", "auto_examples/*.md5",
+                    "_pages/functions.rst"]  # (a part of api.rst)
 # `name` in a docstring or an example's text is code, as in the README's Markdown.
 default_role = "literal"
 # Options such as --png stay two hyphens.

@@ -22,14 +22,15 @@ from . import _engine
 from ._arrays import CellArrays, prepare_cells, ready_buffers
 from ._optional import NotBuilt, load
 from ._threads import resolve
-from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
+from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 
 class Call(NamedTuple):
     """A row of the table of calls."""
 
     module: str                # the module of kavra that defines the function
-    engine: tuple[str, ...]    # the engine's cell calculations it runs (kavra._engine.CALCULATIONS)
+    engine: tuple[str, ...]    # the engine's cell calculations it runs (kavra._engine.CALCULATIONS; a live
+                               # phase's before the dead one's)
     tables: tuple[str, ...]    # the kinds of table it takes first (kavra.tables), as its failures name them
     dask: str | None           # "cells": kavra.dask runs it chunk by chunk, a form built from this row;
                                # "own": kavra.dask has a form of its own; None: no Dask form
@@ -94,7 +95,7 @@ def names_of(module: str) -> list[str]:
 # inputs, whether float32 inputs are read as they are).
 _CALCULATIONS: dict[str, tuple[str | None, int, bool]] = _engine.CALCULATIONS
 # The table values of each region list.
-_VALUES: dict[str, tuple[type[_Table], ...]] = {
+_VALUES: dict[str, tuple[type, ...]] = {
     name: tuple(kind for kind in (PVTO, PVTG, PVDG, PVDO, PVTW, ROCK) if kind._list_name == name)
     for name in _engine.RECORD_FIELDS}
 

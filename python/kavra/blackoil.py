@@ -45,7 +45,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
-from ._calls import calculate, checked
+from ._calls import CALLS, calculate, checked
 from ._docs import filled
 from ._threads import resolve as _resolve_threads
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
@@ -73,16 +73,18 @@ def _phase(function: str, table: Any, live: type, dead: type, ratio_name: str, r
                     f"got {type(table).__name__}")
 
 
-def _oil(function: str, quantity: str, oil: Any, pvtnum: Any, p: Any, rs: Any, out: Any, threads: Any) -> Any:
+def _oil(function: str, oil: Any, pvtnum: Any, p: Any, rs: Any, out: Any, threads: Any) -> Any:
+    live, dead = CALLS["blackoil." + function].engine  # the live-oil and the dead-oil calculation
     if _phase(function, oil, PVTO, PVDO, "rs", rs) == "live":
-        return calculate(function, f"live_oil_{quantity}", ("table", oil), pvtnum, [("p", p), ("rs", rs)], out, threads)
-    return calculate(function, f"dead_fluid_{quantity}", ("table", oil), pvtnum, [("p", p)], out, threads)
+        return calculate(function, live, ("table", oil), pvtnum, [("p", p), ("rs", rs)], out, threads)
+    return calculate(function, dead, ("table", oil), pvtnum, [("p", p)], out, threads)
 
 
-def _gas(function: str, quantity: str, gas: Any, pvtnum: Any, p: Any, rv: Any, out: Any, threads: Any) -> Any:
+def _gas(function: str, gas: Any, pvtnum: Any, p: Any, rv: Any, out: Any, threads: Any) -> Any:
+    wet, dead = CALLS["blackoil." + function].engine  # the wet-gas and the dry-gas calculation
     if _phase(function, gas, PVTG, PVDG, "rv", rv) == "live":
-        return calculate(function, f"wet_gas_{quantity}", ("table", gas), pvtnum, [("p", p), ("rv", rv)], out, threads)
-    return calculate(function, f"dead_fluid_{quantity}", ("table", gas), pvtnum, [("p", p)], out, threads)
+        return calculate(function, wet, ("table", gas), pvtnum, [("p", p), ("rv", rv)], out, threads)
+    return calculate(function, dead, ("table", gas), pvtnum, [("p", p)], out, threads)
 
 
 @filled
@@ -114,7 +116,7 @@ def one_over_bo(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLike
     >>> print(one_over_bo(oil, 1, [150.0, 250.0], [65.0, 50.0]).round(6))
     [0.77037  0.826463]
     """
-    return _oil("one_over_bo", "one_over_b", oil, pvtnum, p, rs, out, threads)
+    return _oil("one_over_bo", oil, pvtnum, p, rs, out, threads)
 
 
 @filled
@@ -145,7 +147,7 @@ def oil_viscosity(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLi
     >>> print(oil_viscosity(PVDO([[[100.0, 1.2, 1.0], [200.0, 1.1, 1.2]]]), 1, [150.0]).round(6))
     [1.095238]
     """
-    return _oil("oil_viscosity", "viscosity", oil, pvtnum, p, rs, out, threads)
+    return _oil("oil_viscosity", oil, pvtnum, p, rs, out, threads)
 
 
 @filled
@@ -176,7 +178,7 @@ def one_over_bg(gas: PVTG | PVDG, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLike
     >>> print(one_over_bg(PVDG([[[100.0, 0.02, 0.01], [200.0, 0.01, 0.02]]]), 1, [150.0]))
     [75.]
     """
-    return _gas("one_over_bg", "one_over_b", gas, pvtnum, p, rv, out, threads)
+    return _gas("one_over_bg", gas, pvtnum, p, rv, out, threads)
 
 
 @filled
@@ -207,7 +209,7 @@ def gas_viscosity(gas: PVTG | PVDG, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLi
     >>> print(gas_viscosity(PVDG([[[100.0, 0.02, 0.01], [200.0, 0.01, 0.02]]]), 1, [150.0]))
     [0.015]
     """
-    return _gas("gas_viscosity", "viscosity", gas, pvtnum, p, rv, out, threads)
+    return _gas("gas_viscosity", gas, pvtnum, p, rv, out, threads)
 
 
 @filled
