@@ -72,7 +72,7 @@ def _write_pages() -> None:
 
 
 # The functions of kavra itself, by the module that defines them (kavra._calls, the table of calls,
-# names them): a heading each, in the API reference (docs/api.rst includes the page).
+# names them): a heading each on the page of the package, the first of the API reference's.
 FACE_HEADINGS = {"calculations": "Cell calculations", "reductions": "Columns and regions",
                  "maps": "Columns and regions", "_threads": "Threads"}
 
@@ -83,11 +83,12 @@ def _write_face_page() -> None:
     sections: dict[str, list[str]] = {}
     for name, module in FACE.items():
         sections.setdefault(FACE_HEADINGS[module], []).append(name)
-    lines = []
+    lines = ["kavra", "=====", "", ".. automodule:: kavra", "   :no-members:", "", ".. currentmodule:: kavra", ""]
     for heading, names in sections.items():
-        lines += [heading, "-" * len(heading), "", ".. autosummary::", "   :toctree: generated",
+        lines += [heading, "-" * len(heading), "", ".. autosummary::", "   :toctree: ../../generated",
                   "   :nosignatures:", "", *(f"   {name}" for name in names), ""]
-    path = PAGES / "functions.rst"
+    (PAGES / "api").mkdir(parents=True, exist_ok=True)
+    path = PAGES / "api" / "kavra.rst"
     written = "\n".join(lines)
     if not path.exists() or path.read_text() != written:
         path.write_text(written)
@@ -134,8 +135,7 @@ extensions = [
 source_suffix = {".rst": "restructuredtext", ".md": "markdown"}
 templates_path = ["_templates"]
 exclude_patterns = ["_build", "generated/*.examples", "auto_examples/*.ipynb", "auto_examples/*.py",
-                    "auto_examples/*.zip", "auto_examples/*.md5",
-                    "_pages/functions.rst"]  # (a part of api.rst)
+                    "auto_examples/*.zip", "auto_examples/*.md5"]
 # `name` in a docstring or an example's text is code, as in the README's Markdown.
 default_role = "literal"
 # Options such as --png stay two hyphens.
