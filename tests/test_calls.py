@@ -152,7 +152,8 @@ def imports_of(name, path):
     """(module, imported name or None, bound name) of each import of a module, but those that only type
     checkers read (``if TYPE_CHECKING:``)."""
     tree = ast.parse(path.read_text())
-    for_types = {id(inner) for node in ast.walk(tree) if isinstance(node, ast.If) and "TYPE_CHECKING" in ast.unparse(node.test)
+    for_types = {id(inner) for node in ast.walk(tree)
+                 if isinstance(node, ast.If) and "TYPE_CHECKING" in ast.unparse(node.test)
                  for statement in node.body for inner in ast.walk(statement)}
     package = name.split(".") if path.name == "__init__.py" else name.split(".")[:-1]
     for node in ast.walk(tree):
@@ -234,7 +235,8 @@ def test_the_checks_of_imports_find_what_they_look_for(tmp_path):
         (tmp_path / "pkg" / file).write_text(text)
     sys.path.insert(0, str(tmp_path))
     try:
-        assert private_names_taken(tmp_path / "pkg", "pkg") == [("pkg.a", "pkg.b", "_helper"), ("pkg.b", "pkg.a", "_private")]
+        assert private_names_taken(tmp_path / "pkg", "pkg") == [("pkg.a", "pkg.b", "_helper"),
+                                                                ("pkg.b", "pkg.a", "_private")]
         assert circles(tmp_path / "pkg", "pkg") == [("pkg.a", "pkg.b")]
     finally:
         sys.path.remove(str(tmp_path))

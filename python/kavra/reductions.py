@@ -217,7 +217,7 @@ def _reduce(function: str, name: str, values: ArrayLike, grid: Any, active: Arra
 
 
 def taking_part(function: str, shape: tuple[int, ...], mask: NDArray[np.bool_] | None,
-           active: ArrayLike | None) -> NDArray[np.bool_] | None:
+                active: ArrayLike | None) -> NDArray[np.bool_] | None:
     """Cells that take part (None: all of them)."""
     valid = None
     if active is not None:
