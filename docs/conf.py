@@ -71,6 +71,29 @@ def _write_pages() -> None:
 
 
 
+# The functions of kavra itself, by the module that defines them (kavra._calls, the table of calls,
+# names them): a heading each on the page of the package, the first of the API reference's.
+FACE_HEADINGS = {"calculations": "Cell calculations", "reductions": "Columns and regions",
+                 "maps": "Columns and regions", "_threads": "Threads"}
+
+
+def _write_face_page() -> None:
+    from kavra._calls import FACE
+
+    sections: dict[str, list[str]] = {}
+    for name, module in FACE.items():
+        sections.setdefault(FACE_HEADINGS[module], []).append(name)
+    lines = ["kavra", "=====", "", ".. automodule:: kavra", "   :no-members:", "", ".. currentmodule:: kavra", ""]
+    for heading, names in sections.items():
+        lines += [heading, "-" * len(heading), "", ".. autosummary::", "   :toctree: ../../generated",
+                  "   :nosignatures:", "", *(f"   {name}" for name in names), ""]
+    (PAGES / "api").mkdir(parents=True, exist_ok=True)
+    path = PAGES / "api" / "kavra.rst"
+    written = "\n".join(lines)
+    if not path.exists() or path.read_text() != written:
+        path.write_text(written)
+
+
 def _write_module_pages() -> None:
     """A page per module of MODULES: its docstring, then what its __all__ exports."""
     import importlib
@@ -99,6 +122,7 @@ def _write_module_pages() -> None:
 
 
 _write_pages()
+_write_face_page()
 _write_module_pages()
 
 extensions = [

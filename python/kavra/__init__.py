@@ -26,57 +26,43 @@ try:
 except _metadata.PackageNotFoundError:  # a source tree that was never installed
     __version__ = "0+unknown"
 
-# The NumPy-first layer is imported when first used, so that importing the
-# native module alone (kavra._kavracore) runs nothing but its own import.
-_LAYER = {
-    "bubble_point_pressure": "calculations", "one_over_b": "calculations", "one_over_bo": "calculations",
-    "one_over_bw": "calculations", "one_over_bg": "calculations", "rs_from_components": "calculations",
-    "porosity": "calculations", "porosity_from_porv": "calculations", "bulk_volume": "calculations",
-    "transmissibility_k": "calculations", "kmax": "reductions", "kmin": "reductions", "ksum": "reductions",
-    "kaverage": "reductions", "column_map": "maps", "region_totals": "maps", "get_num_threads": "_threads",
-    "set_num_threads": "_threads",
-}
-
-if _TYPE_CHECKING:  # "name as name": exported for type checkers
+if _TYPE_CHECKING:  # "name as name" and "*": exported for type checkers
     from . import tables as tables
     from . import deck as deck
     from . import results as results
     from . import blackoil as blackoil
-    from .calculations import bubble_point_pressure as bubble_point_pressure
-    from .calculations import bulk_volume as bulk_volume
-    from .calculations import one_over_b as one_over_b
-    from .calculations import one_over_bg as one_over_bg
-    from .calculations import one_over_bo as one_over_bo
-    from .calculations import one_over_bw as one_over_bw
-    from .calculations import porosity as porosity
-    from .calculations import porosity_from_porv as porosity_from_porv
-    from .calculations import rs_from_components as rs_from_components
-    from .calculations import transmissibility_k as transmissibility_k
-    from .reductions import kaverage as kaverage
-    from .reductions import kmax as kmax
-    from .reductions import kmin as kmin
-    from .reductions import ksum as ksum
-    from .maps import column_map as column_map
-    from .maps import region_totals as region_totals
-    from ._threads import get_num_threads as get_num_threads
-    from ._threads import set_num_threads as set_num_threads
+    from .calculations import *  # noqa: F401,F403
+    from .reductions import *  # noqa: F401,F403
+    from .maps import *  # noqa: F401,F403
+    from ._threads import *  # noqa: F401,F403
 
 
 _SUBMODULES = ("tables", "calculations", "reductions", "maps", "deck", "results", "blackoil")
 
 
+# The NumPy-first layer (its functions are named in the table of calls, kavra._calls) is imported
+# when first used, so that importing the native module alone (kavra._kavracore) runs nothing but
+# its own import.
+def _face() -> dict[str, str]:
+    """The package's own functions: name -> the module that defines it."""
+    face: dict[str, str] = _import_module("._calls", __name__).FACE
+    return face
+
+
 def __getattr__(name: str) -> _Any:
     if name in _SUBMODULES:
         return _import_module("." + name, __name__)
-    if name in _LAYER:
-        value = getattr(_import_module("." + _LAYER[name], __name__), name)
-        globals()[name] = value
-        return value
-    raise AttributeError(f"module 'kavra' has no attribute {name!r}")
+    if name.startswith("_") and name != "__all__":  # ("from . import _engine" asks here first)
+        raise AttributeError(f"module 'kavra' has no attribute {name!r}")
+    if name == "__all__":
+        value = [*_face(), "tables"] + [name for name in dir(_kavracore) if not name.startswith("_")]
+    elif name in _face():
+        value = getattr(_import_module("." + _face()[name], __name__), name)
+    else:
+        raise AttributeError(f"module 'kavra' has no attribute {name!r}")
+    globals()[name] = value
+    return value
 
 
 def __dir__() -> list[str]:
-    return sorted({*globals(), *_LAYER, *_SUBMODULES})
-
-
-__all__ = [*_LAYER, "tables"] + [name for name in dir(_kavracore) if not name.startswith("_")]
+    return sorted({*globals(), *_face(), *_SUBMODULES, "__all__"})

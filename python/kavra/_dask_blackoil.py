@@ -19,67 +19,25 @@ Examples
 from __future__ import annotations
 
 import sys
-
-from typing import Any
+from collections.abc import Callable
+from typing import TYPE_CHECKING, Any
 
 import dask.array as da
 import numpy as np
 from numpy.typing import ArrayLike
 
 from . import blackoil as _blackoil
-from .dask import _cells, _check_table
-from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
+from ._calls import CALLS
+from ._dask_cells import forms
 
-__all__ = list(_blackoil.__all__)
+# The functions of kavra.blackoil, each with its Dask form (the table of calls says which): the
+# cell calculations are built from their NumPy functions, in_place is written below.
+__all__ = [name.rpartition(".")[2] for name, call in CALLS.items() if call.module == "blackoil" and call.dask]
 
+globals().update(forms("blackoil", "kavra.dask.blackoil", table_word="table"))
 
-def _with_density(function: Any) -> Any:
-    """`function` of kavra.blackoil with its table and DENSITY as one value (the graph's key)."""
-    def chunk(tables: tuple[Any, Any], *arguments: Any, **keywords: Any) -> Any:
-        return function(tables[0], tables[1], *arguments, **keywords)
-    chunk.__name__ = function.__name__
-    return chunk
-
-
-def _phase(name: str, function: Any, kinds: tuple[type, ...], ratio: str) -> Any:
-    def lazy(table: Any, pvtnum: ArrayLike, p: ArrayLike, r: ArrayLike | None = None) -> da.Array:
-        _check_table(name, "table", table, kinds)
-        return _cells(function, table, [pvtnum, p], {ratio: r})
-    return lazy
-
-
-def _density(name: str, kinds: tuple[type, ...], ratio: str | None) -> Any:
-    chunk = _with_density(getattr(_blackoil, name))
-
-    def lazy(table: Any, density: Any, pvtnum: ArrayLike, p: ArrayLike, r: ArrayLike | None = None) -> da.Array:
-        _check_table(name, "table", table, kinds)
-        return _cells(chunk, (table, density), [pvtnum, p], {} if ratio is None else {ratio: r})
-    return lazy
-
-
-def _plain(name: str, kind: type) -> Any:
-    function = getattr(_blackoil, name)
-
-    def lazy(table: Any, pvtnum: ArrayLike, value: ArrayLike) -> da.Array:
-        _check_table(name, "table", table, (kind,))
-        return _cells(function, table, [pvtnum, value])
-    return lazy
-
-
-one_over_bo = _phase("one_over_bo", _blackoil.one_over_bo, (PVTO, PVDO), "rs")
-oil_viscosity = _phase("oil_viscosity", _blackoil.oil_viscosity, (PVTO, PVDO), "rs")
-one_over_bg = _phase("one_over_bg", _blackoil.one_over_bg, (PVTG, PVDG), "rv")
-gas_viscosity = _phase("gas_viscosity", _blackoil.gas_viscosity, (PVTG, PVDG), "rv")
-oil_density = _density("oil_density", (PVTO, PVDO), "rs")
-gas_density = _density("gas_density", (PVTG, PVDG), "rv")
-water_density = _density("water_density", (PVTW,), None)
-rs_sat = _plain("rs_sat", PVTO)
-bubble_point = _plain("bubble_point", PVTO)
-rv_sat = _plain("rv_sat", PVTG)
-dew_point = _plain("dew_point", PVTG)
-one_over_bw = _plain("one_over_bw", PVTW)
-water_viscosity = _plain("water_viscosity", PVTW)
-pore_volume_multiplier = _plain("pore_volume_multiplier", ROCK)
+if TYPE_CHECKING:  # the forms built from the table, for type checkers
+    def __getattr__(name: str) -> Callable[..., da.Array]: ...
 
 
 def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLike, sw: ArrayLike, sg: ArrayLike,
@@ -87,15 +45,8 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
              pg: ArrayLike | None = None, so: ArrayLike | None = None) -> _blackoil.InPlace:
     """:func:`kavra.blackoil.in_place` over dask arrays: its steps with the lazy functions of this
     module, the tables taken out of a deck first; gives three dask arrays of float64."""
-    tables = _blackoil._tables_of(deck_or_tables)  # table values: one pickled key each
-    arrays = _blackoil._Arrays(sys.modules[__name__], lambda value: da.asarray(value).astype(np.float64),
-                               lambda value: da.asarray(value).dtype, da.where)
+    tables = _blackoil.tables_of(deck_or_tables)  # table values: one pickled key each
+    arrays = _blackoil.Arrays(sys.modules[__name__], lambda value: da.asarray(value).astype(np.float64),
+                              lambda value: da.asarray(value).dtype, da.where)
     return _blackoil.fluids_in_place(arrays, tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so)
-
-
-for _name in (name for name in __all__ if name != "in_place"):  # in_place has its own text
-    _lazy = globals()[_name]
-    _lazy.__name__ = _lazy.__qualname__ = _name
-    _lazy.__doc__ = (f"Chunk by chunk :func:`kavra.blackoil.{_name}` over dask arrays (same arguments, "
-                     f"without ``out``); gives a dask.array.Array of float64.")
 

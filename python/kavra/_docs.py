@@ -7,6 +7,7 @@ of that name, indented as the line is: the functions of ``kavra`` and
 
 from __future__ import annotations
 
+import inspect
 from typing import Callable, TypeVar
 
 F = TypeVar("F", bound=Callable[..., object])
@@ -159,3 +160,50 @@ def filled(function: F) -> F:
                 lines.append(line)
         function.__doc__ = "\n".join(lines)
     return function
+
+
+def _sections(doc: str) -> dict[str, list[str]]:
+    """The lines of each numpydoc section of a cleaned docstring ("" for the text before the first)."""
+    lines = doc.split("\n")
+    sections: dict[str, list[str]] = {"": []}
+    heading = ""
+    index = 0
+    while index < len(lines):
+        line = lines[index]
+        if index + 1 < len(lines) and line.strip() and lines[index + 1].strip() == "-" * len(line.strip()):
+            heading = line.strip()
+            sections[heading] = []
+            index += 2
+            continue
+        sections[heading].append(line)
+        index += 1
+    return sections
+
+
+def dask_form(function: Callable[..., object], path: str, tables: bool) -> str | None:
+    """The docstring of the Dask form of `function` (``path``, as the documentation names it; `tables`:
+    whether it takes tables): its summary, its parameters but ``out`` and ``threads``, its result as
+    a dask array."""
+    if not function.__doc__:  # python -OO
+        return None
+    doc = inspect.cleandoc(function.__doc__)
+    sections = _sections(doc)
+    summary = doc.split("\n\n")[0]
+    parameters: list[str] = []
+    keep = True
+    for line in sections.get("Parameters", []):
+        if line and not line[0].isspace():  # "name : type" starts an entry
+            keep = line.split(" : ")[0].strip() not in ("out", "threads")
+        if keep:
+            parameters.append(line)
+    while parameters and not parameters[-1].strip():
+        parameters.pop()
+    returns = sections.get("Returns", [])[1:]
+    text = [summary, "",
+            f"Chunk by chunk :func:`{path}` over dask arrays (see :mod:`kavra.dask`):",
+            "the same arguments, without ``out`` and ``threads``" + (
+                "; the tables are values of :mod:`kavra.tables`\n(a native list cannot be pickled into the "
+                "task graph)." if tables else "."), "",
+            "Parameters", "----------", *parameters, "",
+            "Returns", "-------", "dask.array.Array of float64", *returns]
+    return "\n".join(text).rstrip() + "\n"

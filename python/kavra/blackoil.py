@@ -45,9 +45,9 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
+from ._calls import CALLS, calculate, checked
 from ._docs import filled
 from ._threads import resolve as _resolve_threads
-from .calculations import _cells, _run, _tables
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 __all__ = ["one_over_bo", "one_over_bg", "one_over_bw", "rs_sat", "rv_sat", "bubble_point", "dew_point",
@@ -57,15 +57,6 @@ __all__ = ["one_over_bo", "one_over_bg", "one_over_bw", "rs_sat", "rv_sat", "bub
 # Stock-tank barrels per thousand standard cubic feet, as cubic feet: the FIELD
 # factor between a ratio of surface volumes and a density (1 in the other systems).
 _FIELD_SCF_PER_STB = 1000.0 * 0.028316846592 / 0.158987294928
-
-
-def _calculate(function: str, name: str, table: Any, pvtnum: Any, inputs: list[tuple[str, Any]], out: Any,
-               threads: int | None) -> Any:
-    """The engine's calculation `name` for kavra.blackoil's `function`."""
-    tables, kind = _tables(name, function.split(".")[-1], table)
-    cells = _cells(function, ("pvtnum", pvtnum), inputs, out, name=name)
-    _run(name, tables, kind, cells, cells.inputs, _resolve_threads(threads))
-    return cells.finish()
 
 
 def _phase(function: str, table: Any, live: type, dead: type, ratio_name: str, ratio: Any) -> str:
@@ -82,16 +73,18 @@ def _phase(function: str, table: Any, live: type, dead: type, ratio_name: str, r
                     f"got {type(table).__name__}")
 
 
-def _oil(function: str, quantity: str, oil: Any, pvtnum: Any, p: Any, rs: Any, out: Any, threads: Any) -> Any:
+def _oil(function: str, oil: Any, pvtnum: Any, p: Any, rs: Any, out: Any, threads: Any) -> Any:
+    live, dead = CALLS["blackoil." + function].engine  # the live-oil and the dead-oil calculation
     if _phase(function, oil, PVTO, PVDO, "rs", rs) == "live":
-        return _calculate(function, f"live_oil_{quantity}", oil, pvtnum, [("p", p), ("rs", rs)], out, threads)
-    return _calculate(function, f"dead_fluid_{quantity}", oil, pvtnum, [("p", p)], out, threads)
+        return calculate(function, live, ("table", oil), pvtnum, [("p", p), ("rs", rs)], out, threads)
+    return calculate(function, dead, ("table", oil), pvtnum, [("p", p)], out, threads)
 
 
-def _gas(function: str, quantity: str, gas: Any, pvtnum: Any, p: Any, rv: Any, out: Any, threads: Any) -> Any:
+def _gas(function: str, gas: Any, pvtnum: Any, p: Any, rv: Any, out: Any, threads: Any) -> Any:
+    wet, dead = CALLS["blackoil." + function].engine  # the wet-gas and the dry-gas calculation
     if _phase(function, gas, PVTG, PVDG, "rv", rv) == "live":
-        return _calculate(function, f"wet_gas_{quantity}", gas, pvtnum, [("p", p), ("rv", rv)], out, threads)
-    return _calculate(function, f"dead_fluid_{quantity}", gas, pvtnum, [("p", p)], out, threads)
+        return calculate(function, wet, ("table", gas), pvtnum, [("p", p), ("rv", rv)], out, threads)
+    return calculate(function, dead, ("table", gas), pvtnum, [("p", p)], out, threads)
 
 
 @filled
@@ -123,7 +116,7 @@ def one_over_bo(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLike
     >>> print(one_over_bo(oil, 1, [150.0, 250.0], [65.0, 50.0]).round(6))
     [0.77037  0.826463]
     """
-    return _oil("one_over_bo", "one_over_b", oil, pvtnum, p, rs, out, threads)
+    return _oil("one_over_bo", oil, pvtnum, p, rs, out, threads)
 
 
 @filled
@@ -154,7 +147,7 @@ def oil_viscosity(oil: PVTO | PVDO, pvtnum: ArrayLike, p: ArrayLike, rs: ArrayLi
     >>> print(oil_viscosity(PVDO([[[100.0, 1.2, 1.0], [200.0, 1.1, 1.2]]]), 1, [150.0]).round(6))
     [1.095238]
     """
-    return _oil("oil_viscosity", "viscosity", oil, pvtnum, p, rs, out, threads)
+    return _oil("oil_viscosity", oil, pvtnum, p, rs, out, threads)
 
 
 @filled
@@ -185,7 +178,7 @@ def one_over_bg(gas: PVTG | PVDG, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLike
     >>> print(one_over_bg(PVDG([[[100.0, 0.02, 0.01], [200.0, 0.01, 0.02]]]), 1, [150.0]))
     [75.]
     """
-    return _gas("one_over_bg", "one_over_b", gas, pvtnum, p, rv, out, threads)
+    return _gas("one_over_bg", gas, pvtnum, p, rv, out, threads)
 
 
 @filled
@@ -216,13 +209,7 @@ def gas_viscosity(gas: PVTG | PVDG, pvtnum: ArrayLike, p: ArrayLike, rv: ArrayLi
     >>> print(gas_viscosity(PVDG([[[100.0, 0.02, 0.01], [200.0, 0.01, 0.02]]]), 1, [150.0]))
     [0.015]
     """
-    return _gas("gas_viscosity", "viscosity", gas, pvtnum, p, rv, out, threads)
-
-
-def _checked(function: str, table: Any, kind: type) -> Any:
-    if not isinstance(table, kind):
-        raise TypeError(f"{function}: the table must be a {kind.__name__}, got {type(table).__name__}")
-    return table
+    return _gas("gas_viscosity", gas, pvtnum, p, rv, out, threads)
 
 
 @filled
@@ -253,8 +240,8 @@ def rs_sat(pvto: PVTO, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any] | N
     >>> print(rs_sat(oil, 1, [150.0, 240.0]))
     [ 65. 110.]
     """
-    return _calculate("rs_sat", "saturated_rs", _checked("rs_sat", pvto, PVTO), pvtnum, [("p", p)], out,
-                      threads)
+    return calculate("rs_sat", "saturated_rs", ("table", checked("rs_sat", pvto, PVTO)), pvtnum, [("p", p)], out,
+                     threads)
 
 
 @filled
@@ -285,8 +272,8 @@ def bubble_point(pvto: PVTO, pvtnum: ArrayLike, rs: ArrayLike, *, out: NDArray[A
     >>> print(bubble_point(oil, 1, [65.0, 110.0]))
     [150. 240.]
     """
-    return _calculate("bubble_point", "bubble_point", _checked("bubble_point", pvto, PVTO), pvtnum,
-                      [("rs", rs)], out, threads)
+    return calculate("bubble_point", "bubble_point", ("table", checked("bubble_point", pvto, PVTO)), pvtnum,
+                     [("rs", rs)], out, threads)
 
 
 @filled
@@ -317,8 +304,8 @@ def rv_sat(pvtg: PVTG, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any] | N
     >>> print(rv_sat(gas, 1, [150.0]))
     [0.03]
     """
-    return _calculate("rv_sat", "saturated_rv", _checked("rv_sat", pvtg, PVTG), pvtnum, [("p", p)], out,
-                      threads)
+    return calculate("rv_sat", "saturated_rv", ("table", checked("rv_sat", pvtg, PVTG)), pvtnum, [("p", p)], out,
+                     threads)
 
 
 @filled
@@ -354,8 +341,8 @@ def dew_point(pvtg: PVTG, pvtnum: ArrayLike, rv: ArrayLike, *, out: NDArray[Any]
     >>> print(dew_point(gas, 1, [0.03]))
     [150.]
     """
-    return _calculate("dew_point", "dew_point", _checked("dew_point", pvtg, PVTG), pvtnum, [("rv", rv)], out,
-                      threads)
+    return calculate("dew_point", "dew_point", ("table", checked("dew_point", pvtg, PVTG)), pvtnum, [("rv", rv)], out,
+                     threads)
 
 
 @filled
@@ -385,8 +372,8 @@ def one_over_bw(pvtw: PVTW, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray[Any
     >>> print(one_over_bw(PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]]), 1, [100.0, 1100.0]))
     [1.    1.105]
     """
-    return _calculate("one_over_bw", "water_one_over_b", _checked("one_over_bw", pvtw, PVTW), pvtnum,
-                      [("p", p)], out, threads)
+    return calculate("one_over_bw", "water_one_over_b", ("table", checked("one_over_bw", pvtw, PVTW)), pvtnum,
+                     [("p", p)], out, threads)
 
 
 @filled
@@ -416,8 +403,8 @@ def water_viscosity(pvtw: PVTW, pvtnum: ArrayLike, p: ArrayLike, *, out: NDArray
     >>> print(water_viscosity(PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]]), 1, [100.0, 1100.0]))
     [0.5 0.5]
     """
-    return _calculate("water_viscosity", "water_viscosity", _checked("water_viscosity", pvtw, PVTW), pvtnum,
-                      [("p", p)], out, threads)
+    return calculate("water_viscosity", "water_viscosity", ("table", checked("water_viscosity", pvtw, PVTW)), pvtnum,
+                     [("p", p)], out, threads)
 
 
 @filled
@@ -448,8 +435,8 @@ def pore_volume_multiplier(rock: ROCK, pvtnum: ArrayLike, p: ArrayLike, *, out: 
     >>> print(pore_volume_multiplier(ROCK([[100.0, 1e-4]]), 1, [1100.0]))
     [1.105]
     """
-    return _calculate("pore_volume_multiplier", "pore_volume_multiplier",
-                      _checked("pore_volume_multiplier", rock, ROCK), pvtnum, [("p", p)], out, threads)
+    return calculate("pore_volume_multiplier", "pore_volume_multiplier",
+                     ("table", checked("pore_volume_multiplier", rock, ROCK)), pvtnum, [("p", p)], out, threads)
 
 
 def _densities(function: str, density: Any) -> NDArray[np.float64]:
@@ -617,14 +604,14 @@ _TABLE_NAMES = ("pvto", "pvdo", "pvtg", "pvdg", "pvtw", "rock")
 _FLOAT32_SPACING = 2.0**-23
 
 
-def _tables_of(deck_or_tables: Any) -> dict[str, Any]:
+def tables_of(deck_or_tables: Any) -> dict[str, Any]:
     """The tables of a kavra.deck.Deck, or of a mapping (or object) with the attributes named so."""
     if isinstance(deck_or_tables, Mapping):
         return {name: deck_or_tables.get(name) for name in _TABLE_NAMES}
     return {name: getattr(deck_or_tables, name, None) for name in _TABLE_NAMES}
 
 
-def _oil_saturation(arrays: _Arrays, sw: Any, sg: Any) -> Any:
+def _oil_saturation(arrays: Arrays, sw: Any, sg: Any) -> Any:
     """1 - Sw - Sg, in float64; 0 where that is within float32's spacing of 0 and Sw or Sg came as float32."""
     so = 1.0 - arrays.floats(sw) - arrays.floats(sg)
     if np.result_type(arrays.dtype(sw), arrays.dtype(sg)) == np.float32:
@@ -702,7 +689,7 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
     return fluids_in_place(_NUMPY, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, threads=threads)
 
 
-class _Arrays(NamedTuple):
+class Arrays(NamedTuple):
     """The steps of in_place over one kind of array: this module's functions and NumPy, or the
     lazy functions of kavra.dask.blackoil and dask.array."""
 
@@ -712,10 +699,10 @@ class _Arrays(NamedTuple):
     where: Any      # numpy.where, keeping masks
 
 
-def fluids_in_place(arrays: _Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any, p: Any, sw: Any, sg: Any,
+def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any, p: Any, sw: Any, sg: Any,
                     rs: Any, rv: Any, pw: Any, pg: Any, so: Any, **keywords: Any) -> InPlace:
     """in_place over `arrays`: the same steps, in the same order, for NumPy and dask arrays."""
-    tables = _tables_of(deck_or_tables)
+    tables = tables_of(deck_or_tables)
     f, floats = arrays.functions, arrays.floats
     oil = tables["pvto"] if tables["pvto"] is not None else tables["pvdo"]
     gas = tables["pvtg"] if tables["pvtg"] is not None else tables["pvdg"]
@@ -737,5 +724,5 @@ def fluids_in_place(arrays: _Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any
     return InPlace(liquid + vaporised, free + dissolved, water + zero)
 
 
-_NUMPY = _Arrays(sys.modules[__name__], lambda value: np.asanyarray(value, dtype=np.float64),
-                 lambda value: np.asarray(np.ma.getdata(value)).dtype, np.ma.where)
+_NUMPY = Arrays(sys.modules[__name__], lambda value: np.asanyarray(value, dtype=np.float64),
+                lambda value: np.asarray(np.ma.getdata(value)).dtype, np.ma.where)

@@ -48,11 +48,10 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
-from ._threads import resolve as _resolve_threads
-from ._arrays import CellArrays, prepare_cells, ready_buffers, split_mask
+from ._arrays import split_mask
+from ._calls import calculate, run_plain
 from ._docs import filled
-from ._optional import NotBuilt, load as _load
-from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK, _Table
+from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 if TYPE_CHECKING:
     from kavra import tessel
@@ -61,74 +60,6 @@ if TYPE_CHECKING:
 
 __all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", "one_over_bg",
            "rs_from_components", "porosity", "porosity_from_porv", "bulk_volume", "transmissibility_k"]
-
-# The calculations of the engine's list (core/Calculations.h): name -> (region list, number of
-# inputs, whether float32 inputs are read as they are).
-_CALCULATIONS: dict[str, tuple[str | None, int, bool]] = _engine.CALCULATIONS
-# The table values of each region list.
-_VALUES: dict[str, tuple[type[_Table], ...]] = {
-    name: tuple(kind for kind in (PVTO, PVTG, PVDG, PVDO, PVTW, ROCK) if kind._list_name == name)
-    for name in _engine.RECORD_FIELDS}
-
-
-def _native_list_class(name: str) -> Any:
-    """The native list class `name` of kavra._kavracore; None where that module is not built."""
-    try:  # (the package's own attribute is a stand-in in such a build: it is no class to test against)
-        kavracore = _load("kavra._kavracore")
-    except NotBuilt:
-        return None
-    return getattr(kavracore, name)
-
-
-def _tables(function: str, name: str, table: Any) -> tuple[Any, str]:
-    """The engine's tables of `table` (a table value's own, built once; a native list's numbers as
-    they stand), and the table's name in failures."""
-    list_name = _CALCULATIONS[function][0]
-    assert list_name is not None
-    values = _VALUES[list_name]
-    if isinstance(table, values):
-        return table._engine_tables(), type(table).__name__
-    native = _native_list_class(list_name)
-    if native is not None and isinstance(table, native):
-        return values[0]._engine_tables_of(table), values[0].keyword if len(values) == 1 else list_name
-    kinds = " or ".join(v.__name__ for v in values)
-    raise TypeError(f"{function}: {name} must be a {kinds} table or a {list_name}, got {type(table).__name__}")
-
-
-def _cells(function: str, regions: tuple[str, Any] | None, inputs: list[tuple[str, Any]], out: Any,
-           keep_out: bool = False, name: str | None = None) -> CellArrays:
-    """The buffers of a calculation: the caller's own when they are ready as they are (the engine
-    holds them in place while it runs), else prepared ones.  `name`: the engine's name of the
-    calculation when it is not `function`."""
-    ready = ready_buffers(None if regions is None else regions[1], [value for _, value in inputs], out)
-    if ready is not None:
-        first = 0 if regions is None else 1
-        return CellArrays(function, out.shape, None if regions is None else ready[0], ready[first:-1],
-                          ready[-1], None, out, None)
-    floats = _CALCULATIONS[name or function][2]
-    return prepare_cells(function, regions, inputs, out, keep_out=keep_out, floats=floats)
-
-
-def _run(name: str, tables: Any, kind: str, cells: CellArrays, inputs: list[Any], threads: int) -> None:
-    """The engine's calculation `name` over prepared buffers, its result into ``cells.result``; a
-    failure is the engine's ValueError in kavra's words, ``out`` left as the failure left it."""
-    words = (cells.function, kind, cells.shape)
-    try:
-        _engine.calculate(name, tables, cells.regions, tuple(inputs), cells.result, words, threads)
-    except ValueError:
-        cells.written(failed=True)
-        raise
-
-
-def _calculate(function: str, name: str, table: Any, pvtnum: Any, inputs: list[tuple[str, Any]],
-               out: Any, threads: int | None, keep_out: bool = False) -> NDArray[np.float64]:
-    """A PVT or rock calculation of the engine's list: `table` is the argument `name`."""
-    tables, kind = _tables(function, name, table)
-    count = _resolve_threads(threads)
-    cells = _cells(function, ("pvtnum", pvtnum), inputs, out, keep_out)
-    _run(function, tables, kind, cells, cells.inputs, count)
-    return cells.finish()  # type: ignore[no-any-return]
-
 
 @filled
 def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs: ArrayLike, *,
@@ -163,8 +94,8 @@ def bubble_point_pressure(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, rs:
     >>> print(bubble_point_pressure(oil, [1, 1, 0], [50.0, 65.0, 70.0]))
     [120. 150.   0.]
     """
-    return _calculate("bubble_point_pressure", "pvto", pvto, pvtnum, [("rs", rs)], out,
-                      threads)
+    return calculate("bubble_point_pressure", "bubble_point_pressure", ("pvto", pvto), pvtnum, [("rs", rs)], out,
+                     threads)
 
 
 @filled
@@ -198,8 +129,8 @@ def one_over_b(pvdx: PVDG | PVDO | _native.TPVTList, pvtnum: ArrayLike, p: Array
     [[ 58.82352941 111.11111111]
      [133.33333333 222.22222222]]
     """
-    return _calculate("one_over_b", "pvdx", pvdx, pvtnum, [("p", p)], out,
-                      threads)
+    return calculate("one_over_b", "one_over_b", ("pvdx", pvdx), pvtnum, [("p", p)], out,
+                     threads)
 
 
 @filled
@@ -238,8 +169,8 @@ def one_over_bo(pvto: PVTO | _native.TPVTOList, pvtnum: ArrayLike, po: ArrayLike
     >>> print(one_over_bo(oil, 1, po=[120.0, 250.0], pbub=[120.0, 150.0]))
     [0.8        0.75709779]
     """
-    return _calculate("one_over_bo", "pvto", pvto, pvtnum, [("po", po), ("pbub", pbub)], out,
-                      threads)
+    return calculate("one_over_bo", "one_over_bo", ("pvto", pvto), pvtnum, [("po", po), ("pbub", pbub)], out,
+                     threads)
 
 
 @filled
@@ -272,8 +203,8 @@ def one_over_bw(pvtw: PVTW | _native.TPVTWList, pvtnum: ArrayLike, pw: ArrayLike
     >>> print(one_over_bw(water, 1, [100.0, 1100.0]))
     [1.    1.105]
     """
-    return _calculate("one_over_bw", "pvtw", pvtw, pvtnum, [("pw", pw)], out,
-                      threads)
+    return calculate("one_over_bw", "one_over_bw", ("pvtw", pvtw), pvtnum, [("pw", pw)], out,
+                     threads)
 
 
 @filled
@@ -313,8 +244,8 @@ def one_over_bg(pvtg: PVTG | _native.TPVTGList, pvtnum: ArrayLike, pg: ArrayLike
     >>> print(one_over_bg(gas, 1, pg=[150.0, 150.0], pdew=[300.0, 150.0], rv=[0.02, 0.015]))
     [72.5 75. ]
     """
-    return _calculate("one_over_bg", "pvtg", pvtg, pvtnum, [("pg", pg), ("pdew", pdew), ("rv", rv)], out,
-                      threads)
+    return calculate("one_over_bg", "one_over_bg", ("pvtg", pvtg), pvtnum, [("pg", pg), ("pdew", pdew), ("rv", rv)],
+                     out, threads)
 
 
 @filled
@@ -349,20 +280,8 @@ def porosity(rock: ROCK | _native.TRockList, pvtnum: ArrayLike, po: ArrayLike, p
     >>> print(porosity(ROCK([[200.0, 1e-3]]), [1, 1, 0], [300.0, 200.0, 300.0], 0.2))
     [0.221 0.2   0.   ]
     """
-    return _calculate("porosity", "rock", rock, pvtnum, [("po", po), ("poro", poro)], out,
-                      threads, keep_out=True)
-
-
-def _run_plain(function: str, steps: list[tuple[str, list[int]]], inputs: list[tuple[str, Any]],
-               out: Any, threads: int | None) -> NDArray[np.float64]:
-    """Calculations of the engine's list without tables, one after the other, each on inputs given
-    by position (the result of the step before is the last input of a step that takes it)."""
-    count = _resolve_threads(threads)
-    cells = _cells(function, None, inputs, out)
-    buffers = [*cells.inputs, cells.result]
-    for name, arguments in steps:
-        _run(name, None, "", cells, [buffers[a] for a in arguments], count)
-    return cells.finish()  # type: ignore[no-any-return]
+    return calculate("porosity", "porosity", ("rock", rock), pvtnum, [("po", po), ("poro", poro)], out,
+                     threads, keep_out=True)
 
 
 @filled
@@ -389,7 +308,7 @@ def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike, *,
     >>> print(porosity_from_porv([1000.0, 0.0, 500.0], [250.0, 10.0, 100.0]))
     [0.25 0.   0.2 ]
     """
-    return _run_plain("porosity_from_porv", [("porosity_from_porv", [0, 1])],
+    return run_plain("porosity_from_porv", [("porosity_from_porv", [0, 1])],
                       [("bulk_volume", bulk_volume), ("porv", porv)], out, threads)
 
 
@@ -421,7 +340,7 @@ def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = Non
     """
     inputs = [("porv", porv), ("poro", poro)] + ([("ntg", ntg)] if ntg is not None else [])
     steps = [("bulk_volume", [0, 1])] + ([("bulk_volume_times_ntg", [2])] if ntg is not None else [])
-    return _run_plain("bulk_volume", steps, inputs, out, threads)
+    return run_plain("bulk_volume", steps, inputs, out, threads)
 
 
 @filled
@@ -448,7 +367,7 @@ def rs_from_components(denominator: ArrayLike, numerator: ArrayLike, *,
     >>> print(rs_from_components([2.0, 0.0, -1.0], [100.0, 5.0, 5.0]))
     [50.  0.  0.]
     """
-    return _run_plain("rs_from_components", [("rs_from_components", [0, 1])],
+    return run_plain("rs_from_components", [("rs_from_components", [0, 1])],
                       [("denominator", denominator), ("numerator", numerator)], out, threads)
 
 

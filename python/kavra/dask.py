@@ -10,10 +10,11 @@ in the same order.
 
 Cell calculations
 -----------------
-``bubble_point_pressure``, ``one_over_b``, ``one_over_bo``, ``one_over_bw``,
-``one_over_bg``, ``rs_from_components``, ``porosity``, ``porosity_from_porv``
-and ``bulk_volume`` work cell by cell, so each output chunk is the NumPy
-function applied to the matching chunks of the inputs (``map_blocks``).
+The cell calculations of ``kavra`` (all of them but ``transmissibility_k``,
+which sifts connections) work cell by cell, so each output chunk is the
+NumPy function applied to the matching chunks of the inputs
+(``map_blocks``); each has its form here, built from the NumPy function,
+whose documentation it takes.
 
 * Inputs are dask arrays, NumPy arrays (turned into dask arrays) or
   scalars.  They broadcast against each other by NumPy's rules, and chunks
@@ -92,15 +93,11 @@ True
 from __future__ import annotations
 
 import functools
-import inspect
-import math
-from collections.abc import Callable, Sequence
-from typing import Any, Literal
+from collections.abc import Callable
+from typing import TYPE_CHECKING, Any, Literal
 
 try:
     import dask.array as da
-    from dask.array.core import unify_chunks
-    from dask.delayed import delayed
 except ImportError as _error:  # the optional extra is not installed
     raise ImportError(
         f"kavra.dask runs the calculations over dask arrays, and dask is not installed ({_error}): "
@@ -108,391 +105,29 @@ except ImportError as _error:  # the optional extra is not installed
 import numpy as np
 from numpy.typing import ArrayLike
 
+from ._calls import CALLS
+from ._dask_cells import forms
 from ._docs import filled
-from . import calculations as _calculations
 from . import maps as _maps
 from . import reductions as _reductions
-from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
-__all__ = ["bubble_point_pressure", "one_over_b", "one_over_bo", "one_over_bw", "one_over_bg",
-           "rs_from_components", "porosity", "porosity_from_porv", "bulk_volume",
-           "kmax", "kmin", "ksum", "kaverage", "column_map"]
+# The functions of kavra that run on dask arrays (the table of calls says which): the cell
+# calculations are built from their NumPy functions, the others are written below.
+__all__ = [name for name, call in CALLS.items() if "." not in name and call.dask]
 
 Layout = Literal["kji", "ijk"]
 
+globals().update(forms("calculations", __name__))
 
-# --- cell calculations ---------------------------------------------------------------
-
-
-def _check_table(function: str, name: str, table: Any, kinds: tuple[type, ...]) -> None:
-    if not isinstance(table, kinds):
-        names = " or ".join(f"kavra.tables.{kind.__name__}" for kind in kinds)
-        hint = f" ({kinds[0].__name__}.from_native(lst) makes one of a native list, which cannot be pickled)"
-        raise TypeError(f"kavra.dask.{function}: {name} must be a {names}{hint}, got {type(table).__name__}")
-
-
-def _sample(value: Any) -> Any:
-    """A zero-size stand-in of an input (dask array or scalar), of its element type."""
-    if isinstance(value, da.Array):
-        return np.empty((0,) * value.ndim, dtype=value.dtype)
-    return value
-
-
-def _chunk_block(function: Callable[..., Any], keywords: tuple[str, ...], table: Any, *blocks: Any,
-                 block_info: Any = None) -> Any:
-    """The NumPy function on one chunk of each input; failures say which chunk."""
-    positional = blocks[:len(blocks) - len(keywords)]
-    named = dict(zip(keywords, blocks[len(positional):]))
-    try:
-        if table is None:
-            return function(*positional, **named)
-        return function(table, *positional, **named)
-    except ValueError as error:
-        where = "of the result"
-        if block_info is not None and None in block_info:
-            location = block_info[None]["array-location"]
-            where = "[" + ", ".join(f"{start}:{stop}" for start, stop in location) + "] of the result"
-        raise ValueError(f"{error} (in the chunk {where}; positions are counted within that chunk)") from error
-
-
-def _check_shapes(function: Callable[..., Any], names: Sequence[str], values: Sequence[Any]) -> None:
-    """ValueError naming the inputs whose shapes do not broadcast together, as the NumPy
-    functions say it (shapes with a size that dask does not know yet are left to the chunks)."""
-    shapes = [np.shape(value) for value in values]
-    if any(isinstance(n, float) and math.isnan(n) for shape in shapes for n in shape):
-        return
-    try:
-        np.broadcast_shapes(*shapes)
-    except ValueError:
-        listed = ", ".join(f"{name} {shape}" for name, shape in zip(names, shapes))
-        raise ValueError(f"kavra.dask.{function.__name__}: the shapes of the inputs do not broadcast together: "
-                         f"{listed}") from None
-
-
-def _cells(function: Callable[..., Any], table: Any, inputs: Sequence[Any],
-           keywords: dict[str, Any] | None = None) -> da.Array:
-    """`function` over chunks: the inputs aligned, the table one key of the graph."""
-    keywords = {name: value for name, value in (keywords or {}).items() if value is not None}
-    values = [*inputs, *keywords.values()]
-    values = [value if np.ndim(value) == 0 and not isinstance(value, da.Array) else da.asarray(value)
-              for value in values]
-    # Errors of element types and tables come from the NumPy function itself, now rather than
-    # on a worker; its answer for zero-size inputs is the result's meta.
-    names = tuple(keywords)
-    samples = [_sample(value) for value in values]
-    npos = len(samples) - len(names)
-    table_args = () if table is None else (table,)
-    meta = function(*table_args, *samples[:npos], **dict(zip(names, samples[npos:])))
-    if any(isinstance(v, da.Array) and isinstance(v._meta, np.ma.MaskedArray) for v in values):
-        meta = np.ma.masked_array(meta)
-
-    arrays = [value for value in values if isinstance(value, da.Array)]
-    positional = list(inspect.signature(function).parameters)[table is not None:][:len(inputs)]
-    _check_shapes(function, [*positional, *names], values)
-    ndim = max((a.ndim for a in arrays), default=0)
-    if arrays:
-        pairs: list[Any] = []
-        for a in arrays:
-            pairs += [a, tuple(range(ndim - a.ndim, ndim))]
-        _, aligned = unify_chunks(*pairs)
-        replaced = iter(aligned)
-        values = [next(replaced) if isinstance(value, da.Array) else value for value in values]
-    else:
-        values = [da.asarray(value) for value in values]
-    shipped = None if table is None else delayed(table, pure=True)
-    result: da.Array = da.map_blocks(_chunk_block, function, names, shipped, *values, dtype=np.float64, meta=meta,
-                         token=f"kavra-{function.__name__}")
-    return result
-
-
-@filled
-def bubble_point_pressure(pvto: PVTO, pvtnum: ArrayLike, rs: ArrayLike) -> da.Array:
-    """Bubble point pressure per cell, along the saturated line of the live-oil table.
-
-    Chunk by chunk :func:`kavra.bubble_point_pressure` (see the module notes).
-
-    Parameters
-    ----------
-    %(pvto_value)s
-    %(pvtnum)s
-    %(rs)s
-
-    Returns
-    -------
-    dask.array.Array of float64
-        Pressure per cell in the table's pressure unit (barsa in METRIC).
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> from kavra.tables import PVTO
-    >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9], [80.0, 180.0, 1.35, 0.8]]])
-    >>> rs = da.from_array([50.0, 65.0, 70.0], chunks=2)
-    >>> print(kavra.dask.bubble_point_pressure(oil, [1, 1, 0], rs).compute())
-    [120. 150.   0.]
-    """
-    _check_table("bubble_point_pressure", "pvto", pvto, (PVTO,))
-    return _cells(_calculations.bubble_point_pressure, pvto, [pvtnum, rs])
-
-
-@filled
-def one_over_b(pvdx: PVDO | PVDG, pvtnum: ArrayLike, p: ArrayLike) -> da.Array:
-    """1/B per cell of a dead oil or dry gas: B interpolated linearly in pressure, then inverted.
-
-    Chunk by chunk :func:`kavra.one_over_b` (see the module notes).
-
-    Parameters
-    ----------
-    pvdx : kavra.tables.PVDO or kavra.tables.PVDG
-        Dead-oil or dry-gas table per PVT region.
-    %(pvtnum)s
-    %(p)s
-
-    Returns
-    -------
-    dask.array.Array of float64
-        1/B per cell, in the inverse of the table's B unit (sm3/rm3 in METRIC).
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> from kavra.tables import PVDO
-    >>> oil = PVDO([[[100.0, 1.25, 1.0], [300.0, 1.05, 1.2]]])
-    >>> p = da.from_array([100.0, 200.0, 300.0], chunks=2)
-    >>> print(kavra.dask.one_over_b(oil, 1, p).compute())
-    [0.8        0.86956522 0.95238095]
-    """
-    _check_table("one_over_b", "pvdx", pvdx, (PVDO, PVDG))
-    return _cells(_calculations.one_over_b, pvdx, [pvtnum, p])
-
-
-@filled
-def one_over_bo(pvto: PVTO, pvtnum: ArrayLike, po: ArrayLike, pbub: ArrayLike) -> da.Array:
-    """1/Bo per cell of a live oil, saturated or undersaturated by the cell's bubble point.
-
-    Chunk by chunk :func:`kavra.one_over_bo` (see the module notes).
-
-    Parameters
-    ----------
-    %(pvto_value)s
-    %(pvtnum)s
-    po : array_like of float
-        Oil pressure per cell, in the table's pressure unit (barsa in METRIC).
-    pbub : array_like of float
-        Bubble point pressure per cell, in the same unit.
-
-    Returns
-    -------
-    dask.array.Array of float64
-        1/Bo per cell, in the inverse of the table's Bo unit (sm3/rm3 in METRIC).
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> from kavra.tables import PVTO
-    >>> oil = PVTO([[[50.0, 120.0, 1.25, 0.9, 200.0, 1.23, 1.0],
-    ...              [80.0, 180.0, 1.35, 0.8, 300.0, 1.3, 1.0]]])
-    >>> po = da.from_array([120.0, 250.0], chunks=1)
-    >>> print(kavra.dask.one_over_bo(oil, 1, po, [120.0, 150.0]).compute())
-    [0.8        0.75709779]
-    """
-    _check_table("one_over_bo", "pvto", pvto, (PVTO,))
-    return _cells(_calculations.one_over_bo, pvto, [pvtnum, po, pbub])
-
-
-@filled
-def one_over_bw(pvtw: PVTW, pvtnum: ArrayLike, pw: ArrayLike) -> da.Array:
-    """1/Bw per cell of water, from the reference state and compressibility of its region.
-
-    Chunk by chunk :func:`kavra.one_over_bw` (see the module notes).
-
-    Parameters
-    ----------
-    pvtw : kavra.tables.PVTW
-        Water properties per PVT region.
-    %(pvtnum)s
-    pw : array_like of float
-        Water pressure per cell, in the table's pressure unit (barsa in METRIC).
-
-    Returns
-    -------
-    dask.array.Array of float64
-        1/Bw per cell, in the inverse of the table's Bw unit (sm3/rm3 in METRIC).
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> from kavra.tables import PVTW
-    >>> water = PVTW([[100.0, 1.0, 1e-4, 0.5, 0.0]])
-    >>> pw = da.from_array([100.0, 1100.0], chunks=1)
-    >>> print(kavra.dask.one_over_bw(water, 1, pw).compute())
-    [1.    1.105]
-    """
-    _check_table("one_over_bw", "pvtw", pvtw, (PVTW,))
-    return _cells(_calculations.one_over_bw, pvtw, [pvtnum, pw])
-
-
-@filled
-def one_over_bg(pvtg: PVTG, pvtnum: ArrayLike, pg: ArrayLike, pdew: ArrayLike, rv: ArrayLike) -> da.Array:
-    """1/Bg per cell of a wet gas, interpolated in gas pressure and vaporised oil.
-
-    Chunk by chunk :func:`kavra.one_over_bg` (see the module notes).
-
-    Parameters
-    ----------
-    pvtg : kavra.tables.PVTG
-        Wet-gas table per PVT region.
-    %(pvtnum)s
-    pg : array_like of float
-        Gas pressure per cell, in the table's pressure unit (barsa in METRIC).
-    pdew : array_like of float
-        Dew point pressure per cell, in the same unit.
-    rv : array_like of float
-        Vaporised oil-gas ratio per cell, in the table's Rv unit (sm3/sm3 in METRIC).
-
-    Returns
-    -------
-    dask.array.Array of float64
-        1/Bg per cell, in the inverse of the table's Bg unit (sm3/rm3 in METRIC).
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> from kavra.tables import PVTG
-    >>> gas = PVTG([[[100.0, 0.01, 0.02, 0.02, 0.03, 0.025, 0.02],
-    ...              [200.0, 0.02, 0.01, 0.02, 0.04, 0.0125, 0.02]]])
-    >>> pg = da.from_array([150.0, 150.0], chunks=1)
-    >>> print(kavra.dask.one_over_bg(gas, 1, pg, [300.0, 150.0], [0.02, 0.015]).compute())
-    [72.5 75. ]
-    """
-    _check_table("one_over_bg", "pvtg", pvtg, (PVTG,))
-    return _cells(_calculations.one_over_bg, pvtg, [pvtnum, pg, pdew, rv])
-
-
-@filled
-def rs_from_components(denominator: ArrayLike, numerator: ArrayLike) -> da.Array:
-    """Rs per cell as ``numerator / denominator`` where the denominator is above 0, else 0.0.
-
-    Chunk by chunk :func:`kavra.rs_from_components` (see the module notes).
-
-    Parameters
-    ----------
-    %(denominator_numerator)s
-
-    Returns
-    -------
-    dask.array.Array of float64
-        The ratio per cell.
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> oil = da.from_array([2.0, 0.0, -1.0], chunks=2)
-    >>> print(kavra.dask.rs_from_components(oil, [100.0, 5.0, 5.0]).compute())
-    [50.  0.  0.]
-    """
-    return _cells(_calculations.rs_from_components, None, [denominator, numerator])
-
-
-@filled
-def porosity(rock: ROCK, pvtnum: ArrayLike, po: ArrayLike, poro: ArrayLike) -> da.Array:
-    """Porosity per cell at the cell's pressure, from the rock compressibility of its region.
-
-    Chunk by chunk :func:`kavra.porosity` (see the module notes).
-
-    Parameters
-    ----------
-    rock : kavra.tables.ROCK
-        Reference pressure and compressibility per PVT region.
-    pvtnum : array_like of int
-        PVT region per cell, from 1.
-    po : array_like of float
-        Pressure per cell, in the table's pressure unit (barsa in METRIC).
-    %(poro_at_reference)s
-
-    Returns
-    -------
-    dask.array.Array of float64
-        Porosity per cell (fraction).
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> from kavra.tables import ROCK
-    >>> po = da.from_array([300.0, 200.0, 300.0], chunks=2)
-    >>> print(kavra.dask.porosity(ROCK([[200.0, 1e-3]]), [1, 1, 0], po, 0.2).compute())
-    [0.221 0.2   0.   ]
-    """
-    _check_table("porosity", "rock", rock, (ROCK,))
-    return _cells(_calculations.porosity, rock, [pvtnum, po, poro])
-
-
-@filled
-def porosity_from_porv(bulk_volume: ArrayLike, porv: ArrayLike) -> da.Array:
-    """Porosity per cell as ``porv / bulk_volume`` where the bulk volume is above 0, else 0.0.
-
-    Chunk by chunk :func:`kavra.porosity_from_porv` (see the module notes).
-
-    Parameters
-    ----------
-    %(bulk_volume_porv)s
-
-    Returns
-    -------
-    dask.array.Array of float64
-        Porosity per cell (fraction; not capped).
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> bulk = da.from_array([1000.0, 0.0, 500.0], chunks=2)
-    >>> print(kavra.dask.porosity_from_porv(bulk, [250.0, 10.0, 100.0]).compute())
-    [0.25 0.   0.2 ]
-    """
-    return _cells(_calculations.porosity_from_porv, None, [bulk_volume, porv])
-
-
-@filled
-def bulk_volume(porv: ArrayLike, poro: ArrayLike, *, ntg: ArrayLike | None = None) -> da.Array:
-    """Bulk volume per cell as ``porv / poro`` where the porosity is above 0 (else 0.0), times ``ntg``.
-
-    Chunk by chunk :func:`kavra.bulk_volume` (see the module notes).
-
-    Parameters
-    ----------
-    %(porv)s
-    %(poro)s
-    %(ntg)s
-
-    Returns
-    -------
-    dask.array.Array of float64
-        Bulk volume per cell, in the unit of ``porv``.
-
-    Examples
-    --------
-    >>> import dask.array as da
-    >>> import kavra.dask
-    >>> porv = da.from_array([250.0, 250.0], chunks=1)
-    >>> print(kavra.dask.bulk_volume(porv, [0.25, 0.0], ntg=0.8).compute())
-    [800.   0.]
-    """
-    return _cells(_calculations.bulk_volume, None, [porv, poro], {"ntg": ntg})
+if TYPE_CHECKING:  # the forms built from the table, for type checkers
+    def __getattr__(name: str) -> Callable[..., da.Array]: ...
 
 
 # --- K-column reductions ---------------------------------------------------------------
 
 
 def _dimensions(function: str, grid: Any) -> tuple[int, int, int]:
-    tessel = _reductions._tessel()
+    tessel = _reductions.tessel_package()
     if tessel is not None and isinstance(grid, tessel.ReservoirTopology):
         return grid.nI, grid.nJ, grid.nK
     if tessel is not None and isinstance(grid, tessel.ReservoirSelectionTopology):

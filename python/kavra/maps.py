@@ -18,7 +18,8 @@ from . import _engine
 from ._arrays import split_mask
 from ._docs import filled
 from ._threads import resolve as _resolve_threads
-from .reductions import Grid, Layout, _topology, _valid, check_grid_shape, check_layout
+from .reductions import Grid, Layout, check_grid_shape, check_layout
+from .reductions import grid_topology as _topology, taking_part as _valid
 
 __all__ = ["column_map", "region_totals"]
 

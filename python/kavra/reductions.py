@@ -78,9 +78,9 @@ class _Cells:
     ijk: NDArray[np.uint16] | None = None
 
 
-def _topology(function: str, grid: Any) -> _Cells:
+def grid_topology(function: str, grid: Any) -> _Cells:
     """The grid's shape (and cells) of a tessel topology or an (nI, nJ, nK) tuple."""
-    tessel = _tessel()
+    tessel = tessel_package()
     if tessel is not None and isinstance(grid, tessel.ReservoirSelectionTopology):
         parent = grid.parent_topology
         return _Cells(parent.nI, parent.nJ, parent.nK, np.asarray(grid.selected_cells).astype(np.uint16))
@@ -99,7 +99,7 @@ def _topology(function: str, grid: Any) -> _Cells:
 
 
 @functools.cache
-def _tessel() -> Any:
+def tessel_package() -> Any:
     """The tessel package, when its native module is built (None otherwise)."""
     try:
         from kavra import tessel
@@ -151,7 +151,7 @@ def check_grid_shape(where: str, shape: tuple[int, ...], dimensions: tuple[int, 
 def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLike | None,
                     layout: str) -> ColumnArrays:
     """Checks the arguments of a reduction and brings the values into the kernels' form."""
-    topology = _topology(function, grid)
+    topology = grid_topology(function, grid)
     check_layout(function, layout)
     data, mask = split_mask(values)
     data = _values(function, data)
@@ -167,7 +167,7 @@ def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLi
         ni, nj, nk = topology.ni, topology.nj, topology.nk
         check_grid_shape(function, data.shape, (ni, nj, nk), layout)
     given_shape = data.shape
-    valid = _valid(function, given_shape, mask, active)
+    valid = taking_part(function, given_shape, mask, active)
     result_mask = None if valid is None else ~valid
     if result_mask is None and isinstance(values, np.ma.MaskedArray):
         result_mask = np.zeros(data.shape, dtype=bool)  # masked in, masked out
@@ -209,15 +209,15 @@ def _reduce(function: str, name: str, values: ArrayLike, grid: Any, active: Arra
             layout: str, threads: int | None = None) -> Any:
     if (active is None and layout == "kji" and type(values) is np.ndarray and values.dtype.char in _KERNEL_TYPES
             and values.dtype.isnative and values.flags.c_contiguous):
-        cells = _topology(function, grid)  # the common case, in few steps: the kernel takes the array as it is
+        cells = grid_topology(function, grid)  # the common case, in few steps: the kernel takes the array as it is
         if cells.ijk is None and values.shape in ((cells.ni * cells.nj * cells.nk,), (cells.nk, cells.nj, cells.ni)):
             return _run(name, cells, values, threads)
     columns = prepare_columns(function, values, grid, active, layout)
     return columns.finish(_run(name, columns.topology, columns.values, threads))
 
 
-def _valid(function: str, shape: tuple[int, ...], mask: NDArray[np.bool_] | None,
-           active: ArrayLike | None) -> NDArray[np.bool_] | None:
+def taking_part(function: str, shape: tuple[int, ...], mask: NDArray[np.bool_] | None,
+                active: ArrayLike | None) -> NDArray[np.bool_] | None:
     """Cells that take part (None: all of them)."""
     valid = None
     if active is not None:
