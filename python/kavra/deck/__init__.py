@@ -62,9 +62,18 @@ from ._includes import Includes as _Includes
 from ._includes import check_file as _check_file
 from ._includes import check_text as _check_text
 from ._includes import deck_file as _deck_file
-from ._opm import DeckError, _action, _array_item, _defaulted, _defaulted_slots, _grid, _ParseContext, _Parser
+from ._opm import DeckError
+from ._opm import ParseContext as _ParseContext
+from ._opm import Parser as _Parser
+from ._opm import action as _action
+from ._opm import array_item as _array_item
+from ._opm import defaulted as _defaulted
+from ._opm import defaulted_slots as _defaulted_slots
+from ._opm import grid as _grid
 from ._opm import OpmState as _OpmState
-from ._opm import _pvt_regions, _record_values, _units
+from ._opm import pvt_regions as _pvt_regions
+from ._opm import record_values as _record_values
+from ._opm import units as _units
 from ._tables import BUILDERS as _BUILDERS
 
 DeckError.__module__ = __name__  # kavra.deck.DeckError, where callers catch it

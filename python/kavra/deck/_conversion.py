@@ -8,7 +8,8 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from ._opm import _array_item, _Parser
+from ._opm import Parser as _Parser
+from ._opm import array_item as _array_item
 
 
 class DeckUnits:

@@ -22,18 +22,17 @@ if TYPE_CHECKING:
 
 try:
     from opm.io.ecl_state import EclipseState as _EclipseState  # type: ignore[import-untyped]
-    from opm.io.parser import ParseContext as _ParseContext
-    from opm.io.parser import Parser as _Parser
-    from opm.io.parser import action as _action
+    from opm.io.parser import ParseContext
+    from opm.io.parser import Parser
+    from opm.io.parser import action
 except ImportError as _error:  # the optional extra is not installed
     raise ImportError(
         "kavra.deck reads decks with the opm package, which is not installed: "
         "pip install 'kavra[deck]' (or pip install opm)") from _error
 
-# What the other modules of kavra.deck take from here (private names among them: this is the one
-# module they may take those from).
-__all__ = ["DeckError", "OpmState", "_ParseContext", "_Parser", "_action", "_array_item",
-           "_defaulted", "_defaulted_slots", "_grid", "_pvt_regions", "_record_values", "_units"]
+# What the other modules of kavra.deck take from here.
+__all__ = ["DeckError", "OpmState", "ParseContext", "Parser", "action", "array_item",
+           "defaulted", "defaulted_slots", "grid", "pvt_regions", "record_values", "units"]
 
 _SECTIONS = ("EDIT", "PROPS", "REGIONS", "SOLUTION", "SUMMARY", "SCHEDULE")  # the sections after GRID
 
@@ -71,8 +70,8 @@ class OpmState:
             g = self.grid
             marker = self._marker()
             numbers = " ".join(map(str, range(1, g.number_of_cells() + 1)))
-            marked = _Parser().parse_string(f"RUNSPEC\nDIMENS\n {g.nI} {g.nJ} {g.nK} /\nGRID\n{marker}\n{numbers} /\n")
-            deck, placed, in_grid = _Parser().parse_string(""), False, False
+            marked = Parser().parse_string(f"RUNSPEC\nDIMENS\n {g.nI} {g.nJ} {g.nK} /\nGRID\n{marker}\n{numbers} /\n")
+            deck, placed, in_grid = Parser().parse_string(""), False, False
             for keyword in (self._parse() if self._parse else self._parsed):
                 if keyword.name in _SECTIONS and in_grid and not placed:
                     deck.add(marked[marker])
@@ -130,20 +129,20 @@ class OpmState:
 # --- what every table needs ----------------------------------------------------------------
 
 
-def _units(parsed: Any) -> str:
+def units(parsed: Any) -> str:
     name = str(parsed.active_unit_system().name).upper()
     if name not in UNIT_SYSTEMS:
         raise DeckError(f"the deck's unit system {name} is not one of {', '.join(UNIT_SYSTEMS)}")
     return name
 
 
-def _grid(parsed: Any) -> tessel.ReservoirTopology | Grid:
+def grid(parsed: Any) -> tessel.ReservoirTopology | Grid:
     if "DIMENS" not in parsed:
         raise DeckError("the deck has no DIMENS keyword: the grid size is unknown")
     record = parsed["DIMENS"][0]
-    defaulted = _defaulted(record, 3)
-    if defaulted.any():
-        raise DeckError(f"DIMENS record 1: value {int(np.argmax(defaulted)) + 1} is left to its default; "
+    left = defaulted(record, 3)
+    if left.any():
+        raise DeckError(f"DIMENS record 1: value {int(np.argmax(left)) + 1} is left to its default; "
                         f"the grid size needs nI, nJ and nK written out")
     dims = [record[i].get_int(0) for i in range(3)]
     try:
@@ -152,13 +151,13 @@ def _grid(parsed: Any) -> tessel.ReservoirTopology | Grid:
         raise DeckError(f"DIMENS record 1: {error}") from error
 
 
-def _pvt_regions(parsed: Any) -> int:
+def pvt_regions(parsed: Any) -> int:
     if "TABDIMS" not in parsed:
         return 1
     return int(parsed["TABDIMS"][0][1].get_int(0))  # NTPVT
 
 
-def _defaulted_slots(text: str) -> list[bool]:
+def defaulted_slots(text: str) -> list[bool]:
     """Which values of a record opm's text of it shows as left to their default.
 
     opm writes a record back as the deck would hold it, with ``N*`` for N values left
@@ -177,7 +176,7 @@ def _defaulted_slots(text: str) -> list[bool]:
     return slots
 
 
-def _record_values(record: Any, where: str) -> NDArray[np.float64]:
+def record_values(record: Any, where: str) -> NDArray[np.float64]:
     values: list[float] = []
     for item in record:
         if item.is_string():
@@ -186,14 +185,14 @@ def _record_values(record: Any, where: str) -> NDArray[np.float64]:
     return np.array(values, dtype=np.float64)
 
 
-def _defaulted(record: Any, count: int) -> NDArray[np.bool_]:
+def defaulted(record: Any, count: int) -> NDArray[np.bool_]:
     """Which of a record's first `count` values the deck left to their default (``1*``, or a
     record ended early)."""
-    slots = _defaulted_slots(str(record))
+    slots = defaulted_slots(str(record))
     return np.array([slots[i] if i < len(slots) else True for i in range(count)], dtype=bool)
 
 
-def _array_item(keyword: Any, name: str) -> Any:
+def array_item(keyword: Any, name: str) -> Any:
     if len(keyword) != 1 or len(keyword[0]) != 1 or keyword[0][0].is_string():
         raise DeckError(f"{name} is not a grid property: it does not hold one list of numbers")
     return keyword[0][0]

@@ -9,7 +9,9 @@ import numpy as np
 from numpy.typing import NDArray
 
 from ..tables import DENSITY, PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
-from ._opm import DeckError, _defaulted, _record_values
+from ._opm import DeckError
+from ._opm import defaulted as _defaulted
+from ._opm import record_values as _record_values
 
 # Table values that may be left to their default, because the default is zero
 # in every unit system: PVTW viscosibility, ROCK compressibility (index of the
