@@ -1,10 +1,8 @@
 """kavra.deck on the two public SPE decks that ship with it, against numbers taken
 from the deck text by hand, and on small decks that are wrong in one place."""
 
-import ast
 import doctest
 import importlib.util
-import pathlib
 import pickle
 import re
 import subprocess
@@ -232,31 +230,6 @@ def test_wrong_arguments_are_named(spe1, call, error, words):
 def test_docstring_examples_run_as_written():
     result = doctest.testmod(deck_module, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert result.attempted > 0 and result.failed == 0
-
-
-def package_imports():
-    """The imports between the modules of kavra.deck: {module: [(module it imports from, names)]}."""
-    found = {}
-    for path in sorted(pathlib.Path(deck_module.__file__).parent.glob("*.py")):
-        found[path.stem] = [(node.module, [alias.name for alias in node.names])
-                            for node in ast.walk(ast.parse(path.read_text()))
-                            if isinstance(node, ast.ImportFrom) and node.level == 1]
-    return found
-
-
-@needs_opm
-def test_package_modules_take_private_names_from_the_shared_module_only_and_import_no_circle():
-    imports = package_imports()
-    assert set(imports) == {"__init__", "_opm", "_conversion", "_includes", "_tables"}
-    private = [(module, source, name) for module, found in imports.items() for source, names in found
-               for name in names if name.startswith("_") and source != "_opm"]
-    assert private == []
-    edges = {module: {source or "__init__" for source, _ in found} for module, found in imports.items()}
-
-    def reaches(start, target, seen=()):
-        return any(m == target or (m not in seen and reaches(m, target, (*seen, m))) for m in edges.get(start, ()))
-
-    assert [module for module in edges if reaches(module, module)] == []
 
 
 @needs_opm
