@@ -22,7 +22,8 @@ LENGTH_TO_SI = {"FIELD": 0.3048, "METRIC": 1.0}
 
 
 # Per case: the cells Flow leaves out, the PVT regions of the others.
-CASE_CELLS = {"EDITED": (4, {1, 2}), "FAULTED": (1, {1}), "SPE1CASE1": (0, {1}), "SPE3CASE1": (8, {1})}
+CASE_CELLS = {"EDITED": (4, {1, 2}), "FAULTED": (1, {1}), "CROSSED": (1, {1}), "SPE1CASE1": (0, {1}),
+              "SPE3CASE1": (8, {1})}
 
 
 @pytest.mark.parametrize("flow_case", list(CASE_CELLS), indirect=True)

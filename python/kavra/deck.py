@@ -328,8 +328,11 @@ class Deck:
 
         Corner-point cells (COORD and ZCORN) are the trilinear hexahedra through their eight
         corners, faces that are not planar included, as the simulator takes them; the
-        volumes are computed natively, on kavra's threads.  Block-centred cells are DX * DY
-        * DZ.
+        volumes are computed natively, on kavra's threads.  As the simulator does, the
+        corner depths of each pillar are first made to run downwards, each at least the one
+        above it: a top corner below its cell's bottom corner takes that bottom down with it,
+        and a layer that overlaps the one above starts at that layer's bottom (ZCORN itself,
+        from :meth:`cell_property`, stays as written).  Block-centred cells are DX * DY * DZ.
 
         Returns
         -------
@@ -350,8 +353,9 @@ class Deck:
         return volumes
 
     def cell_depths(self) -> NDArray[np.float64]:
-        """The depth of every cell's centre (the mean depth of its eight corners, as the
-        simulator takes it), in the deck's length unit.
+        """The depth of every cell's centre (the mean depth of its eight corners, taken
+        downwards along each pillar as in :meth:`cell_volumes`, as the simulator takes it), in
+        the deck's length unit.
 
         Returns
         -------
@@ -587,6 +591,12 @@ class Deck:
             for name, numbers, expected in (("COORD", coord, 6 * (g.nI + 1) * (g.nJ + 1)), ("ZCORN", zcorn, 8 * n)):
                 if len(numbers) != expected:
                     raise DeckError(f"{name} holds {len(numbers)} numbers; the grid of DIMENS needs {expected}")
+            # The simulator takes the corners of each pillar downwards: each corner depth at least
+            # the one above it (the cell's top, or the bottom of the cell above).  A cell whose top
+            # corner lies below its bottom corner keeps its top there, and its bottom moves down
+            # to it; a layer that overlaps the one above it starts at that layer's bottom.
+            columns = zcorn.reshape(2 * g.nK, -1)
+            np.maximum.accumulate(columns, axis=0, out=columns)
             geometry = {name: np.empty(n) for name in ("volumes", "depths", "dx", "dy", "dz")}
             _engine.cell_geometry(g.nI, g.nJ, g.nK, coord, zcorn, tuple(geometry.values()), _threads(None))
         else:
