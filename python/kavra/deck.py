@@ -66,7 +66,7 @@ except ImportError as _error:  # the optional extra is not installed
         "pip install 'kavra[deck]' (or pip install opm)") from _error
 
 __all__ = ["Deck", "DeckError", "Equilibration", "read", "example_path", "EXAMPLES", "MAX_INCLUDE_DEPTH",
-           "MAX_INCLUDES"]
+           "MAX_INCLUDES", "REGION_PROPERTIES"]
 
 #: The decks shipped with kavra (public SPE test decks, each with its license header), for
 #: :func:`example_path`.
@@ -77,9 +77,15 @@ EXAMPLES: tuple[str, ...] = ("SPE1CASE1", "SPE3CASE1")
 MAX_INCLUDE_DEPTH = 32
 MAX_INCLUDES = 10_000
 
+#: Region numbers that the simulator takes as 1 in every cell when the deck leaves them out.
+REGION_PROPERTIES: tuple[str, ...] = (
+    "PVTNUM", "SATNUM", "IMBNUM", "EQLNUM", "FIPNUM", "ENDNUM", "ROCKNUM", "MULTNUM", "FLUXNUM", "OPERNUM",
+    "MISCNUM", "KRNUMX", "KRNUMY", "KRNUMZ", "IMBNUMX", "IMBNUMY", "IMBNUMZ")
+
 #: Grid properties that a simulator fills in when the deck leaves them out.
-DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "PVTNUM": (1, np.int32),
-                                         "ACTNUM": (1, np.int32)}
+DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "MULTPV": (1.0, np.float64),
+                                         "ACTNUM": (1, np.int32),
+                                         **{name: (1, np.int32) for name in REGION_PROPERTIES}}
 
 # Keywords that change grid properties after they are given.  opm applies them on a deck with
 # a grid; on a deck without one (no COORD and ZCORN, no DX, DY, DZ and TOPS) there is nothing
@@ -181,9 +187,8 @@ class Deck:
     density: DENSITY | None
 
     def __init__(self, parsed: Any, grid: tessel.ReservoirTopology | Grid, units: str,
-                 tables: dict[str, Any], parse: Callable[[], Any] | None = None) -> None:
+                 tables: dict[str, Any]) -> None:
         self._parsed = parsed
-        self._parse = parse  # a new parse of the deck, for opm's state (which changes the deck it is given)
         self.grid = grid
         self.units = units
         self.pvto, self.pvtg = tables["PVTO"], tables["PVTG"]
@@ -191,6 +196,7 @@ class Deck:
         self.pvtw, self.rock = tables["PVTW"], tables["ROCK"]
         self.density = tables["DENSITY"]
         self._state: Any = None
+        self._marker = ""  # the integer property that numbers the cells in opm's state
         self._known: dict[str, Any] = {}  # what is worked out once: the geometry, the active cells
 
     def __repr__(self) -> str:
@@ -266,9 +272,12 @@ class Deck:
             as written (opm refuses edits of them); of corner-point cells, DX (DY) is the
             horizontal distance between the centres of the cell's I (J) faces and DZ the
             vertical one between its top and bottom, as Flow writes them.  COORD and ZCORN
-            are their pillars and corner depths, in the deck's order.  On a deck without a grid: the numbers
-            as written.  NTG, PVTNUM and ACTNUM that the deck leaves out are 1 in every
-            cell.  TOPS given for the upper layers only is continued downwards with DZ,
+            are their pillars and corner depths, in the deck's order.  End points of
+            ENDSCALE (SWL, SWCR, SGU, KRW, PCW, ..., and their X, Y, Z forms) are those the
+            deck gives, edits applied.  On a deck without a grid: the numbers as written.
+            ACTNUM, NTG, MULTPV and the region numbers of :data:`REGION_PROPERTIES` (FIPNUM,
+            SATNUM, EQLNUM, ...) that the deck leaves out are 1, in every cell the simulator
+            keeps (in every cell on a deck without a grid), as Flow writes them.  TOPS given for the upper layers only is continued downwards with DZ,
             layer by layer, as a simulator does.
 
         Raises
@@ -488,17 +497,19 @@ class Deck:
         """opm's EclipseState of the deck: the grid and the grid properties with every edit
         applied, in SI units, over the cells it keeps.
 
-        Built from a parse of its own (opm changes the numbers of the deck it builds the state
-        from), with a marker at the end of the GRID section: an integer property no other
-        keyword of the deck reads, holding each cell's number from 1, whose values in the
-        state name the cells that opm kept."""
+        Built from a copy of the deck read (opm's Deck.add copies a keyword): building the
+        state converts the numbers of the deck it is given to SI in place, and the deck read
+        keeps its numbers as written.  The copy has a marker at the end of the GRID section:
+        an integer property no other keyword of the deck reads, holding each cell's number
+        from 1, whose values in the state name the cells that opm kept (opm hands out a
+        property over those cells only, without saying which they are)."""
         if self._state is None:
             g = self.grid
-            marker = self._marker()
+            marker = self._free_marker()
             numbers = " ".join(map(str, range(1, g.number_of_cells() + 1)))
             marked = _Parser().parse_string(f"RUNSPEC\nDIMENS\n {g.nI} {g.nJ} {g.nK} /\nGRID\n{marker}\n{numbers} /\n")
             deck, placed, in_grid = _Parser().parse_string(""), False, False
-            for keyword in (self._parse() if self._parse else self._parsed):
+            for keyword in self._parsed:
                 if keyword.name in _SECTIONS and in_grid and not placed:
                     deck.add(marked[marker])
                     placed = True
@@ -513,9 +524,10 @@ class Deck:
             kept = np.asarray(self._state.field_props().get_int_array(marker), dtype=np.int64) - 1
             self._known["input_active"] = np.zeros(g.number_of_cells(), dtype=bool)
             self._known["input_active"][kept] = True
+            self._marker = marker
         return self._state
 
-    def _marker(self) -> str:
+    def _free_marker(self) -> str:
         """An integer property that no keyword of the deck reads: the deck has no such keyword,
         no region operation names its region array, no OPERATER reads OPERNUM."""
         regional = [str(k).replace("'", " ").split() for k in self._parsed
@@ -537,14 +549,19 @@ class Deck:
         properties = self._opm_state().field_props()
         values: NDArray[Any] | None = None
         for get, dtype in ((properties.get_double_array, np.float64), (properties.get_int_array, np.int32)):
+            if name == self._marker:  # the cell numbers kavra put in; the deck has no such keyword
+                break
             try:
                 values = np.asarray(get(name), dtype=dtype)
                 break
             except (ValueError, RuntimeError, KeyError, IndexError):  # not a property of that type
                 continue
-        if values is None:
-            return self._as_written(name)  # a default, a KeyError or a DeckError in words
         active = self._input_active()
+        if values is None and name in DEFAULTS and name not in self._parsed:
+            value, dtype = DEFAULTS[name]
+            values = np.full(int(active.sum()), value, dtype=dtype)
+        if values is None:
+            return self._as_written(name)  # a KeyError or a DeckError in words
         if values.dtype == np.float64:
             values = self._deck_units(name, values, active)
         full = np.full(self.grid.number_of_cells(), np.nan if values.dtype == np.float64 else 0, dtype=values.dtype)
@@ -638,7 +655,12 @@ class Deck:
 def _si_factor(units: str, name: str) -> float:
     """What opm multiplies a number of keyword `name` in unit system `units` by to have it in SI
     (1 for a number without a unit), from a deck of that keyword alone."""
-    probe = _Parser().parse_string(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nGRID\n{name}\n 1 /\n")
+    # With the three phases and ENDSCALE: the parser refuses an end point without them.
+    try:
+        probe = _Parser().parse_string(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nOIL\nWATER\nGAS\nENDSCALE\n/\n"
+                                       f"GRID\n{name}\n 1 /\n")
+    except (RuntimeError, ValueError) as error:
+        raise DeckError(f"kavra cannot tell the unit of {name}: {error}") from error
     item = _array_item(probe[name], name)
     if item.is_int():
         return 1.0
@@ -668,8 +690,9 @@ def read(source: str | os.PathLike[str]) -> Deck:
     Raises
     ------
     DeckError
-        The deck or a file it includes is not deck text (control characters, braces outside
-        quotes and comments), INCLUDE files include each other in a cycle or nest deeper than
+        The deck or a file it includes is not deck text (control characters), has braces
+        with a colon between them outside quotes and comments (opm's messages would take them
+        for a field of a format), INCLUDE files include each other in a cycle or nest deeper than
         MAX_INCLUDE_DEPTH (more than MAX_INCLUDES in all), an INCLUDE names a directory or a
         missing file, opm cannot parse the deck (its message names the keyword and the
         record), DIMENS leaves a size to its default, or a table cannot be taken as written:
@@ -687,7 +710,8 @@ def read(source: str | os.PathLike[str]) -> Deck:
     -----
     Numbers of tables and records are the deck's own, never converted (opm's
     ``DeckItem.get_raw_data_list``).  opm's state of the grid and its properties is built
-    when a property or the geometry is first asked for, from a parse of its own.
+    when a property is first asked for, from a copy of the deck read: nothing is parsed
+    twice.
     Records of PVTO and PVTG are kept in deck order: the saturated point first, then the
     undersaturated rows.  A value left to its default is refused in a table, except PVTW
     viscosibility and ROCK compressibility, whose default is zero.
@@ -718,23 +742,24 @@ def read(source: str | os.PathLike[str]) -> Deck:
     text = isinstance(source, str) and ("\n" in source or "\r" in source)
     if text:
         where, root = "the deck text", pathlib.Path.cwd()
-        _check_text(str(source), where, (), _Includes(root))
+        includes = _Includes(root)
+        _check_text(str(source), where, (), includes)
     else:
         path = _deck_file(source)
         where, root = str(path), path.parent
-        _check_file(path, "", (), _Includes(root))
+        includes = _Includes(root)
+        _check_file(path, "", (), includes)
     # opm's default for a missing INCLUDE file is to end the process: ask it to raise.
     context = _ParseContext([("PARSE_MISSING_INCLUDE", _action.throw)])
 
-    def parse() -> Any:
-        return _Parser().parse_string(source, context) if text else _Parser().parse(where, context)
-
     try:
-        parsed = parse()
+        parsed = _Parser().parse_string(source, context) if text else _Parser().parse(where, context)
     except UnicodeDecodeError as error:  # opm's message quoting bytes that are not UTF-8
         raise DeckError(f"opm cannot parse {where}: it holds bytes that are not UTF-8 text") from error
     except (RuntimeError, ValueError, IndexError) as error:
-        raise DeckError(f"opm cannot parse {where}: {error}") from error
+        note = (" (the deck has braces outside quotes, which opm's messages take for fields of their own: "
+                "filled in, or refused as a format)") if includes.braces else ""
+        raise DeckError(f"opm cannot parse {where}: {error}{note}") from error
 
     units = _units(parsed)
     grid = _grid(parsed)
@@ -750,7 +775,7 @@ def read(source: str | os.PathLike[str]) -> Deck:
                 raise
             except ValueError as error:  # a record the table class refuses: it names it
                 raise DeckError(str(error)) from error
-    return Deck(parsed, grid, units, tables, parse)
+    return Deck(parsed, grid, units, tables)
 
 
 # --- what is handed to opm ----------------------------------------------------------------
@@ -783,11 +808,16 @@ class _Includes:
         self.root = root
         self.aliases: dict[str, str] = {}
         self.count = 0
+        self.braces = False  # whether a { or } stands outside quotes
 
 
 # Characters that no deck holds: control characters (tab, line and page breaks aside).
 _NOT_TEXT = re.compile(r"[\x00-\x08\x0b\x0e-\x1f\x7f]")
 _QUOTED = re.compile(r"'[^']*'|\"[^\"]*\"")
+# Braces are deck text (in a title, a well name), but opm's parser puts a line it cannot read as
+# a keyword into the format of its message, where a pair of braces with a colon in it is a field
+# whose width ('{:>2000000000}') has opm write that many characters.
+_FORMAT_FIELD = re.compile(r"\{[^{}]*:[^{}]*\}")
 _TOKEN = re.compile(r"'([^']*)'|\"([^\"]*)\"|([^\s'\"]+)")
 
 
@@ -832,13 +862,20 @@ def _check_file(path: pathlib.Path, at: str, chain: tuple[pathlib.Path, ...], in
 def _check_text(text: str, where: str, chain: tuple[pathlib.Path, ...], includes: _Includes) -> None:
     """DeckError for what opm would choke on, hang on or end the process for, in `text` or in
     the files it includes: characters that are not deck text (opm's parser formats them into
-    its own messages), INCLUDE cycles and directories.  Only what is certain is refused; the
-    rest is left to opm."""
+    its own messages), braces outside quotes that its messages would take for a field with a
+    width, INCLUDE cycles and directories.  Only what is certain is refused; the rest is left
+    to opm."""
     lines = _lines(text)
     for number, line in lines:
-        bad = _NOT_TEXT.search(line) or re.search(r"[{}]", _QUOTED.sub("", line))
+        bad = _NOT_TEXT.search(line)
         if bad:
             raise DeckError(f"{where}, line {number}: {bad.group()!r} is not deck text; is this a deck file?")
+        unquoted = _QUOTED.sub("", line)
+        field = _FORMAT_FIELD.search(unquoted)
+        if field:
+            raise DeckError(f"{where}, line {number}: opm's messages would take {field.group()!r} for a field of "
+                            f"their own; put it in quotes")
+        includes.braces = includes.braces or "{" in unquoted or "}" in unquoted
         keyword = line.split()[0] if line.split() else ""
         if keyword not in ("INCLUDE", "PATHS"):
             continue
