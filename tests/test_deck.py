@@ -224,7 +224,8 @@ def test_braces_are_deck_text():
 
 
 # A deck with a grid, end-point scaling and no region numbers (cell 2 outside ACTNUM).
-END_POINTS = ("RUNSPEC\nDIMENS\n 3 1 1 /\nFIELD\nOIL\nWATER\nGAS\nENDSCALE\n/\nTABDIMS\n/\nGRID\nDX\n 3*100 /\nDY\n 3*100 /\n"
+END_POINTS = ("RUNSPEC\nDIMENS\n 3 1 1 /\nFIELD\nOIL\nWATER\nGAS\nENDSCALE\n/\nTABDIMS\n/\n"
+              "GRID\nDX\n 3*100 /\nDY\n 3*100 /\n"
               "DZ\n 3*10 /\nTOPS\n 3*5000 /\nPORO\n 3*0.2 /\nACTNUM\n 1 0 1 /\nPROPS\n"
               "SWOF\n 0.2 0 1 0\n 1 1 0 0 /\nSGOF\n 0 0 1 0\n 0.8 1 0 0 /\n{props}\n")
 

@@ -49,7 +49,8 @@ def test_region_numbers_and_end_points_are_those_flow_writes(flow_case):
     it to its default (ENDPOINTS gives every end point, edits some, and leaves the regions out)."""
     case, deck = results.read(flow_case), deck_module.read(flow_case.with_suffix(".DATA"))
     inactive = np.ma.getmaskarray(case.cell_property("PORV"))
-    names = [name for name in (*deck_module.REGION_PROPERTIES, *END_POINTS) if name in case.property_names()]
+    written_names = case.property_names()
+    names = [name for name in (*deck_module.REGION_PROPERTIES, *END_POINTS) if name in written_names]
     assert {"FIPNUM", "SATNUM", "EQLNUM"} <= set(names)
     assert flow_case.name != "ENDPOINTS" or set(END_POINTS) <= set(names)
     for name in names:

@@ -277,8 +277,9 @@ class Deck:
             deck gives, edits applied.  On a deck without a grid: the numbers as written.
             ACTNUM, NTG, MULTPV and the region numbers of :data:`REGION_PROPERTIES` (FIPNUM,
             SATNUM, EQLNUM, ...) that the deck leaves out are 1, in every cell the simulator
-            keeps (in every cell on a deck without a grid), as Flow writes them.  TOPS given for the upper layers only is continued downwards with DZ,
-            layer by layer, as a simulator does.
+            keeps (in every cell on a deck without a grid), as Flow writes them.  TOPS given
+            for the upper layers only is continued downwards with DZ, layer by layer, as a
+            simulator does.
 
         Raises
         ------
@@ -558,8 +559,8 @@ class Deck:
                 continue
         active = self._input_active()
         if values is None and name in DEFAULTS and name not in self._parsed:
-            value, dtype = DEFAULTS[name]
-            values = np.full(int(active.sum()), value, dtype=dtype)
+            default, kind = DEFAULTS[name]
+            values = np.full(int(active.sum()), default, dtype=kind)
         if values is None:
             return self._as_written(name)  # a KeyError or a DeckError in words
         if values.dtype == np.float64:
