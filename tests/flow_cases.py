@@ -5,7 +5,8 @@ The SPE decks have no SCHEDULE.  Each of their cases adds files of tests/data
 to its deck (CASES): the restart output, summary and schedule before END, and
 for SPE3 inactive cells at the end of the GRID section.  The decks of
 tests/data (EDITED: edited properties and two PVT regions; FAULTED: corner
-points; TWOREGIONS: METRIC, two PVT regions, for kavra.blackoil)
+points; CROSSED: those corner points crossing and overlapping; ENDPOINTS: end-point scaling,
+region numbers left to their defaults; TWOREGIONS: METRIC, two PVT regions, for kavra.blackoil)
 are whole, and run as they are.  `run_flow` writes the deck
 into a directory and runs Flow there (package opm-simulators), in a child
 process: Flow writes its files beside the deck, prints its progress and keeps
@@ -33,6 +34,8 @@ CASES = {
     "SPE3CASE1": {"PROPS": "SPE3CASE1.GRID.INC", "END": "SPE3CASE1.SCHEDULE.INC"},
     "EDITED": {},
     "FAULTED": {},
+    "CROSSED": {},
+    "ENDPOINTS": {},
     "TWOREGIONS": {},
 }
 

@@ -5,7 +5,7 @@ import pytest
 
 import kavra.deck
 from kavra import blackoil
-from kavra.tables import PVDG, PVTO
+from kavra.tables import PVDG, PVTO, PVTW
 from flow_cases import flow_case, flow_run  # noqa: F401  (fixtures)
 
 results = pytest.importorskip("kavra.results", reason="resfo is not installed")
@@ -118,6 +118,38 @@ def test_same_bits_for_any_thread_count_and_float32_inputs_read_as_they_are(thre
 def test_refusals_in_kavras_words(call, error, words):
     with pytest.raises(error, match=words.replace("(", r"\(").replace(")", r"\)").replace("[", r"\[")):
         call()
+
+
+DENSITY_CALLS = {  # two cells
+    "oil_density": lambda out: blackoil.oil_density(OIL, [[800.0, 1000.0, 1.0]], 1, [100.0, 120.0], [30.0, 30.0],
+                                                    out=out),
+    "gas_density": lambda out: blackoil.gas_density(PVDG([[[1.0, 1.0, 1.0], [200.0, 0.5, 1.0]]]),
+                                                    [[800.0, 1000.0, 1.0]], 1, [100.0, 120.0], out=out),
+    "water_density": lambda out: blackoil.water_density(PVTW([[100.0, 1.02, 4e-5, 0.4, 1e-4]]), [[800.0, 1000.0, 1.0]],
+                                                        1, [100.0, 120.0], out=out),
+}
+
+
+@pytest.mark.parametrize("name", DENSITY_CALLS)
+@pytest.mark.parametrize("out, error, words", [
+    (np.zeros(3), ValueError, r"out has the shape \(3,\), the result \(2,\)"),
+    (np.zeros(1), ValueError, r"out has the shape \(1,\), the result \(2,\)"),  # was broadcast into
+    (np.zeros((1, 2)), ValueError, r"out has the shape \(1, 2\)"),
+    ([0.0, 0.0], TypeError, "out must be a NumPy array, got list"),
+    (np.zeros(2, np.int64), TypeError, "out must be an array of a real floating dtype, got int64"),
+    (np.broadcast_to(np.zeros(1), 2), ValueError, "out is read-only"),
+])
+def test_densities_refuse_an_out_in_kavras_words(name, out, error, words):
+    with pytest.raises(error, match=f"^{name}: {words}"):
+        DENSITY_CALLS[name](out)
+
+
+@pytest.mark.parametrize("name", DENSITY_CALLS)
+def test_densities_fill_an_out(name):
+    expected = DENSITY_CALLS[name](None)
+    out, masked = np.zeros(2, np.float32), np.ma.MaskedArray(np.zeros(2), mask=[True, False])
+    assert DENSITY_CALLS[name](out) is out and np.array_equal(out, expected.astype(np.float32))
+    assert DENSITY_CALLS[name](masked) is masked and not masked.mask.any() and np.array_equal(masked, expected)
 
 
 def test_regions_below_one_and_masks():

@@ -116,8 +116,8 @@ def test_cell_order_active_mask_and_missing_keywords(spe3):
     assert deck.active.tolist() == [True, False, True, True, True, False]
     assert deck.cell_property("PERMX").tolist() == [1, 2, 3, 4, 5, 6]  # I fastest
     assert (spe3.grid.nI, spe3.grid.nJ, spe3.grid.nK) == (9, 9, 4) and spe3.active.all()
-    with pytest.raises(KeyError, match="the deck has no SATNUM keyword"):
-        spe3.cell_property("SATNUM")
+    with pytest.raises(KeyError, match="the deck has no SWATINIT keyword"):
+        spe3.cell_property("SWATINIT")
     assert spe3.records("EQUIL")[0][:2].tolist() == [7500, 3550]
 
 
@@ -205,14 +205,63 @@ def test_includes_end_in_a_deck_error_naming_the_file(tmp_path, case, words):
 @pytest.mark.parametrize("source, error, words", [
     ("RUNSPEC\nDIMENS\n 3* /\n", "DeckError", "DIMENS record 1: value 1 is left to its default"),
     ("RUNSPEC\nDIMENS\n 2 1* 1 /\n", "DeckError", "DIMENS record 1: value 2 is left to its default"),
-    ("RUNSPEC\n}{\n", "DeckError", "the deck text, line 2: '}' is not deck text"),
-    ("RUNSPEC\nDIMENS\n 1 1 1 /\nGRID\nPORO\n {1} /\n", "DeckError", "line 6: '{' is not deck text"),
+    ("RUNSPEC\n}{\n", "DeckError", "unmatched '}' in format string \\(the deck has braces outside quotes"),
+    ("RUNSPEC\nDIMENS\n 1 1 1 /\nGRID\nPORO\n {1} /\n", "DeckError", r"Malformed floating point number '\{1\}'"),
+    ("RUNSPEC\nDIMENS\n 1 1 1 /\nF{:>2000000000}\n", "DeckError",  # opm would write 2 GB into its message
+     r"line 4: opm's messages would take '\{:>2000000000\}' for a field of their own; put it in quotes"),
     ("x" * 5000, "FileNotFoundError", r"^no deck at 'x{59}\.\.\.x{14}': no file can have that name"),
     ("RUNSPEC", "FileNotFoundError", "^no deck at 'RUNSPEC'; deck text is read as such only with a line break"),
 ])
 def test_unreadable_input_says_what_is_wrong(source, error, words):
     with pytest.raises(deck_module.DeckError if error == "DeckError" else FileNotFoundError, match=words):
         deck_module.read(source)
+
+
+@needs_opm
+def test_braces_are_deck_text():
+    deck = deck_module.read("RUNSPEC\nTITLE\n model {v2}\nDIMENS\n 1 1 1 /\nGRID\nPORO\n 0.2 /\n"
+                            "SCHEDULE\nWELSPECS\n P{1} G 1 1 1* OIL /\n/\n")
+    assert deck.keywords == ("RUNSPEC", "TITLE", "DIMENS", "GRID", "PORO", "SCHEDULE", "WELSPECS")
+
+
+# A deck with a grid, end-point scaling and no region numbers (cell 2 outside ACTNUM).
+END_POINTS = ("RUNSPEC\nDIMENS\n 3 1 1 /\nFIELD\nOIL\nWATER\nGAS\nENDSCALE\n/\nTABDIMS\n/\n"
+              "GRID\nDX\n 3*100 /\nDY\n 3*100 /\n"
+              "DZ\n 3*10 /\nTOPS\n 3*5000 /\nPORO\n 3*0.2 /\nACTNUM\n 1 0 1 /\nPROPS\n"
+              "SWOF\n 0.2 0 1 0\n 1 1 0 0 /\nSGOF\n 0 0 1 0\n 0.8 1 0 0 /\n{props}\n")
+
+
+@needs_opm
+@pytest.mark.parametrize("name, props, values", [
+    ("SGU", "SGU\n 0.8 0.7 0.6 /", [0.8, np.nan, 0.6]),  # of a phase: opm's raw message before
+    ("SGL", "SGL\n 3*0.05 /\nMULTIPLY\n SGL 2 3 3 /\n/", [0.05, np.nan, 0.1]),
+    ("KRG", "KRG\n 3*0.9 /", [0.9, np.nan, 0.9]),
+    ("SOGCR", "SOGCR\n 3*0.15 /", [0.15, np.nan, 0.15]),
+    ("PCG", "PCG\n 3*12.5 /", [12.5, np.nan, 12.5]),  # psi, back from SI
+    ("SWLX", "SWLX\n 0.1 0.2 0.3 /", [0.1, np.nan, 0.3]),
+    ("FIPNUM", "", [1, 0, 1]), ("SATNUM", "", [1, 0, 1]), ("EQLNUM", "", [1, 0, 1]), ("IMBNUM", "", [1, 0, 1]),
+    ("ROCKNUM", "", [1, 0, 1]), ("MULTNUM", "", [1, 0, 1]),
+    ("OPERNUM", "", [1, 0, 1]), ("FLUXNUM", "", [1, 0, 1]),  # the names opm's cell numbers take
+    ("FIPNUM", "REGIONS\nFIPNUM\n 2 3 4 /", [2, 0, 4]),
+])
+def test_end_points_and_region_numbers_are_the_simulator_s(name, props, values):
+    deck = deck_module.read(END_POINTS.format(props=props))
+    ours = deck.cell_property(name)
+    assert ours.dtype == (np.int32 if name.endswith("NUM") else np.float64)
+    np.testing.assert_array_equal(ours, values)
+
+
+@needs_opm
+def test_the_deck_keeps_its_numbers_once_opm_has_its_properties():
+    """opm's state converts the numbers of the deck it is built from to SI in place: it is built
+    from a copy, and the numbers read afterwards are still the deck's."""
+    deck = deck_module.read(deck_module.example_path("SPE3CASE1"))
+    names = ("PVTW", "PERMZ", "EQUIL", "ZCORN" if "ZCORN" in deck.keywords else "TOPS")
+    before = [deck.records(name) for name in names]
+    deck.cell_property("PERMZ")
+    for name, old in zip(names, before):
+        assert all(np.array_equal(a, b, equal_nan=True) for a, b in zip(old, deck.records(name))), name
+    assert deck.records("PVTW")[0][0] == 3427.6
 
 
 @needs_opm

@@ -22,7 +22,10 @@ LENGTH_TO_SI = {"FIELD": 0.3048, "METRIC": 1.0}
 
 
 # Per case: the cells Flow leaves out, the PVT regions of the others.
-CASE_CELLS = {"EDITED": (4, {1, 2}), "FAULTED": (1, {1}), "SPE1CASE1": (0, {1}), "SPE3CASE1": (8, {1})}
+CASE_CELLS = {"EDITED": (4, {1, 2}), "FAULTED": (1, {1}), "CROSSED": (1, {1}), "ENDPOINTS": (1, {1}),
+              "SPE1CASE1": (0, {1}), "SPE3CASE1": (8, {1})}
+# The end points that Flow writes to the INIT of a deck with ENDSCALE.
+END_POINTS = ("SWL", "SWCR", "SWU", "SGL", "SGCR", "SGU", "SOWCR", "SOGCR", "KRW", "KRO", "KRG")
 
 
 @pytest.mark.parametrize("flow_case", list(CASE_CELLS), indirect=True)
@@ -38,6 +41,24 @@ def test_the_deck_gives_the_numbers_flow_writes(flow_case):
         np.testing.assert_allclose(values[~inactive], written.compressed(), rtol=FLOAT32, atol=0, err_msg=name)
     assert np.all(ours["PORV"][inactive] == 0.0) and np.all(case.cell_property("PORV").data[inactive] == 0.0)
     assert set(ours["PVTNUM"][~inactive]) == regions
+
+
+@pytest.mark.parametrize("flow_case", list(CASE_CELLS), indirect=True)
+def test_region_numbers_and_end_points_are_those_flow_writes(flow_case):
+    """Every region array and end point of the INIT, whether the deck gives it, edits it or leaves
+    it to its default (ENDPOINTS gives every end point, edits some, and leaves the regions out)."""
+    case, deck = results.read(flow_case), deck_module.read(flow_case.with_suffix(".DATA"))
+    inactive = np.ma.getmaskarray(case.cell_property("PORV"))
+    written_names = case.property_names()
+    names = [name for name in (*deck_module.REGION_PROPERTIES, *END_POINTS) if name in written_names]
+    assert {"FIPNUM", "SATNUM", "EQLNUM"} <= set(names)
+    assert flow_case.name != "ENDPOINTS" or set(END_POINTS) <= set(names)
+    for name in names:
+        ours, written = deck.cell_property(name), case.cell_property(name)
+        assert ours.dtype == (np.int32 if name.endswith("NUM") else np.float64), name
+        np.testing.assert_allclose(ours[~inactive], written.compressed(), rtol=FLOAT32, atol=0, err_msg=name)
+        outside = deck.cell_property("ACTNUM") == 0
+        assert np.all(ours[outside] == 0) if ours.dtype == np.int32 else np.isnan(ours[outside]).all()
 
 
 def _random_corner_points(directory, origin=(0.0, 0.0), seed=3):
@@ -57,7 +78,7 @@ def _random_corner_points(directory, origin=(0.0, 0.0), seed=3):
     return path
 
 
-@pytest.mark.parametrize("name", ["EDITED", "FAULTED", "SPE1CASE1", "SPE3CASE1", "random"])
+@pytest.mark.parametrize("name", ["EDITED", "FAULTED", "CROSSED", "SPE1CASE1", "SPE3CASE1", "random"])
 def test_cell_volumes_and_depths_are_opm_s(name, tmp_path):
     path = (_random_corner_points(tmp_path) if name == "random" else DATA / f"{name}.DATA"
             if name in CASES and name not in EXAMPLES else deck_module.example_path(name))

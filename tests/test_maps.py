@@ -83,6 +83,13 @@ def test_column_map_weights_broadcast_and_edge_columns():
     assert kavra.column_map(np.zeros((2, 0, 3)), (3, 0, 2), "max").shape == (0, 3)
 
 
+@pytest.mark.parametrize("weights", [[1.0, -1.0], [-2.5, 2.5], [0.0, 0.0]])
+def test_a_weighted_mean_whose_weights_add_up_to_zero_is_nan(weights):
+    values = np.array([[[1.0, 2.0]], [[3.0, 4.0]]])
+    got = kavra.column_map(values, (2, 1, 2), "mean", weights=np.reshape(weights, (2, 1, 1)))
+    assert np.isnan(got.data).all() and not got.mask.any()
+
+
 ERRORS = [
     ({"reduce": "median"}, ValueError, "reduce must be one of"),
     ({"reduce": "max", "weights": 1.0}, ValueError, "weights apply to 'sum' and 'mean'"),
@@ -122,6 +129,9 @@ def test_region_totals_against_fsum():
     (np.ones((2, 3)), [1, 2, 2], [2.0, 4.0]),  # regions broadcast along the layers
     (np.int64([2**53, 1, 1]), 1, [2.0**53 + 2]),
     ([], np.int32([]), []),
+    ([], [], []),  # an empty list holds no region numbers, of whatever type
+    ([1.0, 2.0], np.ma.MaskedArray(np.int64([1, 2**40]), mask=[0, 1]), [1.0]),  # masked: not looked at
+    ([1.0, 2.0], np.ma.MaskedArray(np.int64([1, 2**31 - 1]), mask=[0, 1]), [1.0]),
 ])
 def test_region_totals_cases(values, regions, expected):
     np.testing.assert_array_equal(kavra.region_totals(values, regions), expected)
@@ -133,6 +143,12 @@ def test_region_totals_cases(values, regions, expected):
     (([1.0, 2.0], [1, 1, 1], None), ValueError, "do not broadcast"),
     (([1.0], [2**40], None), ValueError, "region numbers from"),
     ((["a"], [1], None), TypeError, "real numbers"),
+    (([1.0], [1], 2.0), TypeError, "count must be an integer .*got float"),
+    (([1.0], [1], True), TypeError, "count must be an integer .*got a bool"),
+    (([1.0], [1], -1), ValueError, "count must be at least 0"),
+    (([1.0], [2**31 - 1], None), ValueError, "region 2147483647 asks for 2147483647 totals, more than the 1 cells"),
+    (([1.0], [1], 2**31 - 1), ValueError, "count=2147483647 asks for 2147483647 totals"),
+    ((np.ones(4), [3, 2**24 + 1, 1, 1], None), ValueError, r"region 16777217 asks for .* \(2\*\*24\)"),
 ])
 def test_region_totals_refuses(arguments, error, words):
     values, regions, count = arguments

@@ -169,8 +169,9 @@ void MapPart(const Cells<T>& cells, std::ptrdiff_t first, std::ptrdiff_t last, d
         double value = 0.0;
         if (count > 0) {
             value = total[c];
-            if constexpr (R == Reduce::mean) // 0 / 0 = NaN: cells, but no weight
-                value = weighted ? total[c] / weight[c] : total[c] / double(count);
+            if constexpr (R == Reduce::mean) // NaN where the weights add up to 0 (x / 0 is an infinity)
+                value = !weighted ? total[c] / double(count)
+                        : weight[c] == 0.0 ? std::numeric_limits<double>::quiet_NaN() : total[c] / weight[c];
         }
         map[at] = value;
         empty[at] = count > 0 ? 0 : 1;

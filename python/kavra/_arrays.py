@@ -151,18 +151,7 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
 
     given_out, target, result, in_place = out, None, None, False
     if out is not None:
-        out_data = out.data if isinstance(out, np.ma.MaskedArray) else out
-        if not isinstance(out_data, np.ndarray):
-            raise TypeError(f"{function}: out must be a NumPy array, got {type(out).__name__}")
-        if out_data.shape != shape:
-            raise ValueError(f"{function}: out has the shape {out_data.shape}, the result {shape}")
-        if not out_data.flags.writeable:
-            raise ValueError(f"{function}: out is read-only")
-        if out_data.dtype.kind != "f":
-            raise TypeError(f"{function}: out must be an array of a real floating dtype, got {out_data.dtype}")
-        if isinstance(out, np.ma.MaskedArray) and out.hardmask:
-            raise ValueError(f"{function}: out has a hard mask, which the result's mask cannot replace "
-                             "(out.soften_mask() lets it)")
+        out_data = checked_out(function, out, shape)
         in_place = is_native_buffer(out_data, _FLOAT64) or (floats and is_native_buffer(out_data, _FLOAT32))
         if in_place:
             result = out_data.reshape(-1)
@@ -173,6 +162,24 @@ def prepare_cells(function: str, regions: tuple[str, Any] | None, inputs: list[t
         result = np.zeros(int(np.prod(shape))) if keep_out else np.empty(int(np.prod(shape)))
     from_out = target is not None and target.dtype == _FLOAT64 and keep_out
     return CellArrays(function, shape, region_buffer, buffers, result, target, given_out, mask, from_out)
+
+
+def checked_out(function: str, out: Any, shape: tuple[int, ...]) -> np.ndarray:
+    """The array that `out` (a NumPy array, masked or not) writes to; TypeError or ValueError, in
+    words, for one that cannot take a result of the given shape."""
+    out_data = out.data if isinstance(out, np.ma.MaskedArray) else out
+    if not isinstance(out_data, np.ndarray):
+        raise TypeError(f"{function}: out must be a NumPy array, got {type(out).__name__}")
+    if out_data.shape != shape:
+        raise ValueError(f"{function}: out has the shape {out_data.shape}, the result {shape}")
+    if not out_data.flags.writeable:
+        raise ValueError(f"{function}: out is read-only")
+    if out_data.dtype.kind != "f":
+        raise TypeError(f"{function}: out must be an array of a real floating dtype, got {out_data.dtype}")
+    if isinstance(out, np.ma.MaskedArray) and out.hardmask:
+        raise ValueError(f"{function}: out has a hard mask, which the result's mask cannot replace "
+                         "(out.soften_mask() lets it)")
+    return out_data
 
 
 def _converted(array: np.ndarray, shape: tuple[int, ...], dtype: np.dtype[Any] = np.dtype(np.float64)) -> Any:

@@ -45,6 +45,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
+from ._arrays import checked_out
 from ._calls import CALLS, calculate, checked
 from ._docs import filled
 from ._threads import resolve as _resolve_threads
@@ -462,7 +463,9 @@ def _per_cell(densities: NDArray[np.float64], column: int, pvtnum: Any, factor: 
 
 def _density(function: str, b: NDArray[np.float64], ratio: Any, own: NDArray[np.float64],
              other: NDArray[np.float64], out: Any, threads: int | None) -> Any:
-    """``b (own + ratio other)`` per cell, into `out` when given."""
+    """``b (own + ratio other)`` per cell, into `out` when given (its mask, if it has one, becomes
+    the result's)."""
+    target = None if out is None else checked_out(function, out, np.shape(b))
     flat = np.ascontiguousarray(b, dtype=np.float64).reshape(-1)
     r = np.ascontiguousarray(np.broadcast_to(np.asarray(ratio, dtype=np.float64), np.shape(b))).reshape(-1) \
         if np.ndim(ratio) else np.array([float(ratio)])
@@ -471,8 +474,11 @@ def _density(function: str, b: NDArray[np.float64], ratio: Any, own: NDArray[np.
     _engine.calculate("density_from_b", None, None, (flat, r, own, other), result, (function, "DENSITY", np.shape(b)),
                       _resolve_threads(threads))
     value = result.reshape(np.shape(b))
-    if out is not None:
-        np.copyto(out, value, casting="same_kind")
+    if target is not None:
+        np.copyto(target, value, casting="same_kind")
+        if isinstance(out, np.ma.MaskedArray):
+            out.mask = mask
+            return out
         value = out
     return np.ma.MaskedArray(value, mask=mask) if mask is not np.ma.nomask else value
 

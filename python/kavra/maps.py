@@ -26,6 +26,7 @@ __all__ = ["column_map", "region_totals"]
 Reduce = Literal["sum", "mean", "max", "min"]
 _REDUCES = ("sum", "mean", "max", "min")
 _INT32 = np.iinfo(np.int32)
+_MOST_REGIONS = 2**24  # totals beyond the number of cells
 
 
 def _floats(function: str, name: str, data: np.ndarray) -> np.ndarray:
@@ -137,10 +138,15 @@ def column_map(values: ArrayLike, grid: Grid, reduce: Reduce = "sum", *, weights
     return np.ma.MaskedArray(result, mask=empty)
 
 
-def _region_numbers(function: str, regions: np.ndarray) -> np.ndarray:
-    """Region numbers as int32; ValueError for numbers int32 does not hold."""
+def _region_numbers(function: str, regions: np.ndarray, masked: np.ndarray | None = None) -> np.ndarray:
+    """Region numbers as int32 (0 where `masked`, which takes no part); ValueError for numbers
+    int32 does not hold among the others.  An empty array of any real type (``[]``) holds none."""
+    if regions.size == 0 and regions.dtype.kind in "biuf":
+        return regions.astype(np.int32)
     if regions.dtype.kind not in "iu":
         raise TypeError(f"{function}: regions must be integers (FIPNUM), got {regions.dtype}")
+    if masked is not None:
+        regions = np.where(masked, regions.dtype.type(0), regions)
     if regions.dtype.itemsize > 4 or regions.dtype == np.uint32:
         if regions.size and (regions.min() < _INT32.min or regions.max() > _INT32.max):
             raise ValueError(f"{function}: region numbers from {_INT32.min} to {_INT32.max} are taken, got "
@@ -166,7 +172,9 @@ def region_totals(values: ArrayLike, regions: ArrayLike, *, count: int | None = 
         Region number per cell, from 1 (FIPNUM); broadcast against ``values`` (one number
         for all cells gives the field total).  Cells numbered 0 or below, or masked, take no part.
     count : int, optional
-        Number of regions: the result's length (default: the largest region number).
+        Number of regions: the result's length (default: the largest region number).  At most
+        the number of cells or 2**24, whichever is larger: a longer result would be mostly
+        regions without cells.
     %(threads)s
 
     Returns
@@ -179,11 +187,12 @@ def region_totals(values: ArrayLike, regions: ArrayLike, *, count: int | None = 
     Raises
     ------
     TypeError
-        Values that do not hold real numbers; regions that are not integers; ``count`` or
-        ``threads`` that is not an integer.
+        Values that do not hold real numbers; regions that are not integers (an empty list is
+        taken as no regions); ``count`` or ``threads`` that is not an integer (a bool is not).
     ValueError
         Shapes that do not broadcast together; a region number above ``count``, or outside
-        int32; ``count`` or ``threads`` below 0 and 1.
+        int32 (masked cells are not looked at); ``count`` or ``threads`` below 0 and 1; a
+        ``count``, or a largest region number, above both the number of cells and 2**24.
 
     Examples
     --------
@@ -197,10 +206,19 @@ def region_totals(values: ArrayLike, regions: ArrayLike, *, count: int | None = 
     """
     function = "region_totals"
     threads = _resolve_threads(threads)
+    if count is not None:
+        if isinstance(count, (bool, np.bool_)):
+            raise TypeError(f"{function}: count must be an integer (the number of regions), got a bool")
+        try:
+            count = operator.index(count)
+        except TypeError:
+            raise TypeError(f"{function}: count must be an integer (the number of regions), got "
+                            f"{type(count).__name__}") from None
+        if count < 0:
+            raise ValueError(f"{function}: count must be at least 0, got {count}")
     data, data_mask = split_mask(values)
     numbers, numbers_mask = split_mask(regions)
     data = _floats(function, "values", data)
-    numbers = _region_numbers(function, numbers)
     try:
         shape = np.broadcast_shapes(data.shape, numbers.shape)
     except ValueError:
@@ -210,20 +228,20 @@ def region_totals(values: ArrayLike, regions: ArrayLike, *, count: int | None = 
         data = np.broadcast_to(data, shape)
     masks = [np.broadcast_to(m, shape) for m in (data_mask, numbers_mask) if m is not None]
     if numbers.size == 1 and not masks:
-        numbers = numbers.reshape(1)  # one region for every cell: read as one number
+        numbers = _region_numbers(function, numbers).reshape(1)  # one region for every cell: read as one number
     else:
-        numbers = np.broadcast_to(numbers, shape)
-        if masks:
-            numbers = np.where(np.logical_or.reduce(masks), np.int32(0), numbers)
+        numbers = _region_numbers(function, np.broadcast_to(numbers, shape),
+                                  np.logical_or.reduce(masks) if masks else None)
     largest = int(numbers.max()) if numbers.size else 0
     if count is None:
         count = max(largest, 0)
-    else:
-        count = operator.index(count)
-        if count < 0:
-            raise ValueError(f"{function}: count must be at least 0, got {count}")
-        if largest > count:
-            raise ValueError(f"{function}: region {largest} is above count={count}")
+    elif largest > count:
+        raise ValueError(f"{function}: region {largest} is above count={count}")
+    cells = int(np.prod(shape))
+    if count > max(cells, _MOST_REGIONS):
+        what = f"count={count}" if count != largest else f"region {largest}"
+        raise ValueError(f"{function}: {what} asks for {count} totals, more than the {cells} cells and than "
+                         f"{_MOST_REGIONS} (2**24): most would be regions without cells")
     totals = np.zeros(count, dtype=np.float64)
     if count and data.size:
         _engine.region_totals(np.ascontiguousarray(data).reshape(-1), np.ascontiguousarray(numbers).reshape(-1),

@@ -62,7 +62,7 @@ from ._includes import Includes as _Includes
 from ._includes import check_file as _check_file
 from ._includes import check_text as _check_text
 from ._includes import deck_file as _deck_file
-from ._opm import DeckError
+from ._opm import DEFAULTS, REGION_PROPERTIES, DeckError
 from ._opm import ParseContext as _ParseContext
 from ._opm import Parser as _Parser
 from ._opm import action as _action
@@ -79,15 +79,11 @@ from ._tables import BUILDERS as _BUILDERS
 DeckError.__module__ = __name__  # kavra.deck.DeckError, where callers catch it
 
 __all__ = ["Deck", "DeckError", "Equilibration", "read", "example_path", "EXAMPLES", "MAX_INCLUDE_DEPTH",
-           "MAX_INCLUDES"]
+           "MAX_INCLUDES", "REGION_PROPERTIES"]
 
 #: The decks shipped with kavra (public SPE test decks, each with its license header), for
 #: :func:`example_path`.
 EXAMPLES: tuple[str, ...] = ("SPE1CASE1", "SPE3CASE1")
-
-#: Grid properties that a simulator fills in when the deck leaves them out.
-DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "PVTNUM": (1, np.int32),
-                                         "ACTNUM": (1, np.int32)}
 
 # Keywords that change grid properties after they are given.  opm applies them on a deck with
 # a grid; on a deck without one (no COORD and ZCORN, no DX, DY, DZ and TOPS) there is nothing
@@ -178,9 +174,8 @@ class Deck(_OpmState, _DeckUnits):
     density: DENSITY | None
 
     def __init__(self, parsed: Any, grid: tessel.ReservoirTopology | Grid, units: str,
-                 tables: dict[str, Any], parse: Callable[[], Any] | None = None) -> None:
+                 tables: dict[str, Any]) -> None:
         self._parsed = parsed
-        self._parse = parse  # a new parse of the deck, for opm's state (which changes the deck it is given)
         self.grid = grid
         self.units = units
         self.pvto, self.pvtg = tables["PVTO"], tables["PVTG"]
@@ -188,6 +183,7 @@ class Deck(_OpmState, _DeckUnits):
         self.pvtw, self.rock = tables["PVTW"], tables["ROCK"]
         self.density = tables["DENSITY"]
         self._state: Any = None
+        self._marker = ""  # the integer property that numbers the cells in opm's state
         self._known: dict[str, Any] = {}  # what is worked out once: the geometry, the active cells
 
     def __repr__(self) -> str:
@@ -263,10 +259,14 @@ class Deck(_OpmState, _DeckUnits):
             as written (opm refuses edits of them); of corner-point cells, DX (DY) is the
             horizontal distance between the centres of the cell's I (J) faces and DZ the
             vertical one between its top and bottom, as Flow writes them.  COORD and ZCORN
-            are their pillars and corner depths, in the deck's order.  On a deck without a grid: the numbers
-            as written.  NTG, PVTNUM and ACTNUM that the deck leaves out are 1 in every
-            cell.  TOPS given for the upper layers only is continued downwards with DZ,
-            layer by layer, as a simulator does.
+            are their pillars and corner depths, in the deck's order.  End points of
+            ENDSCALE (SWL, SWCR, SGU, KRW, PCW, ..., and their X, Y, Z forms) are those the
+            deck gives, edits applied.  On a deck without a grid: the numbers as written.
+            ACTNUM, NTG, MULTPV and the region numbers of :data:`REGION_PROPERTIES` (FIPNUM,
+            SATNUM, EQLNUM, ...) that the deck leaves out are 1, in every cell the simulator
+            keeps (in every cell on a deck without a grid), as Flow writes them.  TOPS given
+            for the upper layers only is continued downwards with DZ, layer by layer, as a
+            simulator does.
 
         Raises
         ------
@@ -325,8 +325,11 @@ class Deck(_OpmState, _DeckUnits):
 
         Corner-point cells (COORD and ZCORN) are the trilinear hexahedra through their eight
         corners, faces that are not planar included, as the simulator takes them; the
-        volumes are computed natively, on kavra's threads.  Block-centred cells are DX * DY
-        * DZ.
+        volumes are computed natively, on kavra's threads.  As the simulator does, the
+        corner depths of each pillar are first made to run downwards, each at least the one
+        above it: a top corner below its cell's bottom corner takes that bottom down with it,
+        and a layer that overlaps the one above starts at that layer's bottom (ZCORN itself,
+        from :meth:`cell_property`, stays as written).  Block-centred cells are DX * DY * DZ.
 
         Returns
         -------
@@ -347,8 +350,9 @@ class Deck(_OpmState, _DeckUnits):
         return volumes
 
     def cell_depths(self) -> NDArray[np.float64]:
-        """The depth of every cell's centre (the mean depth of its eight corners, as the
-        simulator takes it), in the deck's length unit.
+        """The depth of every cell's centre (the mean depth of its eight corners, taken
+        downwards along each pillar as in :meth:`cell_volumes`, as the simulator takes it), in
+        the deck's length unit.
 
         Returns
         -------
@@ -495,6 +499,12 @@ class Deck(_OpmState, _DeckUnits):
             for name, numbers, expected in (("COORD", coord, 6 * (g.nI + 1) * (g.nJ + 1)), ("ZCORN", zcorn, 8 * n)):
                 if len(numbers) != expected:
                     raise DeckError(f"{name} holds {len(numbers)} numbers; the grid of DIMENS needs {expected}")
+            # The simulator takes the corners of each pillar downwards: each corner depth at least
+            # the one above it (the cell's top, or the bottom of the cell above).  A cell whose top
+            # corner lies below its bottom corner keeps its top there, and its bottom moves down
+            # to it; a layer that overlaps the one above it starts at that layer's bottom.
+            columns = zcorn.reshape(2 * g.nK, -1)
+            np.maximum.accumulate(columns, axis=0, out=columns)
             geometry = {name: np.empty(n) for name in ("volumes", "depths", "dx", "dy", "dz")}
             _engine.cell_geometry(g.nI, g.nJ, g.nK, coord, zcorn, tuple(geometry.values()), _threads(None))
         else:
@@ -556,8 +566,9 @@ def read(source: str | os.PathLike[str]) -> Deck:
     Raises
     ------
     DeckError
-        The deck or a file it includes is not deck text (control characters, braces outside
-        quotes and comments), INCLUDE files include each other in a cycle or nest deeper than
+        The deck or a file it includes is not deck text (control characters), has braces
+        with a colon between them outside quotes and comments (opm's messages would take them
+        for a field of a format), INCLUDE files include each other in a cycle or nest deeper than
         MAX_INCLUDE_DEPTH (more than MAX_INCLUDES in all), an INCLUDE names a directory or a
         missing file, opm cannot parse the deck (its message names the keyword and the
         record), DIMENS leaves a size to its default, or a table cannot be taken as written:
@@ -575,7 +586,8 @@ def read(source: str | os.PathLike[str]) -> Deck:
     -----
     Numbers of tables and records are the deck's own, never converted (opm's
     ``DeckItem.get_raw_data_list``).  opm's state of the grid and its properties is built
-    when a property or the geometry is first asked for, from a parse of its own.
+    when a property is first asked for, from a copy of the deck read: nothing is parsed
+    twice.
     Records of PVTO and PVTG are kept in deck order: the saturated point first, then the
     undersaturated rows.  A value left to its default is refused in a table, except PVTW
     viscosibility and ROCK compressibility, whose default is zero.
@@ -606,23 +618,24 @@ def read(source: str | os.PathLike[str]) -> Deck:
     text = isinstance(source, str) and ("\n" in source or "\r" in source)
     if text:
         where, root = "the deck text", pathlib.Path.cwd()
-        _check_text(str(source), where, (), _Includes(root))
+        includes = _Includes(root)
+        _check_text(str(source), where, (), includes)
     else:
         path = _deck_file(source)
         where, root = str(path), path.parent
-        _check_file(path, "", (), _Includes(root))
+        includes = _Includes(root)
+        _check_file(path, "", (), includes)
     # opm's default for a missing INCLUDE file is to end the process: ask it to raise.
     context = _ParseContext([("PARSE_MISSING_INCLUDE", _action.throw)])
 
-    def parse() -> Any:
-        return _Parser().parse_string(source, context) if text else _Parser().parse(where, context)
-
     try:
-        parsed = parse()
+        parsed = _Parser().parse_string(source, context) if text else _Parser().parse(where, context)
     except UnicodeDecodeError as error:  # opm's message quoting bytes that are not UTF-8
         raise DeckError(f"opm cannot parse {where}: it holds bytes that are not UTF-8 text") from error
     except (RuntimeError, ValueError, IndexError) as error:
-        raise DeckError(f"opm cannot parse {where}: {error}") from error
+        note = (" (the deck has braces outside quotes, which opm's messages take for fields of their own: "
+                "filled in, or refused as a format)") if includes.braces else ""
+        raise DeckError(f"opm cannot parse {where}: {error}{note}") from error
 
     units = _units(parsed)
     grid = _grid(parsed)
@@ -638,7 +651,7 @@ def read(source: str | os.PathLike[str]) -> Deck:
                 raise
             except ValueError as error:  # a record the table class refuses: it names it
                 raise DeckError(str(error)) from error
-    return Deck(parsed, grid, units, tables, parse)
+    return Deck(parsed, grid, units, tables)
 
 
 def _keyword_name(name: Any, method: str) -> str:

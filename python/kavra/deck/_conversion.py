@@ -8,6 +8,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
+from ._opm import DeckError
 from ._opm import Parser as _Parser
 from ._opm import array_item as _array_item
 
@@ -48,7 +49,12 @@ class DeckUnits:
 def si_factor(units: str, name: str) -> float:
     """What opm multiplies a number of keyword `name` in unit system `units` by to have it in SI
     (1 for a number without a unit), from a deck of that keyword alone."""
-    probe = _Parser().parse_string(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nGRID\n{name}\n 1 /\n")
+    # With the three phases and ENDSCALE: the parser refuses an end point without them.
+    try:
+        probe = _Parser().parse_string(f"RUNSPEC\nDIMENS\n 1 1 1 /\n{units}\nOIL\nWATER\nGAS\nENDSCALE\n/\n"
+                                       f"GRID\n{name}\n 1 /\n")
+    except (RuntimeError, ValueError) as error:
+        raise DeckError(f"kavra cannot tell the unit of {name}: {error}") from error
     item = _array_item(probe[name], name)
     if item.is_int():
         return 1.0

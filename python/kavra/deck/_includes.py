@@ -48,11 +48,16 @@ class Includes:
         self.root = root
         self.aliases: dict[str, str] = {}
         self.count = 0
+        self.braces = False  # whether a { or } stands outside quotes
 
 
 # Characters that no deck holds: control characters (tab, line and page breaks aside).
 _NOT_TEXT = re.compile(r"[\x00-\x08\x0b\x0e-\x1f\x7f]")
 _QUOTED = re.compile(r"'[^']*'|\"[^\"]*\"")
+# Braces are deck text (in a title, a well name), but opm's parser puts a line it cannot read as
+# a keyword into the format of its message, where a pair of braces with a colon in it is a field
+# whose width ('{:>2000000000}') has opm write that many characters.
+_FORMAT_FIELD = re.compile(r"\{[^{}]*:[^{}]*\}")
 _TOKEN = re.compile(r"'([^']*)'|\"([^\"]*)\"|([^\s'\"]+)")
 
 
@@ -97,13 +102,20 @@ def check_file(path: pathlib.Path, at: str, chain: tuple[pathlib.Path, ...], inc
 def check_text(text: str, where: str, chain: tuple[pathlib.Path, ...], includes: Includes) -> None:
     """DeckError for what opm would choke on, hang on or end the process for, in `text` or in
     the files it includes: characters that are not deck text (opm's parser formats them into
-    its own messages), INCLUDE cycles and directories.  Only what is certain is refused; the
-    rest is left to opm."""
+    its own messages), braces outside quotes that its messages would take for a field with a
+    width, INCLUDE cycles and directories.  Only what is certain is refused; the rest is left
+    to opm."""
     lines = _lines(text)
     for number, line in lines:
-        bad = _NOT_TEXT.search(line) or re.search(r"[{}]", _QUOTED.sub("", line))
+        bad = _NOT_TEXT.search(line)
         if bad:
             raise DeckError(f"{where}, line {number}: {bad.group()!r} is not deck text; is this a deck file?")
+        unquoted = _QUOTED.sub("", line)
+        field = _FORMAT_FIELD.search(unquoted)
+        if field:
+            raise DeckError(f"{where}, line {number}: opm's messages would take {field.group()!r} for a field of "
+                            f"their own; put it in quotes")
+        includes.braces = includes.braces or "{" in unquoted or "}" in unquoted
         keyword = line.split()[0] if line.split() else ""
         if keyword not in ("INCLUDE", "PATHS"):
             continue

@@ -7,7 +7,6 @@ This is the module of :mod:`kavra.deck` whose private names the others import: o
 
 from __future__ import annotations
 
-from collections.abc import Callable
 from typing import TYPE_CHECKING, Any
 
 import numpy as np
@@ -31,8 +30,18 @@ except ImportError as _error:  # the optional extra is not installed
         "pip install 'kavra[deck]' (or pip install opm)") from _error
 
 # What the other modules of kavra.deck take from here.
-__all__ = ["DeckError", "OpmState", "ParseContext", "Parser", "action", "array_item",
+__all__ = ["DEFAULTS", "REGION_PROPERTIES", "DeckError", "OpmState", "ParseContext", "Parser", "action", "array_item",
            "defaulted", "defaulted_slots", "grid", "pvt_regions", "record_values", "units"]
+
+#: Region numbers that the simulator takes as 1 in every cell when the deck leaves them out.
+REGION_PROPERTIES: tuple[str, ...] = (
+    "PVTNUM", "SATNUM", "IMBNUM", "EQLNUM", "FIPNUM", "ENDNUM", "ROCKNUM", "MULTNUM", "FLUXNUM", "OPERNUM",
+    "MISCNUM", "KRNUMX", "KRNUMY", "KRNUMZ", "IMBNUMX", "IMBNUMY", "IMBNUMZ")
+
+#: Grid properties that a simulator fills in when the deck leaves them out.
+DEFAULTS: dict[str, tuple[Any, type]] = {"NTG": (1.0, np.float64), "MULTPV": (1.0, np.float64),
+                                         "ACTNUM": (1, np.int32),
+                                         **{name: (1, np.int32) for name in REGION_PROPERTIES}}
 
 _SECTIONS = ("EDIT", "PROPS", "REGIONS", "SOLUTION", "SUMMARY", "SCHEDULE")  # the sections after GRID
 
@@ -48,8 +57,8 @@ class OpmState:
     grid: tessel.ReservoirTopology | Grid
     units: str
     _parsed: Any
-    _parse: Callable[[], Any] | None
     _state: Any
+    _marker: str  # the integer property that numbers the cells in opm's state
     _known: dict[str, Any]
 
     if TYPE_CHECKING:  # Deck's own, and those of kavra.deck._conversion.DeckUnits
@@ -62,17 +71,19 @@ class OpmState:
         """opm's EclipseState of the deck: the grid and the grid properties with every edit
         applied, in SI units, over the cells it keeps.
 
-        Built from a parse of its own (opm changes the numbers of the deck it builds the state
-        from), with a marker at the end of the GRID section: an integer property no other
-        keyword of the deck reads, holding each cell's number from 1, whose values in the
-        state name the cells that opm kept."""
+        Built from a copy of the deck read (opm's Deck.add copies a keyword): building the
+        state converts the numbers of the deck it is given to SI in place, and the deck read
+        keeps its numbers as written.  The copy has a marker at the end of the GRID section:
+        an integer property no other keyword of the deck reads, holding each cell's number
+        from 1, whose values in the state name the cells that opm kept (opm hands out a
+        property over those cells only, without saying which they are)."""
         if self._state is None:
             g = self.grid
-            marker = self._marker()
+            marker = self._free_marker()
             numbers = " ".join(map(str, range(1, g.number_of_cells() + 1)))
             marked = Parser().parse_string(f"RUNSPEC\nDIMENS\n {g.nI} {g.nJ} {g.nK} /\nGRID\n{marker}\n{numbers} /\n")
             deck, placed, in_grid = Parser().parse_string(""), False, False
-            for keyword in (self._parse() if self._parse else self._parsed):
+            for keyword in self._parsed:
                 if keyword.name in _SECTIONS and in_grid and not placed:
                     deck.add(marked[marker])
                     placed = True
@@ -87,9 +98,10 @@ class OpmState:
             kept = np.asarray(self._state.field_props().get_int_array(marker), dtype=np.int64) - 1
             self._known["input_active"] = np.zeros(g.number_of_cells(), dtype=bool)
             self._known["input_active"][kept] = True
+            self._marker = marker
         return self._state
 
-    def _marker(self) -> str:
+    def _free_marker(self) -> str:
         """An integer property that no keyword of the deck reads: the deck has no such keyword,
         no region operation names its region array, no OPERATER reads OPERNUM."""
         regional = [str(k).replace("'", " ").split() for k in self._parsed
@@ -111,14 +123,19 @@ class OpmState:
         properties = self._opm_state().field_props()
         values: NDArray[Any] | None = None
         for get, dtype in ((properties.get_double_array, np.float64), (properties.get_int_array, np.int32)):
+            if name == self._marker:  # the cell numbers kavra put in; the deck has no such keyword
+                break
             try:
                 values = np.asarray(get(name), dtype=dtype)
                 break
             except (ValueError, RuntimeError, KeyError, IndexError):  # not a property of that type
                 continue
-        if values is None:
-            return self._as_written(name)  # a default, a KeyError or a DeckError in words
         active = self._input_active()
+        if values is None and name in DEFAULTS and name not in self._parsed:
+            default, kind = DEFAULTS[name]
+            values = np.full(int(active.sum()), default, dtype=kind)
+        if values is None:
+            return self._as_written(name)  # a KeyError or a DeckError in words
         if values.dtype == np.float64:
             values = self._deck_units(name, values, active)
         full = np.full(self.grid.number_of_cells(), np.nan if values.dtype == np.float64 else 0, dtype=values.dtype)
