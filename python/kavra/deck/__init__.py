@@ -37,7 +37,6 @@ from __future__ import annotations
 
 import os
 import pathlib
-from collections.abc import Callable
 from typing import TYPE_CHECKING, Any, NamedTuple
 
 import numpy as np
