@@ -1,0 +1,358 @@
+#include "core/satfunc/SatFunc.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+
+#include "core/utils/ParallelFor.h"
+
+namespace kavra {
+namespace satfunc {
+
+double Curve::At(double s) const
+{
+    const std::size_t n = x.size();
+    if (n == 1 || s <= x[0])
+        return y[0];
+    if (s >= x[n - 1])
+        return y[n - 1];
+    std::size_t lo = 0, hi = n - 1; // x[lo] <= s < x[hi], or s is NaN
+    while (hi - lo > 1) {
+        const std::size_t mid = (lo + hi) / 2;
+        (s >= x[mid] ? lo : hi) = mid;
+    }
+    return y[lo] + (s - x[lo]) * ((y[lo + 1] - y[lo]) / (x[lo + 1] - x[lo]));
+}
+
+double Curve::Max() const { return *std::max_element(y.begin(), y.end()); }
+
+namespace {
+
+// The node after the leading run of zero values, less one: the last node
+// where the curve is still 0 from its start (0 where the first is not 0).
+std::size_t LastLeadingZero(const Curve& c)
+{
+    std::size_t i = 0;
+    while (i + 1 < c.y.size() && c.y[i + 1] == 0.0)
+        ++i;
+    return i;
+}
+
+// The first node of the trailing run of zero values (the last node where
+// the last value is not 0).
+std::size_t FirstTrailingZero(const Curve& c)
+{
+    std::size_t i = c.y.size() - 1;
+    while (i > 0 && c.y[i - 1] == 0.0)
+        --i;
+    return i;
+}
+
+} // namespace
+
+void Region::FindEndPoints()
+{
+    double* e = ends;
+    e[SWL] = krw.x.front();
+    e[SWU] = krw.x.back();
+    e[SWCR] = krw.x[LastLeadingZero(krw)];
+    e[SGL] = krg.x.front();
+    e[SGU] = krg.x.back();
+    e[SGCR] = krg.x[LastLeadingZero(krg)];
+    e[SOWCR] = 1.0 - krow.x[FirstTrailingZero(krow)];
+    e[SOGCR] = 1.0 - krog.x[FirstTrailingZero(krog)] - e[SWL];
+    e[KRW] = krw.y.back();
+    e[KRWR] = krw.At(1.0 - e[SOWCR] - e[SGL]);
+    e[KRO] = krow.At(e[SWL]);
+    e[KRORW] = krow.At(e[SWCR]);
+    e[KRORG] = krog.At(e[SGCR]);
+    e[KRG] = krg.y.back();
+    e[KRGR] = krg.At(1.0 - e[SOGCR] - e[SWL]);
+    e[PCW] = pcow.At(e[SWL]);
+    e[PCG] = pcog.At(e[SGU]);
+}
+
+std::string WrongRegion::What() const
+{
+    return "cell " + std::to_string(cell) + " has SATNUM " + std::to_string(region) + ", outside 1.." +
+           std::to_string(regions);
+}
+
+namespace {
+
+struct RegionFailure : std::out_of_range
+{
+    WrongRegion facts;
+    explicit RegionFailure(const WrongRegion& w) : std::out_of_range(w.What()), facts(w) {}
+};
+
+const std::uint64_t chunk = 1 << 14;
+
+// s moved from the span [c0, c1] of the cell onto [t0, t1] of the table
+// (linear, beyond both ends too); an empty span of the cell takes s below it
+// to t0 and the rest to t1.
+inline double Map(double s, double c0, double c1, double t0, double t1)
+{
+    if (!(c1 > c0))
+        return s < c0 ? t0 : t1;
+    return t0 + (s - c0) * ((t1 - t0) / (c1 - c0));
+}
+
+// Through three points: [c0, c1] onto [t0, t1], from c1 on [c1, c2] onto [t1, t2].
+inline double Map3(double s, double c0, double c1, double c2, double t0, double t1, double t2)
+{
+    return s < c1 ? Map(s, c0, c1, t0, t1) : Map(s, c1, c2, t1, t2);
+}
+
+// A value k of the table at its saturation st, vertically scaled: by the
+// cell's maximum over the table's; with a residual value (at the table's
+// residual saturation tr, below which the curve rises from 0), the part up
+// to tr by the residual values' ratio and the rest linear between the
+// residual value and the maximum.
+inline double Ratio(double k, double cell, double table) { return table != 0.0 ? k * (cell / table) : 0.0; }
+
+inline double Vertical(double k, double st, double tr, bool residual, double cellMax, double tableMax,
+                       double cellR, double tableR)
+{
+    if (!residual)
+        return Ratio(k, cellMax, tableMax);
+    if (st <= tr)
+        return Ratio(k, cellR, tableR);
+    if (tableMax == tableR)
+        return cellR;
+    return cellR + (k - tableR) * ((cellMax - cellR) / (tableMax - tableR));
+}
+
+// The cell's end points: its own where its arrays have them, else its region's.
+struct Ends
+{
+    double v[END_POINTS];
+};
+
+inline void CellEnds(const Region& region, const Scaling& scaling, std::uint64_t h, Ends& e)
+{
+    for (int i = 0; i < END_POINTS; ++i)
+        e.v[i] = scaling.cell[i] ? scaling.cell[i][h] : region.ends[i];
+}
+
+// The cell's region; null for region 0 (a cell the simulator does not hold).
+inline const Region* RegionOf(const Functions& f, const int* satnum, std::uint64_t h)
+{
+    const int r = satnum[h];
+    if (r == 0)
+        return nullptr;
+    if (r < 0 || static_cast<std::size_t>(r) > f.regions.size())
+        throw RegionFailure(WrongRegion{h, r, f.regions.size()});
+    return &f.regions[static_cast<std::size_t>(r) - 1];
+}
+
+const double nan = std::numeric_limits<double>::quiet_NaN();
+
+// krw, krow, krog, krg of a cell at (sw, sg) with its end points e over
+// the table's t (the same pointer when the cell does not scale).
+struct TwoPhase
+{
+    double krw, krow, krog, krg, swco;
+};
+
+inline TwoPhase TwoPhaseValues(const Region& r, const Scaling& sc, const double* t, const double* e, double sw,
+                               double sg)
+{
+    const bool h = sc.horizontal, three = sc.threePoint;
+    TwoPhase out;
+    out.swco = e[SWL];
+    const double swEff = std::max(sw, e[SWL]);
+    // water
+    double st = sw;
+    if (h)
+        st = three ? Map3(sw, e[SWCR], 1.0 - e[SOWCR] - e[SGL], e[SWU], t[SWCR], 1.0 - t[SOWCR] - t[SGL], t[SWU])
+                   : Map(sw, e[SWCR], e[SWU], t[SWCR], t[SWU]);
+    out.krw = r.krw.At(st);
+    if (sc.cell[KRW] || sc.cell[KRWR])
+        out.krw = Vertical(out.krw, st, 1.0 - t[SOWCR] - t[SGL], sc.cell[KRWR] != nullptr, e[KRW], t[KRW], e[KRWR],
+                           t[KRWR]);
+    // gas
+    double gt = sg;
+    if (h)
+        gt = three ? Map3(sg, e[SGCR], 1.0 - e[SOGCR] - e[SWL], e[SGU], t[SGCR], 1.0 - t[SOGCR] - t[SWL], t[SGU])
+                   : Map(sg, e[SGCR], e[SGU], t[SGCR], t[SGU]);
+    out.krg = r.krg.At(gt);
+    if (sc.cell[KRG] || sc.cell[KRGR])
+        out.krg = Vertical(out.krg, gt, 1.0 - t[SOGCR] - t[SWL], sc.cell[KRGR] != nullptr, e[KRG], t[KRG], e[KRGR],
+                           t[KRGR]);
+    // oil against water, at the cell's oil saturation 1 - Sw - Sg
+    const double so = 1.0 - swEff - sg;
+    double sot = so;
+    if (h)
+        sot = three ? Map3(so, e[SOWCR], 1.0 - e[SWCR] - e[SGL], 1.0 - e[SWL] - e[SGL], t[SOWCR],
+                           1.0 - t[SWCR] - t[SGL], 1.0 - t[SWL] - t[SGL])
+                    : Map(so, e[SOWCR], 1.0 - e[SWL] - e[SGL], t[SOWCR], 1.0 - t[SWL] - t[SGL]);
+    out.krow = r.krow.At(h ? 1.0 - sot : swEff + sg);
+    if (sc.cell[KRO] || sc.cell[KRORW])
+        out.krow = Vertical(out.krow, sot, 1.0 - t[SWCR] - t[SGL], sc.cell[KRORW] != nullptr, e[KRO], t[KRO],
+                            e[KRORW], t[KRORW]);
+    // oil against gas
+    double sog = so;
+    if (h)
+        sog = three ? Map3(so, e[SOGCR], 1.0 - e[SGCR] - e[SWL], 1.0 - e[SWL] - e[SGL], t[SOGCR],
+                           1.0 - t[SGCR] - t[SWL], 1.0 - t[SWL] - t[SGL])
+                    : Map(so, e[SOGCR], 1.0 - e[SWL] - e[SGL], t[SOGCR], 1.0 - t[SWL] - t[SGL]);
+    out.krog = r.krog.At(h ? 1.0 - sog - t[SWL] : sg + swEff - e[SWL]);
+    if (sc.cell[KRO] || sc.cell[KRORG])
+        out.krog = Vertical(out.krog, sog, 1.0 - t[SGCR] - t[SWL], sc.cell[KRORG] != nullptr, e[KRO], t[KRO],
+                            e[KRORG], t[KRORG]);
+    return out;
+}
+
+inline double OilDefault(const TwoPhase& k, double sw, double sg)
+{
+    const double wd = std::max(sw, k.swco) - k.swco;
+    const double den = sg + wd;
+    return den > 0.0 ? (sg * k.krog + wd * k.krow) / den : k.krow;
+}
+
+// Stone's second model, normalised by krow at connate water (krocw).
+inline double OilStone2(const TwoPhase& k, double krocw)
+{
+    if (krocw == 0.0)
+        return 0.0;
+    const double v = krocw * ((k.krow / krocw + k.krw) * (k.krog / krocw + k.krg) - (k.krw + k.krg));
+    return std::max(v, 0.0);
+}
+
+// Stone's first model with the minimum oil saturation Som the smaller of
+// the residual oils to water and to gas.
+inline double OilStone1(const TwoPhase& k, double krocw, const double* e, double sw, double sg)
+{
+    if (krocw == 0.0)
+        return 0.0;
+    const double swco = e[SWL];
+    const double som = std::min(e[SOWCR], e[SOGCR]);
+    const double span = 1.0 - swco - som;
+    const double so = 1.0 - sw - sg;
+    if (!(span > 0.0) || so <= som)
+        return 0.0;
+    const double soStar = (so - som) / span;
+    const double swStar = std::max(sw - swco, 0.0) / span;
+    const double sgStar = sg / span;
+    const double d = (1.0 - swStar) * (1.0 - sgStar);
+    if (!(d > 0.0))
+        return 0.0;
+    return std::max(0.0, soStar * (k.krow / krocw) * (k.krog / krocw) * krocw / d);
+}
+
+bool Scales(const Scaling& sc)
+{
+    if (sc.horizontal)
+        return true;
+    for (int i = 0; i < END_POINTS; ++i)
+        if (sc.cell[i])
+            return true;
+    return false;
+}
+
+} // namespace
+
+template <class T>
+void RelPerm(const Functions& f, const Scaling& sc, const int* satnum, const T* sw, const T* sg, std::uint64_t n,
+             double* krw, double* kro, double* krg, unsigned threads)
+{
+    const bool scales = Scales(sc);
+    ParallelChunks(n, chunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
+        Ends own;
+        for (std::uint64_t h = begin; h < end; ++h) {
+            const Region* region = RegionOf(f, satnum, h);
+            if (!region) {
+                for (double* out : {krw, kro, krg})
+                    if (out)
+                        out[h] = nan;
+                continue;
+            }
+            const Region& r = *region;
+            const double* e = r.ends;
+            if (scales) {
+                CellEnds(r, sc, h, own);
+                e = own.v;
+            }
+            const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);
+            const TwoPhase k = TwoPhaseValues(r, sc, r.ends, e, w, g);
+            if (krw)
+                krw[h] = k.krw;
+            if (krg)
+                krg[h] = k.krg;
+            if (!kro)
+                continue;
+            switch (f.model) {
+            case OilModel::Default:
+                kro[h] = OilDefault(k, w, g);
+                break;
+            case OilModel::Stone1:
+                kro[h] = OilStone1(k, e[KRO], e, w, g);
+                break;
+            case OilModel::Stone2:
+                kro[h] = OilStone2(k, e[KRO]);
+                break;
+            }
+        }
+    });
+}
+
+template <class T>
+void CapillaryPressure(const Functions& f, const Scaling& sc, const int* satnum, const T* sw, const T* sg,
+                       std::uint64_t n, double* pcow, double* pcog, unsigned threads)
+{
+    const bool scales = Scales(sc);
+    ParallelChunks(n, chunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
+        Ends own;
+        for (std::uint64_t h = begin; h < end; ++h) {
+            const Region* region = RegionOf(f, satnum, h);
+            if (!region) {
+                for (double* out : {pcow, pcog})
+                    if (out)
+                        out[h] = nan;
+                continue;
+            }
+            const Region& r = *region;
+            const double* t = r.ends;
+            const double* e = t;
+            if (scales) {
+                CellEnds(r, sc, h, own);
+                e = own.v;
+            }
+            const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);
+            if (pcow) {
+                const double st = sc.horizontal ? Map(w, e[SWL], e[SWU], t[SWL], t[SWU]) : w;
+                const double v = r.pcow.At(st);
+                pcow[h] = sc.cell[PCW] ? Ratio(v, e[PCW], t[PCW]) : v;
+            }
+            if (pcog) {
+                const double gt = sc.horizontal ? Map(g, e[SGL], e[SGU], t[SGL], t[SGU]) : g;
+                const double v = r.pcog.At(gt);
+                pcog[h] = sc.cell[PCG] ? Ratio(v, e[PCG], t[PCG]) : v;
+            }
+        }
+    });
+}
+
+void CellEndPoints(const Functions& f, const Scaling& sc, const int* satnum, std::uint64_t n,
+                   double* const out[END_POINTS])
+{
+    for (std::uint64_t h = 0; h < n; ++h) {
+        const Region* r = RegionOf(f, satnum, h);
+        for (int i = 0; i < END_POINTS; ++i)
+            if (out[i])
+                out[i][h] = !r ? nan : sc.cell[i] ? sc.cell[i][h] : r->ends[i];
+    }
+}
+
+template void RelPerm<float>(const Functions&, const Scaling&, const int*, const float*, const float*, std::uint64_t,
+                             double*, double*, double*, unsigned);
+template void RelPerm<double>(const Functions&, const Scaling&, const int*, const double*, const double*,
+                              std::uint64_t, double*, double*, double*, unsigned);
+template void CapillaryPressure<float>(const Functions&, const Scaling&, const int*, const float*, const float*,
+                                       std::uint64_t, double*, double*, unsigned);
+template void CapillaryPressure<double>(const Functions&, const Scaling&, const int*, const double*, const double*,
+                                        std::uint64_t, double*, double*, unsigned);
+
+} // namespace satfunc
+} // namespace kavra

@@ -1,0 +1,157 @@
+"""kavra.satfunc: against OPM Flow's WATKR, OILKR, GASKR, PCOW and PCOG every report step and cell
+of the SATFUNC_* cases (tests/flow_cases.py), and its own rules on tables without a deck."""
+
+import numpy as np
+import pytest
+
+import kavra.deck
+from kavra import satfunc
+from flow_cases import flow_run  # noqa: F401  (fixture)
+
+results = pytest.importorskip("kavra.results", reason="resfo is not installed")
+
+# Flow writes float32: a value is compared to 1e-6 of itself where it is at least 1e-3 of the
+# array's largest, and to 1e-7 of the largest below that (where float32 rounding of values near
+# 0, a kr rising from its critical saturation or a Pc near 0, is no longer relative to the value).
+# Flow evaluated at its own float64 saturations and wrote SWAT and SGAS rounded to float32: kavra
+# evaluates at the rounded ones, so the bound also holds the change of the value over half a
+# float32 step of each saturation (the curve's slope there times that step).  Without that term
+# small values just above the floor (a kr of 1e-3 on a slope of 1) would miss by the rounding of
+# the saturation alone, not by a rule.
+RELATIVE, FLOOR, TINY = 1e-6, 1e-3, 1e-7
+
+ARRAYS = ("WATKR", "OILKR", "GASKR", "PCOW", "PCOG")
+CASES = ("SATFUNC_SWOF", "SATFUNC_FAMILY", "SATFUNC_SLGOF")
+
+
+def values(sf, sw, sg):
+    kr, pc = sf.relperm(sw, sg), sf.capillary_pressure(sw, sg)
+    return dict(zip(ARRAYS, (kr.water, kr.oil, kr.gas, pc.oil_water, pc.gas_oil)))
+
+
+def flows_and_ours(case_path):
+    """For each report step: Flow's arrays, kavra's at the step's SWAT and SGAS (float32, as written),
+    and how much kavra's move over half a float32 step of either saturation."""
+    r = results.read(case_path)
+    sf = satfunc.from_deck(kavra.deck.read(f"{case_path}.DATA"))
+    for step in r.steps:
+        sw, sg = (np.ma.getdata(r.cell_property(k, step)) for k in ("SWAT", "SGAS"))
+        ours = values(sf, sw, sg)
+        w, g = sw.astype(float), sg.astype(float)
+        dw, dg = np.spacing(np.abs(sw)).astype(float) / 2, np.spacing(np.abs(sg)).astype(float) / 2
+        moved = [values(sf, w + a, g + b) for a, b in ((dw, 0), (-dw, 0), (0, dg), (0, -dg))]
+        spread = {name: np.maximum(abs(moved[0][name] - moved[1][name]), 0) / 2
+                  + abs(moved[2][name] - moved[3][name]) / 2 for name in ARRAYS}
+        yield step, {name: (np.ma.getdata(r.cell_property(name, step)).astype(float), ours[name], spread[name])
+                     for name in ARRAYS}
+
+
+def worst(case_path):
+    """The largest difference of each array over the steps and cells, as a fraction of its bound."""
+    found = dict.fromkeys(ARRAYS, 0.0)
+    for _, arrays in flows_and_ours(case_path):
+        for name, (flow, ours, spread) in arrays.items():
+            largest = float(np.abs(flow).max())
+            bound = np.where(np.abs(flow) >= FLOOR * largest, RELATIVE * np.abs(flow), TINY * largest) + spread
+            found[name] = max(found[name], float((np.abs(ours - flow) / np.where(bound > 0, bound, 1.0)).max()))
+    return found
+
+
+@pytest.mark.parametrize("case", CASES)
+def test_every_step_and_cell_is_flows_value(flow_run, case):
+    assert worst(flow_run(case)) == pytest.approx(dict.fromkeys(ARRAYS, 0.0), abs=1.0)
+
+
+@pytest.mark.parametrize("case", ["SATFUNC_SWOF"])
+def test_the_schedule_takes_cells_to_the_ends_of_their_tables(flow_run, case):
+    r = results.read(flow_run(case))
+    sf = satfunc.from_deck(kavra.deck.read(flow_run(case).with_suffix(".DATA")))
+    ends = sf.end_points
+    sw = np.array([np.ma.getdata(r.cell_property("SWAT", s)) for s in r.steps])
+    sg = np.array([np.ma.getdata(r.cell_property("SGAS", s)) for s in r.steps])
+    assert (sw <= ends["SWL"] + 1e-3).any() and (sw >= ends["SWU"] - 1e-6).any()  # connate water, all water
+    assert (1 - sw - sg <= ends["SOWCR"] + 0.05).any()  # oil near its residual to water
+    assert (sg >= ends["SGCR"] + 0.3).any() and (sg <= 0).any()
+    assert set(np.unique(sf.satnum)) == {1, 2}
+
+
+SWOF = [[0.2, 0.0, 1.0, 4.0], [0.3, 0.0, 0.6, 2.0], [0.6, 0.3, 0.1, 1.0], [0.8, 0.6, 0.0, 0.5], [1.0, 1.0, 0.0, 0.0]]
+SGOF = [[0.0, 0.0, 1.0, 0.0], [0.1, 0.0, 0.7, 0.1], [0.5, 0.4, 0.1, 0.5], [0.8, 0.9, 0.0, 1.0]]
+
+
+def test_tables_end_points_and_values_by_hand():
+    sf = satfunc.from_tables(swof=SWOF, sgof=SGOF)
+    ends = {k: float(v[0]) for k, v in sf.table_end_points.items()}
+    assert (ends["SWL"], ends["SWCR"], ends["SWU"], ends["SOWCR"]) == (0.2, 0.3, 1.0, pytest.approx(0.2))
+    assert (ends["SGL"], ends["SGCR"], ends["SGU"], ends["SOGCR"]) == (0.0, 0.1, 0.8, pytest.approx(0.0))
+    assert (ends["KRO"], ends["KRORW"], ends["KRWR"], ends["PCW"]) == (1.0, 0.6, 0.6, 4.0)
+    kr = sf.relperm([0.45, 0.2, 0.5, 0.1], [0.0, 0.3, 0.2, 0.3])
+    assert kr.water.tolist() == pytest.approx([0.15, 0.0, 0.2, 0.0])
+    assert kr.gas.tolist() == pytest.approx([0.0, 0.2, 0.1, 0.2])
+    # oil: water alone (krow at Sw), gas and connate water (krog at Sg), both (weighted), Sw below connate
+    krow, krog = 0.35, 0.4
+    both = (0.2 * np.interp(0.5, [0.1, 0.5], [0.7, 0.1]) + 0.3 * np.interp(0.7, [0.6, 0.8], [0.1, 0.0])) / 0.5
+    assert kr.oil.tolist() == pytest.approx([krow, krog, both, krog])
+    pc = sf.capillary_pressure([0.1, 0.45, 1.2], [0.05, 0.3, 0.9])
+    assert pc.oil_water.tolist() == pytest.approx([4.0, 1.5, 0.0]) and pc.gas_oil.tolist() == pytest.approx(
+        [0.05, 0.3, 1.0])
+
+
+def test_the_families_give_the_same_functions():
+    swof, sgof = np.array(SWOF), np.array(SGOF)
+    swfn, sgfn = swof[:, [0, 1, 3]], sgof[:, [0, 1, 3]]
+    so = np.unique(np.round(np.concatenate([1 - swof[:, 0], 1 - sgof[:, 0] - 0.2]), 12))
+    sof3 = np.column_stack([so, np.interp(1 - so, swof[:, 0], swof[:, 2]), np.interp(1 - so - 0.2, sgof[:, 0],
+                                                                                     sgof[:, 2])])
+    slgof = np.column_stack([1 - sgof[::-1, 0], sgof[::-1, 1], sgof[::-1, 2], sgof[::-1, 3]])
+    rng = np.random.default_rng(3)
+    sw, sg = rng.uniform(0, 1, 500), rng.uniform(0, 0.8, 500)
+    sg = np.minimum(sg, 1 - sw)
+    reference = satfunc.from_tables(swof=SWOF, sgof=SGOF)
+    for other in (satfunc.from_tables(swfn=swfn, sgfn=sgfn, sof3=sof3), satfunc.from_tables(swof=SWOF, slgof=slgof)):
+        for a, b in zip(other.relperm(sw, sg) + other.capillary_pressure(sw, sg),
+                        reference.relperm(sw, sg) + reference.capillary_pressure(sw, sg)):
+            np.testing.assert_allclose(a, b, rtol=1e-12, atol=1e-14)
+
+
+@pytest.mark.parametrize("threads", [1, 2, 3])
+def test_same_bits_for_any_thread_count_and_float32_read_as_it_is(threads):
+    rng = np.random.default_rng(11)
+    n = 200_000
+    satnum = rng.integers(0, 3, n).astype(np.int32)
+    sf = satfunc.from_tables(swof=[SWOF, np.array(SWOF) * [1, 0.5, 1, 2]], sgof=[SGOF, SGOF], satnum=satnum,
+                             end_points={"SWL": rng.uniform(0.1, 0.25, n), "SWCR": rng.uniform(0.25, 0.35, n)})
+    sw, sg = rng.uniform(0, 1, n).astype(np.float32), rng.uniform(0, 0.5, n).astype(np.float32)
+    one = sf.relperm(sw.astype(float), sg.astype(float), threads=1) + sf.capillary_pressure(
+        sw.astype(float), sg.astype(float), threads=1)
+    many = sf.relperm(sw, sg, threads=threads) + sf.capillary_pressure(sw, sg, threads=threads)
+    for a, b in zip(one, many):
+        assert np.array_equal(a, b, equal_nan=True)
+    assert np.isnan(many[0][satnum == 0]).all() and not np.isnan(many[0][satnum > 0]).any()
+
+
+@pytest.mark.parametrize("call, error, words", [
+    (lambda: satfunc.from_tables(sgof=SGOF), ValueError, "give SWOF"),
+    (lambda: satfunc.from_tables(swof=SWOF), ValueError, "give SGOF"),
+    (lambda: satfunc.from_tables(swof=[[0.5, 0, 1, 0], [0.2, 1, 0, 0]], sgof=SGOF), ValueError, "increase"),
+    (lambda: satfunc.from_tables(swof=[[0.5, 0, 1]], sgof=SGOF), ValueError, "rows of 4"),
+    (lambda: satfunc.from_tables(swof=[SWOF, SWOF], sgof=SGOF), ValueError, "different numbers of regions"),
+    (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF, satnum=[1, 2]), ValueError, "cell 1 has region 2"),
+    (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF, satnum=[1.0]), TypeError, "integers"),
+    (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF, model="STONE3"), ValueError, "model"),
+    (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF, satnum=[1], end_points={"SWX": [0.1]}), ValueError,
+     "not an end point"),
+    (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF, satnum=[1, 1]).relperm([0.5], [0.1]), ValueError,
+     "satnum has 2"),
+    (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF).relperm(["a"], [0.1]), TypeError, "sw must hold numbers"),
+])
+def test_refusals_in_kavras_words(call, error, words):
+    with pytest.raises(error, match=words):
+        call()
+
+
+def test_shapes_broadcast_and_nan_passes_through():
+    sf = satfunc.from_tables(swof=SWOF, sgof=SGOF)
+    kr = sf.relperm(np.full((2, 3), 0.5), 0.1)
+    assert kr.water.shape == (2, 3) and kr.oil.dtype == np.float64
+    assert np.isnan(sf.relperm([np.nan], [0.1]).water[0]) and np.isnan(sf.capillary_pressure([0.3], [np.nan]).gas_oil[0])
