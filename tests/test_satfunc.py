@@ -21,7 +21,10 @@ results = pytest.importorskip("kavra.results", reason="resfo is not installed")
 RELATIVE, FLOOR, TINY = 1e-6, 1e-3, 1e-7
 
 ARRAYS = ("WATKR", "OILKR", "GASKR", "PCOW", "PCOG")
-CASES = ("SATFUNC_SWOF", "SATFUNC_FAMILY", "SATFUNC_SLGOF")
+# The families, ENDSCALE two-point with end points in boxes, vertical scaling, three-point scaling
+# (SCALECRS), and the oil models, all on two SATNUM regions.
+CASES = ("SATFUNC_SWOF", "SATFUNC_FAMILY", "SATFUNC_SLGOF", "SATFUNC_ENDSCALE", "SATFUNC_VERTICAL",
+         "SATFUNC_SCALECRS", "SATFUNC_STONE1", "SATFUNC_STONE2")
 
 
 def values(sf, sw, sg):
@@ -73,6 +76,20 @@ def test_the_schedule_takes_cells_to_the_ends_of_their_tables(flow_run, case):
     assert (1 - sw - sg <= ends["SOWCR"] + 0.05).any()  # oil near its residual to water
     assert (sg >= ends["SGCR"] + 0.3).any() and (sg <= 0).any()
     assert set(np.unique(sf.satnum)) == {1, 2}
+
+
+@pytest.mark.parametrize("case", ["SATFUNC_VERTICAL", "SATFUNC_SWOF"])
+def test_cell_end_points_are_those_flow_writes_to_its_init(flow_run, case):
+    path = flow_run(case)
+    r = results.read(path)
+    ends = satfunc.from_deck(kavra.deck.read(path.with_suffix(".DATA"))).end_points
+    written = [name for name in satfunc.END_POINTS if name in r.property_names()]
+    assert len(written) == (17 if case == "SATFUNC_VERTICAL" else 0)
+    for name in written:  # Flow writes -1e20 where a cell keeps its table's end point
+        flow = np.ma.getdata(r.cell_property(name)).astype(float)
+        given = flow > -1e19
+        assert given.any() and not given.all()
+        np.testing.assert_allclose(ends[name][given], flow[given], rtol=1e-7, err_msg=name)
 
 
 SWOF = [[0.2, 0.0, 1.0, 4.0], [0.3, 0.0, 0.6, 2.0], [0.6, 0.3, 0.1, 1.0], [0.8, 0.6, 0.0, 0.5], [1.0, 1.0, 0.0, 0.0]]
@@ -155,3 +172,42 @@ def test_shapes_broadcast_and_nan_passes_through():
     kr = sf.relperm(np.full((2, 3), 0.5), 0.1)
     assert kr.water.shape == (2, 3) and kr.oil.dtype == np.float64
     assert np.isnan(sf.relperm([np.nan], [0.1]).water[0]) and np.isnan(sf.capillary_pressure([0.3], [np.nan]).gas_oil[0])
+
+
+LINEAR_SWOF = [[0.1, 0.0, 1.0, 2.0], [0.2, 0.0, 0.8, 1.0], [0.8, 0.6, 0.0, 0.5], [1.0, 1.0, 0.0, 0.0]]
+LINEAR_SGOF = [[0.0, 0.0, 1.0, 0.0], [0.9, 1.0, 0.0, 1.0]]
+
+
+@pytest.mark.parametrize("three_point, sw, krw", [
+    (False, 0.3, 0.0),            # the cell's SWCR: the table's
+    (False, 0.65, 0.4),           # half way between the cell's SWCR and SWU: table Sw 0.6
+    (False, 1.0, 1.0),            # the cell's SWU: the table's
+    (True, 0.6, 0.6),             # the cell's residual 1 - SOWCR - SGL = 0.6: the table's 0.8
+    (True, 0.45, 0.3),            # half way to it: table Sw 0.5
+])
+def test_two_and_three_point_scaling_of_krw(three_point, sw, krw):
+    end_points = {"SWCR": [0.3], "SWU": [1.0], "SOWCR": [0.4]}
+    sf = satfunc.from_tables(swof=LINEAR_SWOF, sgof=LINEAR_SGOF, satnum=[1], end_points=end_points,
+                             three_point=three_point)
+    assert sf.relperm([sw], [0.0]).water[0] == pytest.approx(krw)
+
+
+def test_vertical_scaling_with_and_without_the_residual_value():
+    sf = satfunc.from_tables(swof=LINEAR_SWOF, sgof=LINEAR_SGOF, satnum=[1, 1], end_points={"KRW": [0.5, 0.5]})
+    assert sf.relperm([0.5, 1.0], [0.0, 0.0]).water.tolist() == pytest.approx([0.15, 0.5])
+    sf = satfunc.from_tables(swof=LINEAR_SWOF, sgof=LINEAR_SGOF, satnum=[1, 1, 1],
+                             end_points={"KRW": [0.5] * 3, "KRWR": [0.3] * 3})
+    # up to the residual saturation 0.8: x 0.3/0.6; above, 0.3 + (k - 0.6) (0.5 - 0.3) / (1 - 0.6)
+    assert sf.relperm([0.5, 0.8, 0.9], [0.0] * 3).water.tolist() == pytest.approx([0.15, 0.3, 0.4])
+    sf = satfunc.from_tables(swof=LINEAR_SWOF, sgof=LINEAR_SGOF, satnum=[1], end_points={"PCW": [4.0]})
+    assert sf.capillary_pressure([0.1], [0.0]).oil_water[0] == pytest.approx(4.0)
+
+
+@pytest.mark.parametrize("model, kro", [
+    ("STONE2", 1.0 * ((0.4 + 0.3) * (0.8 + 0.2) - 0.5)),
+    ("STONE1", 0.4 * 0.8 * (0.32 / 0.9) / ((1 - 0.4 / 0.9) * (1 - 0.18 / 0.9))),
+])
+def test_stone_models_by_hand(model, kro):
+    sf = satfunc.from_tables(swof=LINEAR_SWOF, sgof=LINEAR_SGOF, model=model)
+    # Sw 0.5: krw 0.3, krow 0.4; Sg 0.18: krg 0.2, krog 0.8; krocw 1
+    assert sf.relperm([0.5], [0.18]).oil[0] == pytest.approx(kro)

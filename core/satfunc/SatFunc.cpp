@@ -104,19 +104,19 @@ inline double Map3(double s, double c0, double c1, double c2, double t0, double 
     return s < c1 ? Map(s, c0, c1, t0, t1) : Map(s, c1, c2, t1, t2);
 }
 
-// A value k of the table at its saturation st, vertically scaled: by the
-// cell's maximum over the table's; with a residual value (at the table's
-// residual saturation tr, below which the curve rises from 0), the part up
-// to tr by the residual values' ratio and the rest linear between the
-// residual value and the maximum.
+// A value k of the table, vertically scaled: by the cell's maximum over the
+// table's; with a residual value, the part of the curve up to the cell's
+// residual saturation sr (the cell's saturation s at or below it) by the
+// residual values' ratio, and the rest linear in k between the residual
+// value and the maximum.
 inline double Ratio(double k, double cell, double table) { return table != 0.0 ? k * (cell / table) : 0.0; }
 
-inline double Vertical(double k, double st, double tr, bool residual, double cellMax, double tableMax,
+inline double Vertical(double k, double s, double sr, bool residual, double cellMax, double tableMax,
                        double cellR, double tableR)
 {
     if (!residual)
         return Ratio(k, cellMax, tableMax);
-    if (st <= tr)
+    if (s <= sr)
         return Ratio(k, cellR, tableR);
     if (tableMax == tableR)
         return cellR;
@@ -155,8 +155,11 @@ struct TwoPhase
     double krw, krow, krog, krg, swco;
 };
 
+// With `stone` krow is at the cell's water saturation alone and krog at its
+// gas saturation alone (the two-phase values Stone's models combine); else
+// both at the cell's oil saturation.
 inline TwoPhase TwoPhaseValues(const Region& r, const Scaling& sc, const double* t, const double* e, double sw,
-                               double sg)
+                               double sg, bool stone)
 {
     const bool h = sc.horizontal, three = sc.threePoint;
     TwoPhase out;
@@ -169,7 +172,7 @@ inline TwoPhase TwoPhaseValues(const Region& r, const Scaling& sc, const double*
                    : Map(sw, e[SWCR], e[SWU], t[SWCR], t[SWU]);
     out.krw = r.krw.At(st);
     if (sc.cell[KRW] || sc.cell[KRWR])
-        out.krw = Vertical(out.krw, st, 1.0 - t[SOWCR] - t[SGL], sc.cell[KRWR] != nullptr, e[KRW], t[KRW], e[KRWR],
+        out.krw = Vertical(out.krw, sw, 1.0 - e[SOWCR] - e[SGL], sc.cell[KRWR] != nullptr, e[KRW], t[KRW], e[KRWR],
                            t[KRWR]);
     // gas
     double gt = sg;
@@ -178,28 +181,29 @@ inline TwoPhase TwoPhaseValues(const Region& r, const Scaling& sc, const double*
                    : Map(sg, e[SGCR], e[SGU], t[SGCR], t[SGU]);
     out.krg = r.krg.At(gt);
     if (sc.cell[KRG] || sc.cell[KRGR])
-        out.krg = Vertical(out.krg, gt, 1.0 - t[SOGCR] - t[SWL], sc.cell[KRGR] != nullptr, e[KRG], t[KRG], e[KRGR],
+        out.krg = Vertical(out.krg, sg, 1.0 - e[SOGCR] - e[SWL], sc.cell[KRGR] != nullptr, e[KRG], t[KRG], e[KRGR],
                            t[KRGR]);
-    // oil against water, at the cell's oil saturation 1 - Sw - Sg
-    const double so = 1.0 - swEff - sg;
+    // oil against water
+    const double so = stone ? 1.0 - swEff : 1.0 - swEff - sg;
     double sot = so;
     if (h)
         sot = three ? Map3(so, e[SOWCR], 1.0 - e[SWCR] - e[SGL], 1.0 - e[SWL] - e[SGL], t[SOWCR],
                            1.0 - t[SWCR] - t[SGL], 1.0 - t[SWL] - t[SGL])
                     : Map(so, e[SOWCR], 1.0 - e[SWL] - e[SGL], t[SOWCR], 1.0 - t[SWL] - t[SGL]);
-    out.krow = r.krow.At(h ? 1.0 - sot : swEff + sg);
+    out.krow = r.krow.At(h ? 1.0 - sot : stone ? swEff : swEff + sg);
     if (sc.cell[KRO] || sc.cell[KRORW])
-        out.krow = Vertical(out.krow, sot, 1.0 - t[SWCR] - t[SGL], sc.cell[KRORW] != nullptr, e[KRO], t[KRO],
+        out.krow = Vertical(out.krow, so, 1.0 - e[SWCR] - e[SGL], sc.cell[KRORW] != nullptr, e[KRO], t[KRO],
                             e[KRORW], t[KRORW]);
     // oil against gas
-    double sog = so;
+    const double sogCell = stone ? 1.0 - sg - e[SWL] : so;
+    double sog = sogCell;
     if (h)
-        sog = three ? Map3(so, e[SOGCR], 1.0 - e[SGCR] - e[SWL], 1.0 - e[SWL] - e[SGL], t[SOGCR],
+        sog = three ? Map3(sogCell, e[SOGCR], 1.0 - e[SGCR] - e[SWL], 1.0 - e[SWL] - e[SGL], t[SOGCR],
                            1.0 - t[SGCR] - t[SWL], 1.0 - t[SWL] - t[SGL])
-                    : Map(so, e[SOGCR], 1.0 - e[SWL] - e[SGL], t[SOGCR], 1.0 - t[SWL] - t[SGL]);
-    out.krog = r.krog.At(h ? 1.0 - sog - t[SWL] : sg + swEff - e[SWL]);
+                    : Map(sogCell, e[SOGCR], 1.0 - e[SWL] - e[SGL], t[SOGCR], 1.0 - t[SWL] - t[SGL]);
+    out.krog = r.krog.At(h ? 1.0 - sog - t[SWL] : stone ? sg : sg + swEff - e[SWL]);
     if (sc.cell[KRO] || sc.cell[KRORG])
-        out.krog = Vertical(out.krog, sog, 1.0 - t[SGCR] - t[SWL], sc.cell[KRORG] != nullptr, e[KRO], t[KRO],
+        out.krog = Vertical(out.krog, sogCell, 1.0 - e[SGCR] - e[SWL], sc.cell[KRORG] != nullptr, e[KRO], t[KRO],
                             e[KRORG], t[KRORG]);
     return out;
 }
@@ -220,25 +224,30 @@ inline double OilStone2(const TwoPhase& k, double krocw)
     return std::max(v, 0.0);
 }
 
-// Stone's first model with the minimum oil saturation Som the smaller of
-// the residual oils to water and to gas.
-inline double OilStone1(const TwoPhase& k, double krocw, const double* e, double sw, double sg)
+// Stone's first model, normalised by krow at connate water (krocw) and by
+// the saturations above connate water (no minimum oil saturation, as Flow
+// evaluates it):
+//   kro = krow krog / krocw * So* / ((1 - Sw*) (1 - Sg*)),
+//   So* = So / (1 - Swco), Sw* = (Sw - Swco) / (1 - Swco), Sg* = Sg / (1 - Swco).
+inline double OilStone1(const TwoPhase& k, double krocw, double sw, double sg)
 {
+    if (sw != sw || sg != sg)
+        return sw + sg; // NaN
     if (krocw == 0.0)
         return 0.0;
-    const double swco = e[SWL];
-    const double som = std::min(e[SOWCR], e[SOGCR]);
-    const double span = 1.0 - swco - som;
-    const double so = 1.0 - sw - sg;
-    if (!(span > 0.0) || so <= som)
+    const double swco = k.swco;
+    const double span = 1.0 - swco;
+    const double swEff = std::max(sw, swco);
+    const double so = 1.0 - swEff - sg;
+    if (!(span > 0.0) || !(so > 0.0))
         return 0.0;
-    const double soStar = (so - som) / span;
-    const double swStar = std::max(sw - swco, 0.0) / span;
+    const double soStar = so / span;
+    const double swStar = (swEff - swco) / span;
     const double sgStar = sg / span;
     const double d = (1.0 - swStar) * (1.0 - sgStar);
     if (!(d > 0.0))
         return 0.0;
-    return std::max(0.0, soStar * (k.krow / krocw) * (k.krog / krocw) * krocw / d);
+    return std::max(0.0, k.krow * k.krog / krocw * soStar / d);
 }
 
 bool Scales(const Scaling& sc)
@@ -275,7 +284,7 @@ void RelPerm(const Functions& f, const Scaling& sc, const int* satnum, const T* 
                 e = own.v;
             }
             const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);
-            const TwoPhase k = TwoPhaseValues(r, sc, r.ends, e, w, g);
+            const TwoPhase k = TwoPhaseValues(r, sc, r.ends, e, w, g, f.model != OilModel::Default);
             if (krw)
                 krw[h] = k.krw;
             if (krg)
@@ -287,7 +296,7 @@ void RelPerm(const Functions& f, const Scaling& sc, const int* satnum, const T* 
                 kro[h] = OilDefault(k, w, g);
                 break;
             case OilModel::Stone1:
-                kro[h] = OilStone1(k, e[KRO], e, w, g);
+                kro[h] = OilStone1(k, e[KRO], w, g);
                 break;
             case OilModel::Stone2:
                 kro[h] = OilStone2(k, e[KRO]);

@@ -19,8 +19,15 @@ PCOG) every report step and cell:
   phase's residual saturation is a third point (1 - SOWCR - SGL for krw, 1 - SOGCR - SWL
   for krg, 1 - SWCR - SGL for krow, 1 - SGCR - SWL for krog).  Vertical scaling: KRW,
   KRG, KRO and PCW, PCG multiply by the cell's value over the table's; KRWR, KRGR, KRORW,
-  KRORG (where the deck gives them) scale the curve up to the residual saturation by their
-  ratio and join it linearly to the maximum above.
+  KRORG (where the deck gives them) scale the value by their ratio while the cell's
+  saturation is at most its residual one (those of three-point scaling, from the cell's end
+  points), and above it the value runs linearly (in the table's value) from the cell's
+  residual value to its maximum.
+* STONE2: ``kro = krocw ((krow/krocw + krw)(krog/krocw + krg) - (krw + krg))``, at least 0,
+  krow at Sw alone and krog at Sg alone, krocw the cell's KRO (krow at connate water).
+* STONE1: ``kro = krow krog / krocw * So* / ((1 - Sw*)(1 - Sg*))`` with the saturations
+  normalised by 1 - Swco (``So* = So / (1 - Swco)``, ``Sw* = (Sw' - Swco) / (1 - Swco)``,
+  ``Sg* = Sg / (1 - Swco)``): no minimum oil saturation, as Flow evaluates it.
 
 Every pressure is in the deck's (the tables') units.
 """
@@ -413,7 +420,7 @@ def from_deck(deck: Any) -> SaturationFunctions:
         parsed = deck._parsed
         for name in END_POINTS:
             if name in keywords or _named_in_edits(parsed, name):
-                cells[name] = deck.cell_property(name)
+                cells[name] = _cell_end_point(deck, name)
     three_point = scaled and "SCALECRS" in keywords and _scalecrs(deck)
     return SaturationFunctions(_curves(tables), satnum, model, cells, scaled=scaled, three_point=three_point)
 
@@ -425,6 +432,29 @@ def _scalecrs(deck: Any) -> bool:
             if item.is_string() and len(item.get_data_list()):
                 return item.get_str(0).strip("'").upper().startswith("Y")
     return False
+
+
+# Pa per pressure unit of each unit system.
+_PASCAL = {"METRIC": 1e5, "FIELD": 6894.757293168361, "LAB": 101325.0, "PVT-M": 101325.0}
+
+
+def _cell_end_point(deck: Any, name: str) -> NDArray[np.float64]:
+    """End point `name` per cell as opm's state holds it (its table's where the deck leaves a cell
+    out), in the deck's units; NaN outside the cells opm keeps.
+
+    deck.cell_property refuses some of these (its unit probe puts the keyword in a deck of its
+    own, which opm rejects for SGL and the like without GAS); opm's state is read directly then."""
+    try:
+        return np.asarray(deck.cell_property(name), dtype=np.float64)
+    except RuntimeError:
+        pass
+    si = np.asarray(deck._opm_state().field_props().get_double_array(name), dtype=np.float64)
+    if name in ("PCW", "PCG"):
+        si = si / _PASCAL[deck.units]
+    active = deck._input_active()
+    full = np.full(active.size, np.nan)
+    full[active] = si
+    return full
 
 
 def _cell_integers(deck: Any, name: str) -> NDArray[np.int32]:
