@@ -16,11 +16,17 @@ double Curve::At(double s) const
         return y[0];
     if (s >= x[n - 1])
         return y[n - 1];
-    std::size_t lo = 0, hi = n - 1; // x[lo] <= s < x[hi], or s is NaN
-    while (hi - lo > 1) {
-        const std::size_t mid = (lo + hi) / 2;
-        (s >= x[mid] ? lo : hi) = mid;
+    // The last node of x[0 .. n-2] at or below s (x[0] is; a NaN s stays at
+    // x[0]): halving without branches, which a cell's unpredictable
+    // saturation would mispredict.
+    const double* base = x.data();
+    std::size_t len = n - 1;
+    while (len > 1) {
+        const std::size_t half = len / 2;
+        base = s >= base[half] ? base + half : base;
+        len -= half;
     }
+    const std::size_t lo = static_cast<std::size_t>(base - x.data());
     return y[lo] + (s - x[lo]) * ((y[lo + 1] - y[lo]) / (x[lo + 1] - x[lo]));
 }
 
@@ -129,10 +135,24 @@ struct Ends
     double v[END_POINTS];
 };
 
-inline void CellEnds(const Region& region, const Scaling& scaling, std::uint64_t h, Ends& e)
+// The end points a call's cells have arrays of, listed once.
+struct Given
 {
-    for (int i = 0; i < END_POINTS; ++i)
-        e.v[i] = scaling.cell[i] ? scaling.cell[i][h] : region.ends[i];
+    int index[END_POINTS];
+    int count = 0;
+    explicit Given(const Scaling& scaling)
+    {
+        for (int i = 0; i < END_POINTS; ++i)
+            if (scaling.cell[i])
+                index[count++] = i;
+    }
+};
+
+inline void CellEnds(const Region& region, const Scaling& scaling, const Given& given, std::uint64_t h, Ends& e)
+{
+    std::copy(region.ends, region.ends + END_POINTS, e.v);
+    for (int j = 0; j < given.count; ++j)
+        e.v[given.index[j]] = scaling.cell[given.index[j]][h];
 }
 
 // The cell's region; null for region 0 (a cell the simulator does not hold).
@@ -148,6 +168,43 @@ inline const Region* RegionOf(const Functions& f, const int* satnum, std::uint64
 
 const double nan = std::numeric_limits<double>::quiet_NaN();
 
+// The saturations a curve scales between, along the saturation its value
+// rises with: its critical one, the displacing phase's residual one (three-
+// point scaling and the residual value of vertical scaling), its largest.
+struct Points
+{
+    double critical, residual, largest;
+};
+
+inline Points WaterPoints(const double* e) { return {e[SWCR], 1.0 - e[SOWCR] - e[SGL], e[SWU]}; }
+inline Points GasPoints(const double* e) { return {e[SGCR], 1.0 - e[SOGCR] - e[SWL], e[SGU]}; }
+inline Points OilWaterPoints(const double* e) { return {e[SOWCR], 1.0 - e[SWCR] - e[SGL], 1.0 - e[SWL] - e[SGL]}; }
+inline Points OilGasPoints(const double* e) { return {e[SOGCR], 1.0 - e[SGCR] - e[SWL], 1.0 - e[SWL] - e[SGL]}; }
+
+// A curve's value at a cell's saturation s (along `Points`): s moved onto
+// the table between the cell's points and the table's (with ENDSCALE),
+// read(table saturation), then vertically scaled by the end points `max`
+// and `residual` where the cell has either of its own.
+template <Points (*points)(const double*), class Read>
+double Scaled(const Scaling& sc, const double* t, const double* e, double s, EndPoint max, EndPoint residual,
+              const Read& read)
+{
+    double at = s;
+    Points cell{}, table{};
+    if (sc.horizontal || sc.cell[residual]) {
+        cell = points(e);
+        table = points(t);
+    }
+    if (sc.horizontal)
+        at = sc.threePoint ? Map3(s, cell.critical, cell.residual, cell.largest, table.critical, table.residual,
+                                  table.largest)
+                           : Map(s, cell.critical, cell.largest, table.critical, table.largest);
+    const double k = read(at);
+    if (!sc.cell[max] && !sc.cell[residual])
+        return k;
+    return Vertical(k, s, cell.residual, sc.cell[residual] != nullptr, e[max], t[max], e[residual], t[residual]);
+}
+
 // krw, krow, krog, krg of a cell at (sw, sg) with its end points e over
 // the table's t (the same pointer when the cell does not scale).
 struct TwoPhase
@@ -157,54 +214,21 @@ struct TwoPhase
 
 // With `stone` krow is at the cell's water saturation alone and krog at its
 // gas saturation alone (the two-phase values Stone's models combine); else
-// both at the cell's oil saturation.
+// both at the cell's oil saturation 1 - max(Sw, SWL) - Sg.
 inline TwoPhase TwoPhaseValues(const Region& r, const Scaling& sc, const double* t, const double* e, double sw,
                                double sg, bool stone)
 {
-    const bool h = sc.horizontal, three = sc.threePoint;
     TwoPhase out;
     out.swco = e[SWL];
     const double swEff = std::max(sw, e[SWL]);
-    // water
-    double st = sw;
-    if (h)
-        st = three ? Map3(sw, e[SWCR], 1.0 - e[SOWCR] - e[SGL], e[SWU], t[SWCR], 1.0 - t[SOWCR] - t[SGL], t[SWU])
-                   : Map(sw, e[SWCR], e[SWU], t[SWCR], t[SWU]);
-    out.krw = r.krw.At(st);
-    if (sc.cell[KRW] || sc.cell[KRWR])
-        out.krw = Vertical(out.krw, sw, 1.0 - e[SOWCR] - e[SGL], sc.cell[KRWR] != nullptr, e[KRW], t[KRW], e[KRWR],
-                           t[KRWR]);
-    // gas
-    double gt = sg;
-    if (h)
-        gt = three ? Map3(sg, e[SGCR], 1.0 - e[SOGCR] - e[SWL], e[SGU], t[SGCR], 1.0 - t[SOGCR] - t[SWL], t[SGU])
-                   : Map(sg, e[SGCR], e[SGU], t[SGCR], t[SGU]);
-    out.krg = r.krg.At(gt);
-    if (sc.cell[KRG] || sc.cell[KRGR])
-        out.krg = Vertical(out.krg, sg, 1.0 - e[SOGCR] - e[SWL], sc.cell[KRGR] != nullptr, e[KRG], t[KRG], e[KRGR],
-                           t[KRGR]);
-    // oil against water
-    const double so = stone ? 1.0 - swEff : 1.0 - swEff - sg;
-    double sot = so;
-    if (h)
-        sot = three ? Map3(so, e[SOWCR], 1.0 - e[SWCR] - e[SGL], 1.0 - e[SWL] - e[SGL], t[SOWCR],
-                           1.0 - t[SWCR] - t[SGL], 1.0 - t[SWL] - t[SGL])
-                    : Map(so, e[SOWCR], 1.0 - e[SWL] - e[SGL], t[SOWCR], 1.0 - t[SWL] - t[SGL]);
-    out.krow = r.krow.At(h ? 1.0 - sot : stone ? swEff : swEff + sg);
-    if (sc.cell[KRO] || sc.cell[KRORW])
-        out.krow = Vertical(out.krow, so, 1.0 - e[SWCR] - e[SGL], sc.cell[KRORW] != nullptr, e[KRO], t[KRO],
-                            e[KRORW], t[KRORW]);
-    // oil against gas
-    const double sogCell = stone ? 1.0 - sg - e[SWL] : so;
-    double sog = sogCell;
-    if (h)
-        sog = three ? Map3(sogCell, e[SOGCR], 1.0 - e[SGCR] - e[SWL], 1.0 - e[SWL] - e[SGL], t[SOGCR],
-                           1.0 - t[SGCR] - t[SWL], 1.0 - t[SWL] - t[SGL])
-                    : Map(sogCell, e[SOGCR], 1.0 - e[SWL] - e[SGL], t[SOGCR], 1.0 - t[SWL] - t[SGL]);
-    out.krog = r.krog.At(h ? 1.0 - sog - t[SWL] : stone ? sg : sg + swEff - e[SWL]);
-    if (sc.cell[KRO] || sc.cell[KRORG])
-        out.krog = Vertical(out.krog, sogCell, 1.0 - e[SGCR] - e[SWL], sc.cell[KRORG] != nullptr, e[KRO], t[KRO],
-                            e[KRORG], t[KRORG]);
+    const double soWater = stone ? 1.0 - swEff : 1.0 - swEff - sg;
+    const double soGas = stone ? 1.0 - sg - e[SWL] : soWater;
+    const double tableSwl = t[SWL];
+    out.krw = Scaled<WaterPoints>(sc, t, e, sw, KRW, KRWR, [&](double x) { return r.krw.At(x); });
+    out.krg = Scaled<GasPoints>(sc, t, e, sg, KRG, KRGR, [&](double x) { return r.krg.At(x); });
+    out.krow = Scaled<OilWaterPoints>(sc, t, e, soWater, KRO, KRORW, [&](double x) { return r.krow.At(1.0 - x); });
+    out.krog = Scaled<OilGasPoints>(sc, t, e, soGas, KRO, KRORG,
+                                    [&](double x) { return r.krog.At(1.0 - x - tableSwl); });
     return out;
 }
 
@@ -267,6 +291,7 @@ void RelPerm(const Functions& f, const Scaling& sc, const int* satnum, const T* 
              double* krw, double* kro, double* krg, unsigned threads)
 {
     const bool scales = Scales(sc);
+    const Given given(sc);
     ParallelChunks(n, chunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
         Ends own;
         for (std::uint64_t h = begin; h < end; ++h) {
@@ -280,7 +305,7 @@ void RelPerm(const Functions& f, const Scaling& sc, const int* satnum, const T* 
             const Region& r = *region;
             const double* e = r.ends;
             if (scales) {
-                CellEnds(r, sc, h, own);
+                CellEnds(r, sc, given, h, own);
                 e = own.v;
             }
             const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);
@@ -311,6 +336,7 @@ void CapillaryPressure(const Functions& f, const Scaling& sc, const int* satnum,
                        std::uint64_t n, double* pcow, double* pcog, unsigned threads)
 {
     const bool scales = Scales(sc);
+    const Given given(sc);
     ParallelChunks(n, chunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
         Ends own;
         for (std::uint64_t h = begin; h < end; ++h) {
@@ -325,7 +351,7 @@ void CapillaryPressure(const Functions& f, const Scaling& sc, const int* satnum,
             const double* t = r.ends;
             const double* e = t;
             if (scales) {
-                CellEnds(r, sc, h, own);
+                CellEnds(r, sc, given, h, own);
                 e = own.v;
             }
             const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);

@@ -165,7 +165,8 @@ class SaturationFunctions:
                  scaled: bool = False, three_point: bool = False) -> None:
         if model not in OIL_MODELS:
             raise ValueError(f"model must be one of {OIL_MODELS}, got {model!r}")
-        self._tables = _engine.SatfuncTables(list(regions), OIL_MODELS.index(model))
+        self._curves = [tuple(region) for region in regions]  # krw, krow, pcow, krg, krog, pcog: (x, y) each
+        self._tables = _engine.SatfuncTables(self._curves, OIL_MODELS.index(model))
         self.model = model
         self.scaled = bool(scaled)
         self.three_point = bool(three_point)
