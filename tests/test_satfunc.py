@@ -1,6 +1,8 @@
 """kavra.satfunc: against OPM Flow's WATKR, OILKR, GASKR, PCOW and PCOG every report step and cell
 of the SATFUNC_* cases (tests/flow_cases.py), and its own rules on tables without a deck."""
 
+import doctest
+
 import numpy as np
 import pytest
 
@@ -211,3 +213,51 @@ def test_stone_models_by_hand(model, kro):
     sf = satfunc.from_tables(swof=LINEAR_SWOF, sgof=LINEAR_SGOF, model=model)
     # Sw 0.5: krw 0.3, krow 0.4; Sg 0.18: krg 0.2, krog 0.8; krocw 1
     assert sf.relperm([0.5], [0.18]).oil[0] == pytest.approx(kro)
+
+
+def test_masked_saturations_give_masked_results():
+    sf = satfunc.from_tables(swof=SWOF, sgof=SGOF)
+    kr = sf.relperm(np.ma.masked_array([0.5, 0.6], [False, True]), [0.1, 0.1])
+    pc = sf.capillary_pressure([0.5, 0.6], np.ma.masked_array([0.1, 0.1], [True, False]))
+    assert kr.oil.mask.tolist() == [False, True] and pc.oil_water.mask.tolist() == [True, False]
+    assert kr.water[0] == sf.relperm([0.5], [0.1]).water[0]
+
+
+DECK = """RUNSPEC
+DIMENS
+ 3 1 1 /
+OIL
+WATER
+GAS
+METRIC
+TABDIMS
+ 2 /
+PROPS
+SWOF
+ 0.2 0.0 1.0 2.0
+ 1.0 1.0 0.0 0.0 /
+ 0.1 0.0 0.8 1.0
+ 1.0 0.5 0.0 0.0 /
+SGOF
+ 0.0 0.0 1.0 0.0
+ 0.8 1.0 0.0 0.5 /
+ 0.0 0.0 0.8 0.0
+ 0.9 0.9 0.0 0.4 /
+"""
+
+
+def test_from_deck_reads_each_region_and_refuses_what_it_does_not_evaluate():
+    sf = satfunc.from_deck(kavra.deck.read(DECK + "REGIONS\nSATNUM\n 1 2 2 /\n"))
+    assert sf.satnum.tolist() == [1, 2, 2] and sf.model == "default" and not sf.scaled
+    assert sf.relperm([0.6] * 3, [0.0] * 3).water.tolist() == pytest.approx([0.5, 0.5 * 0.5 / 0.9, 0.5 * 0.5 / 0.9])
+    assert sf.end_points["SWL"].tolist() == [0.2, 0.1, 0.1]
+    assert satfunc.from_deck(kavra.deck.read(DECK + "STONE2\n")).model == "STONE2"
+    with pytest.raises(ValueError, match="SWATINIT"):
+        satfunc.from_deck(kavra.deck.read(DECK + "SWATINIT\n 3*0.3 /\n"))
+    with pytest.raises(ValueError, match="no saturation tables"):
+        satfunc.from_deck(kavra.deck.read("RUNSPEC\nDIMENS\n 1 1 1 /\n"))
+
+
+def test_docstring_examples():
+    failures, tried = doctest.testmod(satfunc, optionflags=doctest.NORMALIZE_WHITESPACE)
+    assert tried >= 3 and failures == 0

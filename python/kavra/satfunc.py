@@ -53,6 +53,12 @@ OIL_MODELS = ("default", "STONE1", "STONE2")
 """The three-phase oil models: Flow's default one, Stone's first and second."""
 
 _VERTICAL = ("KRW", "KRWR", "KRO", "KRORW", "KRORG", "KRG", "KRGR", "PCW", "PCG")
+# Keywords that change the simulator's saturation functions in ways not evaluated here: two-phase
+# and other table families, end points against depth, hysteresis, directional and imbibition
+# tables, the Stone exponent, and SWATINIT (which moves each cell's Pcow maximum in the simulator).
+_LEFT_OUT = frozenset({"SOF2", "SGWFN", "SOF32D", "SWFN2D", "ENPTVD", "ENKRVD", "ENPCVD", "EHYSTR", "IMBNUM",
+                       "KRNUM", "KRNUMX", "KRNUMY", "KRNUMZ", "STONE", "STONE1EX", "SWATINIT", "SWLX", "SWCRX",
+                       "SWLY", "SWCRY", "SWLZ", "SWCRZ", "SCALELIM", "PPCWMAX"})
 _EDITS = ("EQUALS", "MULTIPLY", "ADD", "COPY", "MINVALUE", "MAXVALUE", "EQUALREG", "MULTIREG", "ADDREG",
           "COPYREG", "OPERATE", "OPERATER")
 
@@ -229,16 +235,24 @@ class SaturationFunctions:
         return np.ones(int(np.prod(shape)), dtype=np.int32)
 
     def _inputs(self, sw: ArrayLike, sg: ArrayLike) -> tuple[Any, ...]:
-        w, g = np.asarray(sw), np.asarray(sg)
+        """The saturations flat and contiguous (float32 kept where both are), their shape, the cells'
+        regions and the mask of the results (None where neither input is masked)."""
+        w, g = np.ma.asarray(sw), np.ma.asarray(sg)
         for name, a in (("sw", w), ("sg", g)):
             if a.dtype.kind not in "fiub":
                 raise TypeError(f"{name} must hold numbers, got {a.dtype}")
-        w, g = np.broadcast_arrays(w, g)
+        masked = np.ma.isMaskedArray(sw) or np.ma.isMaskedArray(sg)
+        mask = np.ma.getmaskarray(w) | np.ma.getmaskarray(g) if masked else None
+        w, g = np.broadcast_arrays(np.ma.getdata(w), np.ma.getdata(g))
         dtype = np.float32 if w.dtype == np.float32 and g.dtype == np.float32 else np.float64
-        shape = w.shape
         flat_w = np.ascontiguousarray(w.ravel(), dtype=dtype)
         flat_g = np.ascontiguousarray(g.ravel(), dtype=dtype)
-        return shape, self._satnum(shape), flat_w, flat_g
+        return w.shape, self._satnum(w.shape), flat_w, flat_g, mask
+
+    @staticmethod
+    def _shaped(values: NDArray[np.float64], shape: tuple[int, ...], mask: Any) -> Any:
+        shaped = values.reshape(shape)
+        return shaped if mask is None else np.ma.masked_array(shaped, np.broadcast_to(mask, shape).copy())
 
     def relperm(self, sw: ArrayLike, sg: ArrayLike, *, threads: int | None = None) -> RelPerm:
         """Relative permeability of water, oil and gas in every cell.
@@ -247,27 +261,29 @@ class SaturationFunctions:
         ----------
         sw, sg : array_like
             Water and gas saturation per cell (they broadcast together; with per-cell
-            functions, one value per cell).  float32 (a restart's SWAT, SGAS) is read as it is.
+            functions, one value per cell).  float32 (a restart's SWAT, SGAS) is read as it is;
+            masked arrays give masked results (the mask of either input).
         threads : int, optional
             Threads for this call (default :func:`kavra.get_num_threads`); the same bits for any.
 
         Returns
         -------
         RelPerm
-            ``water``, ``oil``, ``gas``: float64 arrays of the saturations' shape.
+            ``water``, ``oil``, ``gas``: float64 arrays of the saturations' shape (NaN for a cell
+            of region 0).
 
         Examples
         --------
         >>> sf = from_tables(swof=[[0.2, 0, 1, 0], [1, 1, 0, 0]], sgof=[[0, 0, 1, 0], [0.8, 1, 0, 0]])
         >>> kr = sf.relperm([0.6], [0.0])
-        >>> float(kr.water[0]), float(kr.oil[0]), float(kr.gas[0])
-        (0.5, 0.5, 0.0)
+        >>> [round(float(k[0]), 12) for k in kr]  # water, oil, gas
+        [0.5, 0.5, 0.0]
         """
-        shape, satnum, w, g = self._inputs(sw, sg)
+        shape, satnum, w, g, mask = self._inputs(sw, sg)
         out = [np.empty(w.size) for _ in range(3)]
         _engine.satfunc_relperm(self._tables, satnum, w, g, self._cells, self.scaled, self.three_point, *out,
                                 _resolve_threads(threads))
-        return RelPerm(*(a.reshape(shape) for a in out))
+        return RelPerm(*(self._shaped(a, shape, mask) for a in out))
 
     def capillary_pressure(self, sw: ArrayLike, sg: ArrayLike, *, threads: int | None = None) -> CapillaryPressure:
         """Oil-water and gas-oil capillary pressure in every cell, in the tables' pressure unit.
@@ -291,11 +307,11 @@ class SaturationFunctions:
         >>> float(pc.oil_water[0]), float(pc.gas_oil[0])
         (1.0, 0.25)
         """
-        shape, satnum, w, g = self._inputs(sw, sg)
+        shape, satnum, w, g, mask = self._inputs(sw, sg)
         out = [np.empty(w.size) for _ in range(2)]
         _engine.satfunc_capillary_pressure(self._tables, satnum, w, g, self._cells, self.scaled, self.three_point,
                                            *out, _resolve_threads(threads))
-        return CapillaryPressure(*(a.reshape(shape) for a in out))
+        return CapillaryPressure(*(self._shaped(a, shape, mask) for a in out))
 
 
 def _per_region(name: str, value: Any, regions: int | None) -> list[Any]:
@@ -400,7 +416,9 @@ def from_deck(deck: Any) -> SaturationFunctions:
     Raises
     ------
     ValueError
-        The deck has none of the table families, or a table is not one.
+        The deck has none of the table families, or a table is not one; or it has a keyword
+        whose effect is not evaluated here (SOF2, SGWFN, ENPTVD, ENKRVD, ENPCVD, EHYSTR, IMBNUM,
+        KRNUM*, STONE1EX, SWATINIT, the directional end points SWLX ..., SCALELIM, PPCWMAX).
     """
     keywords = set(deck.keywords)
     tables: dict[str, Any] = {}
@@ -409,11 +427,11 @@ def from_deck(deck: Any) -> SaturationFunctions:
             tables[name.lower()] = [np.asarray(r, dtype=np.float64) for r in deck.records(name)]
     if not tables:
         raise ValueError("the deck has no saturation tables (SWOF, SGOF, SLGOF, SWFN, SGFN, SOF3)")
-    left = keywords & {"SOF2", "SGWFN", "SOF32D"}
+    left = keywords & _LEFT_OUT
     if left:
-        raise ValueError(f"kavra.satfunc does not evaluate {', '.join(sorted(left))}")
-    model = "STONE1" if "STONE1" in keywords or "STONE" in keywords else \
-        "STONE2" if "STONE2" in keywords else "default"
+        raise ValueError(f"the deck has {', '.join(sorted(left))}, which kavra.satfunc does not evaluate "
+                         f"(its functions would not be the simulator's)")
+    model = "STONE1" if "STONE1" in keywords else "STONE2" if "STONE2" in keywords else "default"
     satnum = _cell_integers(deck, "SATNUM")
     cells: dict[str, NDArray[np.float64]] = {}
     scaled = "ENDSCALE" in keywords
