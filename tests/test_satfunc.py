@@ -261,3 +261,49 @@ def test_from_deck_reads_each_region_and_refuses_what_it_does_not_evaluate():
 def test_docstring_examples():
     failures, tried = doctest.testmod(satfunc, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert tried >= 3 and failures == 0
+
+
+def test_defaulted_values_are_filled_along_the_table_and_flat_numbers_are_rows():
+    with_default = np.array(SWOF)
+    with_default[2, 1] = np.nan  # 1* in the deck: krw between its neighbours, at Sw 0.6
+    sf = satfunc.from_tables(swof=with_default.ravel(), sgof=SGOF)
+    assert sf.relperm([0.6], [0.0]).water[0] == pytest.approx(np.interp(0.6, [0.3, 0.8], [0.0, 0.6]))
+    with pytest.raises(ValueError, match="saturation is left to its default"):
+        satfunc.from_tables(swof=[[np.nan, 0, 1, 0], [1, 1, 0, 0]], sgof=SGOF)
+
+
+@pytest.mark.parametrize("end_points, sw, sg, value", [
+    # krow with KRO and KRORW: up to So = 1 - SWCR - SGL = 0.8 (Sw 0.2) x 0.4/0.8, above linear to KRO
+    ({"KRO": [0.5], "KRORW": [0.4]}, 0.5, 0.0, 0.4 * 0.4 / 0.8),  # krow 0.4 at Sw 0.5
+    ({"KRO": [0.5], "KRORW": [0.4]}, 0.15, 0.0, 0.4 + (0.9 - 0.8) * (0.5 - 0.4) / (1.0 - 0.8)),
+    # krg with KRG and KRGR: up to Sg = 1 - SOGCR - SWL = 0.9 x 0.5/1.0
+    ({"KRG": [0.6], "KRGR": [0.5]}, 0.1, 0.45, 0.5 * 0.5),
+    ({"PCG": [2.0]}, 0.1, 0.45, 0.5 * 2.0),
+])
+def test_vertical_scaling_of_oil_and_gas_by_hand(end_points, sw, sg, value):
+    sf = satfunc.from_tables(swof=LINEAR_SWOF, sgof=LINEAR_SGOF, satnum=[1], end_points=end_points)
+    kr, pc = sf.relperm([sw], [sg]), sf.capillary_pressure([sw], [sg])
+    got = {"KRO": kr.oil, "KRG": kr.gas, "PCG": pc.gas_oil}[next(iter(end_points))][0]
+    assert got == pytest.approx(value)
+
+
+def test_end_points_of_the_cells_their_own_or_their_regions():
+    sf = satfunc.from_tables(swof=[LINEAR_SWOF, SWOF], sgof=[LINEAR_SGOF, SGOF], satnum=[1, 2, 0],
+                             end_points={"SWCR": [0.25, np.nan, np.nan]})
+    ends = sf.end_points
+    assert ends["SWCR"][0] == 0.25 and np.isnan(ends["SWCR"][1:]).all()  # a cell's own, even NaN
+    assert ends["SWL"][:2].tolist() == [0.1, 0.2] and np.isnan(ends["SWL"][2])
+    assert sf.table_end_points["SWU"].tolist() == [1.0, 1.0]
+
+
+def test_calls_from_several_threads_at_once_give_the_same_bits():
+    from concurrent.futures import ThreadPoolExecutor
+    rng = np.random.default_rng(4)
+    n = 100_000
+    sf = satfunc.from_tables(swof=SWOF, sgof=SGOF, model="STONE2")
+    sw, sg = rng.uniform(0, 1, n), rng.uniform(0, 0.6, n)
+    reference = sf.relperm(sw, sg, threads=1)
+    with ThreadPoolExecutor(4) as pool:
+        for kr in pool.map(lambda t: sf.relperm(sw, sg, threads=t), [1, 2, 1, 2, 2, 1]):
+            for a, b in zip(kr, reference):
+                assert np.array_equal(a, b)
