@@ -1,6 +1,7 @@
 #include "core/satfunc/SatFunc.h"
 
 #include <algorithm>
+#include <initializer_list>
 #include <limits>
 #include <stdexcept>
 
@@ -286,9 +287,13 @@ bool Scales(const Scaling& sc)
 
 } // namespace
 
-template <class T>
-void RelPerm(const Functions& f, const Scaling& sc, const int* satnum, const T* sw, const T* sg, std::uint64_t n,
-             double* krw, double* kro, double* krg, unsigned threads)
+namespace {
+
+// Walks cells 0..n-1 in chunks on the pool: a cell of region 0 gets NaN in
+// every output given, any other body(its region, its end points, h).
+template <class Body>
+void EachCell(const Functions& f, const Scaling& sc, const int* satnum, std::uint64_t n, unsigned threads,
+              std::initializer_list<double*> outputs, const Body& body)
 {
     const bool scales = Scales(sc);
     const Given given(sc);
@@ -297,36 +302,47 @@ void RelPerm(const Functions& f, const Scaling& sc, const int* satnum, const T* 
         for (std::uint64_t h = begin; h < end; ++h) {
             const Region* region = RegionOf(f, satnum, h);
             if (!region) {
-                for (double* out : {krw, kro, krg})
+                for (double* out : outputs)
                     if (out)
                         out[h] = nan;
                 continue;
             }
-            const Region& r = *region;
-            const double* e = r.ends;
+            const double* e = region->ends;
             if (scales) {
-                CellEnds(r, sc, given, h, own);
+                CellEnds(*region, sc, given, h, own);
                 e = own.v;
             }
-            const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);
-            const TwoPhase k = TwoPhaseValues(r, sc, r.ends, e, w, g, f.model != OilModel::Default);
-            if (krw)
-                krw[h] = k.krw;
-            if (krg)
-                krg[h] = k.krg;
-            if (!kro)
-                continue;
-            switch (f.model) {
-            case OilModel::Default:
-                kro[h] = OilDefault(k, w, g);
-                break;
-            case OilModel::Stone1:
-                kro[h] = OilStone1(k, e[KRO], w, g);
-                break;
-            case OilModel::Stone2:
-                kro[h] = OilStone2(k, e[KRO]);
-                break;
-            }
+            body(*region, e, h);
+        }
+    });
+}
+
+} // namespace
+
+template <class T>
+void RelPerm(const Functions& f, const Scaling& sc, const int* satnum, const T* sw, const T* sg, std::uint64_t n,
+             double* krw, double* kro, double* krg, unsigned threads)
+{
+    const bool stone = f.model != OilModel::Default;
+    EachCell(f, sc, satnum, n, threads, {krw, kro, krg}, [&](const Region& r, const double* e, std::uint64_t h) {
+        const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);
+        const TwoPhase k = TwoPhaseValues(r, sc, r.ends, e, w, g, stone);
+        if (krw)
+            krw[h] = k.krw;
+        if (krg)
+            krg[h] = k.krg;
+        if (!kro)
+            return;
+        switch (f.model) {
+        case OilModel::Default:
+            kro[h] = OilDefault(k, w, g);
+            break;
+        case OilModel::Stone1:
+            kro[h] = OilStone1(k, e[KRO], w, g);
+            break;
+        case OilModel::Stone2:
+            kro[h] = OilStone2(k, e[KRO]);
+            break;
         }
     });
 }
@@ -335,36 +351,18 @@ template <class T>
 void CapillaryPressure(const Functions& f, const Scaling& sc, const int* satnum, const T* sw, const T* sg,
                        std::uint64_t n, double* pcow, double* pcog, unsigned threads)
 {
-    const bool scales = Scales(sc);
-    const Given given(sc);
-    ParallelChunks(n, chunk, threads, [&](std::uint64_t begin, std::uint64_t end) {
-        Ends own;
-        for (std::uint64_t h = begin; h < end; ++h) {
-            const Region* region = RegionOf(f, satnum, h);
-            if (!region) {
-                for (double* out : {pcow, pcog})
-                    if (out)
-                        out[h] = nan;
-                continue;
-            }
-            const Region& r = *region;
-            const double* t = r.ends;
-            const double* e = t;
-            if (scales) {
-                CellEnds(r, sc, given, h, own);
-                e = own.v;
-            }
-            const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);
-            if (pcow) {
-                const double st = sc.horizontal ? Map(w, e[SWL], e[SWU], t[SWL], t[SWU]) : w;
-                const double v = r.pcow.At(st);
-                pcow[h] = sc.cell[PCW] ? Ratio(v, e[PCW], t[PCW]) : v;
-            }
-            if (pcog) {
-                const double gt = sc.horizontal ? Map(g, e[SGL], e[SGU], t[SGL], t[SGU]) : g;
-                const double v = r.pcog.At(gt);
-                pcog[h] = sc.cell[PCG] ? Ratio(v, e[PCG], t[PCG]) : v;
-            }
+    EachCell(f, sc, satnum, n, threads, {pcow, pcog}, [&](const Region& r, const double* e, std::uint64_t h) {
+        const double* t = r.ends;
+        const double w = static_cast<double>(sw[h]), g = static_cast<double>(sg[h]);
+        if (pcow) {
+            const double st = sc.horizontal ? Map(w, e[SWL], e[SWU], t[SWL], t[SWU]) : w;
+            const double v = r.pcow.At(st);
+            pcow[h] = sc.cell[PCW] ? Ratio(v, e[PCW], t[PCW]) : v;
+        }
+        if (pcog) {
+            const double gt = sc.horizontal ? Map(g, e[SGL], e[SGU], t[SGL], t[SGU]) : g;
+            const double v = r.pcog.At(gt);
+            pcog[h] = sc.cell[PCG] ? Ratio(v, e[PCG], t[PCG]) : v;
         }
     });
 }
