@@ -307,3 +307,23 @@ def test_calls_from_several_threads_at_once_give_the_same_bits():
         for kr in pool.map(lambda t: sf.relperm(sw, sg, threads=t), [1, 2, 1, 2, 2, 1]):
             for a, b in zip(kr, reference):
                 assert np.array_equal(a, b)
+
+
+X = np.array([0.0, 1.0])
+
+
+@pytest.mark.parametrize("call, error, words", [
+    (lambda e: e.SatfuncTables([[([0, 1], [0, 1])] * 6], 0), TypeError, "krw of region 1: expected a contiguous"),
+    (lambda e: e.SatfuncTables([[(X, X)] * 5], 0), ValueError, "six curves"),
+    (lambda e: e.SatfuncTables([[(X, X[:1])] * 6], 0), ValueError, "as many"),
+    (lambda e: e.SatfuncTables([[(X[::-1].copy(), X)] * 6], 0), ValueError, "should increase"),
+    (lambda e: e.satfunc_end_points(e.SatfuncTables([[(X, X)] * 6], 0), np.ones(2, np.int32), [None] * 17,
+                                    [np.empty(2)] * 16 + [None]), TypeError, "output 16"),
+    (lambda e: e.satfunc_relperm(e.SatfuncTables([[(X, X)] * 6], 0), np.full(2, 3, np.int32), X, X, [None] * 17,
+                                 False, False, np.empty(2), np.empty(2), np.empty(2), 1), ValueError,
+     "cell 0 has SATNUM 3"),
+])
+def test_the_engine_refuses_bad_input_in_words(call, error, words):
+    from kavra import _engine
+    with pytest.raises(error, match=words):
+        call(_engine)

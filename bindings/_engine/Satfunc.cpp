@@ -28,11 +28,24 @@ template <class T>
 using In = nb::ndarray<const T, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
 using Out = nb::ndarray<double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
 
+// `a` as an array of T (without conversion), else a TypeError naming `what`.
+template <class Array>
+Array ArrayOf(nb::handle a, const std::string& what)
+{
+    try {
+        return nb::cast<Array>(a, false);
+    } catch (const nb::cast_error&) {
+        throw nb::type_error((what + ": expected a contiguous 1-D float64 NumPy array").c_str());
+    }
+}
+
 satfunc::Curve CurveOf(nb::handle pair, const char* name, std::size_t region)
 {
-    auto x = nb::cast<In<double>>(pair[0]);
-    auto y = nb::cast<In<double>>(pair[1]);
     const std::string where = std::string(name) + " of region " + std::to_string(region + 1);
+    if (nb::len(pair) != 2)
+        throw nb::value_error((where + ": expected (saturations, values)").c_str());
+    auto x = ArrayOf<In<double>>(pair[0], where);
+    auto y = ArrayOf<In<double>>(pair[1], where);
     if (x.shape(0) == 0 || x.shape(0) != y.shape(0))
         throw nb::value_error((where + ": the saturations and values should be as many, at least one").c_str());
     satfunc::Curve c;
@@ -102,7 +115,7 @@ satfunc::Scaling ScalingOf(nb::sequence cells, bool horizontal, bool threePoint,
         nb::handle a = cells[i];
         if (a.is_none())
             continue;
-        held.push_back(nb::cast<In<double>>(a));
+        held.push_back(ArrayOf<In<double>>(a, "end point " + std::to_string(i)));
         if (held.back().shape(0) != n)
             throw nb::value_error("every end-point array should have one value per cell");
         s.cell[i] = held.back().data();
@@ -177,7 +190,7 @@ void EndPoints(const Functions& f, In<int> satnum, nb::sequence cells, nb::seque
     double* pointers[END_POINTS];
     outs.reserve(END_POINTS);
     for (int i = 0; i < END_POINTS; ++i) {
-        outs.push_back(nb::cast<Out>(out[i], false));
+        outs.push_back(ArrayOf<Out>(out[i], "output " + std::to_string(i)));
         CheckOut(outs.back(), n);
         pointers[i] = outs.back().data();
     }
