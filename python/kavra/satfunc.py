@@ -237,13 +237,13 @@ class SaturationFunctions:
     def _inputs(self, sw: ArrayLike, sg: ArrayLike) -> tuple[Any, ...]:
         """The saturations flat and contiguous (float32 kept where both are), their shape, the cells'
         regions and the mask of the results (None where neither input is masked)."""
-        w, g = np.ma.asarray(sw), np.ma.asarray(sg)
-        for name, a in (("sw", w), ("sg", g)):
+        given: tuple[Any, Any] = (np.ma.asarray(sw), np.ma.asarray(sg))
+        for name, a in zip(("sw", "sg"), given):
             if a.dtype.kind not in "fiub":
                 raise TypeError(f"{name} must hold numbers, got {a.dtype}")
         masked = np.ma.isMaskedArray(sw) or np.ma.isMaskedArray(sg)
-        mask = np.ma.getmaskarray(w) | np.ma.getmaskarray(g) if masked else None
-        w, g = np.broadcast_arrays(np.ma.getdata(w), np.ma.getdata(g))
+        mask = np.ma.getmaskarray(given[0]) | np.ma.getmaskarray(given[1]) if masked else None
+        w, g = np.broadcast_arrays(np.ma.getdata(given[0]), np.ma.getdata(given[1]))
         dtype = np.float32 if w.dtype == np.float32 and g.dtype == np.float32 else np.float64
         flat_w = np.ascontiguousarray(w.ravel(), dtype=dtype)
         flat_g = np.ascontiguousarray(g.ravel(), dtype=dtype)
@@ -320,6 +320,7 @@ def _per_region(name: str, value: Any, regions: int | None) -> list[Any]:
     :meth:`kavra.deck.Deck.records` gives) or of 2-D tables holds one table per region."""
     if value is None:
         return [None] * (regions or 1)
+    tables: list[Any]
     if isinstance(value, np.ndarray) and value.dtype != object:
         tables = [value]
     elif isinstance(value, Sequence) and value and all(np.ndim(v) == 0 for v in value):
@@ -461,11 +462,12 @@ def _cell_end_point(deck: Any, name: str) -> NDArray[np.float64]:
     """End point `name` per cell as opm's state holds it (its table's where the deck leaves a cell
     out), in the deck's units; NaN outside the cells opm keeps.
 
-    deck.cell_property refuses some of these (its unit probe puts the keyword in a deck of its
-    own, which opm rejects for SGL and the like without GAS); opm's state is read directly then."""
+    deck.cell_property refuses some of these for now (its unit probe puts the keyword in a deck of
+    its own, which opm rejects for SGL and the like without GAS); opm's state is read directly
+    then."""
     try:
         return np.asarray(deck.cell_property(name), dtype=np.float64)
-    except RuntimeError:
+    except (RuntimeError, ValueError):  # opm's parse error, or kavra.deck's DeckError
         pass
     si = np.asarray(deck._opm_state().field_props().get_double_array(name), dtype=np.float64)
     if name in ("PCW", "PCG"):
