@@ -83,6 +83,7 @@ demo: build
 	$(PY) examples/deck_workflow.py
 	$(PY) examples/flow_case.py
 	$(PY) examples/blackoil_flow.py
+	$(PY) examples/satfunc_curves.py
 
 # What the site generates in docs/ goes first, so that every page is made anew.
 docs: bootstrap

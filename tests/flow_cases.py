@@ -37,6 +37,21 @@ CASES = {
     "CROSSED": {},
     "ENDPOINTS": {},
     "TWOREGIONS": {},
+    # The saturation-function cases start from SATFUNC.DATA ("FROM"); a tuple puts several files in.
+    "SATFUNC_SWOF": {"FROM": "SATFUNC", "REGIONS": "SATFUNC_SWOF.INC"},
+    "SATFUNC_FAMILY": {"FROM": "SATFUNC", "REGIONS": "SATFUNC_FAMILY.INC"},
+    "SATFUNC_SLGOF": {"FROM": "SATFUNC", "REGIONS": "SATFUNC_SLGOF.INC"},
+    "SATFUNC_ENDSCALE": {"FROM": "SATFUNC", "START": "SATFUNC_ENDSCALE.RUNSPEC.INC",
+                         "REGIONS": ("SATFUNC_SWOF.INC", "SATFUNC_ENDSCALE.INC")},
+    "SATFUNC_VERTICAL": {"FROM": "SATFUNC", "START": "SATFUNC_ENDSCALE.RUNSPEC.INC",
+                         "REGIONS": ("SATFUNC_SWOF.INC", "SATFUNC_ENDSCALE.INC", "SATFUNC_VERTICAL.INC")},
+    "SATFUNC_SCALECRS": {"FROM": "SATFUNC", "START": "SATFUNC_ENDSCALE.RUNSPEC.INC",
+                         "REGIONS": ("SATFUNC_SWOF.INC", "SATFUNC_ENDSCALE.INC", "SATFUNC_VERTICAL.INC",
+                                     "SATFUNC_SCALECRS.INC")},
+    "SATFUNC_STONE1": {"FROM": "SATFUNC", "START": "SATFUNC_ENDSCALE.RUNSPEC.INC",
+                       "REGIONS": ("SATFUNC_SWOF.INC", "SATFUNC_ENDSCALE.INC", "SATFUNC_STONE1.INC")},
+    "SATFUNC_STONE2": {"FROM": "SATFUNC", "START": "SATFUNC_ENDSCALE.RUNSPEC.INC",
+                       "REGIONS": ("SATFUNC_SWOF.INC", "SATFUNC_ENDSCALE.INC", "SATFUNC_STONE2.INC")},
 }
 
 _RUN = """
@@ -56,17 +71,20 @@ def write_deck(name, directory, unified=True):
     unified=False leaves out UNIFIN and UNIFOUT: Flow then writes a restart file per report
     step (name.X0000, ...) and a summary file per report step (name.S0001, ...).
     """
-    additions = CASES[name]
+    additions = dict(CASES[name])
+    base = additions.pop("FROM", name)
     lines, seen = [], set()
-    source = example_path(name) if name in EXAMPLES else DATA / f"{name}.DATA"
+    source = example_path(base) if base in EXAMPLES else DATA / f"{base}.DATA"
     for line in source.read_text().splitlines():
         if not unified and line.strip() in ("UNIFIN", "UNIFOUT"):
             continue
         if line.strip() in additions:
-            lines += [(DATA / additions[line.strip()]).read_text(), ""]
+            files = additions[line.strip()]
+            for file in (files,) if isinstance(files, str) else files:
+                lines += [(DATA / file).read_text(), ""]
             seen.add(line.strip())
         lines.append(line)
-    assert seen == set(additions), f"{name}.DATA has no line {set(additions) - seen} to put an addition before"
+    assert seen == set(additions), f"{base}.DATA has no line {set(additions) - seen} to put an addition before"
     text = "\n".join(lines) + "\n"
     deck = pathlib.Path(directory) / f"{name}.DATA"
     deck.write_text(text)

@@ -80,6 +80,9 @@ nb::tuple TransmissibilityK(Connections nnc1, Connections nnc2, std::array<std::
 }
 
 } // namespace
+
+void RegisterSatfunc(nb::module_& m); // Satfunc.cpp
+
 } // namespace engine
 } // namespace kavra
 
@@ -109,6 +112,7 @@ NB_MODULE(_engine, m)
     m.def("reduce_selection", &ReduceSelection);
     m.def("transmissibility_k", &TransmissibilityK);
     RegisterGeometry(m);
+    RegisterSatfunc(m);
     m.attr("CALCULATIONS") = CalculationList();
     m.attr("RECORD_FIELDS") = RecordFieldNames();
     m.attr("CHUNK") = cellsPerChunk;
