@@ -1,5 +1,6 @@
 """kavra.volumetrics and the command line kavra, on cases run with OPM Flow (tests/flow_cases.py)."""
 
+import doctest
 import importlib.util
 import os
 import pathlib
@@ -181,6 +182,13 @@ def test_bad_arguments(case, kwargs, error, match):
         volumetrics(case["SPE1CASE1"], **kwargs)
 
 
+def test_the_docstring_examples():
+    import kavra.volumetrics
+
+    failures, tried = doctest.testmod(kavra.volumetrics, optionflags=doctest.NORMALIZE_WHITESPACE)
+    assert tried > 5 and failures == 0
+
+
 @pytest.mark.parametrize("text, match", [("'a' 1-2\nb 3\n", "line 2"), ("'a' 1-2\n'a' 3-3\n", "twice"),
                                          ("-- nothing\n", "no zone")])
 def test_bad_zone_files(tmp_path, text, match):
@@ -280,3 +288,43 @@ def test_bad_use_is_one_line_and_status_2(case, tmp_path, arguments, match):
     assert done.returncode == 2, (done.stdout, done.stderr)
     assert len(done.stderr.splitlines()) == 1 and match in done.stderr and done.stderr.startswith("kavra")
     assert not any(tmp_path.iterdir())  # nothing written
+
+
+def test_all_steps_show_a_progress_bar_on_a_terminal(case, tmp_path):
+    pytest.importorskip("tqdm", reason="the progress bar is tqdm's")
+    import fcntl
+    import pty
+    import struct
+    import termios
+
+    master, terminal = pty.openpty()
+    fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 100, 0, 0))
+    try:
+        done = subprocess.run([sys.executable, "-m", "kavra", "volumetrics", str(case["SPE1CASE1"].case), "--all-steps",
+                               "-o", str(tmp_path / "all.csv")], stderr=terminal, stdout=subprocess.PIPE, timeout=300)
+    finally:
+        os.close(terminal)
+    shown = b""
+    while True:
+        try:
+            chunk = os.read(master, 65536)
+        except OSError:  # the terminal's other end is closed: all is read
+            break
+        if not chunk:
+            break
+        shown += chunk
+    os.close(master)
+    assert done.returncode == 0 and b"report steps: 100%" in shown and b"7/7" in shown
+
+
+def test_parquet_or_a_clear_error_without_pyarrow(case, tmp_path):
+    r = case["SPE1CASE1"]
+    done = kavra_cli("volumetrics", r.case, "--step", 2, "-o", tmp_path / "v.parquet")
+    try:
+        import pyarrow  # noqa: F401
+    except ImportError:
+        assert done.returncode == 2 and "needs pyarrow" in done.stderr and len(done.stderr.splitlines()) == 1
+        assert not any(tmp_path.iterdir())
+    else:
+        assert done.returncode == 0, done.stderr
+        pd.testing.assert_frame_equal(pd.read_parquet(tmp_path / "v.parquet"), volumetrics(r, step=2))

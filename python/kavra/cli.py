@@ -17,14 +17,17 @@ from typing import Any, NoReturn
 __all__ = ["main"]
 
 _EXAMPLES = {
-    "info": "example:\n  kavra info run/SPE1CASE1            # a case (any of its files), or a deck: kavra info SPE1CASE1.DATA",
-    "volumetrics": ("examples:\n"
-                    "  kavra volumetrics run/SPE1CASE1 --step 0 --zones zones.lyr -o volumes.csv\n"
-                    "  kavra volumetrics run/SPE1CASE1 --all-steps --regions EQLNUM -o volumes.parquet"),
-    "map": ("examples:\n"
-            "  kavra map run/SPE1CASE1 PRESSURE --step 6 --reduce mean --weights PORV -o pressure.png\n"
-            "  kavra map run/SPE1CASE1 PORV -o porv.csv          # the INIT's PORV summed over K, one row a column"),
+    "info": ["kavra info run/SPE1CASE1          # a case: its base name or any of its files",
+             "kavra info SPE1CASE1.DATA         # a deck"],
+    "volumetrics": ["kavra volumetrics run/SPE1CASE1 --step 0 --zones zones.lyr -o volumes.csv",
+                    "kavra volumetrics run/SPE1CASE1 --all-steps --regions EQLNUM -o volumes.parquet"],
+    "map": ["kavra map run/SPE1CASE1 PRESSURE --step 6 --reduce mean --weights PORV -o pressure.png",
+            "kavra map run/SPE1CASE1 PORV -o porv.csv      # the INIT's PORV summed over K: I, J, value"],
 }
+
+
+def _epilog(*commands: str) -> str:
+    return "examples:\n" + "\n".join("  " + line for command in commands for line in _EXAMPLES[command])
 
 
 class UsageError(Exception):
@@ -42,14 +45,14 @@ def _parser() -> _Parser:
     parser = _Parser(
         prog="kavra", formatter_class=argparse.RawDescriptionHelpFormatter,
         description="Reservoir-engineering calculations on simulation cases and decks.",
-        epilog="\n\n".join(_EXAMPLES.values()))
+        epilog=_epilog(*_EXAMPLES))
     from . import __version__
     parser.add_argument("--version", action="version", version=f"kavra {__version__}")
     commands = parser.add_subparsers(dest="command", metavar="COMMAND", parser_class=_Parser)
     commands.required = True
 
     def command(name: str, summary: str) -> _Parser:
-        sub: _Parser = commands.add_parser(name, help=summary, description=summary, epilog=_EXAMPLES[name],
+        sub: _Parser = commands.add_parser(name, help=summary, description=summary, epilog=_epilog(name),
                                            formatter_class=argparse.RawDescriptionHelpFormatter)
         return sub
 
@@ -199,7 +202,7 @@ def _parquet_writer() -> Any:
 def _print_table(frame: Any, out: Any, title: str) -> None:
     units = frame.attrs.get("column_units", {})
     print(title + "; " + ", ".join(f"{k} {v}" for k, v in units.items()), file=out)
-    print(frame.to_string(index=False, float_format=lambda x: f"{x:.6g}"), file=out)
+    print(frame.to_string(index=False, float_format=lambda x: f"{x:.1f}"), file=out)
 
 
 def _volumetrics(arguments: argparse.Namespace, out: Any) -> None:

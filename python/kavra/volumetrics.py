@@ -527,10 +527,10 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
     >>> table = volumetrics(deck, state=state, zones={"Upper": (1, 2), "Lower": (3, 3)})
     >>> print(table[["FLUID", "ZONE", "REGION", "PORV", "HCPV", "STOIIP"]].round(-3).to_string(index=False))
     FLUID   ZONE REGION        PORV        HCPV      STOIIP
-      oil  Upper      1 213729000.0 188082000.0 100212000.0
-    water  Lower      1 320594000.0         0.0         0.0
-      oil Totals Totals 213729000.0 188082000.0 100212000.0
-    water Totals Totals 320594000.0         0.0         0.0
+      oil  Upper      1 267161000.0 235102000.0 142332000.0
+    water  Lower      1 267161000.0         0.0         0.0
+      oil Totals Totals 267161000.0 235102000.0 142332000.0
+    water Totals Totals 267161000.0         0.0         0.0
     >>> table.attrs["column_units"]["PORV"], table.attrs["column_units"]["STOIIP"]
     ('rb', 'stb')
     """
