@@ -35,6 +35,7 @@ import importlib
 import os
 import pathlib
 import re
+import weakref
 from collections.abc import Mapping
 from typing import TYPE_CHECKING, Any
 
@@ -192,17 +193,18 @@ def _split_names(spec: Any) -> tuple[Any, Mapping[Any, Any] | None]:
 
 def _groups(numbers: NDArray[np.int64], names: Mapping[Any, Any] | None) -> tuple[NDArray[np.int64], list[str]]:
     """Cells' numbers (1, 2, ...; 0 for none) as group indices from 0 (-1 for none), and the group names."""
-    present = np.unique(numbers[numbers > 0])
-    index = np.full(numbers.shape, -1, dtype=np.int64)
-    if present.size:
-        # one lookup table when the numbers are small, a search in the sorted numbers otherwise
-        if int(present[-1]) <= max(4 * numbers.size, 1 << 16):
-            table = np.full(int(present[-1]) + 1, -1, dtype=np.int64)
-            table[present] = np.arange(present.size)
-            index = np.where(numbers > 0, table[np.maximum(numbers, 0)], -1)
-        else:
-            at = numbers > 0
-            index[at] = np.searchsorted(present, numbers[at])
+    largest = int(numbers.max()) if numbers.size else 0
+    if largest <= 0:
+        return np.full(numbers.shape, -1, dtype=np.int64), []
+    if largest <= max(4 * numbers.size, 1 << 16):
+        # numbers of the size of the grid or smaller (FIPNUM): a count of each, and a lookup table
+        present = np.flatnonzero(np.bincount(np.maximum(numbers, 0), minlength=largest + 1)[1:]) + 1
+        table = np.full(largest + 1, -1, dtype=np.int64)
+        table[present] = np.arange(present.size)
+        index = table[np.maximum(numbers, 0)]
+    else:  # a few large numbers: searched in the sorted ones
+        present = np.unique(numbers[numbers > 0])
+        index = np.where(numbers > 0, np.searchsorted(present, numbers), -1)
     names = names or {}
     return index, [str(names.get(int(n), n)) for n in present]
 
@@ -357,6 +359,10 @@ def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.Data
 
 # --- the sources -----------------------------------------------------------------------------
 
+# The deck of each results case that volumetrics has read, while the case lives.
+_DECKS: weakref.WeakKeyDictionary[Any, Any] = weakref.WeakKeyDictionary()
+
+
 def _results_cells(case: Any, step: int | None) -> _Cells:
     from . import deck as decks
 
@@ -364,11 +370,13 @@ def _results_cells(case: Any, step: int | None) -> _Cells:
         raise TypeError("volumetrics: a results case needs step=, one of its report steps "
                         f"{case.steps[0]}..{case.steps[-1]}" if case.steps else
                         f"volumetrics: the case {case.case.name} has no restart file to take the fluids from")
-    deck_path = case.case.with_name(case.case.name + ".DATA")
-    if not deck_path.exists():
-        raise FileNotFoundError(f"volumetrics needs the deck of {case.case.name} (for its tables and cell volumes): "
-                                f"there is no {deck_path.name} beside the case")
-    deck = decks.read(deck_path)
+    deck = _DECKS.get(case)
+    if deck is None:  # read once for a case: a table per report step reads the deck once
+        deck_path = case.case.with_name(case.case.name + ".DATA")
+        if not deck_path.exists():
+            raise FileNotFoundError(f"volumetrics needs the deck of {case.case.name} (for its tables and cell "
+                                    f"volumes): there is no {deck_path.name} beside the case")
+        deck = _DECKS[case] = decks.read(deck_path)
     fluids = case.in_place(step, deck)
     names, static = case.property_names(step), case.property_names()
 
