@@ -328,3 +328,11 @@ def test_parquet_or_a_clear_error_without_pyarrow(case, tmp_path):
     else:
         assert done.returncode == 0, done.stderr
         pd.testing.assert_frame_equal(pd.read_parquet(tmp_path / "v.parquet"), volumetrics(r, step=2))
+
+
+def test_the_example_runs(tmp_path):
+    import runpy
+
+    example = runpy.run_path(str(pathlib.Path(__file__).resolve().parent.parent / "examples/volumetrics.py"))
+    example["main"](["--png", str(tmp_path / "v.png"), "--keep", str(tmp_path / "run")])
+    assert {p.name for p in tmp_path.glob("*.png")} == {"v.png", "volumetrics_map.png"}

@@ -396,7 +396,7 @@ def _map(arguments: argparse.Namespace, out: Any) -> None:
             name = source.case.name if kind == "results" else pathlib.Path(arguments.source).stem
             at = f"report step {arguments.step}" if arguments.step is not None else ("INIT" if kind == "results" else "deck")
             axes.set_title(f"{name}, {at}")
-            figure.colorbar(image, ax=axes, label=label)
+            figure.colorbar(image, ax=axes, label=label, shrink=max(0.4, min(1.0, g.nJ / g.nI)))  # as tall as the map
             figure.savefig(part, dpi=120, format="png")
             plt.close(figure)
         os.replace(part, arguments.output)

@@ -415,11 +415,12 @@ def _deck_cells(deck: Any, state: Any) -> _Cells:
     values = _checked_state(state, n)
     active = deck.active
     pvtnum = deck.cell_property("PVTNUM")
-    fluids = blackoil.in_place(deck, np.where(active, pvtnum, 0), deck.pore_volume(), values["pressure"],
+    porv = deck.pore_volume()
+    fluids = blackoil.in_place(deck, np.where(active, pvtnum, 0), porv, values["pressure"],
                                values["sw"], values["sg"], values.get("rs"), values.get("rv"),
                                pw=values.get("pw"), pg=values.get("pg"))
     return _Cells(units=deck.units, grid=deck.grid, active=active, bulk=deck.cell_volumes(),
-                  ntg=np.nan_to_num(deck.cell_property("NTG")), porv=deck.pore_volume(), sw=values["sw"],
+                  ntg=np.nan_to_num(deck.cell_property("NTG")), porv=porv, sw=values["sw"],
                   sg=values["sg"], rs=values.get("rs"), rv=values.get("rv"), fluids=fluids,
                   live=deck.pvto is not None, wet=deck.pvtg is not None, region_source=_deck_numbers(deck),
                   zone_source=deck.cell_property, about={"source": "deck"})
