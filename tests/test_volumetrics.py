@@ -225,6 +225,19 @@ def test_info(case):
     assert "0 (2020-01-01)" in done.stdout and "PRESSURE" in done.stdout and "PVTO (2 regions)" in done.stdout
 
 
+def test_a_deck_on_the_command_line(tmp_path):
+    deck = kavra.deck.example_path("SPE1CASE1")
+    info = kavra_cli("info", deck)
+    assert info.returncode == 0 and "10 x 10 x 3 = 300 cells, 300 active" in info.stdout and "FIELD" in info.stdout
+    done = kavra_cli("map", deck, "PORO", "--reduce", "mean", "-o", tmp_path / "poro.npy")
+    assert done.returncode == 0, done.stderr
+    np.testing.assert_array_equal(np.load(tmp_path / "poro.npy"),
+                                  kavra.column_map(kavra.deck.read(deck).cell_property("PORO"), (10, 10, 3), "mean"))
+    if importlib.util.find_spec("kavra.equil") is None:
+        done = kavra_cli("volumetrics", deck)
+        assert done.returncode == 1 and "kavra.equil" in done.stderr and len(done.stderr.splitlines()) == 1
+
+
 def test_volumetrics_to_csv_and_back(case, tmp_path):
     r = case["TWOREGIONS"]
     (tmp_path / "zones.lyr").write_text("'Top' 1-1\n'Rest' 2-3\n")

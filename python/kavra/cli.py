@@ -218,17 +218,27 @@ def _volumetrics(arguments: argparse.Namespace, out: Any) -> None:
         raise UsageError("--step and --all-steps are for a case; a deck gives its initial state")
     if kind == "results" and not source.steps:
         raise UsageError(f"the case {source.case.name} has no restart file: no report step to take the fluids from")
+    if kind == "deck":
+        try:
+            state = v.initial_state(source)
+        except ImportError as error:
+            raise ImportError("the initial state of a deck comes from kavra.equil, which this kavra does not have "
+                              "yet: give a case run from the deck (its base name) and --step 0") from error
+        frame = v.volumetrics(source, regions=regions, zones=zones, state=state)
+        if suffix is None:
+            _print_table(frame, out, f"{arguments.source}, initial state ({frame.attrs['units']})")
+        else:
+            _write(frame, arguments.output, suffix)
+        return
     if not arguments.all_steps:
-        step = (arguments.step if arguments.step is not None else source.steps[0]) if kind == "results" else None
+        step = arguments.step if arguments.step is not None else source.steps[0]
         frame = v.volumetrics(source, regions=regions, zones=zones, step=step)
         if suffix is None:
-            where = f"report step {step}, {frame.attrs.get('date', '')[:10]}" if step is not None else "initial state"
+            where = f"report step {step}, {frame.attrs.get('date', '')[:10]}"
             _print_table(frame, out, f"{arguments.source} at {where} ({frame.attrs['units']})")
         else:
             _write(frame, arguments.output, suffix)
         return
-    if kind != "results":
-        raise UsageError("--all-steps is for a case")
     _all_steps(v, source, regions, zones, arguments.output, suffix, out)
 
 
