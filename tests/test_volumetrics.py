@@ -149,6 +149,8 @@ def test_a_deck_with_a_state_and_many_scenarios(case):
     from_case = volumetrics(r, step=3, zones={"A": (1, 2), "B": (3, 3)})
     from_deck = volumetrics(deck, state=state_of(r, 3), zones={"A": (1, 2), "B": (3, 3)})
     pd.testing.assert_frame_equal(from_deck, from_case, rtol=1e-6, check_exact=False)  # deck float64, INIT float32
+    by_path = volumetrics(r.case.with_suffix(".DATA"), state=state_of(r, 3), zones={"A": (1, 2), "B": (3, 3)})
+    pd.testing.assert_frame_equal(by_path, from_deck)  # a state makes the run's .DATA a deck
     long = volumetrics(deck, state={"start": state_of(r, 0), "step 3": state_of(r, 3)})
     assert list(long.columns[:4]) == ["SCENARIO", "FLUID", "ZONE", "REGION"]
     assert long.SCENARIO.unique().tolist() == ["start", "step 3"]

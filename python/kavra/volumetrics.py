@@ -439,8 +439,9 @@ def initial_state(deck: Any) -> Any:
     return equil.initial_state(deck)
 
 
-def _source(source: Any) -> tuple[str, Any]:
-    """("results", case) or ("deck", deck) of what volumetrics was given."""
+def _source(source: Any, deck_first: bool = False) -> tuple[str, Any]:
+    """("results", case) or ("deck", deck) of what volumetrics was given; a .DATA path is a deck when
+    no restart file is beside it, or when `deck_first` (a state is given)."""
     from . import results
 
     if isinstance(source, results.Results):
@@ -456,7 +457,7 @@ def _source(source: Any) -> tuple[str, Any]:
         if path.suffix.upper() == ".DATA" and path.is_file():
             base = path.with_suffix("")
             has_results = any(base.with_name(base.name + ext).is_file() for ext in (".UNRST", ".X0000", ".unrst"))
-            if not has_results:
+            if deck_first or not has_results:
                 if decks is None:
                     raise ImportError("volumetrics of a deck needs kavra.deck: pip install 'kavra[deck]'")
                 return "deck", decks.read(path)
@@ -475,7 +476,7 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
         A simulation case (:func:`kavra.results.read`, with its deck ``CASE.DATA`` beside
         it) at report step `step`, or a deck with the state of its cells (`state`).  A
         path is read as a case, or as a deck when it is a ``.DATA`` file with no restart
-        file beside it.
+        file beside it or `state` is given.
     regions : str, array_like of int, or (either, dict of int to str)
         The region of each cell: the name of an integer property of the source (FIPNUM,
         EQLNUM, SATNUM, ...) or one number per cell in cell order (I fastest); with a dict
@@ -547,7 +548,7 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
         import pandas  # noqa: F401
     except ImportError as error:
         raise ImportError("kavra.volumetrics gives a pandas DataFrame: pip install pandas") from error
-    kind, source = _source(source)
+    kind, source = _source(source, deck_first=state is not None)
     if kind == "results":
         if state is not None:
             raise TypeError("volumetrics: state= is for a deck; a results case takes its state at step=")
