@@ -191,6 +191,15 @@ def test_the_docstring_examples():
     assert tried > 5 and failures == 0
 
 
+def test_a_table_of_too_many_rows_is_refused(case, monkeypatch):
+    import kavra.volumetrics
+
+    monkeypatch.setattr(kavra.volumetrics, "_MOST_ROWS", 1000)  # the real bound: 2**26 rows
+    numbers = np.arange(300) * 10**6 + 1  # large numbers, each cell its own
+    with pytest.raises(ValueError, match="300 zones x 300 regions"):
+        volumetrics(case["SPE1CASE1"], step=0, regions=numbers, zones=numbers)
+
+
 @pytest.mark.parametrize("text, match", [("'a' 1-2\nb 3\n", "line 2"), ("'a' 1-2\n'a' 3-3\n", "twice"),
                                          ("-- nothing\n", "no zone")])
 def test_bad_zone_files(tmp_path, text, match):

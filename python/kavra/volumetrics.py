@@ -75,6 +75,8 @@ _UNITS = {
 _FLOAT32_SPACING = 2.0**-23
 _ZONE_LINE = re.compile(r"""^\s*(?:'([^']*)'|"([^"]*)"|(\S+))\s+(\d+)\s*-\s*(\d+)\s*$""")
 _STATE_FIELDS = ("pressure", "sw", "sg", "rs", "rv")
+# The most rows a table may have (zones x regions x fluids): a total per row is kept for each column.
+_MOST_ROWS = 1 << 26
 
 
 def column_units(units: str) -> dict[str, str]:
@@ -328,6 +330,9 @@ def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.Data
 
     nz, nr = len(zone_labels), len(region_labels)
     count = nz * nr * len(FLUIDS)
+    if count > _MOST_ROWS:
+        raise ValueError(f"volumetrics: {nz} zones x {nr} regions x {len(FLUIDS)} fluids make {count} rows, more "
+                         f"than the {_MOST_ROWS} a table takes: are the regions and zones numbered as meant?")
     taking = cells.active & (region_index >= 0) & (zone_index >= 0)
     group = np.where(taking, (zone_index * nr + region_index) * len(FLUIDS) + fluid + 1, 0).astype(np.int32)
     used = np.bincount(group, minlength=count + 1)[1:] > 0
