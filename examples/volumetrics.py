@@ -1,5 +1,5 @@
 """Volumetrics: the in-place table of a Flow run, and the command line kavra
-=========================================================================
+============================================================================
 
 Run with `python examples/volumetrics.py [--png PATH] [--keep DIR]` (kavra
 installed with its results and deck extras, pandas, matplotlib, and the

@@ -2,6 +2,7 @@
 
 import doctest
 import importlib.util
+import inspect
 import os
 import pathlib
 import re
@@ -189,6 +190,10 @@ def test_the_docstring_examples():
 
     failures, tried = doctest.testmod(kavra.volumetrics, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert tried > 5 and failures == 0
+    for name in kavra.volumetrics.__all__:
+        if callable(getattr(kavra.volumetrics, name)):
+            doc = inspect.cleandoc(getattr(kavra.volumetrics, name).__doc__)
+            assert "\nParameters\n----------\n" in doc and "\nExamples\n--------\n" in doc, name
 
 
 def test_a_table_of_too_many_rows_is_refused(case, monkeypatch):

@@ -47,7 +47,7 @@ from .maps import region_totals
 if TYPE_CHECKING:
     import pandas
 
-__all__ = ["FLUIDS", "INDEX_COLUMNS", "VALUE_COLUMNS", "read_zones", "volumetrics"]
+__all__ = ["FLUIDS", "INDEX_COLUMNS", "VALUE_COLUMNS", "column_units", "read_zones", "scenarios", "volumetrics"]
 
 FLUIDS = ("oil", "gas", "water")
 """The values of the FLUID column, in the order of the rows."""
@@ -80,7 +80,24 @@ _MOST_ROWS = 1 << 26
 
 
 def column_units(units: str) -> dict[str, str]:
-    """The unit of each value column of :func:`volumetrics` in a unit system (``"METRIC"``, ...)."""
+    """The unit of each value column of :func:`volumetrics` in a unit system.
+
+    Parameters
+    ----------
+    units : str
+        ``"METRIC"``, ``"FIELD"``, ``"LAB"`` or ``"PVT-M"``.
+
+    Returns
+    -------
+    dict of str to str
+        The unit of BULK, NET (the length unit cubed), PORV, HCPV (reservoir volume), STOIIP,
+        ASSOCIATEDOIL, WIIP (liquid at surface conditions), GIIP and ASSOCIATEDGAS (gas).
+
+    Examples
+    --------
+    >>> column_units("FIELD")["GIIP"], column_units("METRIC")["PORV"]
+    ('Mscf', 'rm3')
+    """
     if units not in _UNITS:
         raise ValueError(f"unit system {units!r} is not one of {', '.join(_UNITS)}")
     length3, reservoir, oil, gas, water = _UNITS[units]
@@ -432,7 +449,9 @@ def _deck_cells(deck: Any, state: Any) -> _Cells:
 
 
 def initial_state(deck: Any) -> Any:
-    """The initial state of a deck's cells from ``kavra.equil``; ImportError while kavra has none."""
+    """The initial state of a deck's cells, from ``kavra.equil.initial_state(deck)``: what
+    :func:`volumetrics` takes for a deck given without `state` (ImportError while kavra has no
+    ``kavra.equil``)."""
     try:
         equil = importlib.import_module(__package__ + ".equil")
     except ModuleNotFoundError as error:
@@ -585,7 +604,25 @@ def scenarios(deck: Any, states: Mapping[str, Any], *, regions: Any = "FIPNUM", 
     -------
     pandas.DataFrame
         The tables of :func:`volumetrics`, one after the other in the order of `states`,
-        with a SCENARIO column first.
+        with a SCENARIO column first; ``attrs["scenarios"]`` lists the names.
+
+    Examples
+    --------
+    Two made-up oil-water contacts of SPE1 (its three layers are 8335, 8360 and 8400 ft deep):
+
+    >>> import numpy as np
+    >>> import kavra.deck
+    >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    >>> depth = deck.cell_depths()
+    >>> states = {f"OWC {owc} ft": {"pressure": 4800.0, "sw": np.where(depth > owc, 1.0, 0.12), "sg": 0.0,
+    ...                            "rs": 1.27, "rv": 0.0} for owc in (8350, 8380)}
+    >>> table = scenarios(deck, states)
+    >>> print(table[table.ZONE == "Totals"][["SCENARIO", "FLUID", "STOIIP"]].round(-3).to_string(index=False))
+       SCENARIO FLUID      STOIIP
+    OWC 8350 ft   oil  56933000.0
+    OWC 8350 ft water         0.0
+    OWC 8380 ft   oil 142332000.0
+    OWC 8380 ft water         0.0
     """
     import pandas as pd
 
