@@ -1,0 +1,639 @@
+"""Volumetrics tables: bulk, net and pore volume and the fluids in place per zone, region and fluid.
+
+:func:`volumetrics` gives the table that engineers hand on, in the columns of
+fmu-dataio's ``inplace_volumes`` standard: the index columns ZONE, REGION and
+FLUID (``"oil"``, ``"gas"``, ``"water"``), the values BULK, NET, PORV, HCPV,
+STOIIP, GIIP, ASSOCIATEDGAS and ASSOCIATEDOIL, and WIIP (water in place at
+surface conditions) beside them, one row per zone x region x fluid and a
+``"Totals"`` row per fluid.  Its source is a simulation case at a report step
+(:func:`kavra.results.read`) or a deck with the state of its cells.
+
+Each cell belongs to the fluid zone of what it holds: the gas zone where it
+holds free gas, else the oil zone where it holds liquid oil, else the water
+zone.  A row adds up its zone's cells of one zone and region:
+
+* BULK: the cells' bulk volume (the deck's :meth:`~kavra.deck.Deck.cell_volumes`);
+* NET: BULK x NTG;
+* PORV: the pore volume at reference conditions (the INIT's PORV, or the deck's
+  :meth:`~kavra.deck.Deck.pore_volume`);
+* HCPV: PORV x (So + Sg), the saturations taken into [0, 1]: PORV − HCPV, the
+  water's pore volume, is never negative;
+* STOIIP, ASSOCIATEDOIL: the oil in the liquid and vaporised in the gas;
+* GIIP, ASSOCIATEDGAS: the free gas and the gas dissolved in the oil;
+* WIIP: the water,
+
+the fluids at surface conditions as :func:`kavra.blackoil.in_place` gives them
+(the simulator's FIPOIL = STOIIP + ASSOCIATEDOIL, FIPGAS = GIIP +
+ASSOCIATEDGAS, FIPWAT = WIIP), added up per row with
+:func:`kavra.region_totals`.  Cells outside the grid's active cells, or whose
+region number is 0 or below, take no part.
+"""
+
+from __future__ import annotations
+
+import importlib
+import os
+import pathlib
+import re
+import weakref
+from collections.abc import Mapping
+from typing import TYPE_CHECKING, Any
+
+import numpy as np
+from numpy.typing import NDArray
+
+from .maps import region_totals
+
+if TYPE_CHECKING:
+    import pandas
+
+__all__ = ["FLUIDS", "INDEX_COLUMNS", "VALUE_COLUMNS", "column_units", "read_zones", "scenarios", "volumetrics"]
+
+FLUIDS = ("oil", "gas", "water")
+"""The values of the FLUID column, in the order of the rows."""
+INDEX_COLUMNS = ("FLUID", "ZONE", "REGION")
+"""The index columns of the table (with SCENARIO first for many scenarios)."""
+VALUE_COLUMNS = ("BULK", "NET", "PORV", "HCPV", "STOIIP", "GIIP", "ASSOCIATEDGAS", "ASSOCIATEDOIL", "WIIP")
+"""The value columns of the table: those of the standard, then WIIP."""
+TOTALS = "Totals"
+"""The ZONE and REGION of the rows that add up every zone and region."""
+ALL_ZONES = "All"
+"""The ZONE of every row when no zones are given."""
+NO_ZONE = "(no zone)"
+"""The ZONE of the cells in layers that none of the zones given holds."""
+
+# The unit of each column in each unit system: bulk and net volume in the length unit cubed,
+# pore volumes in reservoir volume, fluids at surface conditions.
+_UNITS = {
+    "METRIC": ("m3", "rm3", "sm3", "sm3", "sm3"),
+    "FIELD": ("ft3", "rb", "stb", "Mscf", "stb"),
+    "LAB": ("cc", "rcc", "scc", "scc", "scc"),
+    "PVT-M": ("m3", "rm3", "sm3", "sm3", "sm3"),
+}
+# The spacing of float32 at 1: an oil saturation 1 - Sw - Sg closer to 0 than this, of saturations
+# given as float32, is the rounding of Sw and Sg (as kavra.blackoil.in_place takes it).
+_FLOAT32_SPACING = 2.0**-23
+_ZONE_LINE = re.compile(r"""^\s*(?:'([^']*)'|"([^"]*)"|(\S+))\s+(\d+)\s*-\s*(\d+)\s*$""")
+_STATE_FIELDS = ("pressure", "sw", "sg", "rs", "rv")
+# The most rows a table may have (zones x regions x fluids): a total per row is kept for each column.
+_MOST_ROWS = 1 << 26
+
+
+def column_units(units: str) -> dict[str, str]:
+    """The unit of each value column of :func:`volumetrics` in a unit system.
+
+    Parameters
+    ----------
+    units : str
+        ``"METRIC"``, ``"FIELD"``, ``"LAB"`` or ``"PVT-M"``.
+
+    Returns
+    -------
+    dict of str to str
+        The unit of BULK, NET (the length unit cubed), PORV, HCPV (reservoir volume), STOIIP,
+        ASSOCIATEDOIL, WIIP (liquid at surface conditions), GIIP and ASSOCIATEDGAS (gas).
+
+    Examples
+    --------
+    >>> column_units("FIELD")["GIIP"], column_units("METRIC")["PORV"]
+    ('Mscf', 'rm3')
+    """
+    if units not in _UNITS:
+        raise ValueError(f"unit system {units!r} is not one of {', '.join(_UNITS)}")
+    length3, reservoir, oil, gas, water = _UNITS[units]
+    return {"BULK": length3, "NET": length3, "PORV": reservoir, "HCPV": reservoir, "STOIIP": oil, "GIIP": gas,
+            "ASSOCIATEDGAS": gas, "ASSOCIATEDOIL": oil, "WIIP": water}
+
+
+# --- zones and regions -----------------------------------------------------------------------
+
+def read_zones(path: str | os.PathLike[str]) -> dict[str, tuple[int, int]]:
+    """The zones of a zone file: lines ``'name' k1-k2`` (K from 1, both layers included).
+
+    Lines that are empty or start with ``--`` or ``#`` are passed over; a name without
+    spaces may go without quotes.
+
+    Parameters
+    ----------
+    path : str or path-like
+        The zone file.
+
+    Returns
+    -------
+    dict of str to (int, int)
+        The first and last layer of each zone, in file order.
+
+    Raises
+    ------
+    FileNotFoundError
+        No such file.
+    ValueError
+        A line of another form (the message names the file and the line), a zone named twice,
+        a range whose first layer is below 1 or after its last.
+
+    Examples
+    --------
+    >>> import pathlib, tempfile
+    >>> path = pathlib.Path(tempfile.mkdtemp()) / "zones.lyr"
+    >>> _ = path.write_text("-- zones of the model\\n'Upper Tarbert' 1-1\\n'Ness' 2 - 3\\n")
+    >>> read_zones(path)
+    {'Upper Tarbert': (1, 1), 'Ness': (2, 3)}
+    """
+    path = pathlib.Path(os.fspath(path))
+    zones: dict[str, tuple[int, int]] = {}
+    with open(path, encoding="utf-8", errors="replace") as lines:
+        for number, line in enumerate(lines, start=1):
+            text = line.strip()
+            if not text or text.startswith(("--", "#")):
+                continue
+            found = _ZONE_LINE.match(text)
+            if found is None:
+                raise ValueError(f"{path}, line {number}: {text!r} is not a zone: write 'name' k1-k2")
+            name = next(g for g in found.groups()[:3] if g is not None)
+            if name in zones:
+                raise ValueError(f"{path}, line {number}: the zone {name!r} is given twice")
+            zones[name] = (int(found.group(4)), int(found.group(5)))
+    if not zones:
+        raise ValueError(f"{path} holds no zone: write one line 'name' k1-k2 per zone")
+    return zones
+
+
+def _layer_zones(zones: Mapping[str, Any], nk: int) -> tuple[NDArray[np.int32], list[str]]:
+    """The zone index of each layer (from 0; len(names) for a layer of no zone) and the names."""
+    names = [str(name) for name in zones]
+    layers = np.full(nk, len(names), dtype=np.int32)
+    for index, (name, span) in enumerate(zones.items()):
+        try:
+            k1, k2 = (int(k) for k in span)
+        except (TypeError, ValueError):
+            raise TypeError(f"zones: zone {name!r} must be a pair (k1, k2) of layers, got {span!r}") from None
+        if not 1 <= k1 <= k2 <= nk:
+            raise ValueError(f"zones: zone {name!r} spans layers {k1}-{k2}; the grid has layers 1-{nk} "
+                             "(K from 1, k1 <= k2)")
+        taken = layers[k1 - 1:k2] != len(names)
+        if taken.any():
+            other = names[int(layers[k1 - 1:k2][taken][0])]
+            raise ValueError(f"zones: zones {other!r} and {name!r} both hold layer {k1 + int(np.argmax(taken))}")
+        layers[k1 - 1:k2] = index
+    if (layers == len(names)).any():
+        names.append(NO_ZONE)
+    return layers, names
+
+
+def _numbering(values: Any, what: str, cells: int) -> NDArray[np.int64]:
+    """Integer numbers per cell (regions, zones) as int64; masked cells and NaN are 0."""
+    data = np.ma.getdata(values)
+    mask = np.ma.getmaskarray(values) if np.ma.isMaskedArray(values) else None
+    data = np.asarray(data)
+    if data.dtype.kind == "f":
+        bad = ~np.isfinite(data)
+        if mask is not None:
+            bad |= mask
+        whole = np.where(bad, 0.0, data)
+        if np.any(whole != np.round(whole)):
+            raise ValueError(f"{what}: numbers per cell must be integers")
+        data, mask = whole.astype(np.int64), bad
+    elif data.dtype.kind not in "biu":
+        raise TypeError(f"{what}: numbers per cell must be integers, got {data.dtype}")
+    numbers = np.asarray(data, dtype=np.int64).reshape(-1)
+    if numbers.size != cells:
+        raise ValueError(f"{what}: {numbers.size} numbers for a grid of {cells} cells")
+    if mask is not None:
+        numbers = np.where(mask.reshape(-1), 0, numbers)
+    return numbers
+
+
+def _split_names(spec: Any) -> tuple[Any, Mapping[Any, Any] | None]:
+    """(what, names) of a spec that may be a pair (property or array, {number: name})."""
+    if isinstance(spec, tuple) and len(spec) == 2 and isinstance(spec[1], Mapping):
+        return spec[0], spec[1]
+    return spec, None
+
+
+def _groups(numbers: NDArray[np.int64], names: Mapping[Any, Any] | None) -> tuple[NDArray[np.int64], list[str]]:
+    """Cells' numbers (1, 2, ...; 0 for none) as group indices from 0 (-1 for none), and the group names."""
+    largest = int(numbers.max()) if numbers.size else 0
+    if largest <= 0:
+        return np.full(numbers.shape, -1, dtype=np.int64), []
+    if largest <= max(4 * numbers.size, 1 << 16):
+        # numbers of the size of the grid or smaller (FIPNUM): a count of each, and a lookup table
+        present = np.flatnonzero(np.bincount(np.maximum(numbers, 0), minlength=largest + 1)[1:]) + 1
+        table = np.full(largest + 1, -1, dtype=np.int64)
+        table[present] = np.arange(present.size)
+        index = table[np.maximum(numbers, 0)]
+    else:  # a few large numbers: searched in the sorted ones
+        present = np.unique(numbers[numbers > 0])
+        index = np.where(numbers > 0, np.searchsorted(present, numbers), -1)
+    names = names or {}
+    return index, [str(names.get(int(n), n)) for n in present]
+
+
+# --- the state of the cells ------------------------------------------------------------------
+
+def _state_value(state: Any, name: str) -> Any:
+    if isinstance(state, Mapping):
+        return state.get(name)
+    return getattr(state, name, None)
+
+
+def _checked_state(state: Any, cells: int) -> dict[str, Any]:
+    """pressure, sw, sg, rs, rv (and pw, pg where given) of a state, each one value per cell or one value."""
+    values: dict[str, Any] = {}
+    for name in (*_STATE_FIELDS, "pw", "pg"):
+        value = _state_value(state, name)
+        if value is None:
+            if name in ("pressure", "sw", "sg"):
+                raise TypeError(f"state: has no {name!r} (a state holds pressure, sw, sg, rs and rv per cell, "
+                                f"as attributes or keys), got {type(state).__name__}")
+            continue
+        array = np.ma.asanyarray(value)
+        if array.size not in (1, cells):
+            raise ValueError(f"state: {name} holds {array.size} values for a grid of {cells} cells")
+        values[name] = array.reshape(-1) if array.size == cells else array.reshape(())
+    return values
+
+
+class _Cells:
+    """One value per cell of everything a table adds up, and what the cells are."""
+
+    def __init__(self, *, units: str, grid: Any, active: NDArray[np.bool_], bulk: Any, ntg: Any, porv: Any,
+                 sw: Any, sg: Any, rs: Any, rv: Any, fluids: Any, live: bool, wet: bool,
+                 region_source: Any, zone_source: Any, about: dict[str, Any]) -> None:
+        self.units, self.grid, self.active = units, grid, active
+        self.bulk, self.ntg, self.porv = bulk, ntg, porv
+        self.sw, self.sg, self.rs, self.rv = sw, sg, rs, rv
+        self.fluids, self.live, self.wet = fluids, live, wet
+        self.region_source, self.zone_source, self.about = region_source, zone_source, about
+
+
+def _floats(value: Any) -> NDArray[np.float64]:
+    return np.asarray(np.ma.getdata(value), dtype=np.float64)
+
+
+def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any) -> tuple[NDArray[np.float64], ...]:
+    """(liquid oil, vaporised oil, free gas, dissolved gas) of the totals oil = L + F Rv, gas = F + L Rs.
+
+    Solved per cell: exact where a phase is absent (L or F is 0: the other term is the very
+    product that in_place added, and cancels exactly), else within a rounding of the totals.
+    Each part is taken into [0, its total], and the parts of each total add up to it.
+    """
+    rs = 0.0 if rs is None else _floats(rs)
+    rv = 0.0 if rv is None else _floats(rv)
+    det = 1.0 - rs * rv
+    if np.any(det <= 0.0):
+        at = int(np.flatnonzero(np.broadcast_to(det <= 0.0, np.shape(oil)))[0])
+        raise ValueError(f"state: Rs x Rv is 1 or more at cell {at} (counting from 0), where no fluid can be "
+                         "split into oil and gas")
+    liquid = np.clip((oil - gas * rv) / det, 0.0, oil)
+    free = np.clip((gas - oil * rs) / det, 0.0, gas)
+    # a cell of one phase: the other's part is exactly 0, and this one's is the whole total
+    no_liquid, no_free = liquid == 0.0, free == 0.0
+    liquid = np.where(no_free, oil, liquid)
+    free = np.where(no_liquid, gas, free)
+    return liquid, oil - liquid, free, gas - free
+
+
+# --- the table -------------------------------------------------------------------------------
+
+def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.DataFrame:
+    import pandas as pd
+
+    grid = cells.grid
+    n = grid.number_of_cells()
+    region_spec, region_names = _split_names(regions)
+    if isinstance(region_spec, str):
+        region_numbers = _numbering(cells.region_source(region_spec), f"regions {region_spec!r}", n)
+    else:
+        region_numbers = _numbering(region_spec, "regions", n)
+    region_index, region_labels = _groups(region_numbers, region_names)
+    del region_numbers
+
+    if zones is None:
+        zone_index, zone_labels = np.zeros(n, dtype=np.int64), [ALL_ZONES]
+    else:
+        zone_spec, zone_names = _split_names(zones)
+        if isinstance(zone_spec, Mapping):
+            layers, zone_labels = _layer_zones(zone_spec, grid.nK)
+            zone_index = np.repeat(layers.astype(np.int64), grid.nI * grid.nJ)
+        elif isinstance(zone_spec, os.PathLike) or (isinstance(zone_spec, str) and pathlib.Path(zone_spec).is_file()):
+            layers, zone_labels = _layer_zones(read_zones(zone_spec), grid.nK)
+            zone_index = np.repeat(layers.astype(np.int64), grid.nI * grid.nJ)
+        else:
+            if isinstance(zone_spec, str):
+                numbers = _numbering(cells.zone_source(zone_spec), f"zones {zone_spec!r}", n)
+            else:
+                numbers = _numbering(zone_spec, "zones", n)
+            zone_index, zone_labels = _groups(numbers, zone_names)
+
+    fluids = cells.fluids
+    oil, gas, water = (_floats(f) for f in fluids)
+    liquid, vaporised, free, dissolved = _phases(oil, gas, cells.rs if cells.live else None,
+                                                 cells.rv if cells.wet else None)
+    del oil, gas
+    # the fluid zone of each cell: 0 oil, 1 gas, 2 water
+    fluid = np.where(free > 0.0, 1, np.where(liquid > 0.0, 0, 2)).astype(np.int64)
+
+    sw, sg = cells.sw, cells.sg
+    so = 1.0 - _floats(sw) - _floats(sg)
+    if np.result_type(np.ma.getdata(sw).dtype, np.ma.getdata(sg).dtype) == np.float32:
+        so = np.where(np.abs(so) < _FLOAT32_SPACING, 0.0, so)
+    hydrocarbon = np.clip(np.clip(so, 0.0, 1.0) + np.clip(_floats(sg), 0.0, 1.0), 0.0, 1.0)
+    del so
+    porv = np.broadcast_to(_floats(cells.porv), (n,))
+    bulk = np.broadcast_to(_floats(cells.bulk), (n,))
+    columns = {"BULK": bulk, "NET": bulk * np.broadcast_to(_floats(cells.ntg), (n,)), "PORV": porv,
+               "HCPV": porv * hydrocarbon, "STOIIP": liquid, "GIIP": free, "ASSOCIATEDGAS": dissolved,
+               "ASSOCIATEDOIL": vaporised, "WIIP": np.broadcast_to(water, (n,))}
+
+    nz, nr = len(zone_labels), len(region_labels)
+    count = nz * nr * len(FLUIDS)
+    if count > _MOST_ROWS:
+        raise ValueError(f"volumetrics: {nz} zones x {nr} regions x {len(FLUIDS)} fluids make {count} rows, more "
+                         f"than the {_MOST_ROWS} a table takes: are the regions and zones numbered as meant?")
+    taking = cells.active & (region_index >= 0) & (zone_index >= 0)
+    group = np.where(taking, (zone_index * nr + region_index) * len(FLUIDS) + fluid + 1, 0).astype(np.int32)
+    used = np.bincount(group, minlength=count + 1)[1:] > 0
+    sums = {name: region_totals(values, group, count=count)
+            for name, values in columns.items()}
+
+    zone_of = np.repeat(np.arange(nz), nr * len(FLUIDS))
+    region_of = np.tile(np.repeat(np.arange(nr), len(FLUIDS)), nz)
+    fluid_of = np.tile(np.arange(len(FLUIDS)), nz * nr)
+    frame = pd.DataFrame({
+        "FLUID": [FLUIDS[f] for f in fluid_of[used]],
+        "ZONE": [zone_labels[z] for z in zone_of[used]],
+        "REGION": [region_labels[r] for r in region_of[used]],
+        **{name: values[used] for name, values in sums.items()},
+    })
+    if totals:
+        per_fluid = {name: values.reshape(-1, len(FLUIDS)).sum(axis=0) for name, values in sums.items()}
+        # a fluid holds a Totals row where any cell is of it (and there is any row at all)
+        held = used.reshape(-1, len(FLUIDS)).any(axis=0)
+        total = pd.DataFrame({"FLUID": [f for f, h in zip(FLUIDS, held) if h],
+                              "ZONE": TOTALS, "REGION": TOTALS,
+                              **{name: values[held] for name, values in per_fluid.items()}})
+        frame = pd.concat([frame, total], ignore_index=True)
+    frame.attrs.update(cells.about)
+    frame.attrs["units"] = cells.units
+    frame.attrs["column_units"] = column_units(cells.units)
+    return frame
+
+
+# --- the sources -----------------------------------------------------------------------------
+
+# The deck of each results case that volumetrics has read, while the case lives.
+_DECKS: weakref.WeakKeyDictionary[Any, Any] = weakref.WeakKeyDictionary()
+
+
+def _results_cells(case: Any, step: int | None) -> _Cells:
+    from . import deck as decks
+
+    if step is None:
+        raise TypeError("volumetrics: a results case needs step=, one of its report steps "
+                        f"{case.steps[0]}..{case.steps[-1]}" if case.steps else
+                        f"volumetrics: the case {case.case.name} has no restart file to take the fluids from")
+    deck = _DECKS.get(case)
+    if deck is None:  # read once for a case: a table per report step reads the deck once
+        deck_path = case.case.with_name(case.case.name + ".DATA")
+        if not deck_path.exists():
+            raise FileNotFoundError(f"volumetrics needs the deck of {case.case.name} (for its tables and cell "
+                                    f"volumes): there is no {deck_path.name} beside the case")
+        deck = _DECKS[case] = decks.read(deck_path)
+    fluids = case.in_place(step, deck)
+    names, static = case.property_names(step), case.property_names()
+
+    def restart(name: str) -> Any:
+        return case.cell_property(name, step) if name in names else None
+
+    sw, sg = restart("SWAT"), restart("SGAS")
+    about = {"source": str(case.case), "step": int(step)}
+    if step in case.steps:
+        about["date"] = str(case.dates[case.steps.index(step)])
+    return _Cells(units=case.units, grid=case.grid, active=case.active, bulk=deck.cell_volumes(),
+                  ntg=case.cell_property("NTG") if "NTG" in static else 1.0, porv=case.cell_property("PORV"),
+                  sw=np.float32(0.0) if sw is None else sw, sg=np.float32(0.0) if sg is None else sg,
+                  rs=restart("RS"), rv=restart("RV"), fluids=fluids, live=deck.pvto is not None,
+                  wet=deck.pvtg is not None, region_source=case.cell_property, zone_source=case.cell_property,
+                  about=about)
+
+
+def _deck_numbers(deck: Any) -> Any:
+    """deck.cell_property, with the region keywords (FIPNUM, EQLNUM, ... : names that end in NUM) that
+    the deck leaves out 1 in every cell, as the simulator takes them."""
+    def read(name: str) -> Any:
+        try:
+            return deck.cell_property(name)
+        except KeyError:
+            if not str(name).upper().endswith("NUM"):
+                raise
+            return np.ones(deck.grid.number_of_cells(), dtype=np.int32)
+    return read
+
+
+def _deck_cells(deck: Any, state: Any) -> _Cells:
+    from . import blackoil
+
+    n = deck.grid.number_of_cells()
+    values = _checked_state(state, n)
+    active = deck.active
+    pvtnum = deck.cell_property("PVTNUM")
+    porv = deck.pore_volume()
+    fluids = blackoil.in_place(deck, np.where(active, pvtnum, 0), porv, values["pressure"],
+                               values["sw"], values["sg"], values.get("rs"), values.get("rv"),
+                               pw=values.get("pw"), pg=values.get("pg"))
+    return _Cells(units=deck.units, grid=deck.grid, active=active, bulk=deck.cell_volumes(),
+                  ntg=np.nan_to_num(deck.cell_property("NTG")), porv=porv, sw=values["sw"],
+                  sg=values["sg"], rs=values.get("rs"), rv=values.get("rv"), fluids=fluids,
+                  live=deck.pvto is not None, wet=deck.pvtg is not None, region_source=_deck_numbers(deck),
+                  zone_source=deck.cell_property, about={"source": "deck"})
+
+
+def initial_state(deck: Any) -> Any:
+    """The initial state of a deck's cells, from ``kavra.equil.initial_state(deck)``: what
+    :func:`volumetrics` takes for a deck given without `state` (ImportError while kavra has no
+    ``kavra.equil``)."""
+    try:
+        equil = importlib.import_module(__package__ + ".equil")
+    except ModuleNotFoundError as error:
+        if error.name != __package__ + ".equil":  # kavra.equil is there, and something it needs is not
+            raise
+        raise ImportError("volumetrics of a deck without state= needs the deck's initial state from kavra.equil, "
+                          "which this kavra does not have yet: pass state= (pressure, sw, sg, rs and rv per "
+                          "cell), or a results case and step=") from None
+    return equil.initial_state(deck)
+
+
+def _source(source: Any, deck_first: bool = False) -> tuple[str, Any]:
+    """("results", case) or ("deck", deck) of what volumetrics was given; a .DATA path is a deck when
+    no restart file is beside it, or when `deck_first` (a state is given)."""
+    from . import results
+
+    if isinstance(source, results.Results):
+        return "results", source
+    try:
+        from . import deck as decks
+    except ImportError:
+        decks = None  # type: ignore[assignment]
+    if decks is not None and isinstance(source, decks.Deck):
+        return "deck", source
+    if isinstance(source, (str, os.PathLike)):
+        path = pathlib.Path(os.fspath(source))
+        if path.suffix.upper() == ".DATA" and path.is_file():
+            base = path.with_suffix("")
+            has_results = any(base.with_name(base.name + ext).is_file() for ext in (".UNRST", ".X0000", ".unrst"))
+            if deck_first or not has_results:
+                if decks is None:
+                    raise ImportError("volumetrics of a deck needs kavra.deck: pip install 'kavra[deck]'")
+                return "deck", decks.read(path)
+        return "results", results.read(path)
+    raise TypeError(f"volumetrics: source must be a results case (kavra.results.read), a deck (kavra.deck.read) "
+                    f"or the path of either, got {type(source).__name__}")
+
+
+def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step: int | None = None,
+                state: Any = None, totals: bool = True) -> pandas.DataFrame:
+    """The volumetrics table of a case or a deck: volumes and fluids in place per zone, region and fluid.
+
+    Parameters
+    ----------
+    source : kavra.results.Results, kavra.deck.Deck, str or path-like
+        A simulation case (:func:`kavra.results.read`, with its deck ``CASE.DATA`` beside
+        it) at report step `step`, or a deck with the state of its cells (`state`).  A
+        path is read as a case, or as a deck when it is a ``.DATA`` file with no restart
+        file beside it or `state` is given.
+    regions : str, array_like of int, or (either, dict of int to str)
+        The region of each cell: the name of an integer property of the source (FIPNUM,
+        EQLNUM, SATNUM, ...) or one number per cell in cell order (I fastest); with a dict
+        that names the numbers (``("FIPNUM", {1: "North", 2: "South"})``) the REGION column
+        holds the names, else the numbers as text.  Cells numbered 0 or below take no part.
+    zones : dict of str to (int, int), str, path-like, array_like of int, optional
+        The zone of each cell: a dict of zone name to its first and last layer (K from 1,
+        both included), a zone file of ``'name' k1-k2`` lines (see :func:`read_zones`), the
+        name of an integer property, or one number per cell; a pair (property or array, dict
+        of number to name) names the numbers.  Layers that no zone holds are the zone
+        ``"(no zone)"``.  Default: one zone, ``"All"``.
+    step : int, optional
+        The report step of a results case (0: the equilibrated state).
+    state : object or mapping, or dict of str to those, optional
+        With a deck: ``pressure`` (oil), ``sw``, ``sg``, ``rs``, ``rv`` per cell (attributes
+        or keys; ``rs``, ``rv`` may be None with dead oil or dry gas; ``pw`` and ``pg``, the
+        phases' pressures, where known), in the deck's units.  A dict of scenario name to
+        state gives one long table with a SCENARIO column.  Default: the deck's initial
+        state from ``kavra.equil.initial_state(deck)`` (one state, or a dict of scenarios).
+    totals : bool
+        Add a row per fluid with ZONE and REGION ``"Totals"``: the sum of its rows.
+
+    Returns
+    -------
+    pandas.DataFrame
+        Columns FLUID, ZONE, REGION (SCENARIO first for many scenarios), then BULK, NET,
+        PORV, HCPV, STOIIP, GIIP, ASSOCIATEDGAS, ASSOCIATEDOIL, WIIP, as described in the
+        module's text; one row per zone x region x fluid zone that holds a cell, in that
+        order.  ``df.attrs`` holds ``units`` (the source's unit system), ``column_units``
+        (``{"BULK": "m3", "PORV": "rm3", "STOIIP": "sm3", ...}``: FIELD gives ft3, rb, stb
+        and Mscf), ``source`` and, of a case, ``step`` and ``date``.
+
+    Raises
+    ------
+    TypeError
+        A source of another kind; a results case without `step`; a state without pressure,
+        sw or sg; region or zone numbers that are not integers.
+    ValueError
+        Numbers or state arrays of the wrong length; zones that overlap or lie outside the
+        grid; a zone file of another form; Rs x Rv of 1 or more in a cell.
+    KeyError
+        A property or report step the source does not have (the message lists those it has).
+    FileNotFoundError
+        A path that names nothing; a case without its deck.
+    ImportError
+        A deck without `state` while kavra has no ``kavra.equil``; pandas is not installed.
+
+    Examples
+    --------
+    A deck with the state of its cells (here made up: one pressure, water below 8375 ft):
+
+    >>> import numpy as np
+    >>> import kavra.deck
+    >>> from kavra.volumetrics import volumetrics
+    >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))   # FIELD, 10 x 10 x 3
+    >>> sw = np.where(deck.cell_depths() > 8375.0, 1.0, 0.12)
+    >>> state = {"pressure": 4800.0, "sw": sw, "sg": 0.0, "rs": 1.27, "rv": 0.0}
+    >>> table = volumetrics(deck, state=state, zones={"Upper": (1, 2), "Lower": (3, 3)})
+    >>> print(table[["FLUID", "ZONE", "REGION", "PORV", "HCPV", "STOIIP"]].round(-3).to_string(index=False))
+    FLUID   ZONE REGION        PORV        HCPV      STOIIP
+      oil  Upper      1 267161000.0 235102000.0 142332000.0
+    water  Lower      1 267161000.0         0.0         0.0
+      oil Totals Totals 267161000.0 235102000.0 142332000.0
+    water Totals Totals 267161000.0         0.0         0.0
+    >>> table.attrs["column_units"]["PORV"], table.attrs["column_units"]["STOIIP"]
+    ('rb', 'stb')
+    """
+    try:
+        import pandas  # noqa: F401
+    except ImportError as error:
+        raise ImportError("kavra.volumetrics gives a pandas DataFrame: pip install pandas") from error
+    kind, source = _source(source, deck_first=state is not None)
+    if kind == "results":
+        if state is not None:
+            raise TypeError("volumetrics: state= is for a deck; a results case takes its state at step=")
+        return _table(_results_cells(source, step), regions, zones, totals)
+    if step is not None:
+        raise TypeError("volumetrics: step= is for a results case; a deck takes its state from state=")
+    if state is None:
+        state = initial_state(source)
+    if isinstance(state, Mapping) and state and all(isinstance(v, Mapping) or hasattr(v, "pressure")
+                                                    for v in state.values()) and "pressure" not in state:
+        return scenarios(source, state, regions=regions, zones=zones, totals=totals)
+    return _table(_deck_cells(source, state), regions, zones, totals)
+
+
+def scenarios(deck: Any, states: Mapping[str, Any], *, regions: Any = "FIPNUM", zones: Any = None,
+              totals: bool = True) -> pandas.DataFrame:
+    """The volumetrics of one deck for many states (the contacts of each scenario) as one long table.
+
+    Parameters
+    ----------
+    deck : kavra.deck.Deck
+        The deck.
+    states : dict of str to state
+        Each scenario's name and state, as `state` of :func:`volumetrics`.
+    regions, zones, totals
+        As for :func:`volumetrics`.
+
+    Returns
+    -------
+    pandas.DataFrame
+        The tables of :func:`volumetrics`, one after the other in the order of `states`,
+        with a SCENARIO column first; ``attrs["scenarios"]`` lists the names.
+
+    Examples
+    --------
+    Two made-up oil-water contacts of SPE1 (its three layers are 8335, 8360 and 8400 ft deep):
+
+    >>> import numpy as np
+    >>> import kavra.deck
+    >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    >>> depth = deck.cell_depths()
+    >>> states = {f"OWC {owc} ft": {"pressure": 4800.0, "sw": np.where(depth > owc, 1.0, 0.12), "sg": 0.0,
+    ...                            "rs": 1.27, "rv": 0.0} for owc in (8350, 8380)}
+    >>> table = scenarios(deck, states)
+    >>> print(table[table.ZONE == "Totals"][["SCENARIO", "FLUID", "STOIIP"]].round(-3).to_string(index=False))
+       SCENARIO FLUID      STOIIP
+    OWC 8350 ft   oil  56933000.0
+    OWC 8350 ft water         0.0
+    OWC 8380 ft   oil 142332000.0
+    OWC 8380 ft water         0.0
+    """
+    import pandas as pd
+
+    if not states:
+        raise ValueError("scenarios: no states given")
+    frames = []
+    for name, state in states.items():
+        frame = _table(_deck_cells(deck, state), regions, zones, totals)
+        frame.insert(0, "SCENARIO", str(name))
+        frames.append(frame)
+    joined = pd.concat(frames, ignore_index=True)
+    joined.attrs.update(frames[0].attrs)
+    joined.attrs["scenarios"] = [str(name) for name in states]
+    return joined
