@@ -190,7 +190,7 @@ def private_names_taken(root, package):
             whole = base if imported is None else f"{base}.{imported}"
             if whole.split(".")[0] == package and is_module(whole, known):
                 modules[bound] = whole
-            elif imported and imported.startswith("_") and base in known and base != f"{package}._calls":
+            elif imported and imported.startswith("_") and not imported.startswith("__") and base in known and base != f"{package}._calls":
                 taken.append((name, base, imported))
         for node in ast.walk(ast.parse(path.read_text())):
             if (isinstance(node, ast.Attribute) and isinstance(node.value, ast.Name) and node.value.id in modules

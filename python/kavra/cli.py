@@ -102,7 +102,7 @@ def _open(text: str) -> tuple[str, Any]:
     if path.suffix.upper() == ".DATA" and not path.is_file():
         raise UsageError(f"{text}: no such file")
     try:
-        return volumetrics._source(path)
+        return volumetrics.case_or_deck(path)
     except FileNotFoundError as error:
         raise UsageError(_message(error)) from None
 

@@ -463,7 +463,7 @@ def initial_state(deck: Any) -> Any:
     return equil.initial_state(deck)
 
 
-def _source(source: Any, deck_first: bool = False) -> tuple[str, Any]:
+def case_or_deck(source: Any, deck_first: bool = False) -> tuple[str, Any]:
     """("results", case) or ("deck", deck) of what volumetrics was given; a .DATA path is a deck when
     no restart file is beside it, or when `deck_first` (a state is given)."""
     from . import results
@@ -572,7 +572,7 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
         import pandas  # noqa: F401
     except ImportError as error:
         raise ImportError("kavra.volumetrics gives a pandas DataFrame: pip install pandas") from error
-    kind, source = _source(source, deck_first=state is not None)
+    kind, source = case_or_deck(source, deck_first=state is not None)
     if kind == "results":
         if state is not None:
             raise TypeError("volumetrics: state= is for a deck; a results case takes its state at step=")
