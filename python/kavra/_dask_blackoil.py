@@ -30,7 +30,8 @@ from . import blackoil as _blackoil
 from .dask import _cells, _check_table
 from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
-__all__ = list(_blackoil.__all__)
+# in_place_from_arrays has no lazy form: it is arithmetic on a restart's arrays (given dask arrays, it computes them)
+__all__ = [name for name in _blackoil.__all__ if name != "in_place_from_arrays"]
 
 
 def _with_density(function: Any) -> Any:
