@@ -185,6 +185,33 @@ def test_formatted_files_are_read_bit_for_bit_and_a_path_names_the_file_it_opens
     assert np.array_equal(text.summary("WOPR:OP_1").values, np.float32([10.0, 20.0, 30.0]))
 
 
+def test_formatted_files_of_each_report_step_read_as_the_unified_ones(tmp_path):
+    """CASE.F0000, CASE.F0001 (a restart file per report step, no SEQNUM) and CASE.A0001, CASE.A0002."""
+    shutil.copy(DATA / "IX_BO.EGRID", tmp_path)
+    shutil.copy(DATA / "IX_BO.INIT", tmp_path)
+    steps = []
+    for name, values in resfo.read(DATA / "IX_BO.UNRST"):
+        if name.strip() == "SEQNUM":
+            steps.append([])
+        else:
+            steps[-1].append((name, values))
+    for number, arrays in enumerate(steps):
+        resfo.write(tmp_path / f"IX_BO.F{number:04}", arrays, resfo.Format.FORMATTED)
+    case = write_summary(tmp_path, "IX_BO", form=resfo.Format.FORMATTED)
+    records = resfo.read(case.with_suffix(".FUNSMRY"), resfo.Format.FORMATTED)
+    case.with_suffix(".FUNSMRY").unlink()
+    for number in (1, 2, 3):  # a file per report step: its MINISTEP and PARAMS
+        resfo.write(tmp_path / f"IX_BO.A{number:04}", records[2 * number - 1:2 * number + 1], resfo.Format.FORMATTED)
+    split, unified = results.read(tmp_path / "IX_BO.F0001"), results.read(DATA / "IX_BO")
+    assert split.files["RESTART"].name == "IX_BO.F0000" and split.files["SUMMARY"].name == "IX_BO.A0001"
+    assert split.steps == unified.steps == (0, 1) and np.array_equal(split.dates, unified.dates)
+    for step in split.steps:
+        assert split.property_names(step) == unified.property_names(step)
+        for name in split.property_names(step):
+            assert np.array_equal(split.cell_property(name, step), unified.cell_property(name, step))
+    assert np.array_equal(split.summary("FOPR").values, np.float32([100.0, 200.0, 300.0]))
+
+
 def test_an_egrid_alone_has_its_units_active_cells_and_a_grid_that_unpacks(tmp_path):
     shutil.copy(DATA / "E100_BO.EGRID", tmp_path)
     r = results.read(tmp_path / "E100_BO")

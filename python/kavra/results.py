@@ -23,7 +23,9 @@ error that names it, never another array's numbers.
 
 The formatted (text) files of a case (``.FEGRID``, ``.FINIT``, ``.FUNRST``,
 ``.FSMSPEC``, ``.FUNSMRY``, ``.F0001``, ``.A0001``, ...) are read too, to the
-same arrays bit for bit; reading one of their arrays parses its text.
+numbers they write (resfo's reading, bit for bit; such a file writes 8
+significant digits, where a float32 may need 9); reading one of their arrays
+parses its text.
 
 The output of the simulators of the ECLIPSE family reads the same way:
 
@@ -159,7 +161,7 @@ def _unpacking_grid(ni: int, nj: int, nk: int) -> Any:
 try:
     from .tessel import ReservoirTopology as _Topology
 except ImportError:  # a build without Boost.Python: grids are (nI, nJ, nK) named tuples
-    _Topology = object
+    _Topology = object  # type: ignore[misc, assignment]
 
 
 class _ReservoirGrid(_Topology):  # type: ignore[misc, valid-type]
@@ -424,7 +426,6 @@ class Results:
                 f".SMSPEC there.  The cases there: {_cases_in(case.parent)}")
         self._summary_files = found.get("SUMMARY", [])
         self._actnum: _Array | None = None
-        self._cellid: _Array | None = None
         # What the arrays' masks come from, read from ACTNUM (and CELLID) when first needed: set
         # once, whole, under the lock (threads may ask for the first array at once).
         self._lock = threading.Lock()
@@ -433,8 +434,9 @@ class Results:
         egrid = _scan(self.files["EGRID"], ("GRIDHEAD", "FILEHEAD", "GRIDUNIT")) if "EGRID" in self.files else []
         init = _scan(self.files["INIT"], ("INTEHEAD", "LOGIHEAD")) if "INIT" in self.files else []
         self._init = _first_of_each(init)
-        self._init_header: NDArray[np.int32] | None = _first_of_each(init, values=True).get("INTEHEAD")
-        self._cellid = self._init.get("CELLID")
+        init_values = _first_of_each(init, values=True)
+        self._init_header: NDArray[np.int32] | None = init_values.get("INTEHEAD")
+        self._cellid: _Array | None = self._init.get("CELLID")
         self._steps: dict[int, dict[str, _Array]] = {}
         self._headers: dict[int, NDArray[np.int32]] = {}
         for path in found.get("RESTART", []):
@@ -443,7 +445,6 @@ class Results:
 
         dims: list[int] | None = None
         egrid_values = _first_of_each(egrid, values=True)
-        init_values = _first_of_each(init, values=True)
         header = init_values.get("INTEHEAD", next(iter(self._headers.values()), None))
         if header is not None and header.size <= _NACTIVE:
             raise ValueError(f"the INTEHEAD of {case.name} holds {header.size} items, too few for the grid")
