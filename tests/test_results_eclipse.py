@@ -288,21 +288,22 @@ def test_a_report_step_without_a_date_says_which(tmp_path):
 
 # -- files rewritten, and threads ------------------------------------------------------------
 
+@pytest.mark.parametrize("form", [resfo.Format.UNFORMATTED, resfo.Format.FORMATTED])
 @pytest.mark.parametrize("rewrite", ["reordered, same size and time", "grown", "touched"])
-def test_a_file_rewritten_after_read_is_an_error_that_names_it(tmp_path, rewrite):
-    for extension in ("EGRID", "INIT"):
-        shutil.copy(DATA / f"E100_BO.{extension}", tmp_path)
-    init = tmp_path / "E100_BO.INIT"
-    r = results.read(tmp_path / "E100_BO")
+def test_a_file_rewritten_after_read_is_an_error_that_names_it(tmp_path, rewrite, form):
+    shutil.copy(DATA / "IX_BO.EGRID", tmp_path)
+    init = tmp_path / ("IX_BO.FINIT" if form == resfo.Format.FORMATTED else "IX_BO.INIT")
+    resfo.write(init, resfo.read(DATA / "IX_BO.INIT"), form)
+    r = results.read(init)
     before = init.stat()
-    arrays = resfo.read(init)
+    arrays = resfo.read(init, form)
     if rewrite.startswith("reordered"):  # PERMX and PORO change places: same types and sizes
         names = [n.strip() for n, _ in arrays]
         i, j = names.index("PERMX"), names.index("PORO")
         arrays[i], arrays[j] = arrays[j], arrays[i]
     elif rewrite == "grown":
         arrays.append(("EXTRA   ", np.zeros(5, np.int32)))
-    resfo.write(init, arrays)
+    resfo.write(init, arrays, form)
     if rewrite != "grown":
         os.utime(init, ns=(before.st_atime_ns, before.st_mtime_ns + (10**9 if rewrite == "touched" else 0)))
     with pytest.raises(ValueError, match=f"{init} has changed since kavra.results.read opened it"):

@@ -258,8 +258,11 @@ def _check_header(array: _Array, stream: Any) -> Any:
     stream.seek(array.header)
     entry = None
     if array.formatted:
-        entry = next(iter(resfo.lazy_read(stream, resfo.Format.FORMATTED)), None)
-        header = None if entry is None else (entry.read_keyword().strip(), entry.read_length(), entry.read_type())
+        try:
+            entry = next(iter(resfo.lazy_read(stream, resfo.Format.FORMATTED)), None)
+            header = None if entry is None else (entry.read_keyword().strip(), entry.read_length(), entry.read_type())
+        except (resfo.ResfoParsingError, ValueError, IndexError, UnicodeDecodeError):
+            header = None
     else:
         raw = stream.read(24)
         fields = struct.unpack(">i8si4si", raw) if len(raw) == 24 else (0,) * 5  # marker, name, count, type, marker
