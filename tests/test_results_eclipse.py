@@ -158,6 +158,20 @@ def test_ix_counts_that_disagree_without_cellid_say_which(tmp_path):
             r.property_names(step)
 
 
+@pytest.mark.parametrize("cellid, words", [
+    (np.r_[0, np.arange(2, 23)].astype(np.int32), r"CELLID holds numbers that are not distinct cells of 1..24"),
+    (np.r_[np.arange(1, 22), 25].astype(np.int32), r"CELLID holds numbers that are not distinct cells of 1..24"),
+    (np.r_[np.arange(1, 22), 21].astype(np.int32), r"CELLID holds numbers that are not distinct cells of 1..24"),
+    (np.arange(1, 23, dtype=np.float32), r"CELLID holds 22 values of type REAL, not integer cell numbers"),
+])
+def test_a_cellid_that_names_no_cells_says_so(tmp_path, cellid, words):
+    shutil.copy(DATA / "IX_BO.EGRID", tmp_path)
+    resfo.write(tmp_path / "IX_BO.INIT", [(n, cellid if n.strip() == "CELLID" else v)
+                                          for n, v in resfo.read(DATA / "IX_BO.INIT")])
+    with pytest.raises(ValueError, match=words):
+        results.read(tmp_path / "IX_BO").cell_property("PORO")
+
+
 def test_formatted_files_are_read_bit_for_bit_and_a_path_names_the_file_it_opens(tmp_path):
     formatted, binary = results.read(DATA / "E100_BO.FINIT"), results.read(DATA / "E100_BO.INIT")
     assert formatted.files["INIT"].name == "E100_BO.FINIT" and formatted.files["EGRID"].name == "E100_BO.FEGRID"
