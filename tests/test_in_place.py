@@ -1,6 +1,8 @@
 """kavra.blackoil.in_place and Results.in_place against OPM Flow's FIPOIL, FIPGAS and FIPWAT,
 every report step and cell, and kavra.region_totals of them per FIPNUM region against Flow's region vectors (ROIP, RGIP, RWIP)."""
 
+import shutil
+
 import numpy as np
 import pytest
 
@@ -36,6 +38,26 @@ def test_in_place_is_flows_per_cell_and_per_region(flow_run, case):
                             for region in range(1, len(totals) + 1)]
                 np.testing.assert_allclose(totals, expected, rtol=1e-6)
     assert max(worst.values()) <= 1e-6, worst
+
+
+@pytest.mark.parametrize("case", CASES)
+def test_in_place_without_a_deck_is_flows_from_its_own_arrays(flow_run, tmp_path, case):
+    """No deck beside the case: the restart's own 1OVERBO, 1OVERBG, 1OVERBW, RS, RV and RPORV."""
+    run = flow_run(case)
+    for extension in ("EGRID", "INIT", "UNRST"):
+        shutil.copy(f"{run}.{extension}", tmp_path)
+    r = results.read(tmp_path / case)
+    worst = 0.0
+    for step in r.steps:
+        fluids = r.in_place(step)
+        for part, name in PARTS.items():
+            ours, flow = getattr(fluids, part), r.cell_property(name, step).astype(float)
+            assert np.array_equal(np.ma.getmaskarray(ours), np.ma.getmaskarray(flow))
+            held = abs(flow) >= 1e-4 * float(np.ma.max(abs(flow)))
+            if held.any():
+                worst = max(worst, float(np.ma.max(abs(ours - flow)[held] / abs(flow)[held])))
+            np.testing.assert_allclose(ours.sum(), flow.sum(), rtol=1e-6)
+    assert worst <= 1e-6
 
 
 def region_vector(case, key, date):

@@ -78,6 +78,7 @@ CALLS: dict[str, Call] = {
     "blackoil.water_density": Call("blackoil", ("water_one_over_b", "density_from_b"), ("PVTW",), "cells"),
     "blackoil.pore_volume_multiplier": Call("blackoil", ("pore_volume_multiplier",), ("ROCK",), "cells"),
     "blackoil.in_place": Call("blackoil", (), (), "own"),
+    "blackoil.in_place_from_arrays": Call("blackoil", (), (), None),
 }
 
 # The package's own names: name -> the module that defines it.

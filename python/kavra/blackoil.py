@@ -53,7 +53,7 @@ from .tables import PVDG, PVDO, PVTG, PVTO, PVTW, ROCK
 
 __all__ = ["one_over_bo", "one_over_bg", "one_over_bw", "rs_sat", "rv_sat", "bubble_point", "dew_point",
            "oil_viscosity", "gas_viscosity", "water_viscosity", "oil_density", "gas_density", "water_density",
-           "pore_volume_multiplier", "in_place"]
+           "pore_volume_multiplier", "in_place", "in_place_from_arrays"]
 
 # Stock-tank barrels per thousand standard cubic feet, as cubic feet: the FIELD
 # factor between a ratio of surface volumes and a density (1 in the other systems).
@@ -732,3 +732,90 @@ def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any,
 
 _NUMPY = Arrays(sys.modules[__name__], lambda value: np.asanyarray(value, dtype=np.float64),
                 lambda value: np.asarray(np.ma.getdata(value)).dtype, np.ma.where)
+
+
+# --- fluids in place from a restart's own arrays -----------------------------------------
+
+def in_place_from_arrays(porv: ArrayLike, sw: ArrayLike, sg: ArrayLike, one_over_bo: ArrayLike | None,
+                         one_over_bg: ArrayLike | None = None, one_over_bw: ArrayLike | None = None,
+                         rs: ArrayLike | None = None, rv: ArrayLike | None = None, *,
+                         so: ArrayLike | None = None) -> InPlace:
+    """Oil, gas and water in place per cell at surface conditions, from the simulator's own 1/B.
+
+    What :func:`in_place` gives from the tables, from the arrays that a restart holds instead
+    (RPTRST ``BO BG BW RPORV``: 1OVERBO, 1OVERBG, 1OVERBW, RPORV, with RS and RV)::
+
+        oil   = pv * So * 1OVERBO + pv * Sg * 1OVERBG * RV      (liquid, and vaporised in the gas)
+        gas   = pv * Sg * 1OVERBG + pv * So * 1OVERBO * RS      (free, and dissolved in the oil)
+        water = pv * Sw * 1OVERBW
+
+    in float64, what OPM Flow writes as FIPOIL, FIPGAS and FIPWAT.
+
+    Parameters
+    ----------
+    porv : array_like of float
+        Pore volume per cell, in reservoir volume (rm3 in METRIC, rb in FIELD): a restart's
+        RPORV (at the cell's pressure), or an INIT's PORV (at the reference pressure: the
+        rock's compressibility is then left out).
+    sw, sg : array_like of float
+        Water and gas saturation per cell (fraction of pore volume; a restart's SWAT, SGAS).
+    one_over_bo, one_over_bg, one_over_bw : array_like of float or None
+        1/B of oil, gas and water per cell (surface volume per reservoir volume: a restart's
+        1OVERBO, 1OVERBG, 1OVERBW); None for a phase the run does not have, which then holds
+        nothing.
+    rs : array_like of float, optional
+        Dissolved gas-oil ratio per cell (a restart's RS); None: dead oil, no dissolved gas.
+    rv : array_like of float, optional
+        Vaporised oil-gas ratio per cell (a restart's RV); None: dry gas, no vaporised oil.
+    so : array_like of float, optional
+        Oil saturation per cell (a restart's SOIL).  Default ``1 - sw - sg``, taken as 0 within
+        2**-23 of 0 when ``sw`` or ``sg`` is float32, as :func:`in_place` does.
+
+    Returns
+    -------
+    InPlace
+        ``(oil, gas, water)``, float64 arrays of the inputs' broadcast shape, masked where an
+        input is, in the surface volumes of the arrays' units (sm3 in METRIC; stb, Mscf and
+        stb in FIELD).
+
+    Raises
+    ------
+    ValueError
+        Inputs that do not broadcast to one shape.
+
+    See Also
+    --------
+    in_place : the same from the deck's tables.
+    kavra.results.Results.in_place : from a case's restart, with these arrays when there is no deck.
+
+    Examples
+    --------
+    >>> from kavra import blackoil
+    >>> fluids = blackoil.in_place_from_arrays(porv=[1000.0], sw=[0.2], sg=[0.1], one_over_bo=[0.8],
+    ...                                        one_over_bg=[150.0], one_over_bw=[1.0], rs=[0.1], rv=[0.0])
+    >>> print(fluids.oil, fluids.gas, fluids.water)
+    [560.] [15056.] [200.]
+    """
+    def floats(value: Any) -> Any:
+        return np.asanyarray(value, dtype=np.float64)
+
+    def data_type(value: Any) -> np.dtype[Any]:
+        return np.asarray(np.ma.getdata(value)).dtype
+
+    pv, water_saturation, gas_saturation = floats(porv), floats(sw), floats(sg)
+    if so is None:
+        oil_saturation = 1.0 - water_saturation - gas_saturation
+        if np.result_type(data_type(sw), data_type(sg)) == np.float32:  # the rounding of Sw and Sg, not oil
+            oil_saturation = np.ma.where(abs(oil_saturation) < 2.0**-23, 0.0, oil_saturation)
+    else:
+        oil_saturation = floats(so)
+    zero = 0.0 * (pv + water_saturation + gas_saturation + oil_saturation)  # of the inputs' shape and masks
+
+    def phase(saturation: Any, one_over_b: ArrayLike | None) -> Any:
+        return zero if one_over_b is None else pv * saturation * floats(one_over_b) + zero
+
+    liquid, free = phase(oil_saturation, one_over_bo), phase(gas_saturation, one_over_bg)
+    vaporised = zero if rv is None else free * floats(rv)
+    dissolved = zero if rs is None else liquid * floats(rs)
+    return InPlace(liquid + vaporised, free + dissolved, phase(water_saturation, one_over_bw))
+
