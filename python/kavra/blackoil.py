@@ -811,8 +811,8 @@ def in_place_from_arrays(porv: ArrayLike, sw: ArrayLike, sg: ArrayLike, one_over
         oil_saturation = floats(so)
     zero = 0.0 * (pv + water_saturation + gas_saturation + oil_saturation)  # of the inputs' shape and masks
 
-    def phase(saturation: Any, one_over_b: ArrayLike | None) -> Any:
-        return zero if one_over_b is None else pv * saturation * floats(one_over_b) + zero
+    def phase(saturation: Any, inverse_b: ArrayLike | None) -> Any:
+        return zero if inverse_b is None else pv * saturation * floats(inverse_b) + zero
 
     liquid, free = phase(oil_saturation, one_over_bo), phase(gas_saturation, one_over_bg)
     vaporised = zero if rv is None else free * floats(rv)
