@@ -1,5 +1,5 @@
 """The build's configuration: without Boost.Python for its Python (or with KAVRA_WITHOUT_BOOST_PYTHON) it
-leaves out the modules that need it, says so once and why, and keeps the rest.
+leaves out the modules that need it, says so once and why, and keeps the rest; likewise the engine's stub.
 A wrong line of the calculation list fails to compile there, in words."""
 
 import os
@@ -16,6 +16,7 @@ from conftest import BOOST_PYTHON_BUILT, ROOT
 CMAKE = shutil.which("cmake", path=str(pathlib.Path(sys.executable).parent))
 CXX = shutil.which(os.environ.get("CXX", "g++"))
 THIS_PYTHON = "Python %d.%d" % sys.version_info[:2]
+WITHOUT_STUB = "kavra: building without the type stub of kavra._engine"
 
 
 def configure(directory, *definitions):
@@ -40,6 +41,15 @@ def test_what_needs_boost_python_is_left_out_with_one_message(tmp_path, hidden):
     targets = targets_of(tmp_path)
     assert {"tessel.dir", "kavra_core.dir"} <= targets
     assert {"_kavracore.dir", "_tessel.dir"} & targets == (set() if without else {"_kavracore.dir", "_tessel.dir"})
+    assert ("_engine_stub.dir" in targets) == (WITHOUT_STUB not in done.stderr)
+
+
+@pytest.mark.skipif(CMAKE is None, reason="no cmake in this environment (requirements-dev.txt has it)")
+def test_the_engine_stub_is_left_out_with_one_message(tmp_path):
+    done = configure(tmp_path, "KAVRA_ENGINE_STUB=OFF")
+    assert done.returncode == 0, done.stderr
+    assert done.stderr.count(WITHOUT_STUB + ": KAVRA_ENGINE_STUB is OFF.") == 1, done.stderr
+    assert "_engine_stub.dir" not in targets_of(tmp_path) and "_engine.dir" in targets_of(tmp_path)
 
 
 def compile_errors(directory, source):
