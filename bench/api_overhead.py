@@ -33,7 +33,7 @@ from kavra import tessel  # noqa: E402
 from kavra.tables import PVTO  # noqa: E402
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from run import block_regions, grid_for, rounds, table_values  # noqa: E402
+from common import block_regions, grid_for, rounds, table_values  # noqa: E402
 
 RNG = np.random.default_rng(11)
 

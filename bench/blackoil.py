@@ -37,7 +37,7 @@ from kavra import blackoil  # noqa: E402
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 import blackoil_kernels as nk  # noqa: E402
-from run import table_values  # noqa: E402
+from common import table_values  # noqa: E402
 
 ALL = len(os.sched_getaffinity(0))
 DECK = kavra.deck.read(HERE.parent / "tests" / "data" / "TWOREGIONS.DATA")

@@ -58,7 +58,7 @@ import kavra  # noqa: E402
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 import numba_kernels as nk  # noqa: E402
-from run import block_regions, grid_for, table_values  # noqa: E402
+from common import block_regions, grid_for, table_values  # noqa: E402
 
 RNG = np.random.default_rng(16)
 ALL = len(os.sched_getaffinity(0))

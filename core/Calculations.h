@@ -18,6 +18,11 @@
 //   OTHER(entry)
 //     a _kavracore function that is no cell calculation, at its place
 //
+// Each CELL line is checked where the list is (at the end of this file): a
+// count of inputs that its core function does not take over List fails to
+// compile with the calculation's name, the count written and the counts the
+// function takes.
+//
 // A core function that also takes EngineVariants as its first argument
 // (core/utils/ElementTypes.h) runs in the engine with those variants: float
 // inputs, read as they are.
@@ -50,7 +55,11 @@
     CELL(rs_from_components, CalcRsFromComponents, NoTables, 2, 1)          \
     KAVRA_BLACKOIL_CALCULATIONS(CELL)
 
-// kavra.blackoil: the properties as the simulator evaluates them.
+// kavra.blackoil: the properties as the simulator evaluates them.  A
+// calculation over tables here is written with KAVRA_BLACKOIL_ENTRIES
+// (core/blackoil/Cells.h), which takes at most two inputs (three grid
+// functions with the result) and says so when given more; one with more is
+// written out by hand, as CalcDensityFromB is.
 #define KAVRA_BLACKOIL_CALCULATIONS(CELL)                                     \
     CELL(live_oil_one_over_b, CalcLiveOilOneOverB, TPVTOList, 2, 0)          \
     CELL(live_oil_viscosity, CalcLiveOilViscosity, TPVTOList, 2, 0)          \
@@ -68,6 +77,7 @@
     CELL(density_from_b, CalcDensityFromB, NoTables, 4, 0)
 
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 namespace kavra {
@@ -104,4 +114,94 @@ struct CalcPointer<NoTables, std::index_sequence<I...>>
 template <class List, std::size_t inputs>
 using CalcPointer = typename detail::CalcPointer<List, std::make_index_sequence<inputs>>::type;
 
+} // namespace kavra
+
+// The overloads of the core function kavra::<entry> as one generic callable:
+// it takes what one of them takes.
+#define KAVRA_OVERLOADS(entry)                                                     \
+    [](auto&&... a) -> decltype(kavra::entry(std::forward<decltype(a)>(a)...)) { \
+        return kavra::entry(std::forward<decltype(a)>(a)...);                      \
+    }
+
+namespace kavra {
+namespace detail {
+
+// Whether `entry` takes sizeof...(I) inputs over List: the list and the
+// region numbers first (unless NoTables), the result last.
+template <class List, class Entry, std::size_t... I>
+constexpr bool TakesInputs(Entry, std::index_sequence<I...>)
+{
+    if constexpr (std::is_same<List, NoTables>::value)
+        return std::is_invocable<Entry, AGridFunction<I>..., GridFunctionPtr>::value;
+    else
+        return std::is_invocable<Entry, const List&, GridFunctionPtr, AGridFunction<I>..., GridFunctionPtr>::value;
+}
+
+// The counts of inputs below sizeof...(N) that `entry` takes over List, a bit each.
+template <class List, class Entry, std::size_t... N>
+constexpr unsigned InputCounts(Entry entry, std::index_sequence<N...>)
+{
+    return ((TakesInputs<List>(entry, std::make_index_sequence<N>()) ? 1u << N : 0u) | ...);
+}
+
+} // namespace detail
+
+// The check of the lines of the list, in types whose names are the words of
+// its error: a line of one_over_bo that writes 3 inputs, where
+// kavra::CalcOneOverBo takes 2, fails in the instantiation of
+// Line<one_over_bo, inputs_written<3>, inputs_its_core_function_takes<2>>.
+namespace calculation_list {
+
+template <std::size_t count>
+struct inputs_written
+{
+};
+
+template <std::size_t... counts>
+struct inputs_its_core_function_takes
+{
+};
+
+// inputs_its_core_function_takes<...> of the counts whose bits `mask` has.
+template <unsigned mask, std::size_t count = 0, std::size_t... found>
+struct CountsIn
+{
+    typedef typename std::conditional<(mask & 1u) != 0, CountsIn<(mask >> 1), count + 1, found..., count>,
+                                      CountsIn<(mask >> 1), count + 1, found...>>::type::type type;
+};
+template <std::size_t count, std::size_t... found>
+struct CountsIn<0, count, found...>
+{
+    typedef inputs_its_core_function_takes<found...> type;
+};
+
+template <class Calculation, class Written, class Takes>
+struct Line;
+template <class Calculation, std::size_t written, std::size_t... takes>
+struct Line<Calculation, inputs_written<written>, inputs_its_core_function_takes<takes...>>
+{
+    static_assert(((written == takes) || ...),
+                  "a CELL line of core/Calculations.h writes a count of inputs that its core function does not take "
+                  "over its List: kavra::calculation_list::Line<calculation, inputs_written<count>, "
+                  "inputs_its_core_function_takes<counts...>> above names them");
+    static constexpr bool checked = true;
+};
+
+// A tag named after the calculation, whose takes() are the counts of inputs
+// (below 8) of its core function, and the check of its line.
+#define KAVRA_CHECK_CELL(name, entry, List, inputs, kavracore)                                               \
+    struct name                                                                                              \
+    {                                                                                                        \
+        static constexpr unsigned takes()                                                                    \
+        {                                                                                                    \
+            return detail::InputCounts<List>(KAVRA_OVERLOADS(entry), std::make_index_sequence<8>());         \
+        }                                                                                                    \
+    };                                                                                                       \
+    static_assert(Line<name, inputs_written<inputs>, CountsIn<name::takes()>::type>::checked, "");
+#define KAVRA_CHECK_OTHER(entry)
+KAVRA_CALCULATIONS(KAVRA_CHECK_CELL, KAVRA_CHECK_OTHER)
+#undef KAVRA_CHECK_CELL
+#undef KAVRA_CHECK_OTHER
+
+} // namespace calculation_list
 } // namespace kavra

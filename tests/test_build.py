@@ -1,6 +1,8 @@
 """The build's configuration: without Boost.Python for its Python (or with KAVRA_WITHOUT_BOOST_PYTHON) it
-leaves out the modules that need it, says so once and why, and keeps the rest."""
+leaves out the modules that need it, says so once and why, and keeps the rest; likewise the engine's stub.
+A wrong line of the calculation list fails to compile there, in words."""
 
+import os
 import pathlib
 import re
 import shutil
@@ -12,24 +14,84 @@ import pytest
 from conftest import BOOST_PYTHON_BUILT, ROOT
 
 CMAKE = shutil.which("cmake", path=str(pathlib.Path(sys.executable).parent))
+CXX = shutil.which(os.environ.get("CXX", "g++"))
 THIS_PYTHON = "Python %d.%d" % sys.version_info[:2]
+WITHOUT_STUB = "kavra: building without the type stub of kavra._engine"
+
+
+def configure(directory, *definitions):
+    return subprocess.run([CMAKE, "-S", str(ROOT), "-B", str(directory), f"-DPython_EXECUTABLE={sys.executable}",
+                           *(f"-D{d}" for d in definitions)], capture_output=True, text=True, timeout=300)
+
+
+def targets_of(directory):
+    return {path.name for path in (directory / "CMakeFiles").glob("*.dir")}  # a directory per target
 
 
 @pytest.mark.skipif(CMAKE is None, reason="no cmake in this environment (requirements-dev.txt has it)")
 @pytest.mark.parametrize("hidden", [False, True], ids=["as-installed", "hidden"])
 def test_what_needs_boost_python_is_left_out_with_one_message(tmp_path, hidden):
-    done = subprocess.run([CMAKE, "-S", str(ROOT), "-B", str(tmp_path), f"-DPython_EXECUTABLE={sys.executable}",
-                           f"-DKAVRA_WITHOUT_BOOST_PYTHON={'ON' if hidden else 'OFF'}"],
-                          capture_output=True, text=True, timeout=300)
+    done = configure(tmp_path, f"KAVRA_WITHOUT_BOOST_PYTHON={'ON' if hidden else 'OFF'}")
     assert done.returncode == 0, done.stderr
     without = hidden or not BOOST_PYTHON_BUILT
     assert done.stderr.count("kavra: building without kavra._kavracore and the Python bindings of tessel") == without
     if without:
         why = "KAVRA_WITHOUT_BOOST_PYTHON is ON" if hidden else f"not {THIS_PYTHON}"
         assert f"Boost.Python for {THIS_PYTHON}" in done.stderr and why in done.stderr, done.stderr
-    targets = {path.name for path in (tmp_path / "CMakeFiles").glob("*.dir")}  # a directory per target
+    targets = targets_of(tmp_path)
     assert {"tessel.dir", "kavra_core.dir"} <= targets
     assert {"_kavracore.dir", "_tessel.dir"} & targets == (set() if without else {"_kavracore.dir", "_tessel.dir"})
+    assert ("_engine_stub.dir" in targets) == (WITHOUT_STUB not in done.stderr)
+
+
+@pytest.mark.skipif(CMAKE is None, reason="no cmake in this environment (requirements-dev.txt has it)")
+def test_the_engine_stub_is_left_out_with_one_message(tmp_path):
+    done = configure(tmp_path, "KAVRA_ENGINE_STUB=OFF")
+    assert done.returncode == 0, done.stderr
+    assert done.stderr.count(WITHOUT_STUB + ": KAVRA_ENGINE_STUB is OFF.") == 1, done.stderr
+    assert "_engine_stub.dir" not in targets_of(tmp_path) and "_engine.dir" in targets_of(tmp_path)
+
+
+def compile_errors(directory, source):
+    """The errors of compiling `source` against the tree, with `directory` searched first."""
+    (directory / "check.cpp").write_text(source)
+    done = subprocess.run([CXX, "-std=c++17", "-fsyntax-only", f"-I{directory}", f"-I{ROOT}", "check.cpp"],
+                          capture_output=True, text=True, cwd=directory, timeout=300)
+    assert done.returncode != 0, "compiled"
+    return [line for line in done.stderr.splitlines() if "error:" in line], done.stderr
+
+
+LIST = (ROOT / "core/Calculations.h").read_text()
+
+
+@pytest.mark.skipif(CXX is None, reason="no C++ compiler")
+@pytest.mark.parametrize("line, written, takes", [
+    ("CELL(one_over_bo, CalcOneOverBo, TPVTOList, 2, 1)", 3, "2"),
+    ("CELL(bulk_volume, CalcBulkVolume, NoTables, 2, 1)", 3, "1, 2"),  # two overloads of the core function
+    ("CELL(dew_point, CalcDewPoint, TPVTGList, 1, 0)", 0, "1"),
+    ("CELL(porosity, CalcPorosity, TRockList, 2, 1)", 1, "2"),
+])
+def test_a_wrong_count_of_inputs_on_a_list_line_fails_in_words(tmp_path, line, written, takes):
+    parts = line[len("CELL("):-1].split(", ")
+    name, parts[3] = parts[0], str(written)
+    assert line in LIST
+    (tmp_path / "core").mkdir()
+    (tmp_path / "core/Calculations.h").write_text(LIST.replace(line, f"CELL({', '.join(parts)})"))
+    errors, text = compile_errors(tmp_path, '#include "core/Calculations.h"\n')
+    assert "static assertion failed: a CELL line of core/Calculations.h writes a count of inputs" in errors[0], text
+    assert re.search(rf"Line<[\w:]*\b{name}, [\w:]*inputs_written<{written}>, "
+                     rf"[\w:]*inputs_its_core_function_takes<{takes}> ?>", text), text
+
+
+@pytest.mark.skipif(CXX is None, reason="no C++ compiler")
+def test_black_oil_entries_of_more_than_two_inputs_fail_in_words(tmp_path):
+    errors, text = compile_errors(tmp_path, """#include "core/blackoil/Cells.h"
+namespace kavra {
+KAVRA_BLACKOIL_ENTRIES(CalcThree, TPVTOList, blackoil::LiveOil, blackoil::LiveB, p, rs, t, result)
+}
+""")
+    assert errors[0].endswith("static assertion failed: KAVRA_BLACKOIL_ENTRIES(CalcThree, ...) names 4 grid functions: "
+                              "it takes at most three, two inputs and the result"), text
 
 
 HIDDEN = """

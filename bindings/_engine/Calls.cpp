@@ -2,8 +2,9 @@
 
 #include <numpy/ndarraytypes.h> // the array struct only: no NumPy function table is used
 
-#include <algorithm>
 #include <new>
+
+#include <nanobind/stl/string.h>
 
 #include "core/utils/Exception.h"
 
@@ -13,28 +14,26 @@ namespace kavra {
 namespace engine {
 namespace {
 
-// "name[i, j, k] (cell N, counting from 1)" for a flat position in `shape`.
-std::string IndexText(const char* name, std::uint64_t position, const std::vector<std::int64_t>& shape)
+// The words of a failing cell at a flat position in `shape`, "pvtnum[i, j, k]
+// (cell N, counting from 1)": those of the Python side (kavra._arrays), which
+// names the cells of its own failures with them.  Throws nb::python_error
+// where Python fails.
+std::string CellText(std::int64_t position, const std::vector<std::int64_t>& shape)
 {
-    std::string index;
-    std::uint64_t rest = position;
-    std::vector<std::uint64_t> digits(shape.size());
-    for (std::size_t d = shape.size(); d-- > 0;) {
-        const std::uint64_t extent = static_cast<std::uint64_t>(std::max<std::int64_t>(shape[d], 1));
-        digits[d] = rest % extent;
-        rest /= extent;
-    }
-    for (std::size_t d = 0; d < digits.size(); ++d)
-        index += (d ? ", " : "") + std::to_string(digits[d]);
-    return std::string(name) + "[" + (shape.empty() ? "()" : index) + "] (cell " + std::to_string(position + 1) +
-           ", counting from 1)";
+    nb::list extents;
+    for (std::int64_t extent : shape)
+        extents.append(extent);
+    nb::object cells = nb::steal(PySequence_Tuple(extents.ptr()));
+    if (!cells.is_valid())
+        throw nb::python_error();
+    return nb::cast<std::string>(nb::module_::import_("kavra._arrays").attr("index_text")("pvtnum", position, cells));
 }
 
 // The words of a failure of the core, by its facts.
 std::string Wording(const IHeaderException& e, const Words& words)
 {
     const Failure& f = e.failure;
-    const std::string at = f.cell >= 0 ? IndexText("pvtnum", std::uint64_t(f.cell), words.shape) : "a cell";
+    const std::string at = f.cell >= 0 ? CellText(f.cell, words.shape) : "a cell";
     switch (f.kind) {
     case Failure::region_past_list: {
         const std::string have = f.count > 1   ? "regions 1 to " + std::to_string(f.count)
@@ -62,8 +61,18 @@ void SetError(const std::exception_ptr& error, const Words& words)
     try {
         std::rethrow_exception(error);
     } catch (const IHeaderException& e) {
+        std::string wording;
+        try {
+            wording = Wording(e, words);
+        } catch (nb::python_error& failed) {
+            failed.restore();
+            return;
+        } catch (const std::bad_alloc&) {
+            PyErr_NoMemory();
+            return;
+        }
         PyObject* cause = PyObject_CallFunction(PyExc_RuntimeError, "s", e.Text().c_str());
-        PyObject* value = PyObject_CallFunction(PyExc_ValueError, "s", Wording(e, words).c_str());
+        PyObject* value = PyObject_CallFunction(PyExc_ValueError, "s", wording.c_str());
         if (cause == nullptr || value == nullptr) {
             Py_XDECREF(cause);
             Py_XDECREF(value);

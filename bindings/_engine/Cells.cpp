@@ -99,11 +99,6 @@ constexpr bool TakesFloatInputsOf(Entry, std::index_sequence<I...>)
                                  GridFunctionPtr>::value;
 }
 
-// The overloads of a core function as one generic callable.
-#define KAVRA_OVERLOADS(entry)                                                     \
-    [](auto&&... a) -> decltype(kavra::entry(std::forward<decltype(a)>(a)...)) { \
-        return kavra::entry(std::forward<decltype(a)>(a)...);                      \
-    }
 #define KAVRA_ARGUMENTS(List, inputs) ((std::is_same<List, NoTables>::value ? 1 : 2) + inputs)
 #define KAVRA_ENGINE_CELL(name, entry, List, inputs, kavracore)                                                  \
     Calculation{#name, ListNameOf<List>(), inputs,                                                               \

@@ -104,9 +104,9 @@ void RegisterGeometry(nb::module_& m)
 {
     static PyMethodDef methods[] = {
         {"cell_geometry", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&CellGeometry)), METH_FASTCALL,
-         "cell_geometry(nI, nJ, nK, coord, zcorn, out, threads) -> None: the volume, the mean corner depth, DX, DY "
-         "and DZ of every cell of a corner-point grid into out = (volumes, depths, dx, dy, dz) (None for one not "
-         "wanted), in the units of COORD and ZCORN"},
+         "cell_geometry($module, nI, nJ, nK, coord, zcorn, out, threads, /)\n--\n\n"
+         "The volume, the mean corner depth, DX, DY and DZ of every cell of a corner-point grid into out = "
+         "(volumes, depths, dx, dy, dz) (None for one not wanted), in the units of COORD and ZCORN. Gives None."},
         {nullptr, nullptr, 0, nullptr}};
     if (PyModule_AddFunctions(m.ptr(), methods) < 0)
         throw nb::python_error();

@@ -99,18 +99,24 @@ NB_MODULE(_engine, m)
         .def("__len__", &Tables::Count);
     static PyMethodDef unlocked[] = {
         {"calculate", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Calculate)),
-         METH_FASTCALL, "calculate(name, tables, regions, inputs, out, words, threads) -> out"},
+         METH_FASTCALL, "calculate($module, name, tables, regions, inputs, out, words, threads, /)\n--\n\n"
+         "The calculation `name` of the list into out (bindings/_engine/Cells.cpp). Gives out."},
         {"reduce_grid", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&ReduceGrid)),
-         METH_FASTCALL, "reduce_grid(name, values, result, columns, threads) -> None"},
+         METH_FASTCALL, "reduce_grid($module, name, values, result, columns, threads, /)\n--\n\n"
+         "The K reduction `name` of a grid's values into result (bindings/_engine/Reductions.cpp). Gives None."},
         {"column_map", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&ColumnMap)), METH_FASTCALL,
-         "column_map(reduce, values, weights, active, nI, nJ, nK, runs, map, empty, threads) -> None"},
+         "column_map($module, reduce, values, weights, active, nI, nJ, nK, runs, map, empty, threads, /)\n--\n\n"
+         "A map of the columns' values (bindings/_engine/Maps.cpp). Gives None."},
         {"region_totals", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&RegionTotals)),
-         METH_FASTCALL, "region_totals(values, regions, out, threads) -> None"},
+         METH_FASTCALL, "region_totals($module, values, regions, out, threads, /)\n--\n\n"
+         "The totals of values per region into out (bindings/_engine/Maps.cpp). Gives None."},
         {nullptr, nullptr, 0, nullptr}};
     if (PyModule_AddFunctions(m.ptr(), unlocked) < 0)
         throw nb::python_error();
-    m.def("reduce_selection", &ReduceSelection);
-    m.def("transmissibility_k", &TransmissibilityK);
+    m.def("reduce_selection", &ReduceSelection, nb::arg("name"), nb::arg("values"), nb::arg("cells"), nb::arg("nI"),
+          nb::arg("nJ"), nb::arg("result"));
+    m.def("transmissibility_k", &TransmissibilityK, nb::arg("nnc1"), nb::arg("nnc2"), nb::arg("grid"),
+          nb::arg("cells"));
     RegisterGeometry(m);
     RegisterSatfunc(m);
     m.attr("CALCULATIONS") = CalculationList();

@@ -188,7 +188,14 @@ void CalculateCells(ElementTypes<T...> types, const std::vector<Model>& models, 
 
 // A calculation's two entries: its own variant (float64 arrays, or any grid
 // functions through their accessors) and the engine's (float32 inputs too).
+// The names after `rule` are its grid functions, the result last: at most
+// three (two inputs and the result), which KAVRA_BLACKOIL_PARAMETERS spells
+// out; a calculation with more is written out by hand (CalcDensityFromB).
 #define KAVRA_BLACKOIL_ENTRIES(Name, List, Model, rule, ...)                                                  \
+    static_assert(KAVRA_BLACKOIL_COUNT(__VA_ARGS__) <= 3,                                                     \
+                  "KAVRA_BLACKOIL_ENTRIES(" #Name ", ...) names " KAVRA_BLACKOIL_STRING(                     \
+                      KAVRA_BLACKOIL_COUNT(__VA_ARGS__)) " grid functions: it takes at most three, two inputs " \
+                                                         "and the result");                                   \
     void Name(const List& list, GridFunctionPtr regions, KAVRA_BLACKOIL_PARAMETERS(__VA_ARGS__))              \
     {                                                                                                        \
         blackoil::CalculateCells(ElementTypes<double>(), blackoil::Models<Model>(list), rule, regions,        \
@@ -202,6 +209,13 @@ void CalculateCells(ElementTypes<T...> types, const std::vector<Model>& models, 
 #define KAVRA_BLACKOIL_P1(a) GridFunctionPtr a
 #define KAVRA_BLACKOIL_PARAMETERS_2(a, b) GridFunctionPtr a, GridFunctionPtr b
 #define KAVRA_BLACKOIL_PARAMETERS_3(a, b, c) GridFunctionPtr a, GridFunctionPtr b, GridFunctionPtr c
-#define KAVRA_BLACKOIL_PICK(_1, _2, _3, name, ...) name
-#define KAVRA_BLACKOIL_PARAMETERS(...) \
-    KAVRA_BLACKOIL_PICK(__VA_ARGS__, KAVRA_BLACKOIL_PARAMETERS_3, KAVRA_BLACKOIL_PARAMETERS_2, KAVRA_BLACKOIL_P1)(__VA_ARGS__)
+// More than three: the static_assert above says so; these stand in for the parameters.
+#define KAVRA_BLACKOIL_TOO_MANY(...) GridFunctionPtr
+#define KAVRA_BLACKOIL_PICK(_1, _2, _3, _4, _5, _6, _7, _8, name, ...) name
+#define KAVRA_BLACKOIL_PARAMETERS(...)                                                                         \
+    KAVRA_BLACKOIL_PICK(__VA_ARGS__, KAVRA_BLACKOIL_TOO_MANY, KAVRA_BLACKOIL_TOO_MANY, KAVRA_BLACKOIL_TOO_MANY,  \
+                        KAVRA_BLACKOIL_TOO_MANY, KAVRA_BLACKOIL_TOO_MANY, KAVRA_BLACKOIL_PARAMETERS_3,         \
+                        KAVRA_BLACKOIL_PARAMETERS_2, KAVRA_BLACKOIL_P1)(__VA_ARGS__)
+#define KAVRA_BLACKOIL_COUNT(...) KAVRA_BLACKOIL_PICK(__VA_ARGS__, 8, 7, 6, 5, 4, 3, 2, 1)
+#define KAVRA_BLACKOIL_STRING(x) KAVRA_BLACKOIL_STRING_(x)
+#define KAVRA_BLACKOIL_STRING_(x) #x

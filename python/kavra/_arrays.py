@@ -38,7 +38,8 @@ def is_native_buffer(array: np.ndarray, dtype: np.dtype[Any]) -> bool:
 
 
 def index_text(name: str, position: int, shape: tuple[int, ...]) -> str:
-    """``name[i, j, k] (cell N, counting from 1)`` for a flat position in an array of `shape`."""
+    """``name[i, j, k] (cell N, counting from 1)`` for a flat position in an array of `shape`: the words of
+    every failing cell, the engine's too (bindings/_engine/Calls.cpp calls this)."""
     index = ", ".join(str(int(i)) for i in np.unravel_index(position, shape)) if shape else "()"
     return f"{name}[{index}] (cell {position + 1}, counting from 1)"
 
