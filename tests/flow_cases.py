@@ -34,6 +34,9 @@ CASES = {
     "EDITED": {},
     "FAULTED": {},
     "TWOREGIONS": {},
+    "DOME": {},
+    "TRANSITION": {},
+    "GASWATER": {},
 }
 
 _RUN = """

@@ -25,6 +25,7 @@
 
 #include "bindings/_engine/Calls.h"
 #include "bindings/_engine/Engine.h"
+#include "bindings/_engine/Equil.h"
 #include "bindings/_engine/Geometry.h"
 #include "bindings/_engine/Tables.h"
 #include "core/vadra/TransmissibilityK.h"
@@ -109,6 +110,7 @@ NB_MODULE(_engine, m)
     m.def("reduce_selection", &ReduceSelection);
     m.def("transmissibility_k", &TransmissibilityK);
     RegisterGeometry(m);
+    RegisterEquil(m);
     m.attr("CALCULATIONS") = CalculationList();
     m.attr("RECORD_FIELDS") = RecordFieldNames();
     m.attr("CHUNK") = cellsPerChunk;

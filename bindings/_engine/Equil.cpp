@@ -1,0 +1,258 @@
+// The engine's entries of kavra.equil: the phase pressures of an
+// equilibration region against depth (core/equil/Equil.h) with the phases'
+// densities from the engine's region lists, and the state of every cell
+// from them, on the pool's threads with the interpreter lock released.
+#include "bindings/_engine/Equil.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nanobind/ndarray.h>
+#include <nanobind/stl/string.h>
+#include <nanobind/stl/vector.h>
+
+#include "bindings/_engine/Tables.h"
+#include "core/blackoil/Gas.h"
+#include "core/blackoil/Oil.h"
+#include "core/blackoil/Water.h"
+#include "core/equil/Equil.h"
+#include "core/utils/ParallelFor.h"
+#include "tessel/core/GridFunction.h"
+
+namespace nb = nanobind;
+using tessel::core::make_array_grid_function;
+
+namespace kavra {
+namespace engine {
+namespace {
+
+typedef nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu> Doubles;
+typedef nb::ndarray<const std::int32_t, nb::ndim<1>, nb::c_contig, nb::device::cpu> Ints;
+typedef nb::ndarray<const std::uint8_t, nb::ndim<1>, nb::c_contig, nb::device::cpu> Flags;
+typedef nb::ndarray<double, nb::ndim<1>, nb::c_contig, nb::device::cpu> Outs;
+
+std::vector<double> Values(const Doubles& a) { return std::vector<double>(a.data(), a.data() + a.shape(0)); }
+
+// One cell's worth of a black-oil calculation: the core's entries called on
+// grid functions of one element, in the PVT region `pvt`.
+class Point
+{
+public:
+    explicit Point(int pvt)
+        : m_region(make_array_grid_function<int>(std::vector<int>{pvt})),
+          m_p(make_array_grid_function<double>(std::vector<double>(1))),
+          m_r(make_array_grid_function<double>(std::vector<double>(1))),
+          m_out(make_array_grid_function<double>(std::vector<double>(1)))
+    {
+    }
+    template <class List, class Entry>
+    double Of(Entry entry, const List& list, double p)
+    {
+        m_p->data[0] = p;
+        entry(list, m_region, m_p, m_out);
+        return m_out->data[0];
+    }
+    template <class List, class Entry>
+    double Of(Entry entry, const List& list, double p, double r)
+    {
+        m_p->data[0] = p;
+        m_r->data[0] = r;
+        entry(list, m_region, m_p, m_r, m_out);
+        return m_out->data[0];
+    }
+
+private:
+    boost::shared_ptr<tessel::core::ArrayGridFunction<int>> m_region;
+    boost::shared_ptr<tessel::core::ArrayGridFunction<double>> m_p, m_r, m_out;
+};
+
+// A ratio against depth (RSVD, RVVD) or none (then the saturated value at
+// the contact's pressure, `atContact`, wherever the phase is saturated above it).
+struct RatioOfDepth
+{
+    std::vector<double> depth, ratio;
+    double atContact = -1.0;
+    double At(double z, double saturated) const
+    {
+        double r = atContact;
+        if (!depth.empty()) {
+            const std::size_t n = depth.size();
+            if (z <= depth[0])
+                r = ratio[0];
+            else if (z >= depth[n - 1])
+                r = ratio[n - 1];
+            else {
+                std::size_t i = 0;
+                while (z >= depth[i + 1])
+                    ++i;
+                r = ratio[i] + (z - depth[i]) * ((ratio[i + 1] - ratio[i]) / (depth[i + 1] - depth[i]));
+            }
+        }
+        return r < 0.0 ? saturated : std::min(r, saturated);
+    }
+};
+
+nb::object Array(const std::vector<double>& v)
+{
+    auto* owned = new std::vector<double>(v);
+    nb::capsule owner(owned, [](void* p) noexcept { delete static_cast<std::vector<double>*>(p); });
+    return nb::cast(nb::ndarray<nb::numpy, double, nb::ndim<1>>(owned->data(), {owned->size()}, owner));
+}
+
+// equil_region(oil, gas, water, pvt, surface, gas_factor, rs_table, rv_table, contacts, phases, top,
+// bottom, steps, gravity): the depth and pressure nodes of the oil, water and gas curves of one
+// region (empty for a phase absent).  oil, gas, water: engine lists or None; surface: the surface
+// densities (oil, water, gas); gas_factor: what turns Rs x the gas surface density into a density
+// (1, or scf per Mscf in FIELD); rs_table, rv_table: (depths, ratios), or (None, value at the
+// contact) with value < 0 for the saturated value at each pressure.
+nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water, int pvt,
+                      std::vector<double> surface, double gasFactor, nb::object rsTable, nb::object rvTable,
+                      std::vector<double> contacts, std::vector<bool> phases, double top, double bottom, int steps,
+                      double gravity)
+{
+    if (surface.size() != 3 || contacts.size() != 6 || phases.size() != 3)
+        throw std::invalid_argument("equil_region: surface, contacts and phases take 3, 6 and 3 values");
+    if (steps < 1)
+        throw std::invalid_argument("equil_region: steps must be at least 1");
+    const auto ratio = [](nb::object table) {
+        RatioOfDepth r;
+        nb::object depths = table[0];
+        if (depths.is_none())
+            r.atContact = nb::cast<double>(table[1]);
+        else {
+            r.depth = nb::cast<std::vector<double>>(depths);
+            r.ratio = nb::cast<std::vector<double>>(table[1]);
+        }
+        return r;
+    };
+    const RatioOfDepth rs = ratio(rsTable), rv = ratio(rvTable);
+    Point point(pvt);
+    const double rhoO = surface[0], rhoW = surface[1], rhoG = surface[2];
+    const TPVTOList* liveOil = oil ? oil->Get<TPVTOList>() : nullptr;
+    const TPVTList* deadOil = oil ? oil->Get<TPVTList>() : nullptr;
+    const TPVTGList* wetGas = gas ? gas->Get<TPVTGList>() : nullptr;
+    const TPVTList* dryGas = gas ? gas->Get<TPVTList>() : nullptr;
+    const TPVTWList* waterList = water ? water->Get<TPVTWList>() : nullptr;
+    if ((phases[0] && !liveOil && !deadOil) || (phases[2] && !wetGas && !dryGas) || (phases[1] && !waterList))
+        throw std::invalid_argument("equil_region: a phase present has no table");
+    const equil::Density oilDensity = [&](double z, double p) {
+        if (deadOil)
+            return point.Of(static_cast<void (*)(const TPVTList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
+                                &CalcDeadFluidOneOverB),
+                            *deadOil, p) *
+                   rhoO;
+        const double saturated = point.Of(
+            static_cast<void (*)(const TPVTOList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(&CalcSaturatedRs),
+            *liveOil, p);
+        const double r = rs.At(z, saturated);
+        const double b = point.Of(static_cast<void (*)(const TPVTOList&, GridFunctionPtr, GridFunctionPtr,
+                                                       GridFunctionPtr, GridFunctionPtr)>(&CalcLiveOilOneOverB),
+                                  *liveOil, p, r);
+        return b * (rhoO + r * rhoG * gasFactor);
+    };
+    const equil::Density gasDensity = [&](double z, double p) {
+        if (dryGas)
+            return point.Of(static_cast<void (*)(const TPVTList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
+                                &CalcDeadFluidOneOverB),
+                            *dryGas, p) *
+                   rhoG * gasFactor;
+        const double saturated = point.Of(
+            static_cast<void (*)(const TPVTGList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(&CalcSaturatedRv),
+            *wetGas, p);
+        const double r = rv.At(z, saturated);
+        const double b = point.Of(static_cast<void (*)(const TPVTGList&, GridFunctionPtr, GridFunctionPtr,
+                                                       GridFunctionPtr, GridFunctionPtr)>(&CalcWetGasOneOverB),
+                                  *wetGas, p, r);
+        return b * (rhoG * gasFactor + r * rhoO);
+    };
+    const equil::Density waterDensity = [&](double, double p) {
+        return point.Of(static_cast<void (*)(const TPVTWList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
+                            &CalcWaterOneOverB),
+                        *waterList, p) *
+               rhoW;
+    };
+    const equil::Contacts c{contacts[0], contacts[1], contacts[2], contacts[3], contacts[4], contacts[5]};
+    const equil::Phases ph{phases[0], phases[1], phases[2]};
+    equil::RegionCurves curves;
+    {
+        nb::gil_scoped_release unlocked;
+        curves = equil::PhasePressures(c, ph, top, bottom, steps, gravity, oilDensity, waterDensity, gasDensity);
+    }
+    return nb::make_tuple(Array(curves.oil.depth), Array(curves.oil.pressure), Array(curves.water.depth),
+                          Array(curves.water.pressure), Array(curves.gas.depth), Array(curves.gas.pressure));
+}
+
+// equil_cells(depth, thickness, region, satnum, active, curves, slices, saturation, phases, threads,
+// out): the state of every cell into out = (po, pw, pg, sw, sg).  curves: per region the six arrays
+// of equil_region; slices: per region the level slices of a cell (1: its centre); saturation: per
+// saturation region (sw, pcow, sg, pcog), empty arrays where the phases lack them.
+void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flags active,
+                std::vector<std::vector<Doubles>> curves, std::vector<int> slices,
+                std::vector<std::vector<Doubles>> saturation, std::vector<bool> phases, unsigned threads,
+                std::vector<Outs> out)
+{
+    const std::uint64_t n = depth.shape(0);
+    if (thickness.shape(0) != n || region.shape(0) != n || satnum.shape(0) != n || active.shape(0) != n ||
+        out.size() != 5 || phases.size() != 3 || slices.size() != curves.size())
+        throw std::invalid_argument("equil_cells: depth, thickness, region, satnum and active must be of one "
+                                    "length, out of five arrays, slices one per region");
+    for (const Outs& o : out)
+        if (o.shape(0) != n)
+            throw std::invalid_argument("equil_cells: every array of out must hold one value per cell");
+    std::vector<equil::RegionCurves> regions;
+    for (std::size_t k = 0; k < curves.size(); ++k) {
+        const auto& r = curves[k];
+        if (r.size() != 6)
+            throw std::invalid_argument("equil_cells: a region's curves are six arrays");
+        regions.push_back(equil::RegionCurves{{Values(r[0]), Values(r[1])},
+                                              {Values(r[2]), Values(r[3])},
+                                              {Values(r[4]), Values(r[5])},
+                                              std::max(1, slices[k])});
+    }
+    std::vector<equil::SaturationCurves> tables;
+    for (const auto& s : saturation) {
+        if (s.size() != 4)
+            throw std::invalid_argument("equil_cells: a saturation region holds (sw, pcow, sg, pcog)");
+        tables.push_back(equil::SaturationCurves{{Values(s[0]), Values(s[1])}, {Values(s[2]), Values(s[3])}});
+    }
+    const equil::Phases ph{phases[0], phases[1], phases[2]};
+    const bool needs[3] = {ph.oil && ph.water, ph.gas && ph.water && !ph.oil, ph.oil && ph.gas};
+    for (const auto& t : tables)
+        if (((needs[0] || needs[1]) && t.water.Empty()) || (needs[2] && t.gas.Empty()))
+            throw std::invalid_argument("equil_cells: a saturation region lacks a capillary pressure curve");
+    const equil::Cells cells{n, depth.data(), thickness.data(), region.data(), satnum.data(), active.data()};
+    // A region without cells may have no curves; a cell of such a region fails.
+    for (std::uint64_t h = 0; h < n; ++h) {
+        const std::int32_t k = region.data()[h];
+        if (!active.data()[h] || k < 1 || static_cast<std::size_t>(k) > regions.size())
+            continue;
+        const equil::RegionCurves& r = regions[k - 1];
+        if ((ph.oil && r.oil.Empty()) || (ph.water && r.water.Empty()) || (ph.gas && r.gas.Empty()))
+            throw std::invalid_argument("equil_cells: region " + std::to_string(k) +
+                                        " lacks the curve of a phase present");
+    }
+    const equil::CellStates states{out[0].data(), out[1].data(), out[2].data(), out[3].data(), out[4].data()};
+    nb::gil_scoped_release unlocked;
+    equil::CellStatesOf(cells, regions, tables, ph, UsefulThreads(threads < 1 ? 1 : threads), states);
+}
+
+} // namespace
+
+void RegisterEquil(nb::module_& m)
+{
+    m.def("equil_region", &EquilRegion, nb::arg("oil").none(), nb::arg("gas").none(), nb::arg("water").none(),
+          nb::arg("pvt"), nb::arg("surface"), nb::arg("gas_factor"), nb::arg("rs_table"), nb::arg("rv_table"),
+          nb::arg("contacts"), nb::arg("phases"), nb::arg("top"), nb::arg("bottom"), nb::arg("steps"),
+          nb::arg("gravity"));
+    m.def("equil_cells", &EquilCells, nb::arg("depth"), nb::arg("thickness"), nb::arg("region"), nb::arg("satnum"),
+          nb::arg("active"), nb::arg("curves"), nb::arg("slices"), nb::arg("saturation"), nb::arg("phases"),
+          nb::arg("threads"), nb::arg("out"));
+}
+
+} // namespace engine
+} // namespace kavra

@@ -1,0 +1,298 @@
+"""The initial state of a deck from EQUIL, as OPM Flow computes it before its first step.
+
+Per equilibration region (EQLNUM), the pressure of each phase against depth is integrated
+from the datum with the phase's density at its pressure (the PVT of :mod:`kavra.blackoil`),
+by the classical fourth-order Runge-Kutta method in equal steps from the datum up to the
+region's top and down to its bottom (``points`` steps each way, Flow's
+``NumPressurePointsEquil``).  The phase of the datum's zone starts at the datum pressure;
+each neighbouring phase starts at its contact with it, at that phase's pressure there less
+(water) or plus (gas) the contact's capillary pressure (EQUIL items 3 to 6).  A cell reads
+the curves linearly at its centre depth, and its saturations are where the capillary pressure
+curves of its SATNUM table (SWOF or SWFN, SGOF or SGFN; not scaled) reach the differences of
+the phase pressures there.  Where a saturation reaches its table's end (a cell all water, or
+gas down to the connate water) the oil pressure is that phase's pressure less (plus) the
+table's capillary pressure there, as Flow writes PRESSURE.  EQUIL item 9 of 0 takes the
+cell's centre; a negative N (default -5) the mean of the states (oil pressure and
+saturations) at the centres of 2|N| level slices of equal thickness.
+
+Rs follows RSVD (EQUIL item 7 above 0), capped at the saturated Rs of the cell's oil
+pressure; Rv likewise follows RVVD (item 8).  With item 7 (8) of 0 the ratio is the
+saturated one at the gas-oil contact's pressure, capped the same way.
+
+Not yet: PBVD and PDVD, SWATINIT, end-point scaling of the capillary pressures, EQUIL item
+9 above 0, slices of a tilted cell weighted by their volume, and several PVT regions within one equilibration region (the region's
+first active cell's PVTNUM serves the whole region).
+
+Examples
+--------
+>>> import kavra.deck, kavra.equil
+>>> st = kavra.equil.initial_state(kavra.deck.read(kavra.deck.example_path("SPE1CASE1")))
+>>> print(st.pressure[[0, 100, 200]].round(3))                    # psia, top to bottom layer
+[4789.264 4800.    4815.071]
+"""
+
+from __future__ import annotations
+
+import math
+import os
+from typing import Any, NamedTuple
+
+import numpy as np
+from numpy.typing import NDArray
+
+from . import _engine
+from ._threads import resolve as _resolve_threads
+from .blackoil import InPlace, in_place, rs_sat, rv_sat
+
+__all__ = ["InitialState", "initial_state", "DEFAULT_POINTS"]
+
+#: Steps of the integration from the datum each way (Flow's NumPressurePointsEquil default).
+DEFAULT_POINTS = 2000
+
+_SI_PRESSURE = {"METRIC": 1e5, "FIELD": 6894.757293168361, "LAB": 101325.0, "PVT-M": 101325.0}
+_SI_LENGTH = {"METRIC": 1.0, "FIELD": 0.3048, "LAB": 0.01, "PVT-M": 1.0}
+_SI_DENSITY = {"METRIC": 1.0, "FIELD": 0.45359237 / 0.3048 ** 3, "LAB": 1000.0, "PVT-M": 1.0}
+_GRAVITY = 9.80665  # m/s2
+_FIELD_SCF_PER_MSCF_IN_STB = 1000.0 * 0.028316846592 / 0.158987294928
+
+
+class InitialState(NamedTuple):
+    """The equilibrated state of every cell of the grid (I fastest, then J, then K), masked
+    where the cell is inactive, in the deck's units.
+
+    Attributes
+    ----------
+    pressure : numpy.ma.MaskedArray
+        Oil pressure (barsa in METRIC, psia in FIELD), as Flow's PRESSURE; in a gas-water deck
+        the gas pressure.
+    pw, pg : numpy.ma.MaskedArray
+        Water and gas pressure: ``pressure`` less the cell's Pcow, plus its Pcog.
+    sw, sg : numpy.ma.MaskedArray
+        Water and gas saturation.
+    rs, rv : numpy.ma.MaskedArray
+        Dissolved gas-oil and vaporised oil-gas ratio (0 without PVTO, PVTG).
+    deck : kavra.deck.Deck
+        The deck, for :meth:`in_place`.
+    """
+
+    pressure: np.ma.MaskedArray[Any, Any]
+    pw: np.ma.MaskedArray[Any, Any]
+    pg: np.ma.MaskedArray[Any, Any]
+    sw: np.ma.MaskedArray[Any, Any]
+    sg: np.ma.MaskedArray[Any, Any]
+    rs: np.ma.MaskedArray[Any, Any]
+    rv: np.ma.MaskedArray[Any, Any]
+    deck: Any
+
+    def in_place(self, *, threads: int | None = None) -> InPlace:
+        """Oil, gas and water in place per cell at surface conditions, as Flow's FIPOIL, FIPGAS
+        and FIPWAT at step 0 (:func:`kavra.blackoil.in_place` on this state and the deck's pore
+        volume, at the oil pressure, or in a gas-water deck the water's); masked where the cell
+        is inactive.
+
+        Parameters
+        ----------
+        threads : int, optional
+            Threads for the cells (None: kavra's default).
+
+        Returns
+        -------
+        kavra.blackoil.InPlace
+            ``(oil, gas, water)`` per cell in surface volumes (sm3 in METRIC; stb, Mscf and
+            stb in FIELD).
+        """
+        deck = self.deck
+        mask = np.ma.getmaskarray(self.pressure)
+        pvtnum = _region_numbers(deck, "PVTNUM")
+        filled = [np.ma.filled(a, 0.0) for a in (self.pressure, self.sw, self.sg, self.rs, self.rv, self.pw, self.pg)]
+        p, sw, sg, rs, rv, pw, pg = filled
+        if "OIL" not in deck.keywords and "WATER" in deck.keywords:
+            p = pw  # Flow's gas-water systems take the pore volume at the water pressure
+        result = in_place(deck, np.where(mask, 1, pvtnum), deck.pore_volume(), p, sw, sg,
+                          rs if deck.pvto is not None else None, rv if deck.pvtg is not None else None,
+                          pw=pw, pg=pg, threads=threads)
+        return InPlace(*(np.ma.MaskedArray(np.asarray(a), mask=mask) for a in result))
+
+
+def _region_numbers(deck: Any, name: str) -> NDArray[np.int32]:
+    """A region keyword's numbers per cell, 1 everywhere when the deck has none."""
+    if name in deck.keywords:
+        return np.ascontiguousarray(deck.cell_property(name), dtype=np.int32)
+    return np.ones(deck.grid.number_of_cells(), dtype=np.int32)
+
+
+def _phases(deck: Any) -> tuple[bool, bool, bool]:
+    keywords = set(deck.keywords)
+    return "OIL" in keywords, "WATER" in keywords, "GAS" in keywords
+
+
+def _table_columns(deck: Any, names: tuple[str, ...], columns: int, pc: int) -> list[NDArray[np.float64]] | None:
+    """Per saturation region: (saturation, Pc) of the first keyword of `names` in the deck."""
+    for name in names:
+        if name in deck.keywords:
+            width = columns if name in ("SWOF", "SGOF") else columns - 1
+            return [np.ascontiguousarray(t.reshape(-1, width)[:, [0, pc if width == columns else pc - 1]].T)
+                    for t in deck.records(name)]
+    return None
+
+
+def _ratio_table(deck: Any, keyword: str, item: float, region: int, table: Any, p_contact: float,
+                 saturated: Any) -> tuple[Any, Any]:
+    """(depths, ratios) of RSVD/RVVD for the region, or (None, the saturated ratio at the contact)."""
+    if not math.isnan(item) and item > 0:
+        if keyword not in deck.keywords:
+            other = {"RSVD": "PBVD", "RVVD": "PDVD"}[keyword]
+            if other in deck.keywords:
+                raise NotImplementedError(f"initial_state: {other} is not supported yet; give {keyword}")
+            raise ValueError(f"initial_state: EQUIL region {region + 1} asks for {keyword}, which the deck lacks")
+        rows = deck.records(keyword)[region].reshape(-1, 2)
+        return np.ascontiguousarray(rows[:, 0]), np.ascontiguousarray(rows[:, 1])
+    return None, float(saturated(table, 1, [p_contact])[0])
+
+
+def _slices(item: float, region: int) -> int:
+    """The level slices of a cell whose states are averaged, from EQUIL item 9: 1 (the centre)
+    for 0, 2|N| for N below 0, 10 (N of -5) where the deck leaves it to its default."""
+    if math.isnan(item):
+        return 10
+    if item != int(item):
+        raise ValueError(f"initial_state: EQUIL item 9 of region {region + 1} is {item:g}; it must be 0 (the cell "
+                         "centre) or a negative whole number N (the mean over 2|N| level slices of the cell)")
+    if item > 0:
+        raise NotImplementedError(f"initial_state: EQUIL item 9 of {item:g} (region {region + 1}) is not supported; "
+                                  "0 and negative values are")
+    return max(1, -2 * int(item))
+
+
+def _spans(depth: NDArray[np.float64], dz: NDArray[np.float64], cells: NDArray[np.bool_]) -> tuple[float, float]:
+    return float((depth - dz / 2)[cells].min()), float((depth + dz / 2)[cells].max())
+
+
+def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAULT_POINTS) -> InitialState:
+    """The initial pressures, saturations and ratios of every cell from the deck's EQUIL.
+
+    Parameters
+    ----------
+    deck : kavra.deck.Deck, str or os.PathLike
+        The deck, or a path to read it from (:func:`kavra.deck.read`).  It needs a grid,
+        EQUIL, DENSITY, the PVT tables of its phases and the capillary pressure tables.
+    threads : int, optional
+        Threads for the cells (None: kavra's default).  The numbers are the same for any count.
+    points : int, optional
+        Integration steps from the datum to each end of a region (Flow's
+        NumPressurePointsEquil, 2000 by default).
+
+    Returns
+    -------
+    InitialState
+        The state per cell, masked where the cell is inactive.
+
+    Raises
+    ------
+    ValueError
+        A deck without EQUIL, or EQUIL records fewer than the EQLNUM regions, or a phase
+        without its tables.
+    NotImplementedError
+        A feature not supported yet (PBVD, PDVD, SWATINIT, EQUIL item 9 other than 0).
+    """
+    if isinstance(deck, (str, os.PathLike)):
+        from . import deck as _deck
+
+        deck = _deck.read(deck)
+    if not isinstance(points, (int, np.integer)) or isinstance(points, bool) or points < 1:
+        raise ValueError(f"initial_state: points must be a positive integer, not {points!r}")
+    threads = _resolve_threads(threads)
+    if "EQUIL" not in deck.keywords:
+        raise ValueError("initial_state: the deck has no EQUIL")
+    if "SWATINIT" in deck.keywords:
+        raise NotImplementedError("initial_state: SWATINIT is not supported yet")
+    oil, water, gas = _phases(deck)
+    units = deck.units
+    gravity = _GRAVITY * _SI_DENSITY[units] * _SI_LENGTH[units] / _SI_PRESSURE[units]
+    gas_factor = _FIELD_SCF_PER_MSCF_IN_STB if units == "FIELD" else 1.0
+    n = deck.grid.number_of_cells()
+    active = np.ascontiguousarray(deck.active, dtype=np.uint8)
+    depth = np.ascontiguousarray(deck.cell_depths(), dtype=np.float64)
+    dz = np.nan_to_num(np.asarray(deck.cell_property("DZ"), dtype=np.float64))
+    eqlnum, pvtnum, satnum = (_region_numbers(deck, k) for k in ("EQLNUM", "PVTNUM", "SATNUM"))
+    records = deck.equil
+    oil_table = deck.pvto if deck.pvto is not None else deck.pvdo
+    gas_table = deck.pvtg if deck.pvtg is not None else deck.pvdg
+    live, wet = deck.pvto is not None and gas, deck.pvtg is not None and oil
+    surface_all = np.atleast_2d(np.asarray(deck.density.regions, dtype=np.float64))
+    curves: list[Any] = []
+    slices: list[int] = []
+    used = int(eqlnum[active.astype(bool)].max(initial=0))
+    if used > len(records):
+        raise ValueError(f"initial_state: EQLNUM reaches {used}; EQUIL has {len(records)} records")
+    for r, record in enumerate(records):
+        if r >= used:
+            break
+        slices.append(_slices(record.accuracy, r))
+        cells = active.astype(bool) & (eqlnum == r + 1)
+        values = [0.0 if math.isnan(v) else v for v in record[:6]]
+        if not cells.any():
+            empty = np.zeros(0)
+            curves.append([empty] * 6)
+            continue
+        top, bottom = _spans(depth, dz, cells)
+        pvt = int(pvtnum[cells][0])
+        surface = surface_all[min(pvt, len(surface_all)) - 1]
+        # the contact's pressure for the ratios at the contact: the datum's where they coincide
+        p_contact = values[1]
+        rs_table: tuple[Any, Any] = (None, -1.0)
+        rv_table: tuple[Any, Any] = (None, -1.0)
+        if live:
+            rs_table = _ratio_table(deck, "RSVD", record.rsvd_table, r, deck.pvto, p_contact, rs_sat)
+        if wet:
+            rv_table = _ratio_table(deck, "RVVD", record.rvvd_table, r, deck.pvtg, p_contact, rv_sat)
+        curves.append(list(_engine.equil_region(
+            oil_table._engine_tables() if oil else None, gas_table._engine_tables() if gas else None,
+            deck.pvtw._engine_tables() if water else None, pvt, list(surface), gas_factor, rs_table, rv_table,
+            values, [oil, water, gas], top, bottom, int(points), gravity)))
+    water_pc = _table_columns(deck, ("SWOF", "SWFN"), 4, 3) if water else None
+    gas_pc = _table_columns(deck, ("SGOF", "SGFN"), 4, 3) if gas else None
+    tables = max(len(water_pc or []), len(gas_pc or []), 1)
+    empty = np.zeros(0)
+    saturation = [[*(water_pc[t] if water_pc else (empty, empty)), *(gas_pc[t] if gas_pc else (empty, empty))]
+                  for t in range(tables)]
+    out = [np.empty(n) for _ in range(5)]
+    _engine.equil_cells(depth, np.ascontiguousarray(dz), eqlnum, satnum, active, curves, slices, saturation,
+                        [oil, water, gas], threads, out)
+    po, pw, pg, sw, sg = out
+    mask = ~active.astype(bool)
+    rs = np.zeros(n)
+    rv = np.zeros(n)
+    if live or wet:
+        rs, rv = _ratios(deck, records, curves, eqlnum, pvtnum, depth, po, pg, mask, live, wet)
+    if not gas:
+        pg = np.full(n, np.nan)
+
+    def masked(a: NDArray[np.float64]) -> np.ma.MaskedArray[Any, Any]:
+        return np.ma.MaskedArray(np.where(mask, 0.0, a), mask=mask)
+
+    return InitialState(masked(po), masked(pw), masked(pg), masked(sw), masked(sg), masked(rs), masked(rv), deck)
+
+
+def _ratios(deck: Any, records: Any, curves: Any, eqlnum: Any, pvtnum: Any, depth: Any, po: Any, pg: Any,
+            mask: Any, live: bool, wet: bool) -> tuple[NDArray[np.float64], NDArray[np.float64]]:
+    """Rs and Rv per cell: the region's RSVD (RVVD) or the saturated ratio at the contact, capped
+    at the saturated ratio of the cell's pressure."""
+    n = depth.size
+    rs, rv = np.zeros(n), np.zeros(n)
+    regions = np.where(mask, 1, pvtnum)
+    for r, record in enumerate(records[:len(curves)]):
+        cells = ~mask & (eqlnum == r + 1)
+        if not cells.any():
+            continue
+        values = [0.0 if math.isnan(v) else v for v in record[:6]]
+        for on, keyword, item, table, pressure, saturated, into in (
+                (live, "RSVD", record.rsvd_table, deck.pvto, po, rs_sat, rs),
+                (wet, "RVVD", record.rvvd_table, deck.pvtg, pg, rv_sat, rv)):
+            if not on:
+                continue
+            cap = np.asarray(saturated(table, regions[cells], pressure[cells]))
+            z, v = _ratio_table(deck, keyword, item, r, table, values[1], saturated)
+            target = np.interp(depth[cells], z, v) if z is not None else np.full(cap.shape, v)
+            into[cells] = np.minimum(target, cap)
+    return rs, rv

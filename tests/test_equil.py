@@ -1,0 +1,145 @@
+"""kavra.equil against OPM Flow's equilibrated state (step 0 of its restart) on the SPE decks and
+the decks of tests/data: pressures, saturations, Rs and Rv in every active cell, and the fluids
+in place per FIPNUM region."""
+
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+import kavra.deck
+import kavra.equil
+import kavra.results
+from flow_cases import _RUN, flow_case, flow_run, write_deck  # noqa: F401 (fixtures)
+
+# Flow's arrays are float32: the tolerances are the task's, well above their rounding.
+RELATIVE = {"PRESSURE": "pressure", "RS": "rs", "RV": "rv"}
+ABSOLUTE = {"SWAT": "sw", "SGAS": "sg"}
+TOLERANCE = 1e-6
+# Three-phase decks run with Flow's black-oil simulator (tests/flow_cases.py); GASWATER with
+# its gas-water simulator, which the shared runner does not start.
+THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "TRANSITION"]
+
+
+@pytest.fixture(scope="session")
+def gas_water_case(tmp_path_factory):
+    pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
+    directory = tmp_path_factory.mktemp("GASWATER")
+    deck = write_deck("GASWATER", directory)
+    done = subprocess.run([sys.executable, "-c", _RUN.replace("BlackOilSimulator", "GasWaterSimulator"), str(deck)],
+                          cwd=directory, capture_output=True, text=True, timeout=600)
+    assert done.returncode == 0, (done.stdout + done.stderr)[-3000:]
+    return deck.with_suffix("")
+
+
+@pytest.fixture
+def case(request, flow_run, gas_water_case):
+    """(deck, Flow's results, kavra's state) of the case named by the parameter."""
+    base = gas_water_case if request.param == "GASWATER" else flow_run(request.param)
+    deck = kavra.deck.read(base.with_suffix(".DATA"))
+    return deck, kavra.results.read(base), kavra.equil.initial_state(deck)
+
+
+@pytest.mark.parametrize("case", THREE_PHASE + ["GASWATER"], indirect=True)
+def test_matches_flow_at_step_0(case):
+    deck, results, state = case
+    active = deck.active
+    names = results.property_names(0)
+    checked = 0
+    for flow_name, ours in {**RELATIVE, **ABSOLUTE}.items():
+        if flow_name not in names:
+            continue
+        theirs = np.asarray(results.cell_property(flow_name, 0), dtype=np.float64)[active]
+        mine = np.ma.filled(getattr(state, ours), np.nan)[active]
+        error = np.abs(mine - theirs)
+        if flow_name in RELATIVE:
+            error = error / np.maximum(np.abs(theirs), np.finfo(np.float32).tiny)
+        worst = int(np.flatnonzero(active)[np.argmax(error)])
+        assert error.max() <= TOLERANCE, f"{flow_name}: {error.max():.2e} at cell {worst}"
+        checked += 1
+    assert checked >= 3
+    for name in ("pressure", "sw", "sg"):
+        assert np.array_equal(np.ma.getmaskarray(getattr(state, name)), ~active)
+
+
+@pytest.mark.parametrize("case", THREE_PHASE + ["GASWATER"], indirect=True)
+def test_fluids_in_place_per_fipnum_region(case):
+    deck, results, state = case
+    fluids = state.in_place()
+    fipnum = deck.cell_property("FIPNUM") if "FIPNUM" in deck.keywords else np.ones(deck.active.size, int)
+    active = deck.active
+    for flow_name, ours in (("FIPOIL", fluids.oil), ("FIPGAS", fluids.gas), ("FIPWAT", fluids.water)):
+        if flow_name not in results.property_names(0):
+            continue
+        theirs = np.asarray(results.cell_property(flow_name, 0), dtype=np.float64)
+        for region in np.unique(fipnum[active]):
+            cells = active & (fipnum == region)
+            total, expected = np.ma.filled(ours, 0.0)[cells].sum(), theirs[cells].sum()
+            assert total == pytest.approx(expected, rel=TOLERANCE, abs=1e-9), (flow_name, region)
+
+
+@pytest.mark.parametrize("case", ["DOME"], indirect=True)
+def test_same_numbers_for_any_thread_count(case):
+    deck, _, state = case
+    other = kavra.equil.initial_state(deck, threads=2)
+    for name in ("pressure", "pw", "pg", "sw", "sg", "rs", "rv"):
+        assert np.array_equal(np.ma.filled(getattr(state, name), -1.0), np.ma.filled(getattr(other, name), -1.0))
+
+
+@pytest.mark.parametrize("case", ["DOME"], indirect=True)
+def test_the_phases_and_zones_of_the_dome(case):
+    deck, _, state = case
+    eqlnum = deck.cell_property("EQLNUM")
+    active = deck.active
+    gas_cap = active & (state.sg > 0).filled(False)
+    assert gas_cap.any() and (eqlnum[gas_cap] == 1).all()  # region 2's contact is above its top
+    water_zone = active & (state.sw == 1.0).filled(False)
+    assert (deck.cell_depths()[water_zone & (eqlnum == 2)] > deck.equil[1].owc_depth).all()
+    # the pressures of the phases are the oil's less and plus the capillary pressures
+    assert ((state.pressure - state.pw)[active] >= 0).all() and ((state.pg - state.pressure)[active] >= 0).all()
+
+
+def _edited(text, old, new):
+    assert old in text
+    return text.replace(old, new)
+
+
+@pytest.mark.parametrize("item", [1, 5])
+def test_equil_item_9_above_0_refused_in_words(item):
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", f"8400 4800 8450 0 8300 0 1 0 {item}"))
+    with pytest.raises(NotImplementedError, match="item 9"):
+        kavra.equil.initial_state(deck)
+
+
+def test_item_9_negative_averages_level_slices():
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    centre = kavra.equil.initial_state(kavra.deck.read(text))
+    sliced = kavra.equil.initial_state(kavra.deck.read(_edited(text, "8300 0 1 0 0", "8300 0 1 0 -5")))
+    # SPE1's contacts lie on no cell, and its pressures nearly linear within a cell: the mean of
+    # ten slices is close to the centre's value, but not the same
+    assert np.allclose(sliced.pressure, centre.pressure, rtol=1e-7)
+    assert not np.array_equal(sliced.pressure, centre.pressure)
+    # a gas-oil contact at 8340 ft, in the top layer (8325 to 8345 ft): at its centre the cell
+    # is gas down to the connate water (Sg 0.88, SGOF's end); of its ten slices of 2 ft, the
+    # seven whose centres lie above the contact are
+    for item, sg in ((0, 0.88), (-5, 0.7 * 0.88)):
+        moved = kavra.equil.initial_state(kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0",
+                                                                 f"8400 4800 8450 0 8340 0 1 0 {item}")))
+        assert np.allclose(moved.sg[:100], sg, rtol=1e-12) and (moved.sg[100:] == 0).all()
+
+
+@pytest.mark.parametrize("points", [0, -3, 2.5, True])
+def test_points_must_be_a_positive_integer(points):
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    with pytest.raises(ValueError, match="points"):
+        kavra.equil.initial_state(deck, points=points)
+
+
+def test_deck_without_equil_refused():
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    start = text.index("EQUIL")
+    deck = kavra.deck.read(text[:start] + text[text.index("RSVD"):])
+    with pytest.raises(ValueError, match="EQUIL"):
+        kavra.equil.initial_state(deck)
