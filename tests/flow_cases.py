@@ -35,6 +35,7 @@ CASES = {
     "FAULTED": {},
     "TWOREGIONS": {},
     "DOME": {},
+    "DOME2": {},
     "TRANSITION": {},
     "GASWATER": {},
 }

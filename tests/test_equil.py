@@ -2,12 +2,14 @@
 the decks of tests/data: pressures, saturations, Rs and Rv in every active cell, and the fluids
 in place per FIPNUM region."""
 
+import doctest
 import subprocess
 import sys
 
 import numpy as np
 import pytest
 
+import kavra.blackoil
 import kavra.deck
 import kavra.equil
 import kavra.results
@@ -19,7 +21,7 @@ ABSOLUTE = {"SWAT": "sw", "SGAS": "sg"}
 TOLERANCE = 1e-6
 # Three-phase decks run with Flow's black-oil simulator (tests/flow_cases.py); GASWATER with
 # its gas-water simulator, which the shared runner does not start.
-THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "TRANSITION"]
+THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "TRANSITION"]
 
 
 @pytest.fixture(scope="session")
@@ -143,3 +145,20 @@ def test_deck_without_equil_refused():
     deck = kavra.deck.read(text[:start] + text[text.index("RSVD"):])
     with pytest.raises(ValueError, match="EQUIL"):
         kavra.equil.initial_state(deck)
+
+
+def test_item_7_of_0_wants_the_datum_at_the_gas_oil_contact():
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", "8400 4800 8450 0 8300 0 0 0 0"))
+    with pytest.raises(ValueError, match="datum must lie at its gas-oil contact"):
+        kavra.equil.initial_state(deck)
+    # at the contact, Rs is the saturated Rs of the datum pressure wherever the oil is above it
+    deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", "8400 4800 8450 0 8400 0 0 0 0"))
+    state = kavra.equil.initial_state(deck)
+    below = np.asarray(state.pressure) >= 4800.0
+    assert np.allclose(state.rs[below], kavra.blackoil.rs_sat(deck.pvto, 1, [4800.0])[0], rtol=1e-14)
+
+
+def test_docstring_examples_run():
+    result = doctest.testmod(kavra.equil, optionflags=doctest.NORMALIZE_WHITESPACE)
+    assert result.attempted > 0 and result.failed == 0

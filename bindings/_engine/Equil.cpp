@@ -71,29 +71,33 @@ private:
     boost::shared_ptr<tessel::core::ArrayGridFunction<double>> m_p, m_r, m_out;
 };
 
-// A ratio against depth (RSVD, RVVD) or none (then the saturated value at
-// the contact's pressure, `atContact`, wherever the phase is saturated above it).
+// A ratio against depth (RSVD, RVVD), or a saturation pressure against depth
+// (PBVD, PDVD: the ratio is the saturated one at that pressure), or neither
+// (then `atContact`, the saturated ratio at the contact, or with
+// `atContact` below 0 the saturated ratio of each pressure); capped at the
+// saturated ratio of the pressure.
 struct RatioOfDepth
 {
-    std::vector<double> depth, ratio;
+    std::vector<double> depth, value;
+    bool ofPressure = false;
     double atContact = -1.0;
-    double At(double z, double saturated) const
+    template <class Saturated>
+    double At(double z, double p, const Saturated& saturated) const
     {
-        double r = atContact;
-        if (!depth.empty()) {
-            const std::size_t n = depth.size();
-            if (z <= depth[0])
-                r = ratio[0];
-            else if (z >= depth[n - 1])
-                r = ratio[n - 1];
-            else {
-                std::size_t i = 0;
-                while (z >= depth[i + 1])
-                    ++i;
-                r = ratio[i] + (z - depth[i]) * ((ratio[i + 1] - ratio[i]) / (depth[i + 1] - depth[i]));
-            }
+        const double cap = saturated(p);
+        if (depth.empty())
+            return atContact < 0.0 ? cap : std::min(atContact, cap);
+        const std::size_t n = depth.size();
+        double v = value[n - 1];
+        if (z <= depth[0])
+            v = value[0];
+        else if (z < depth[n - 1]) {
+            std::size_t i = 0;
+            while (z >= depth[i + 1])
+                ++i;
+            v = value[i] + (z - depth[i]) * ((value[i + 1] - value[i]) / (depth[i + 1] - depth[i]));
         }
-        return r < 0.0 ? saturated : std::min(r, saturated);
+        return std::min(ofPressure ? saturated(v) : v, cap);
     }
 };
 
@@ -108,8 +112,9 @@ nb::object Array(const std::vector<double>& v)
 // bottom, steps, gravity): the depth and pressure nodes of the oil, water and gas curves of one
 // region (empty for a phase absent).  oil, gas, water: engine lists or None; surface: the surface
 // densities (oil, water, gas); gas_factor: what turns Rs x the gas surface density into a density
-// (1, or scf per Mscf in FIELD); rs_table, rv_table: (depths, ratios), or (None, value at the
-// contact) with value < 0 for the saturated value at each pressure.
+// (1, or scf per Mscf in FIELD); rs_table, rv_table: (depths, values, of_pressure) (RSVD, RVVD;
+// PBVD, PDVD with of_pressure), or (None, value at the contact) with value < 0 for the saturated
+// value at each pressure.
 nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water, int pvt,
                       std::vector<double> surface, double gasFactor, nb::object rsTable, nb::object rvTable,
                       std::vector<double> contacts, std::vector<bool> phases, double top, double bottom, int steps,
@@ -126,7 +131,10 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
             r.atContact = nb::cast<double>(table[1]);
         else {
             r.depth = nb::cast<std::vector<double>>(depths);
-            r.ratio = nb::cast<std::vector<double>>(table[1]);
+            r.value = nb::cast<std::vector<double>>(table[1]);
+            r.ofPressure = nb::cast<bool>(table[2]);
+            if (r.depth.size() != r.value.size() || r.depth.empty())
+                throw std::invalid_argument("equil_region: a table against depth needs as many values as depths");
         }
         return r;
     };
@@ -146,10 +154,12 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
                                 &CalcDeadFluidOneOverB),
                             *deadOil, p) *
                    rhoO;
-        const double saturated = point.Of(
-            static_cast<void (*)(const TPVTOList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(&CalcSaturatedRs),
-            *liveOil, p);
-        const double r = rs.At(z, saturated);
+        const auto saturated = [&](double at) {
+            return point.Of(static_cast<void (*)(const TPVTOList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
+                                &CalcSaturatedRs),
+                            *liveOil, at);
+        };
+        const double r = rs.At(z, p, saturated);
         const double b = point.Of(static_cast<void (*)(const TPVTOList&, GridFunctionPtr, GridFunctionPtr,
                                                        GridFunctionPtr, GridFunctionPtr)>(&CalcLiveOilOneOverB),
                                   *liveOil, p, r);
@@ -161,10 +171,12 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
                                 &CalcDeadFluidOneOverB),
                             *dryGas, p) *
                    rhoG * gasFactor;
-        const double saturated = point.Of(
-            static_cast<void (*)(const TPVTGList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(&CalcSaturatedRv),
-            *wetGas, p);
-        const double r = rv.At(z, saturated);
+        const auto saturated = [&](double at) {
+            return point.Of(static_cast<void (*)(const TPVTGList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
+                                &CalcSaturatedRv),
+                            *wetGas, at);
+        };
+        const double r = rv.At(z, p, saturated);
         const double b = point.Of(static_cast<void (*)(const TPVTGList&, GridFunctionPtr, GridFunctionPtr,
                                                        GridFunctionPtr, GridFunctionPtr)>(&CalcWetGasOneOverB),
                                   *wetGas, p, r);

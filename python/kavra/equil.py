@@ -15,11 +15,13 @@ table's capillary pressure there, as Flow writes PRESSURE.  EQUIL item 9 of 0 ta
 cell's centre; a negative N (default -5) the mean of the states (oil pressure and
 saturations) at the centres of 2|N| level slices of equal thickness.
 
-Rs follows RSVD (EQUIL item 7 above 0), capped at the saturated Rs of the cell's oil
-pressure; Rv likewise follows RVVD (item 8).  With item 7 (8) of 0 the ratio is the
-saturated one at the gas-oil contact's pressure, capped the same way.
+Rs follows RSVD, or the saturated Rs at the bubble point of PBVD (EQUIL item 7 above 0),
+capped at the saturated Rs of the cell's oil pressure; Rv likewise follows RVVD or PDVD (item
+8).  A cell with free gas holds saturated oil (Rs saturated at its oil pressure), a cell with
+oil saturated gas.  With item 7 (8) of 0 the ratio is the saturated one at the gas-oil contact, capped the
+same way; Flow then wants the datum at that contact, and so does kavra.
 
-Not yet: PBVD and PDVD, SWATINIT, end-point scaling of the capillary pressures, EQUIL item
+Not yet: SWATINIT, end-point scaling of the capillary pressures, EQUIL item
 9 above 0, slices of a tilted cell weighted by their volume, and several PVT regions within one equilibration region (the region's
 first active cell's PVTNUM serves the whole region).
 
@@ -27,8 +29,8 @@ Examples
 --------
 >>> import kavra.deck, kavra.equil
 >>> st = kavra.equil.initial_state(kavra.deck.read(kavra.deck.example_path("SPE1CASE1")))
->>> print(st.pressure[[0, 100, 200]].round(3))                    # psia, top to bottom layer
-[4789.264 4800.    4815.071]
+>>> print(st.pressure.data[[0, 100, 200]].round(3))               # psia, top to bottom layer
+[4782.3   4789.107 4800.   ]
 """
 
 from __future__ import annotations
@@ -136,18 +138,26 @@ def _table_columns(deck: Any, names: tuple[str, ...], columns: int, pc: int) -> 
     return None
 
 
-def _ratio_table(deck: Any, keyword: str, item: float, region: int, table: Any, p_contact: float,
-                 saturated: Any) -> tuple[Any, Any]:
-    """(depths, ratios) of RSVD/RVVD for the region, or (None, the saturated ratio at the contact)."""
+_SATURATION_PRESSURE = {"RSVD": "PBVD", "RVVD": "PDVD"}
+
+
+def _ratio_table(deck: Any, keyword: str, record: Any, region: int, table: Any, saturated: Any) -> tuple[Any, ...]:
+    """How Rs (keyword RSVD) or Rv (RVVD) varies in the region: (depths, values, of_pressure) of
+    RSVD/RVVD, or of PBVD/PDVD with of_pressure True; or (None, the saturated ratio at the
+    contact) where EQUIL item 7 (8) is 0, Flow then wanting the datum at the gas-oil contact."""
+    item = record.rsvd_table if keyword == "RSVD" else record.rvvd_table
     if not math.isnan(item) and item > 0:
-        if keyword not in deck.keywords:
-            other = {"RSVD": "PBVD", "RVVD": "PDVD"}[keyword]
-            if other in deck.keywords:
-                raise NotImplementedError(f"initial_state: {other} is not supported yet; give {keyword}")
-            raise ValueError(f"initial_state: EQUIL region {region + 1} asks for {keyword}, which the deck lacks")
-        rows = deck.records(keyword)[region].reshape(-1, 2)
-        return np.ascontiguousarray(rows[:, 0]), np.ascontiguousarray(rows[:, 1])
-    return None, float(saturated(table, 1, [p_contact])[0])
+        for name, of_pressure in ((keyword, False), (_SATURATION_PRESSURE[keyword], True)):
+            if name in deck.keywords:
+                rows = deck.records(name)[region].reshape(-1, 2)
+                return np.ascontiguousarray(rows[:, 0]), np.ascontiguousarray(rows[:, 1]), of_pressure
+        raise ValueError(f"initial_state: EQUIL item {7 if keyword == 'RSVD' else 8} of region {region + 1} asks for "
+                         f"{keyword} or {_SATURATION_PRESSURE[keyword]}, which the deck lacks")
+    if record.datum_depth != record.goc_depth:
+        raise ValueError(f"initial_state: EQUIL region {region + 1} has no {keyword} table (item "
+                         f"{7 if keyword == 'RSVD' else 8} of 0), so its datum must lie at its gas-oil contact, as "
+                         f"Flow requires; it lies at {record.datum_depth:g}, the contact at {record.goc_depth:g}")
+    return None, float(saturated(table, 1, [record.datum_pressure])[0])
 
 
 def _slices(item: float, region: int) -> int:
@@ -191,9 +201,10 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
     ------
     ValueError
         A deck without EQUIL, or EQUIL records fewer than the EQLNUM regions, or a phase
-        without its tables.
+        without its tables; EQUIL item 7 (8) of 0 with the datum off the gas-oil contact, or
+        above 0 without RSVD or PBVD (RVVD or PDVD), as Flow refuses them.
     NotImplementedError
-        A feature not supported yet (PBVD, PDVD, SWATINIT, EQUIL item 9 other than 0).
+        A feature not supported yet (SWATINIT, EQUIL item 9 above 0).
     """
     if isinstance(deck, (str, os.PathLike)):
         from . import deck as _deck
@@ -238,14 +249,12 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
         top, bottom = _spans(depth, dz, cells)
         pvt = int(pvtnum[cells][0])
         surface = surface_all[min(pvt, len(surface_all)) - 1]
-        # the contact's pressure for the ratios at the contact: the datum's where they coincide
-        p_contact = values[1]
-        rs_table: tuple[Any, Any] = (None, -1.0)
-        rv_table: tuple[Any, Any] = (None, -1.0)
+        rs_table: tuple[Any, ...] = (None, -1.0)
+        rv_table: tuple[Any, ...] = (None, -1.0)
         if live:
-            rs_table = _ratio_table(deck, "RSVD", record.rsvd_table, r, deck.pvto, p_contact, rs_sat)
+            rs_table = _ratio_table(deck, "RSVD", record, r, deck.pvto, rs_sat)
         if wet:
-            rv_table = _ratio_table(deck, "RVVD", record.rvvd_table, r, deck.pvtg, p_contact, rv_sat)
+            rv_table = _ratio_table(deck, "RVVD", record, r, deck.pvtg, rv_sat)
         curves.append(list(_engine.equil_region(
             oil_table._engine_tables() if oil else None, gas_table._engine_tables() if gas else None,
             deck.pvtw._engine_tables() if water else None, pvt, list(surface), gas_factor, rs_table, rv_table,
@@ -264,7 +273,7 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
     rs = np.zeros(n)
     rv = np.zeros(n)
     if live or wet:
-        rs, rv = _ratios(deck, records, curves, eqlnum, pvtnum, depth, po, pg, mask, live, wet)
+        rs, rv = _ratios(deck, records, curves, eqlnum, pvtnum, depth, po, pg, sw, sg, mask, live, wet)
     if not gas:
         pg = np.full(n, np.nan)
 
@@ -275,9 +284,10 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
 
 
 def _ratios(deck: Any, records: Any, curves: Any, eqlnum: Any, pvtnum: Any, depth: Any, po: Any, pg: Any,
-            mask: Any, live: bool, wet: bool) -> tuple[NDArray[np.float64], NDArray[np.float64]]:
-    """Rs and Rv per cell: the region's RSVD (RVVD) or the saturated ratio at the contact, capped
-    at the saturated ratio of the cell's pressure."""
+            sw: Any, sg: Any, mask: Any, live: bool, wet: bool) -> tuple[NDArray[np.float64], NDArray[np.float64]]:
+    """Rs and Rv per cell: the saturated ratio at the cell's pressure where the other
+    hydrocarbon phase is present, else the region's table (or the saturated ratio at the
+    contact) capped at it."""
     n = depth.size
     rs, rv = np.zeros(n), np.zeros(n)
     regions = np.where(mask, 1, pvtnum)
@@ -285,14 +295,20 @@ def _ratios(deck: Any, records: Any, curves: Any, eqlnum: Any, pvtnum: Any, dept
         cells = ~mask & (eqlnum == r + 1)
         if not cells.any():
             continue
-        values = [0.0 if math.isnan(v) else v for v in record[:6]]
-        for on, keyword, item, table, pressure, saturated, into in (
-                (live, "RSVD", record.rsvd_table, deck.pvto, po, rs_sat, rs),
-                (wet, "RVVD", record.rvvd_table, deck.pvtg, pg, rv_sat, rv)):
+        oil_present = 1.0 - sw[cells] - sg[cells] > 0
+        for on, keyword, table, pressure, saturated, into, other in (
+                (live, "RSVD", deck.pvto, po, rs_sat, rs, sg[cells] > 0),
+                (wet, "RVVD", deck.pvtg, pg, rv_sat, rv, oil_present)):
             if not on:
                 continue
             cap = np.asarray(saturated(table, regions[cells], pressure[cells]))
-            z, v = _ratio_table(deck, keyword, item, r, table, values[1], saturated)
-            target = np.interp(depth[cells], z, v) if z is not None else np.full(cap.shape, v)
-            into[cells] = np.minimum(target, cap)
+            how = _ratio_table(deck, keyword, record, r, table, saturated)
+            if how[0] is None:
+                target = np.full(cap.shape, how[1])
+            else:
+                target = np.interp(depth[cells], how[0], how[1])
+                if how[2]:
+                    target = np.asarray(saturated(table, regions[cells], target))
+            # where the other phase is present the phase is saturated
+            into[cells] = np.where(other, cap, np.minimum(target, cap))
     return rs, rv
