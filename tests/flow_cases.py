@@ -37,6 +37,7 @@ CASES = {
     "DOME": {},
     "DOME2": {},
     "TRANSITION": {},
+    "TRANSITION_ESP": {},
     "GASWATER": {},
 }
 

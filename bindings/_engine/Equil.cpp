@@ -199,14 +199,15 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
                           Array(curves.water.pressure), Array(curves.gas.depth), Array(curves.gas.pressure));
 }
 
-// equil_cells(depth, thickness, region, satnum, active, curves, slices, saturation, phases, threads,
-// out): the state of every cell into out = (po, pw, pg, sw, sg).  curves: per region the six arrays
+// equil_cells(depth, thickness, region, satnum, active, curves, slices, saturation, ends, phases,
+// threads, out): the state of every cell into out = (po, pw, pg, sw, sg).  ends: the cells' own
+// SWL, SWU, SGL, SGU, PCW and PCG, each an array of one value per cell or None (the table's).  curves: per region the six arrays
 // of equil_region; slices: per region the level slices of a cell (1: its centre); saturation: per
 // saturation region (sw, pcow, sg, pcog), empty arrays where the phases lack them.
 void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flags active,
                 std::vector<std::vector<Doubles>> curves, std::vector<int> slices,
-                std::vector<std::vector<Doubles>> saturation, std::vector<bool> phases, unsigned threads,
-                std::vector<Outs> out)
+                std::vector<std::vector<Doubles>> saturation, nb::list ends, std::vector<bool> phases,
+                unsigned threads, std::vector<Outs> out)
 {
     const std::uint64_t n = depth.shape(0);
     if (thickness.shape(0) != n || region.shape(0) != n || satnum.shape(0) != n || active.shape(0) != n ||
@@ -232,6 +233,21 @@ void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flag
             throw std::invalid_argument("equil_cells: a saturation region holds (sw, pcow, sg, pcog)");
         tables.push_back(equil::SaturationCurves{{Values(s[0]), Values(s[1])}, {Values(s[2]), Values(s[3])}});
     }
+    if (ends.size() != 6)
+        throw std::invalid_argument("equil_cells: ends holds SWL, SWU, SGL, SGU, PCW and PCG");
+    std::vector<Doubles> held;
+    const double* endArrays[6] = {};
+    held.reserve(6);
+    for (std::size_t e = 0; e < 6; ++e) {
+        if (ends[e].is_none())
+            continue;
+        held.push_back(nb::cast<Doubles>(ends[e]));
+        if (held.back().shape(0) != n)
+            throw std::invalid_argument("equil_cells: every array of ends must hold one value per cell");
+        endArrays[e] = held.back().data();
+    }
+    const equil::CellEndPoints cellEnds{endArrays[0], endArrays[1], endArrays[2],
+                                        endArrays[3], endArrays[4], endArrays[5]};
     const equil::Phases ph{phases[0], phases[1], phases[2]};
     const bool needs[3] = {ph.oil && ph.water, ph.gas && ph.water && !ph.oil, ph.oil && ph.gas};
     for (const auto& t : tables)
@@ -250,7 +266,7 @@ void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flag
     }
     const equil::CellStates states{out[0].data(), out[1].data(), out[2].data(), out[3].data(), out[4].data()};
     nb::gil_scoped_release unlocked;
-    equil::CellStatesOf(cells, regions, tables, ph, UsefulThreads(threads < 1 ? 1 : threads), states);
+    equil::CellStatesOf(cells, regions, tables, cellEnds, ph, UsefulThreads(threads < 1 ? 1 : threads), states);
 }
 
 } // namespace
@@ -262,7 +278,8 @@ void RegisterEquil(nb::module_& m)
           nb::arg("contacts"), nb::arg("phases"), nb::arg("top"), nb::arg("bottom"), nb::arg("steps"),
           nb::arg("gravity"));
     m.def("equil_cells", &EquilCells, nb::arg("depth"), nb::arg("thickness"), nb::arg("region"), nb::arg("satnum"),
-          nb::arg("active"), nb::arg("curves"), nb::arg("slices"), nb::arg("saturation"), nb::arg("phases"),
+          nb::arg("active"), nb::arg("curves"), nb::arg("slices"), nb::arg("saturation"), nb::arg("ends"),
+          nb::arg("phases"),
           nb::arg("threads"), nb::arg("out"));
 }
 

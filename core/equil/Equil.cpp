@@ -148,11 +148,46 @@ double PcAt(const CapillaryCurve& curve, double s)
     return curve.Empty() ? 0.0 : Linear(curve.saturation, curve.pc, s);
 }
 
-double Highest(const CapillaryCurve& curve) { return curve.saturation.back(); }
+// A table's capillary pressure curve as one cell sees it: its saturations
+// mapped linearly from the cell's [low, high] onto the table's, its values
+// times `factor` (the cell's largest Pc over the table's).  Unscaled, the
+// cell's end points are the table's and the factor 1.
+struct CellCurve
+{
+    const CapillaryCurve* curve;
+    double lowTable, highTable, low, high, factor;
 
-} // namespace
-
-namespace {
+    CellCurve(const CapillaryCurve& c, const double* lows, const double* highs, const double* largest,
+              std::uint64_t h)
+        : curve(&c), lowTable(c.Empty() ? 0.0 : c.saturation.front()),
+          highTable(c.Empty() ? 1.0 : c.saturation.back()), low(lows ? lows[h] : lowTable),
+          high(highs ? highs[h] : highTable), factor(1.0)
+    {
+        if (largest && !c.Empty()) {
+            double most = 0.0;
+            for (double v : c.pc)
+                most = std::max(most, std::fabs(v));
+            factor = most > 0.0 ? largest[h] / most : 1.0;
+        }
+    }
+    double ToTable(double s) const
+    {
+        return high == low ? lowTable : lowTable + (s - low) * ((highTable - lowTable) / (high - low));
+    }
+    double FromTable(double s) const
+    {
+        return highTable == lowTable ? low : low + (s - lowTable) * ((high - low) / (highTable - lowTable));
+    }
+    double Pc(double s) const { return factor * PcAt(*curve, ToTable(s)); }
+    double Invert(double pc, bool falling) const
+    {
+        const double table = factor != 0.0 ? pc / factor
+                                           : (pc == 0.0 ? 0.0 : std::copysign(std::numeric_limits<double>::infinity(), pc));
+        return FromTable(curve->Invert(table, falling));
+    }
+    double Highest() const { return high; }
+    double Lowest() const { return low; }
+};
 
 // The state at one depth: the oil pressure (gas in a gas-water system) and
 // the saturations.
@@ -163,10 +198,10 @@ struct PointState
 
 // The Sw at which Pcow(Sw) + Pcog(1 - Sw), falling as Sw rises, reaches
 // `pcgw`, within the water curve's saturations (bisection to the last bit).
-double GasWaterSaturation(double pcgw, const SaturationCurves& s)
+double GasWaterSaturation(double pcgw, const CellCurve& water, const CellCurve& gas)
 {
-    const auto f = [&](double sw) { return PcAt(s.water, sw) + PcAt(s.gas, 1.0 - sw); };
-    double lo = s.water.saturation.front(), hi = s.water.saturation.back();
+    const auto f = [&](double sw) { return water.Pc(sw) + gas.Pc(1.0 - sw); };
+    double lo = water.Lowest(), hi = water.Highest();
     if (pcgw >= f(lo))
         return lo;
     if (pcgw <= f(hi))
@@ -180,7 +215,8 @@ double GasWaterSaturation(double pcgw, const SaturationCurves& s)
     return 0.5 * (lo + hi);
 }
 
-PointState StateAt(double z, const RegionCurves& r, const SaturationCurves& s, const Phases& phases)
+PointState StateAt(double z, const RegionCurves& r, const CellCurve& water, const CellCurve& gas,
+                   const Phases& phases)
 {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     double po = phases.oil ? r.oil.At(z) : nan;
@@ -192,27 +228,27 @@ PointState StateAt(double z, const RegionCurves& r, const SaturationCurves& s, c
             // Pcow falls as Sw rises: in the water zone (Pcow at or below the curve's lowest)
             // the cell is all water, and the oil pressure there the water's plus the
             // curve's Pc at that saturation.
-            sw = s.water.Invert(po - pw, true);
-            if (sw >= Highest(s.water))
-                po = pw + PcAt(s.water, sw);
+            sw = water.Invert(po - pw, true);
+            if (sw >= water.Highest())
+                po = pw + water.Pc(sw);
         }
         if (phases.gas) {
-            sg = s.gas.Invert(pg - po, false);
-            if (sg > 0.0 && sg >= Highest(s.gas))
-                po = pg - PcAt(s.gas, sg);
+            sg = gas.Invert(pg - po, false);
+            if (sg > 0.0 && sg >= gas.Highest())
+                po = pg - gas.Pc(sg);
         }
         if (phases.water && phases.gas && sw + sg > 1.0) {
             // Gas meets water with no oil between: Sw is where Pcow(Sw) + Pcog(1 - Sw), the
             // gas-water capillary pressure, reaches pg - pw; the gas has the rest.
-            sw = GasWaterSaturation(pg - pw, s);
+            sw = GasWaterSaturation(pg - pw, water, gas);
             sg = 1.0 - sw;
-            po = pg - PcAt(s.gas, sg);
+            po = pg - gas.Pc(sg);
         }
         return PointState{po, sw, sg};
     }
     if (phases.gas && phases.water) { // Pcgw of the water curve; the gas has the rest
-        const double sw = s.water.Invert(pg - pw, true);
-        return PointState{sw >= Highest(s.water) ? pw + PcAt(s.water, sw) : pg, sw, 1.0 - sw};
+        const double sw = water.Invert(pg - pw, true);
+        return PointState{sw >= water.Highest() ? pw + water.Pc(sw) : pg, sw, 1.0 - sw};
     }
     return PointState{phases.water ? pw : pg, phases.water ? 1.0 : 0.0, phases.gas ? 1.0 : 0.0};
 }
@@ -220,8 +256,8 @@ PointState StateAt(double z, const RegionCurves& r, const SaturationCurves& s, c
 } // namespace
 
 void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
-                  const std::vector<SaturationCurves>& saturation, const Phases& phases, unsigned threads,
-                  const CellStates& out)
+                  const std::vector<SaturationCurves>& saturation, const CellEndPoints& ends, const Phases& phases,
+                  unsigned threads, const CellStates& out)
 {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const auto put = [](double* into, std::uint64_t h, double value) {
@@ -244,6 +280,7 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
                                         std::to_string(table) + "; there are " + std::to_string(saturation.size()));
             const RegionCurves& r = regions[region - 1];
             const SaturationCurves& s = saturation[table - 1];
+            const CellCurve water(s.water, ends.swl, ends.swu, ends.pcw, h), gas(s.gas, ends.sgl, ends.sgu, ends.pcg, h);
             // The cell's state: at its centre, or the mean of the states at the centres of
             // `slices` level slices of equal thickness.
             const int slices = std::max(1, r.slices);
@@ -252,7 +289,7 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
                 const double z = slices == 1 ? cells.depth[h]
                                              : cells.depth[h] - 0.5 * cells.thickness[h] +
                                                    cells.thickness[h] * ((k + 0.5) / slices);
-                const PointState at = StateAt(z, r, s, phases);
+                const PointState at = StateAt(z, r, water, gas, phases);
                 sum.p += at.p;
                 sum.sw += at.sw;
                 sum.sg += at.sg;
@@ -260,10 +297,10 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
             const double p = sum.p / slices, sw = sum.sw / slices, sg = sum.sg / slices;
             put(out.po, h, p);
             if (phases.oil) {
-                put(out.pw, h, phases.water ? p - PcAt(s.water, sw) : nan);
-                put(out.pg, h, phases.gas ? p + PcAt(s.gas, sg) : nan);
+                put(out.pw, h, phases.water ? p - water.Pc(sw) : nan);
+                put(out.pg, h, phases.gas ? p + gas.Pc(sg) : nan);
             } else {
-                put(out.pw, h, phases.water ? (phases.gas ? p - PcAt(s.water, sw) : p) : nan);
+                put(out.pw, h, phases.water ? (phases.gas ? p - water.Pc(sw) : p) : nan);
                 put(out.pg, h, phases.gas ? p : nan);
             }
             put(out.sw, h, sw);

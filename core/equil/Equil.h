@@ -97,6 +97,17 @@ struct Cells
     const std::uint8_t* active;
 };
 
+// The cells' own end points of the capillary pressure curves (ENDSCALE),
+// each one value per cell or null where the cells take their table's: the
+// lowest and highest water and gas saturations (SWL, SWU, SGL, SGU), and the
+// largest Pcow and Pcog (PCW, PCG).  A cell's saturation maps linearly from
+// its [low, high] onto the table's, its Pc is the table's there times its
+// largest over the table's.
+struct CellEndPoints
+{
+    const double *swl = nullptr, *swu = nullptr, *sgl = nullptr, *sgu = nullptr, *pcw = nullptr, *pcg = nullptr;
+};
+
 // What a call fills: one value per cell (NaN where inactive); any may be null.
 struct CellStates
 {
@@ -114,8 +125,8 @@ struct CellStates
 // saturation region numbers out of range throw std::out_of_range naming
 // the cell.
 void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
-                  const std::vector<SaturationCurves>& saturation, const Phases& phases, unsigned threads,
-                  const CellStates& out);
+                  const std::vector<SaturationCurves>& saturation, const CellEndPoints& ends, const Phases& phases,
+                  unsigned threads, const CellStates& out);
 
 } // namespace equil
 } // namespace kavra

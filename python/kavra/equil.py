@@ -8,8 +8,9 @@ region's top and down to its bottom (``points`` steps each way, Flow's
 each neighbouring phase starts at its contact with it, at that phase's pressure there less
 (water) or plus (gas) the contact's capillary pressure (EQUIL items 3 to 6).  A cell reads
 the curves linearly at its centre depth, and its saturations are where the capillary pressure
-curves of its SATNUM table (SWOF or SWFN, SGOF or SGFN; not scaled) reach the differences of
-the phase pressures there.  Where a saturation reaches its table's end (a cell all water, or
+curves of its SATNUM table (SWOF or SWFN, SGOF or SGFN) reach the differences of the phase
+pressures there; with ENDSCALE, a cell's SWL, SWU, SGL and SGU map its saturations linearly
+onto the table's, and its PCW and PCG scale the table's capillary pressures.  Where a saturation reaches its table's end (a cell all water, or
 gas down to the connate water) the oil pressure is that phase's pressure less (plus) the
 table's capillary pressure there, as Flow writes PRESSURE.  EQUIL item 9 of 0 takes the
 cell's centre; a negative N (default -5) the mean of the states (oil pressure and
@@ -21,9 +22,9 @@ capped at the saturated Rs of the cell's oil pressure; Rv likewise follows RVVD 
 oil saturated gas.  With item 7 (8) of 0 the ratio is the saturated one at the gas-oil contact, capped the
 same way; Flow then wants the datum at that contact, and so does kavra.
 
-Not yet: SWATINIT, end-point scaling of the capillary pressures, EQUIL item
-9 above 0, slices of a tilted cell weighted by their volume, and several PVT regions within one equilibration region (the region's
-first active cell's PVTNUM serves the whole region).
+Not yet: SWATINIT, end points from the ENPTVD family, EQUIL item 9 above 0, slices of a tilted
+cell weighted by their volume, and several PVT regions within one equilibration region (the
+region's first active cell's PVTNUM serves the whole region).
 
 Examples
 --------
@@ -160,6 +161,32 @@ def _ratio_table(deck: Any, keyword: str, record: Any, region: int, table: Any, 
     return None, float(saturated(table, 1, [record.datum_pressure])[0])
 
 
+_END_POINTS = ("SWL", "SWU", "SGL", "SGU", "PCW", "PCG")
+
+
+def _cell_end_points(deck: Any) -> list[Any]:
+    """The cells' end points of the capillary pressure curves where the deck scales them
+    (ENDSCALE), else None each (the cells take their table's): opm's arrays, which hold the
+    table's value where the deck gives a cell none, in the deck's units."""
+    if "ENDSCALE" not in deck.keywords:
+        return [None] * len(_END_POINTS)
+    properties = deck._opm_state().field_props()
+    held = deck._input_active()
+    ends: list[Any] = []
+    for name in _END_POINTS:
+        try:
+            values = np.asarray(properties.get_double_array(name), dtype=np.float64)
+        except (ValueError, RuntimeError, KeyError, IndexError):  # a phase the deck lacks
+            ends.append(None)
+            continue
+        if name.startswith("PC"):
+            values = values / _SI_PRESSURE[deck.units]
+        full = np.zeros(deck.grid.number_of_cells())
+        full[held] = values
+        ends.append(full)
+    return ends
+
+
 def _slices(item: float, region: int) -> int:
     """The level slices of a cell whose states are averaged, from EQUIL item 9: 1 (the centre)
     for 0, 2|N| for N below 0, 10 (N of -5) where the deck leaves it to its default."""
@@ -267,7 +294,7 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
                   for t in range(tables)]
     out = [np.empty(n) for _ in range(5)]
     _engine.equil_cells(depth, np.ascontiguousarray(dz), eqlnum, satnum, active, curves, slices, saturation,
-                        [oil, water, gas], threads, out)
+                        _cell_end_points(deck), [oil, water, gas], threads, out)
     po, pw, pg, sw, sg = out
     mask = ~active.astype(bool)
     rs = np.zeros(n)
