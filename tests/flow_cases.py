@@ -38,6 +38,7 @@ CASES = {
     "DOME2": {},
     "TRANSITION": {},
     "TRANSITION_ESP": {},
+    "TRANSITION_SWATINIT": {},
     "GASWATER": {},
 }
 

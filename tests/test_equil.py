@@ -13,16 +13,16 @@ import kavra.blackoil
 import kavra.deck
 import kavra.equil
 import kavra.results
-from flow_cases import _RUN, flow_case, flow_run, write_deck  # noqa: F401 (fixtures)
+from flow_cases import _RUN, DATA, flow_case, flow_run, write_deck  # noqa: F401 (fixtures)
 
 # Flow's arrays are float32: the tolerances are the task's, well above their rounding.
-RELATIVE = {"PRESSURE": "pressure", "RS": "rs", "RV": "rv"}
+RELATIVE = {"PRESSURE": "pressure", "RS": "rs", "RV": "rv", "PPCW": "ppcw"}
 ABSOLUTE = {"SWAT": "sw", "SGAS": "sg"}
 TOLERANCE = 1e-6
 # Three-phase decks run with Flow's black-oil simulator (tests/flow_cases.py); GASWATER with
 # its gas-water simulator, which the shared runner does not start.
-THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "TRANSITION", "TRANSITION_ESP", "EDITED", "FAULTED",
-               "TWOREGIONS"]
+THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "TRANSITION", "TRANSITION_ESP", "TRANSITION_SWATINIT",
+               "EDITED", "FAULTED", "TWOREGIONS"]
 
 
 @pytest.fixture(scope="session")
@@ -163,3 +163,22 @@ def test_item_7_of_0_wants_the_datum_at_the_gas_oil_contact():
 def test_docstring_examples_run():
     result = doctest.testmod(kavra.equil, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert result.attempted > 0 and result.failed == 0
+
+
+@pytest.mark.parametrize("case", ["TRANSITION_SWATINIT"], indirect=True)
+def test_swatinit_gives_the_oil_zone_its_water(case):
+    deck, _, state = case
+    swatinit = deck.cell_property("SWATINIT")
+    above_free_water = (state.pressure - state.pw > 0).filled(False) & (swatinit > 0.15)
+    assert above_free_water.sum() > 100
+    assert np.array_equal(state.sw[above_free_water], swatinit[above_free_water])
+    # below the free water level SWATINIT counts for nothing, and the curve keeps SWOF's 1.6 bar
+    water = (state.sw == 1.0).filled(False)
+    assert water.any() and (state.ppcw[water] == 1.6).all() and (swatinit[water] < 1.0).any()
+
+
+def test_swatinit_with_slices_refused():
+    text = (DATA / "TRANSITION_SWATINIT.DATA").read_text()
+    deck = kavra.deck.read(_edited(text, "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /"))
+    with pytest.raises(NotImplementedError, match="SWATINIT"):
+        kavra.equil.initial_state(deck)

@@ -200,10 +200,10 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
 }
 
 // equil_cells(depth, thickness, region, satnum, active, curves, slices, saturation, ends, phases,
-// threads, out): the state of every cell into out = (po, pw, pg, sw, sg).  ends: the cells' own
-// SWL, SWU, SGL, SGU, PCW and PCG, each an array of one value per cell or None (the table's).  curves: per region the six arrays
-// of equil_region; slices: per region the level slices of a cell (1: its centre); saturation: per
-// saturation region (sw, pcow, sg, pcog), empty arrays where the phases lack them.
+// threads, out): the state of every cell into out = (po, pw, pg, sw, sg, ppcw).  curves: per region
+// the six arrays of equil_region; slices: per region the level slices of a cell (1: its centre);
+// saturation: per saturation region (sw, pcow, sg, pcog), empty arrays where the phases lack them;
+// ends: the cells' own SWL, SWU, SGL, SGU, PCW, PCG and SWATINIT, each one value per cell or None.
 void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flags active,
                 std::vector<std::vector<Doubles>> curves, std::vector<int> slices,
                 std::vector<std::vector<Doubles>> saturation, nb::list ends, std::vector<bool> phases,
@@ -211,9 +211,9 @@ void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flag
 {
     const std::uint64_t n = depth.shape(0);
     if (thickness.shape(0) != n || region.shape(0) != n || satnum.shape(0) != n || active.shape(0) != n ||
-        out.size() != 5 || phases.size() != 3 || slices.size() != curves.size())
+        out.size() != 6 || phases.size() != 3 || slices.size() != curves.size())
         throw std::invalid_argument("equil_cells: depth, thickness, region, satnum and active must be of one "
-                                    "length, out of five arrays, slices one per region");
+                                    "length, out of six arrays, slices one per region");
     for (const Outs& o : out)
         if (o.shape(0) != n)
             throw std::invalid_argument("equil_cells: every array of out must hold one value per cell");
@@ -233,12 +233,12 @@ void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flag
             throw std::invalid_argument("equil_cells: a saturation region holds (sw, pcow, sg, pcog)");
         tables.push_back(equil::SaturationCurves{{Values(s[0]), Values(s[1])}, {Values(s[2]), Values(s[3])}});
     }
-    if (ends.size() != 6)
-        throw std::invalid_argument("equil_cells: ends holds SWL, SWU, SGL, SGU, PCW and PCG");
+    if (ends.size() != 7)
+        throw std::invalid_argument("equil_cells: ends holds SWL, SWU, SGL, SGU, PCW, PCG and SWATINIT");
     std::vector<Doubles> held;
-    const double* endArrays[6] = {};
-    held.reserve(6);
-    for (std::size_t e = 0; e < 6; ++e) {
+    const double* endArrays[7] = {};
+    held.reserve(7);
+    for (std::size_t e = 0; e < 7; ++e) {
         if (ends[e].is_none())
             continue;
         held.push_back(nb::cast<Doubles>(ends[e]));
@@ -246,8 +246,8 @@ void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flag
             throw std::invalid_argument("equil_cells: every array of ends must hold one value per cell");
         endArrays[e] = held.back().data();
     }
-    const equil::CellEndPoints cellEnds{endArrays[0], endArrays[1], endArrays[2],
-                                        endArrays[3], endArrays[4], endArrays[5]};
+    const equil::CellEndPoints cellEnds{endArrays[0], endArrays[1], endArrays[2], endArrays[3],
+                                        endArrays[4], endArrays[5], endArrays[6]};
     const equil::Phases ph{phases[0], phases[1], phases[2]};
     const bool needs[3] = {ph.oil && ph.water, ph.gas && ph.water && !ph.oil, ph.oil && ph.gas};
     for (const auto& t : tables)
@@ -264,7 +264,8 @@ void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flag
             throw std::invalid_argument("equil_cells: region " + std::to_string(k) +
                                         " lacks the curve of a phase present");
     }
-    const equil::CellStates states{out[0].data(), out[1].data(), out[2].data(), out[3].data(), out[4].data()};
+    const equil::CellStates states{out[0].data(), out[1].data(), out[2].data(),
+                                   out[3].data(), out[4].data(), out[5].data()};
     nb::gil_scoped_release unlocked;
     equil::CellStatesOf(cells, regions, tables, cellEnds, ph, UsefulThreads(threads < 1 ? 1 : threads), states);
 }

@@ -148,6 +148,15 @@ double PcAt(const CapillaryCurve& curve, double s)
     return curve.Empty() ? 0.0 : Linear(curve.saturation, curve.pc, s);
 }
 
+// The largest capillary pressure of a curve (0 of an empty one).
+double MostPc(const CapillaryCurve& c)
+{
+    double most = 0.0;
+    for (double v : c.pc)
+        most = std::max(most, std::fabs(v));
+    return most;
+}
+
 // A table's capillary pressure curve as one cell sees it: its saturations
 // mapped linearly from the cell's [low, high] onto the table's, its values
 // times `factor` (the cell's largest Pc over the table's).  Unscaled, the
@@ -164,9 +173,7 @@ struct CellCurve
           high(highs ? highs[h] : highTable), factor(1.0)
     {
         if (largest && !c.Empty()) {
-            double most = 0.0;
-            for (double v : c.pc)
-                most = std::max(most, std::fabs(v));
+            const double most = MostPc(c);
             factor = most > 0.0 ? largest[h] / most : 1.0;
         }
     }
@@ -187,6 +194,8 @@ struct CellCurve
     }
     double Highest() const { return high; }
     double Lowest() const { return low; }
+    // The largest Pc of the cell's curve.
+    double Largest() const { return MostPc(*curve) * factor; }
 };
 
 // The state at one depth: the oil pressure (gas in a gas-water system) and
@@ -215,8 +224,8 @@ double GasWaterSaturation(double pcgw, const CellCurve& water, const CellCurve& 
     return 0.5 * (lo + hi);
 }
 
-PointState StateAt(double z, const RegionCurves& r, const CellCurve& water, const CellCurve& gas,
-                   const Phases& phases)
+PointState StateAt(double z, const RegionCurves& r, CellCurve& water, const CellCurve& gas, const Phases& phases,
+                   double swatinit)
 {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     double po = phases.oil ? r.oil.At(z) : nan;
@@ -224,7 +233,14 @@ PointState StateAt(double z, const RegionCurves& r, const CellCurve& water, cons
     const double pg = phases.gas ? r.gas.At(z) : nan;
     if (phases.oil) {
         double sw = 0.0, sg = 0.0;
-        if (phases.water) {
+        const double table = phases.water && !std::isnan(swatinit) && po - pw > 0.0
+                                 ? PcAt(*water.curve, water.ToTable(std::max(swatinit, water.Lowest())))
+                                 : 0.0;
+        if (table > 0.0) {
+            // SWATINIT: the cell's curve scaled to reach this Pcow at that saturation.
+            sw = std::min(std::max(swatinit, water.Lowest()), water.Highest());
+            water.factor = (po - pw) / table;
+        } else if (phases.water) {
             // Pcow falls as Sw rises: in the water zone (Pcow at or below the curve's lowest)
             // the cell is all water, and the oil pressure there the water's plus the
             // curve's Pc at that saturation.
@@ -267,7 +283,7 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
     ParallelChunks(cells.n, 4096, threads, [&](std::uint64_t begin, std::uint64_t end) {
         for (std::uint64_t h = begin; h < end; ++h) {
             if (!cells.active[h]) {
-                for (double* into : {out.po, out.pw, out.pg, out.sw, out.sg})
+                for (double* into : {out.po, out.pw, out.pg, out.sw, out.sg, out.ppcw})
                     put(into, h, nan);
                 continue;
             }
@@ -280,7 +296,9 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
                                         std::to_string(table) + "; there are " + std::to_string(saturation.size()));
             const RegionCurves& r = regions[region - 1];
             const SaturationCurves& s = saturation[table - 1];
-            const CellCurve water(s.water, ends.swl, ends.swu, ends.pcw, h), gas(s.gas, ends.sgl, ends.sgu, ends.pcg, h);
+            CellCurve water(s.water, ends.swl, ends.swu, ends.pcw, h);
+            const CellCurve gas(s.gas, ends.sgl, ends.sgu, ends.pcg, h);
+            const double swatinit = ends.swatinit ? ends.swatinit[h] : nan;
             // The cell's state: at its centre, or the mean of the states at the centres of
             // `slices` level slices of equal thickness.
             const int slices = std::max(1, r.slices);
@@ -289,7 +307,7 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
                 const double z = slices == 1 ? cells.depth[h]
                                              : cells.depth[h] - 0.5 * cells.thickness[h] +
                                                    cells.thickness[h] * ((k + 0.5) / slices);
-                const PointState at = StateAt(z, r, water, gas, phases);
+                const PointState at = StateAt(z, r, water, gas, phases, slices == 1 ? swatinit : nan);
                 sum.p += at.p;
                 sum.sw += at.sw;
                 sum.sg += at.sg;
@@ -305,6 +323,7 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
             }
             put(out.sw, h, sw);
             put(out.sg, h, sg);
+            put(out.ppcw, h, phases.water && !s.water.Empty() ? water.Largest() : nan);
         }
     });
 }

@@ -106,12 +106,17 @@ struct Cells
 struct CellEndPoints
 {
     const double *swl = nullptr, *swu = nullptr, *sgl = nullptr, *sgu = nullptr, *pcw = nullptr, *pcg = nullptr;
+    // SWATINIT (NaN in a cell without one): where the oil zone's Pcow is above 0
+    // the cell holds that water (at least its lowest), its Pcow curve scaled to
+    // give it (cells at their centres only).
+    const double* swatinit = nullptr;
 };
 
 // What a call fills: one value per cell (NaN where inactive); any may be null.
 struct CellStates
 {
     double *po, *pw, *pg, *sw, *sg;
+    double* ppcw = nullptr; // the cell's largest Pcow, as its curve is scaled
 };
 
 // Reads every active cell's phase pressures in its region's curves at its

@@ -22,9 +22,13 @@ capped at the saturated Rs of the cell's oil pressure; Rv likewise follows RVVD 
 oil saturated gas.  With item 7 (8) of 0 the ratio is the saturated one at the gas-oil contact, capped the
 same way; Flow then wants the datum at that contact, and so does kavra.
 
-Not yet: SWATINIT, end points from the ENPTVD family, EQUIL item 9 above 0, slices of a tilted
-cell weighted by their volume, and several PVT regions within one equilibration region (the
-region's first active cell's PVTNUM serves the whole region).
+SWATINIT gives a cell of the oil zone above the free water (Pcow above 0) that water saturation
+(at least its lowest), its Pcow curve scaled to reach the Pcow there (``ppcw``, Flow's PPCW).
+
+Not yet: SWATINIT with gas-water or with EQUIL item 9 below 0, end points from the ENPTVD
+family, EQUIL item 9 above 0, slices of a tilted cell weighted by their volume, and several
+PVT regions within one equilibration region (the region's first active cell's PVTNUM serves
+the whole region).
 
 Examples
 --------
@@ -74,6 +78,9 @@ class InitialState(NamedTuple):
         Water and gas saturation.
     rs, rv : numpy.ma.MaskedArray
         Dissolved gas-oil and vaporised oil-gas ratio (0 without PVTO, PVTG).
+    ppcw : numpy.ma.MaskedArray
+        The cell's largest Pcow (Pcgw of a gas-water deck): its table's, scaled by its PCW,
+        or what SWATINIT made it (Flow's PPCW); NaN without water.
     deck : kavra.deck.Deck
         The deck, for :meth:`in_place`.
     """
@@ -85,6 +92,7 @@ class InitialState(NamedTuple):
     sg: np.ma.MaskedArray[Any, Any]
     rs: np.ma.MaskedArray[Any, Any]
     rv: np.ma.MaskedArray[Any, Any]
+    ppcw: np.ma.MaskedArray[Any, Any]
     deck: Any
 
     def in_place(self, *, threads: int | None = None) -> InPlace:
@@ -187,6 +195,18 @@ def _cell_end_points(deck: Any) -> list[Any]:
     return ends
 
 
+def _swatinit(deck: Any, oil: bool, water: bool, slices: list[int]) -> Any:
+    """SWATINIT per cell, or None without it."""
+    try:
+        values = deck.cell_property("SWATINIT")
+    except KeyError:
+        return None
+    if not (oil and water) or any(k != 1 for k in slices):
+        raise NotImplementedError("initial_state: SWATINIT is supported with oil and water at the cells' centres "
+                                  "(EQUIL item 9 of 0) only, so far")
+    return np.ascontiguousarray(values, dtype=np.float64)
+
+
 def _slices(item: float, region: int) -> int:
     """The level slices of a cell whose states are averaged, from EQUIL item 9: 1 (the centre)
     for 0, 2|N| for N below 0, 10 (N of -5) where the deck leaves it to its default."""
@@ -231,7 +251,8 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
         without its tables; EQUIL item 7 (8) of 0 with the datum off the gas-oil contact, or
         above 0 without RSVD or PBVD (RVVD or PDVD), as Flow refuses them.
     NotImplementedError
-        A feature not supported yet (SWATINIT, EQUIL item 9 above 0).
+        A feature not supported yet (EQUIL item 9 above 0; SWATINIT in a gas-water deck or
+        with item 9 below 0).
     """
     if isinstance(deck, (str, os.PathLike)):
         from . import deck as _deck
@@ -242,8 +263,6 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
     threads = _resolve_threads(threads)
     if "EQUIL" not in deck.keywords:
         raise ValueError("initial_state: the deck has no EQUIL")
-    if "SWATINIT" in deck.keywords:
-        raise NotImplementedError("initial_state: SWATINIT is not supported yet")
     oil, water, gas = _phases(deck)
     units = deck.units
     gravity = _GRAVITY * _SI_DENSITY[units] * _SI_LENGTH[units] / _SI_PRESSURE[units]
@@ -292,10 +311,11 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
     empty = np.zeros(0)
     saturation = [[*(water_pc[t] if water_pc else (empty, empty)), *(gas_pc[t] if gas_pc else (empty, empty))]
                   for t in range(tables)]
-    out = [np.empty(n) for _ in range(5)]
+    out = [np.empty(n) for _ in range(6)]
     _engine.equil_cells(depth, np.ascontiguousarray(dz), eqlnum, satnum, active, curves, slices, saturation,
-                        _cell_end_points(deck), [oil, water, gas], threads, out)
-    po, pw, pg, sw, sg = out
+                        _cell_end_points(deck) + [_swatinit(deck, oil, water, slices)], [oil, water, gas], threads,
+                        out)
+    po, pw, pg, sw, sg, ppcw = out
     mask = ~active.astype(bool)
     rs = np.zeros(n)
     rv = np.zeros(n)
@@ -307,7 +327,8 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
     def masked(a: NDArray[np.float64]) -> np.ma.MaskedArray[Any, Any]:
         return np.ma.MaskedArray(np.where(mask, 0.0, a), mask=mask)
 
-    return InitialState(masked(po), masked(pw), masked(pg), masked(sw), masked(sg), masked(rs), masked(rv), deck)
+    return InitialState(masked(po), masked(pw), masked(pg), masked(sw), masked(sg), masked(rs), masked(rv),
+                        masked(ppcw), deck)
 
 
 def _ratios(deck: Any, records: Any, curves: Any, eqlnum: Any, pvtnum: Any, depth: Any, po: Any, pg: Any,
