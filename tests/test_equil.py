@@ -182,3 +182,10 @@ def test_swatinit_with_slices_refused():
     deck = kavra.deck.read(_edited(text, "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /"))
     with pytest.raises(NotImplementedError, match="SWATINIT"):
         kavra.equil.initial_state(deck)
+
+
+def test_pvt_region_past_the_tables_refused_in_words():
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    deck = kavra.deck.read(_edited(text, "SOLUTION", "REGIONS\nPVTNUM\n300*2 /\nSOLUTION"))
+    with pytest.raises(ValueError, match="PVT region 2"):
+        kavra.equil.initial_state(deck)

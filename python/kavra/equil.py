@@ -294,6 +294,15 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
             continue
         top, bottom = _spans(depth, dz, cells)
         pvt = int(pvtnum[cells][0])
+        for present, name, table in ((oil, "oil", oil_table), (gas, "gas", gas_table), (water, "water", deck.pvtw),
+                                     (True, "DENSITY", deck.density)):
+            if not present:
+                continue
+            if table is None:
+                raise ValueError(f"initial_state: the deck has {name} but no table of it")
+            if not 1 <= pvt <= len(table.regions):
+                raise ValueError(f"initial_state: equilibration region {r + 1} lies in PVT region {pvt} (PVTNUM); "
+                                 f"the {name} table has {len(table.regions)} region(s)")
         surface = surface_all[min(pvt, len(surface_all)) - 1]
         rs_table: tuple[Any, ...] = (None, -1.0)
         rv_table: tuple[Any, ...] = (None, -1.0)
