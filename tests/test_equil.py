@@ -140,20 +140,9 @@ def test_points_must_be_a_positive_integer(points):
         kavra.equil.initial_state(deck, points=points)
 
 
-def test_deck_without_equil_refused():
+def test_item_7_of_0_takes_rs_saturated_at_the_contact():
     text = kavra.deck.example_path("SPE1CASE1").read_text()
-    start = text.index("EQUIL")
-    deck = kavra.deck.read(text[:start] + text[text.index("RSVD"):])
-    with pytest.raises(ValueError, match="EQUIL"):
-        kavra.equil.initial_state(deck)
-
-
-def test_item_7_of_0_wants_the_datum_at_the_gas_oil_contact():
-    text = kavra.deck.example_path("SPE1CASE1").read_text()
-    deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", "8400 4800 8450 0 8300 0 0 0 0"))
-    with pytest.raises(ValueError, match="datum must lie at its gas-oil contact"):
-        kavra.equil.initial_state(deck)
-    # at the contact, Rs is the saturated Rs of the datum pressure wherever the oil is above it
+    # Rs is the saturated Rs of the datum pressure wherever the oil is above it
     deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", "8400 4800 8450 0 8400 0 0 0 0"))
     state = kavra.equil.initial_state(deck)
     below = np.asarray(state.pressure) >= 4800.0
@@ -177,15 +166,17 @@ def test_swatinit_gives_the_oil_zone_its_water(case):
     assert water.any() and (state.ppcw[water] == 1.6).all() and (swatinit[water] < 1.0).any()
 
 
-def test_swatinit_with_slices_refused():
-    text = (DATA / "TRANSITION_SWATINIT.DATA").read_text()
-    deck = kavra.deck.read(_edited(text, "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /"))
-    with pytest.raises(NotImplementedError, match="SWATINIT"):
-        kavra.equil.initial_state(deck)
+SPE1_EQUIL = "8400 4800 8450 0 8300 0 1 0 0"
 
 
-def test_pvt_region_past_the_tables_refused_in_words():
-    text = kavra.deck.example_path("SPE1CASE1").read_text()
-    deck = kavra.deck.read(_edited(text, "SOLUTION", "REGIONS\nPVTNUM\n300*2 /\nSOLUTION"))
-    with pytest.raises(ValueError, match="PVT region 2"):
-        kavra.equil.initial_state(deck)
+@pytest.mark.parametrize("deck_name, old, new, error, words", [
+    ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 0 0 0", ValueError, "datum must lie at its gas-oil contact"),
+    ("SPE1CASE1", "SOLUTION", "REGIONS\nPVTNUM\n300*2 /\nSOLUTION", ValueError, "PVT region 2"),
+    ("SPE1CASE1", f"EQUIL\n\t{SPE1_EQUIL} /", "", ValueError, "no EQUIL"),
+    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /", NotImplementedError, "SWATINIT"),
+])
+def test_decks_refused_in_words(deck_name, old, new, error, words):
+    path = kavra.deck.example_path(deck_name) if deck_name in kavra.deck.EXAMPLES else DATA / f"{deck_name}.DATA"
+    text = _edited(path.read_text(), old, new)
+    with pytest.raises(error, match=words):
+        kavra.equil.initial_state(kavra.deck.read(text))

@@ -101,6 +101,24 @@ struct RatioOfDepth
     }
 };
 
+// The density of oil or gas at (z, p): of a dead fluid 1/B times its own surface density `own`;
+// of one that carries the other phase (ratio r, of `ratio` capped at the saturated one), 1/B at
+// (p, r) times own + r other.
+template <class Live>
+double PhaseDensity(Point& point, const TPVTList* dead, const Live* live,
+                    void (*saturatedOf)(const Live&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr),
+                    void (*oneOverB)(const Live&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr),
+                    const RatioOfDepth& ratio, double own, double other, double z, double p)
+{
+    if (dead)
+        return point.Of(static_cast<void (*)(const TPVTList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
+                            &CalcDeadFluidOneOverB),
+                        *dead, p) *
+               own;
+    const double r = ratio.At(z, p, [&](double at) { return point.Of(saturatedOf, *live, at); });
+    return point.Of(oneOverB, *live, p, r) * (own + r * other);
+}
+
 nb::object Array(const std::vector<double>& v)
 {
     auto* owned = new std::vector<double>(v);
@@ -149,38 +167,12 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
     if ((phases[0] && !liveOil && !deadOil) || (phases[2] && !wetGas && !dryGas) || (phases[1] && !waterList))
         throw std::invalid_argument("equil_region: a phase present has no table");
     const equil::Density oilDensity = [&](double z, double p) {
-        if (deadOil)
-            return point.Of(static_cast<void (*)(const TPVTList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
-                                &CalcDeadFluidOneOverB),
-                            *deadOil, p) *
-                   rhoO;
-        const auto saturated = [&](double at) {
-            return point.Of(static_cast<void (*)(const TPVTOList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
-                                &CalcSaturatedRs),
-                            *liveOil, at);
-        };
-        const double r = rs.At(z, p, saturated);
-        const double b = point.Of(static_cast<void (*)(const TPVTOList&, GridFunctionPtr, GridFunctionPtr,
-                                                       GridFunctionPtr, GridFunctionPtr)>(&CalcLiveOilOneOverB),
-                                  *liveOil, p, r);
-        return b * (rhoO + r * rhoG * gasFactor);
+        return PhaseDensity<TPVTOList>(point, deadOil, liveOil, &CalcSaturatedRs, &CalcLiveOilOneOverB, rs, rhoO,
+                                       rhoG * gasFactor, z, p);
     };
     const equil::Density gasDensity = [&](double z, double p) {
-        if (dryGas)
-            return point.Of(static_cast<void (*)(const TPVTList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
-                                &CalcDeadFluidOneOverB),
-                            *dryGas, p) *
-                   rhoG * gasFactor;
-        const auto saturated = [&](double at) {
-            return point.Of(static_cast<void (*)(const TPVTGList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
-                                &CalcSaturatedRv),
-                            *wetGas, at);
-        };
-        const double r = rv.At(z, p, saturated);
-        const double b = point.Of(static_cast<void (*)(const TPVTGList&, GridFunctionPtr, GridFunctionPtr,
-                                                       GridFunctionPtr, GridFunctionPtr)>(&CalcWetGasOneOverB),
-                                  *wetGas, p, r);
-        return b * (rhoG * gasFactor + r * rhoO);
+        return PhaseDensity<TPVTGList>(point, dryGas, wetGas, &CalcSaturatedRv, &CalcWetGasOneOverB, rv,
+                                       rhoG * gasFactor, rhoO, z, p);
     };
     const equil::Density waterDensity = [&](double, double p) {
         return point.Of(static_cast<void (*)(const TPVTWList&, GridFunctionPtr, GridFunctionPtr, GridFunctionPtr)>(
