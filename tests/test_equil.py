@@ -180,3 +180,24 @@ def test_decks_refused_in_words(deck_name, old, new, error, words):
     text = _edited(path.read_text(), old, new)
     with pytest.raises(error, match=words):
         kavra.equil.initial_state(kavra.deck.read(text))
+
+
+
+def test_contact_scenarios_are_the_decks_with_those_contacts():
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    deck = kavra.deck.read(text)
+    pairs = [(8450.0, np.nan), (8380.0, 8340.0), (np.nan, 8360.0)]
+    states = kavra.equil.initial_state(deck, contacts=pairs, threads=2)
+    for (owc, goc), state in zip(pairs, states):
+        edited = f"8400 4800 {8450 if np.isnan(owc) else owc:g} 0 {8300 if np.isnan(goc) else goc:g} 0 1 0 0"
+        alone = kavra.equil.initial_state(kavra.deck.read(_edited(text, SPE1_EQUIL, edited)))
+        for name in ("pressure", "sw", "sg", "rs"):
+            assert np.array_equal(getattr(state, name), getattr(alone, name))
+    assert states[1].sg[:100].max() > 0 and (states[0].sg == 0).all()
+
+
+@pytest.mark.parametrize("contacts", [[8400.0], [(1.0, 2.0, 3.0)], "deep", [("a", "b")]])
+def test_contacts_must_be_pairs_of_depths(contacts):
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    with pytest.raises(ValueError, match="contacts"):
+        kavra.equil.initial_state(deck, contacts=contacts)

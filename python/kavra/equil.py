@@ -42,7 +42,7 @@ from __future__ import annotations
 
 import math
 import os
-from typing import Any, NamedTuple
+from typing import Any, NamedTuple, Sequence
 
 import numpy as np
 from numpy.typing import NDArray
@@ -225,7 +225,8 @@ def _spans(depth: NDArray[np.float64], dz: NDArray[np.float64], cells: NDArray[n
     return float((depth - dz / 2)[cells].min()), float((depth + dz / 2)[cells].max())
 
 
-def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAULT_POINTS) -> InitialState:
+def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAULT_POINTS,
+                  contacts: Sequence[tuple[float, float]] | None = None) -> Any:
     """The initial pressures, saturations and ratios of every cell from the deck's EQUIL.
 
     Parameters
@@ -238,21 +239,37 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
     points : int, optional
         Integration steps from the datum to each end of a region (Flow's
         NumPressurePointsEquil, 2000 by default).
+    contacts : sequence of (float, float), optional
+        Scenarios of contacts: each an (oil-water, gas-oil) pair of depths that replaces
+        EQUIL items 3 and 5 in every region (NaN keeps the deck's), in the deck's length
+        unit.  The grid, the tables and the cells' end points are read once for them all.
 
     Returns
     -------
-    InitialState
-        The state per cell, masked where the cell is inactive.
+    InitialState or list of InitialState
+        The state per cell, masked where the cell is inactive; with `contacts`, one per
+        scenario, in their order.
 
     Raises
     ------
     ValueError
         A deck without EQUIL, or EQUIL records fewer than the EQLNUM regions, or a phase
         without its tables; EQUIL item 7 (8) of 0 with the datum off the gas-oil contact, or
-        above 0 without RSVD or PBVD (RVVD or PDVD), as Flow refuses them.
+        above 0 without RSVD or PBVD (RVVD or PDVD), as Flow refuses them; `points` not a
+        positive integer, `contacts` not pairs of numbers.
     NotImplementedError
         A feature not supported yet (EQUIL item 9 above 0; SWATINIT in a gas-water deck or
         with item 9 below 0).
+
+    Examples
+    --------
+    Oil in place of SPE1 (stb) as its oil-water contact moves up through the grid:
+
+    >>> import kavra.deck, kavra.equil
+    >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    >>> states = kavra.equil.initial_state(deck, contacts=[(8450.0, np.nan), (8400.0, np.nan), (8350.0, np.nan)])
+    >>> [int(s.in_place().oil.sum() // 1e6) for s in states]      # million stb
+    [284, 142, 56]
     """
     if isinstance(deck, (str, os.PathLike)):
         from . import deck as _deck
@@ -260,42 +277,66 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
         deck = _deck.read(deck)
     if not isinstance(points, (int, np.integer)) or isinstance(points, bool) or points < 1:
         raise ValueError(f"initial_state: points must be a positive integer, not {points!r}")
-    threads = _resolve_threads(threads)
     if "EQUIL" not in deck.keywords:
         raise ValueError("initial_state: the deck has no EQUIL")
-    oil, water, gas = _phases(deck)
-    units = deck.units
-    gravity = _GRAVITY * _SI_DENSITY[units] * _SI_LENGTH[units] / _SI_PRESSURE[units]
-    gas_factor = _FIELD_SCF_PER_MSCF_IN_STB if units == "FIELD" else 1.0
-    n = deck.grid.number_of_cells()
-    active = np.ascontiguousarray(deck.active, dtype=np.uint8)
-    depth = np.ascontiguousarray(deck.cell_depths(), dtype=np.float64)
-    dz = np.nan_to_num(np.asarray(deck.cell_property("DZ"), dtype=np.float64))
-    eqlnum, pvtnum, satnum = (_region_numbers(deck, k) for k in ("EQLNUM", "PVTNUM", "SATNUM"))
-    records = deck.equil
-    oil_table = deck.pvto if deck.pvto is not None else deck.pvdo
-    gas_table = deck.pvtg if deck.pvtg is not None else deck.pvdg
-    live, wet = deck.pvto is not None and gas, deck.pvtg is not None and oil
-    surface_all = np.atleast_2d(np.asarray(deck.density.regions, dtype=np.float64))
-    curves: list[Any] = []
-    slices: list[int] = []
-    used = int(eqlnum[active.astype(bool)].max(initial=0))
-    if used > len(records):
-        raise ValueError(f"initial_state: EQLNUM reaches {used}; EQUIL has {len(records)} records")
-    for r, record in enumerate(records):
-        if r >= used:
-            break
-        slices.append(_slices(record.accuracy, r))
-        cells = active.astype(bool) & (eqlnum == r + 1)
-        values = [0.0 if math.isnan(v) else v for v in record[:6]]
+    setup = _Setup(deck, int(points), _resolve_threads(threads))
+    if contacts is None:
+        return setup.state(deck.equil)
+    try:
+        pairs = np.asarray(contacts, dtype=np.float64)
+    except (TypeError, ValueError):
+        pairs = np.zeros(0)
+    if pairs.ndim != 2 or pairs.shape[1] != 2:
+        raise ValueError("initial_state: contacts must be a sequence of (oil-water, gas-oil) depth pairs")
+    states = []
+    for owc, goc in pairs:
+        records = tuple(record._replace(owc_depth=record.owc_depth if math.isnan(owc) else float(owc),
+                                        goc_depth=record.goc_depth if math.isnan(goc) else float(goc))
+                        for record in deck.equil)
+        states.append(setup.state(records))
+    return states
+
+
+class _Setup:
+    """What the states of a deck share, read once: the grid, the regions, the tables, the
+    cells' end points."""
+
+    def __init__(self, deck: Any, points: int, threads: int) -> None:
+        self.deck, self.points, self.threads = deck, points, threads
+        self.oil, self.water, self.gas = _phases(deck)
+        units = deck.units
+        self.gravity = _GRAVITY * _SI_DENSITY[units] * _SI_LENGTH[units] / _SI_PRESSURE[units]
+        self.gas_factor = _FIELD_SCF_PER_MSCF_IN_STB if units == "FIELD" else 1.0
+        self.active = np.ascontiguousarray(deck.active, dtype=np.uint8)
+        self.depth = np.ascontiguousarray(deck.cell_depths(), dtype=np.float64)
+        self.dz = np.ascontiguousarray(np.nan_to_num(np.asarray(deck.cell_property("DZ"), dtype=np.float64)))
+        self.eqlnum, self.pvtnum, self.satnum = (_region_numbers(deck, k) for k in ("EQLNUM", "PVTNUM", "SATNUM"))
+        self.oil_table = deck.pvto if deck.pvto is not None else deck.pvdo
+        self.gas_table = deck.pvtg if deck.pvtg is not None else deck.pvdg
+        self.live, self.wet = deck.pvto is not None and self.gas, deck.pvtg is not None and self.oil
+        self.surface = np.atleast_2d(np.asarray(deck.density.regions, dtype=np.float64))
+        water_pc = _table_columns(deck, ("SWOF", "SWFN"), 4, 3) if self.water else None
+        gas_pc = _table_columns(deck, ("SGOF", "SGFN"), 4, 3) if self.gas else None
+        empty = np.zeros(0)
+        self.saturation = [[*(water_pc[t] if water_pc else (empty, empty)),
+                            *(gas_pc[t] if gas_pc else (empty, empty))]
+                           for t in range(max(len(water_pc or []), len(gas_pc or []), 1))]
+        self.slices = [_slices(record.accuracy, r) for r, record in enumerate(deck.equil)]
+        self.ends = _cell_end_points(deck) + [_swatinit(deck, self.oil, self.water, self.slices)]
+        self.used = int(self.eqlnum[self.active.astype(bool)].max(initial=0))
+        if self.used > len(self.slices):
+            raise ValueError(f"initial_state: EQLNUM reaches {self.used}; EQUIL has {len(self.slices)} records")
+
+    def _curves(self, r: int, record: Any) -> list[Any]:
+        """The phase pressures against depth of equilibration region r + 1."""
+        deck = self.deck
+        cells = self.active.astype(bool) & (self.eqlnum == r + 1)
         if not cells.any():
-            empty = np.zeros(0)
-            curves.append([empty] * 6)
-            continue
-        top, bottom = _spans(depth, dz, cells)
-        pvt = int(pvtnum[cells][0])
-        for present, name, table in ((oil, "oil", oil_table), (gas, "gas", gas_table), (water, "water", deck.pvtw),
-                                     (True, "DENSITY", deck.density)):
+            return [np.zeros(0)] * 6
+        top, bottom = _spans(self.depth, self.dz, cells)
+        pvt = int(self.pvtnum[cells][0])
+        for present, name, table in ((self.oil, "oil", self.oil_table), (self.gas, "gas", self.gas_table),
+                                     (self.water, "water", deck.pvtw), (True, "DENSITY", deck.density)):
             if not present:
                 continue
             if table is None:
@@ -303,44 +344,44 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
             if not 1 <= pvt <= len(table.regions):
                 raise ValueError(f"initial_state: equilibration region {r + 1} lies in PVT region {pvt} (PVTNUM); "
                                  f"the {name} table has {len(table.regions)} region(s)")
-        surface = surface_all[min(pvt, len(surface_all)) - 1]
         rs_table: tuple[Any, ...] = (None, -1.0)
         rv_table: tuple[Any, ...] = (None, -1.0)
-        if live:
+        if self.live:
             rs_table = _ratio_table(deck, "RSVD", record, r, deck.pvto, rs_sat)
-        if wet:
+        if self.wet:
             rv_table = _ratio_table(deck, "RVVD", record, r, deck.pvtg, rv_sat)
-        curves.append(list(_engine.equil_region(
-            oil_table._engine_tables() if oil else None, gas_table._engine_tables() if gas else None,
-            deck.pvtw._engine_tables() if water else None, pvt, list(surface), gas_factor, rs_table, rv_table,
-            values, [oil, water, gas], top, bottom, int(points), gravity)))
-    water_pc = _table_columns(deck, ("SWOF", "SWFN"), 4, 3) if water else None
-    gas_pc = _table_columns(deck, ("SGOF", "SGFN"), 4, 3) if gas else None
-    tables = max(len(water_pc or []), len(gas_pc or []), 1)
-    empty = np.zeros(0)
-    saturation = [[*(water_pc[t] if water_pc else (empty, empty)), *(gas_pc[t] if gas_pc else (empty, empty))]
-                  for t in range(tables)]
-    out = [np.empty(n) for _ in range(6)]
-    _engine.equil_cells(depth, np.ascontiguousarray(dz), eqlnum, satnum, active, curves, slices, saturation,
-                        _cell_end_points(deck) + [_swatinit(deck, oil, water, slices)], [oil, water, gas], threads,
-                        out)
-    po, pw, pg, sw, sg, ppcw = out
-    mask = ~active.astype(bool)
-    rs = np.zeros(n)
-    rv = np.zeros(n)
-    if live or wet:
-        rs, rv = _ratios(deck, records, curves, eqlnum, pvtnum, depth, po, pg, sw, sg, mask, live, wet)
-    if not gas:
-        pg = np.full(n, np.nan)
+        values = [0.0 if math.isnan(v) else v for v in record[:6]]
+        return list(_engine.equil_region(
+            self.oil_table._engine_tables() if self.oil else None,
+            self.gas_table._engine_tables() if self.gas else None,
+            deck.pvtw._engine_tables() if self.water else None, pvt, list(self.surface[pvt - 1]), self.gas_factor,
+            rs_table, rv_table, values, [self.oil, self.water, self.gas], top, bottom, self.points, self.gravity))
 
-    def masked(a: NDArray[np.float64]) -> np.ma.MaskedArray[Any, Any]:
-        return np.ma.MaskedArray(np.where(mask, 0.0, a), mask=mask)
+    def state(self, records: Sequence[Any]) -> InitialState:
+        """The state of every cell with these EQUIL records."""
+        curves = [self._curves(r, record) for r, record in enumerate(records[:self.used])]
+        n = self.depth.size
+        out = [np.empty(n) for _ in range(6)]
+        _engine.equil_cells(self.depth, self.dz, self.eqlnum, self.satnum, self.active, curves,
+                            self.slices[:self.used], self.saturation, self.ends, [self.oil, self.water, self.gas],
+                            self.threads, out)
+        po, pw, pg, sw, sg, ppcw = out
+        mask = ~self.active.astype(bool)
+        rs, rv = np.zeros(n), np.zeros(n)
+        if self.live or self.wet:
+            rs, rv = _ratios(self.deck, records[:self.used], self.eqlnum, self.pvtnum, self.depth, po, pg, sw, sg,
+                             mask, self.live, self.wet)
+        if not self.gas:
+            pg = np.full(n, np.nan)
 
-    return InitialState(masked(po), masked(pw), masked(pg), masked(sw), masked(sg), masked(rs), masked(rv),
-                        masked(ppcw), deck)
+        def masked(a: NDArray[np.float64]) -> np.ma.MaskedArray[Any, Any]:
+            return np.ma.MaskedArray(np.where(mask, 0.0, a), mask=mask)
+
+        return InitialState(masked(po), masked(pw), masked(pg), masked(sw), masked(sg), masked(rs), masked(rv),
+                            masked(ppcw), self.deck)
 
 
-def _ratios(deck: Any, records: Any, curves: Any, eqlnum: Any, pvtnum: Any, depth: Any, po: Any, pg: Any,
+def _ratios(deck: Any, records: Any, eqlnum: Any, pvtnum: Any, depth: Any, po: Any, pg: Any,
             sw: Any, sg: Any, mask: Any, live: bool, wet: bool) -> tuple[NDArray[np.float64], NDArray[np.float64]]:
     """Rs and Rv per cell: the saturated ratio at the cell's pressure where the other
     hydrocarbon phase is present, else the region's table (or the saturated ratio at the
@@ -348,7 +389,7 @@ def _ratios(deck: Any, records: Any, curves: Any, eqlnum: Any, pvtnum: Any, dept
     n = depth.size
     rs, rv = np.zeros(n), np.zeros(n)
     regions = np.where(mask, 1, pvtnum)
-    for r, record in enumerate(records[:len(curves)]):
+    for r, record in enumerate(records):
         cells = ~mask & (eqlnum == r + 1)
         if not cells.any():
             continue
