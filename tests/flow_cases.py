@@ -36,6 +36,7 @@ CASES = {
     "TWOREGIONS": {},
     "DOME": {},
     "DOME2": {},
+    "DOME_ESP": {},
     "TRANSITION": {},
     "TRANSITION_ESP": {},
     "TRANSITION_SWATINIT": {},
