@@ -188,8 +188,9 @@ struct CellCurve
     double Pc(double s) const { return factor * PcAt(*curve, ToTable(s)); }
     double Invert(double pc, bool falling) const
     {
-        const double table = factor != 0.0 ? pc / factor
-                                           : (pc == 0.0 ? 0.0 : std::copysign(std::numeric_limits<double>::infinity(), pc));
+        // a curve scaled to 0 everywhere: any Pc above (below) 0 lies past its end
+        const double beyond = std::copysign(std::numeric_limits<double>::infinity(), pc);
+        const double table = factor != 0.0 ? pc / factor : (pc == 0.0 ? 0.0 : beyond);
         return FromTable(curve->Invert(table, falling));
     }
     double Highest() const { return high; }

@@ -10,17 +10,18 @@ each neighbouring phase starts at its contact with it, at that phase's pressure 
 the curves linearly at its centre depth, and its saturations are where the capillary pressure
 curves of its SATNUM table (SWOF or SWFN, SGOF or SGFN) reach the differences of the phase
 pressures there; with ENDSCALE, a cell's SWL, SWU, SGL and SGU map its saturations linearly
-onto the table's, and its PCW and PCG scale the table's capillary pressures.  Where a saturation reaches its table's end (a cell all water, or
-gas down to the connate water) the oil pressure is that phase's pressure less (plus) the
-table's capillary pressure there, as Flow writes PRESSURE.  EQUIL item 9 of 0 takes the
-cell's centre; a negative N (default -5) the mean of the states (oil pressure and
-saturations) at the centres of 2|N| level slices of equal thickness.
+onto the table's, and its PCW and PCG scale the table's capillary pressures.  Where a
+saturation reaches its table's end (a cell all water, or gas down to the connate water) the
+oil pressure is that phase's pressure less (plus) the table's capillary pressure there, as
+Flow writes PRESSURE.  EQUIL item 9 of 0 takes the cell's centre; a negative N (default -5)
+the mean of the states (oil pressure and saturations) at the centres of 2|N| level slices of
+equal thickness.
 
 Rs follows RSVD, or the saturated Rs at the bubble point of PBVD (EQUIL item 7 above 0),
 capped at the saturated Rs of the cell's oil pressure; Rv likewise follows RVVD or PDVD (item
 8).  A cell with free gas holds saturated oil (Rs saturated at its oil pressure), a cell with
-oil saturated gas.  With item 7 (8) of 0 the ratio is the saturated one at the gas-oil contact, capped the
-same way; Flow then wants the datum at that contact, and so does kavra.
+oil saturated gas.  With item 7 (8) of 0 the ratio is the saturated one at the gas-oil
+contact, capped the same way; Flow then wants the datum at that contact, and so does kavra.
 
 SWATINIT gives a cell of the oil zone above the free water (Pcow above 0) that water saturation
 (at least its lowest), its Pcow curve scaled to reach the Pcow there (``ppcw``, Flow's PPCW).
