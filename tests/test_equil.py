@@ -201,3 +201,24 @@ def test_contacts_must_be_pairs_of_depths(contacts):
     deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
     with pytest.raises(ValueError, match="contacts"):
         kavra.equil.initial_state(deck, contacts=contacts)
+
+
+def test_engine_cells_refuse_bad_regions_and_survive_nan():
+    from kavra import _engine
+
+    n = 4
+    depth, thickness = np.array([1.0, np.nan, np.inf, 5.0]), np.ones(n)
+    regions, active = np.ones(n, np.int32), np.ones(n, np.uint8)
+    line = [np.array([0.0, 10.0]), np.array([100.0, 101.0])]
+    curves = [[*line, line[0], np.array([99.0, 100.5]), np.zeros(0), np.zeros(0)]]
+    water = [[np.array([0.2, 0.5, np.nan, 1.0]), np.array([1.0, np.nan, 0.2, 0.0]), np.zeros(0), np.zeros(0)]]
+    out = [np.empty(n) for _ in range(6)]
+    _engine.equil_cells(depth, thickness, regions, regions, active, curves, [10], water, [None] * 7,
+                        [True, True, False], 2, out)  # NaN in the depths and the table: numbers or NaN, no crash
+    regions[0] = 5
+    with pytest.raises(IndexError, match="cell 0 has equilibration region 5"):
+        _engine.equil_cells(depth, thickness, regions, np.ones(n, np.int32), active, curves, [1], water, [None] * 7,
+                            [True, True, False], 2, out)
+    with pytest.raises(ValueError, match="one value per cell"):
+        _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [1],
+                            water, [None] * 7, [True, True, False], 2, out[:5] + [np.empty(3)])

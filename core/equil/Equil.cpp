@@ -131,12 +131,14 @@ double CapillaryCurve::Invert(double value, bool falling) const
     // Walk the curve in the direction of rising Pc.
     const auto s = [&](std::size_t k) { return saturation[falling ? n - 1 - k : k]; };
     const auto v = [&](std::size_t k) { return pc[falling ? n - 1 - k : k]; };
+    if (std::isnan(value))
+        return value;
     if (n == 1 || value <= v(0))
         return s(0);
     if (value >= v(n - 1))
         return s(n - 1);
-    std::size_t k = 0;
-    while (!(v(k) <= value && value < v(k + 1)))
+    std::size_t k = 0; // a segment that crosses `value` exists; NaN in the curve ends at the last
+    while (k + 2 < n && !(v(k) <= value && value < v(k + 1)))
         ++k;
     return s(k) + (value - v(k)) / (v(k + 1) - v(k)) * (s(k + 1) - s(k));
 }
