@@ -222,3 +222,17 @@ def test_engine_cells_refuse_bad_regions_and_survive_nan():
     with pytest.raises(ValueError, match="one value per cell"):
         _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [1],
                             water, [None] * 7, [True, True, False], 2, out[:5] + [np.empty(3)])
+
+
+def test_oil_water_deck_as_its_three_phase_twin():
+    # Flow's Python simulator is three-phase; TRANSITION's gas lies above the grid, so without
+    # its gas keywords the deck is the same oil-water system (its curves span less: the gas-oil
+    # contact no longer extends them, and the steps are shorter)
+    text = (DATA / "TRANSITION.DATA").read_text()
+    two = _edited(_edited(text, "OIL\nWATER\nGAS\n", "OIL\nWATER\n"), "SGOF\n 0.00 0.0  1.0 0.0\n 0.85 1.0  0.0 0.0 /\n", "")
+    two = two[:two.index("PVDG")] + two[two.index("PVDO"):]
+    three_phase = kavra.equil.initial_state(kavra.deck.read(text))
+    oil_water = kavra.equil.initial_state(kavra.deck.read(two))
+    for name in ("pressure", "pw", "sw"):
+        assert np.allclose(getattr(oil_water, name), getattr(three_phase, name), rtol=1e-9, atol=1e-9)
+    assert (oil_water.sg == 0).all() and np.isnan(oil_water.pg).all()
