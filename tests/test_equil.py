@@ -229,7 +229,8 @@ def test_oil_water_deck_as_its_three_phase_twin():
     # its gas keywords the deck is the same oil-water system (its curves span less: the gas-oil
     # contact no longer extends them, and the steps are shorter)
     text = (DATA / "TRANSITION.DATA").read_text()
-    two = _edited(_edited(text, "OIL\nWATER\nGAS\n", "OIL\nWATER\n"), "SGOF\n 0.00 0.0  1.0 0.0\n 0.85 1.0  0.0 0.0 /\n", "")
+    two = _edited(text, "OIL\nWATER\nGAS\n", "OIL\nWATER\n")
+    two = _edited(two, "SGOF\n 0.00 0.0  1.0 0.0\n 0.85 1.0  0.0 0.0 /\n", "")
     two = two[:two.index("PVDG")] + two[two.index("PVDO"):]
     three_phase = kavra.equil.initial_state(kavra.deck.read(text))
     oil_water = kavra.equil.initial_state(kavra.deck.read(two))
