@@ -187,7 +187,7 @@ def test_contact_scenarios_are_the_decks_with_those_contacts():
     text = kavra.deck.example_path("SPE1CASE1").read_text()
     deck = kavra.deck.read(text)
     pairs = [(8450.0, np.nan), (8380.0, 8340.0), (np.nan, 8360.0)]
-    states = kavra.equil.initial_state(deck, contacts=pairs, threads=2)
+    states = list(kavra.equil.initial_state(deck, contacts=pairs, threads=2))
     for (owc, goc), state in zip(pairs, states):
         edited = f"8400 4800 {8450 if np.isnan(owc) else owc:g} 0 {8300 if np.isnan(goc) else goc:g} 0 1 0 0"
         alone = kavra.equil.initial_state(kavra.deck.read(_edited(text, SPE1_EQUIL, edited)))

@@ -43,7 +43,7 @@ from __future__ import annotations
 
 import math
 import os
-from typing import Any, NamedTuple, Sequence
+from typing import Any, Iterator, NamedTuple, Sequence
 
 import numpy as np
 from numpy.typing import NDArray
@@ -247,9 +247,10 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
 
     Returns
     -------
-    InitialState or list of InitialState
-        The state per cell, masked where the cell is inactive; with `contacts`, one per
-        scenario, in their order.
+    InitialState or iterator of InitialState
+        The state per cell, masked where the cell is inactive; with `contacts`, an iterator
+        of one per scenario, in their order, each computed when it is asked for (a state
+        holds nine arrays of a value per cell: keep what you need of each, not all of them).
 
     Raises
     ------
@@ -269,7 +270,7 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
     >>> import kavra.deck, kavra.equil
     >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
     >>> states = kavra.equil.initial_state(deck, contacts=[(8450.0, np.nan), (8400.0, np.nan), (8350.0, np.nan)])
-    >>> [int(s.in_place().oil.sum() // 1e6) for s in states]      # million stb
+    >>> [int(s.in_place().oil.sum() // 1e6) for s in states]      # million stb, each state in turn
     [284, 142, 56]
     """
     if isinstance(deck, (str, os.PathLike)):
@@ -289,13 +290,15 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
         pairs = np.zeros(0)
     if pairs.ndim != 2 or pairs.shape[1] != 2:
         raise ValueError("initial_state: contacts must be a sequence of (oil-water, gas-oil) depth pairs")
-    states = []
+    return _scenarios(setup, pairs)
+
+
+def _scenarios(setup: _Setup, pairs: NDArray[np.float64]) -> Iterator[InitialState]:
+    """The states of the scenarios of contacts, each computed when it is asked for."""
     for owc, goc in pairs:
-        records = tuple(record._replace(owc_depth=record.owc_depth if math.isnan(owc) else float(owc),
-                                        goc_depth=record.goc_depth if math.isnan(goc) else float(goc))
-                        for record in deck.equil)
-        states.append(setup.state(records))
-    return states
+        yield setup.state(tuple(record._replace(owc_depth=record.owc_depth if math.isnan(owc) else float(owc),
+                                                goc_depth=record.goc_depth if math.isnan(goc) else float(goc))
+                                for record in setup.deck.equil))
 
 
 class _Setup:
