@@ -41,6 +41,7 @@ CASES = {
     "TRANSITION_ESP": {},
     "TRANSITION_SWATINIT": {},
     "GASWATER": {},
+    "MIXEDPVT": {},
 }
 
 _RUN = """

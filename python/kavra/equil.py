@@ -26,10 +26,13 @@ contact, capped the same way; Flow then wants the datum at that contact, and so 
 SWATINIT gives a cell of the oil zone above the free water (Pcow above 0) that water saturation
 (at least its lowest), its Pcow curve scaled to reach the Pcow there (``ppcw``, Flow's PPCW).
 
+An equilibration region takes the PVT region (PVTNUM) of its first active cell for its
+curves and its cells' Rs and Rv, as Flow does where they differ; the fluids in place take
+each cell's own.
+
 Not yet: SWATINIT with gas-water or with EQUIL item 9 below 0, end points from the ENPTVD
-family, EQUIL item 9 above 0, slices of a tilted cell weighted by their volume, and several
-PVT regions within one equilibration region (the region's first active cell's PVTNUM serves
-the whole region).
+family, EQUIL item 9 above 0 (Flow takes it, and its states differ from both the centre's
+and the slices'), slices of a tilted cell weighted by their volume.
 
 Examples
 --------
@@ -151,7 +154,8 @@ def _table_columns(deck: Any, names: tuple[str, ...], columns: int, pc: int) -> 
 _SATURATION_PRESSURE = {"RSVD": "PBVD", "RVVD": "PDVD"}
 
 
-def _ratio_table(deck: Any, keyword: str, record: Any, region: int, table: Any, saturated: Any) -> tuple[Any, ...]:
+def _ratio_table(deck: Any, keyword: str, record: Any, region: int, table: Any, saturated: Any,
+                 pvt: int) -> tuple[Any, ...]:
     """How Rs (keyword RSVD) or Rv (RVVD) varies in the region: (depths, values, of_pressure) of
     RSVD/RVVD, or of PBVD/PDVD with of_pressure True; or (None, the saturated ratio at the
     contact) where EQUIL item 7 (8) is 0, Flow then wanting the datum at the gas-oil contact."""
@@ -167,7 +171,7 @@ def _ratio_table(deck: Any, keyword: str, record: Any, region: int, table: Any, 
         raise ValueError(f"initial_state: EQUIL region {region + 1} has no {keyword} table (item "
                          f"{7 if keyword == 'RSVD' else 8} of 0), so its datum must lie at its gas-oil contact, as "
                          f"Flow requires; it lies at {record.datum_depth:g}, the contact at {record.goc_depth:g}")
-    return None, float(saturated(table, 1, [record.datum_pressure])[0])
+    return None, float(saturated(table, pvt, [record.datum_pressure])[0])
 
 
 _END_POINTS = ("SWL", "SWU", "SGL", "SGU", "PCW", "PCG")
@@ -351,9 +355,9 @@ class _Setup:
         rs_table: tuple[Any, ...] = (None, -1.0)
         rv_table: tuple[Any, ...] = (None, -1.0)
         if self.live:
-            rs_table = _ratio_table(deck, "RSVD", record, r, deck.pvto, rs_sat)
+            rs_table = _ratio_table(deck, "RSVD", record, r, deck.pvto, rs_sat, pvt)
         if self.wet:
-            rv_table = _ratio_table(deck, "RVVD", record, r, deck.pvtg, rv_sat)
+            rv_table = _ratio_table(deck, "RVVD", record, r, deck.pvtg, rv_sat, pvt)
         values = [0.0 if math.isnan(v) else v for v in record[:6]]
         return list(_engine.equil_region(
             self.oil_table._engine_tables() if self.oil else None,
@@ -392,25 +396,25 @@ def _ratios(deck: Any, records: Any, eqlnum: Any, pvtnum: Any, depth: Any, po: A
     contact) capped at it."""
     n = depth.size
     rs, rv = np.zeros(n), np.zeros(n)
-    regions = np.where(mask, 1, pvtnum)
     for r, record in enumerate(records):
         cells = ~mask & (eqlnum == r + 1)
         if not cells.any():
             continue
+        pvt = int(pvtnum[cells][0])  # the region's PVT region serves all its cells, as in Flow
         oil_present = 1.0 - sw[cells] - sg[cells] > 0
         for on, keyword, table, pressure, saturated, into, other in (
                 (live, "RSVD", deck.pvto, po, rs_sat, rs, sg[cells] > 0),
                 (wet, "RVVD", deck.pvtg, pg, rv_sat, rv, oil_present)):
             if not on:
                 continue
-            cap = np.asarray(saturated(table, regions[cells], pressure[cells]))
-            how = _ratio_table(deck, keyword, record, r, table, saturated)
+            cap = np.asarray(saturated(table, pvt, pressure[cells]))
+            how = _ratio_table(deck, keyword, record, r, table, saturated, pvt)
             if how[0] is None:
                 target = np.full(cap.shape, how[1])
             else:
                 target = np.interp(depth[cells], how[0], how[1])
                 if how[2]:
-                    target = np.asarray(saturated(table, regions[cells], target))
+                    target = np.asarray(saturated(table, pvt, target))
             # where the other phase is present the phase is saturated
             into[cells] = np.where(other, cap, np.minimum(target, cap))
     return rs, rv
