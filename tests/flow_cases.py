@@ -52,6 +52,14 @@ CASES = {
                        "REGIONS": ("SATFUNC_SWOF.INC", "SATFUNC_ENDSCALE.INC", "SATFUNC_STONE1.INC")},
     "SATFUNC_STONE2": {"FROM": "SATFUNC", "START": "SATFUNC_ENDSCALE.RUNSPEC.INC",
                        "REGIONS": ("SATFUNC_SWOF.INC", "SATFUNC_ENDSCALE.INC", "SATFUNC_STONE2.INC")},
+    "DOME": {},
+    "DOME2": {},
+    "DOME_ESP": {},
+    "TRANSITION": {},
+    "TRANSITION_ESP": {},
+    "TRANSITION_SWATINIT": {},
+    "GASWATER": {},
+    "MIXEDPVT": {},
 }
 
 _RUN = """

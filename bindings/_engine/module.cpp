@@ -25,6 +25,7 @@
 
 #include "bindings/_engine/Calls.h"
 #include "bindings/_engine/Engine.h"
+#include "bindings/_engine/Equil.h"
 #include "bindings/_engine/Geometry.h"
 #include "bindings/_engine/Tables.h"
 #include "core/vadra/TransmissibilityK.h"
@@ -119,6 +120,7 @@ NB_MODULE(_engine, m)
           nb::arg("cells"));
     RegisterGeometry(m);
     RegisterSatfunc(m);
+    RegisterEquil(m);
     m.attr("CALCULATIONS") = CalculationList();
     m.attr("RECORD_FIELDS") = RecordFieldNames();
     m.attr("CHUNK") = cellsPerChunk;

@@ -37,7 +37,7 @@ if _TYPE_CHECKING:  # "name as name" and "*": exported for type checkers
     from ._threads import *  # noqa: F401,F403
 
 
-_SUBMODULES = ("tables", "calculations", "reductions", "maps", "deck", "results", "blackoil", "satfunc", "volumetrics")
+_SUBMODULES = ("tables", "calculations", "reductions", "maps", "deck", "results", "blackoil", "satfunc", "equil", "volumetrics")
 
 
 # The NumPy-first layer (its functions are named in the table of calls, kavra._calls) is imported

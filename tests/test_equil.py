@@ -1,0 +1,239 @@
+"""kavra.equil against OPM Flow's equilibrated state (step 0 of its restart) on the SPE decks and
+the decks of tests/data: pressures, saturations, Rs and Rv in every active cell, and the fluids
+in place per FIPNUM region."""
+
+import doctest
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+import kavra.blackoil
+import kavra.deck
+import kavra.equil
+import kavra.results
+from flow_cases import _RUN, DATA, flow_case, flow_run, write_deck  # noqa: F401 (fixtures)
+
+# Flow's arrays are float32: the tolerances are the task's, well above their rounding.
+RELATIVE = {"PRESSURE": "pressure", "RS": "rs", "RV": "rv", "PPCW": "ppcw"}
+ABSOLUTE = {"SWAT": "sw", "SGAS": "sg"}
+TOLERANCE = 1e-6
+# Three-phase decks run with Flow's black-oil simulator (tests/flow_cases.py); GASWATER with
+# its gas-water simulator, which the shared runner does not start.
+THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "DOME_ESP", "TRANSITION", "TRANSITION_ESP",
+               "TRANSITION_SWATINIT", "EDITED", "FAULTED", "TWOREGIONS", "MIXEDPVT"]
+
+
+@pytest.fixture(scope="session")
+def gas_water_case(tmp_path_factory):
+    pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
+    directory = tmp_path_factory.mktemp("GASWATER")
+    deck = write_deck("GASWATER", directory)
+    done = subprocess.run([sys.executable, "-c", _RUN.replace("BlackOilSimulator", "GasWaterSimulator"), str(deck)],
+                          cwd=directory, capture_output=True, text=True, timeout=600)
+    assert done.returncode == 0, (done.stdout + done.stderr)[-3000:]
+    return deck.with_suffix("")
+
+
+@pytest.fixture
+def case(request, flow_run, gas_water_case):
+    """(deck, Flow's results, kavra's state) of the case named by the parameter."""
+    base = gas_water_case if request.param == "GASWATER" else flow_run(request.param)
+    deck = kavra.deck.read(base.with_suffix(".DATA"))
+    return deck, kavra.results.read(base), kavra.equil.initial_state(deck)
+
+
+@pytest.mark.parametrize("case", THREE_PHASE + ["GASWATER"], indirect=True)
+def test_matches_flow_at_step_0(case):
+    deck, results, state = case
+    active = deck.active
+    names = results.property_names(0)
+    checked = 0
+    for flow_name, ours in {**RELATIVE, **ABSOLUTE}.items():
+        if flow_name not in names:
+            continue
+        theirs = np.asarray(results.cell_property(flow_name, 0), dtype=np.float64)[active]
+        mine = np.ma.filled(getattr(state, ours), np.nan)[active]
+        error = np.abs(mine - theirs)
+        if flow_name in RELATIVE:
+            error = error / np.maximum(np.abs(theirs), np.finfo(np.float32).tiny)
+        worst = int(np.flatnonzero(active)[np.argmax(error)])
+        assert error.max() <= TOLERANCE, f"{flow_name}: {error.max():.2e} at cell {worst}"
+        checked += 1
+    assert checked >= 3
+    for name in ("pressure", "sw", "sg"):
+        assert np.array_equal(np.ma.getmaskarray(getattr(state, name)), ~active)
+
+
+@pytest.mark.parametrize("case", THREE_PHASE + ["GASWATER"], indirect=True)
+def test_fluids_in_place_per_fipnum_region(case):
+    deck, results, state = case
+    fluids = state.in_place()
+    fipnum = deck.cell_property("FIPNUM") if "FIPNUM" in deck.keywords else np.ones(deck.active.size, int)
+    active = deck.active
+    for flow_name, ours in (("FIPOIL", fluids.oil), ("FIPGAS", fluids.gas), ("FIPWAT", fluids.water)):
+        if flow_name not in results.property_names(0):
+            continue
+        theirs = np.asarray(results.cell_property(flow_name, 0), dtype=np.float64)
+        for region in np.unique(fipnum[active]):
+            cells = active & (fipnum == region)
+            total, expected = np.ma.filled(ours, 0.0)[cells].sum(), theirs[cells].sum()
+            assert total == pytest.approx(expected, rel=TOLERANCE, abs=1e-9), (flow_name, region)
+
+
+@pytest.mark.parametrize("case", ["DOME"], indirect=True)
+def test_same_numbers_for_any_thread_count(case):
+    deck, _, state = case
+    other = kavra.equil.initial_state(deck, threads=2)
+    for name in ("pressure", "pw", "pg", "sw", "sg", "rs", "rv"):
+        assert np.array_equal(np.ma.filled(getattr(state, name), -1.0), np.ma.filled(getattr(other, name), -1.0))
+
+
+@pytest.mark.parametrize("case", ["DOME"], indirect=True)
+def test_the_phases_and_zones_of_the_dome(case):
+    deck, _, state = case
+    eqlnum = deck.cell_property("EQLNUM")
+    active = deck.active
+    gas_cap = active & (state.sg > 0).filled(False)
+    assert gas_cap.any() and (eqlnum[gas_cap] == 1).all()  # region 2's contact is above its top
+    water_zone = active & (state.sw == 1.0).filled(False)
+    assert (deck.cell_depths()[water_zone & (eqlnum == 2)] > deck.equil[1].owc_depth).all()
+    # the pressures of the phases are the oil's less and plus the capillary pressures
+    assert ((state.pressure - state.pw)[active] >= 0).all() and ((state.pg - state.pressure)[active] >= 0).all()
+
+
+def _edited(text, old, new):
+    assert old in text
+    return text.replace(old, new)
+
+
+@pytest.mark.parametrize("item", [1, 5])
+def test_equil_item_9_above_0_refused_in_words(item):
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", f"8400 4800 8450 0 8300 0 1 0 {item}"))
+    with pytest.raises(NotImplementedError, match="item 9"):
+        kavra.equil.initial_state(deck)
+
+
+def test_item_9_negative_averages_level_slices():
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    centre = kavra.equil.initial_state(kavra.deck.read(text))
+    sliced = kavra.equil.initial_state(kavra.deck.read(_edited(text, "8300 0 1 0 0", "8300 0 1 0 -5")))
+    # SPE1's contacts lie on no cell, and its pressures nearly linear within a cell: the mean of
+    # ten slices is close to the centre's value, but not the same
+    assert np.allclose(sliced.pressure, centre.pressure, rtol=1e-7)
+    assert not np.array_equal(sliced.pressure, centre.pressure)
+    # a gas-oil contact at 8340 ft, in the top layer (8325 to 8345 ft): at its centre the cell
+    # is gas down to the connate water (Sg 0.88, SGOF's end); of its ten slices of 2 ft, the
+    # seven whose centres lie above the contact are
+    for item, sg in ((0, 0.88), (-5, 0.7 * 0.88)):
+        moved = kavra.equil.initial_state(kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0",
+                                                                 f"8400 4800 8450 0 8340 0 1 0 {item}")))
+        assert np.allclose(moved.sg[:100], sg, rtol=1e-12) and (moved.sg[100:] == 0).all()
+
+
+@pytest.mark.parametrize("points", [0, -3, 2.5, True])
+def test_points_must_be_a_positive_integer(points):
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    with pytest.raises(ValueError, match="points"):
+        kavra.equil.initial_state(deck, points=points)
+
+
+def test_item_7_of_0_takes_rs_saturated_at_the_contact():
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    # Rs is the saturated Rs of the datum pressure wherever the oil is above it
+    deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", "8400 4800 8450 0 8400 0 0 0 0"))
+    state = kavra.equil.initial_state(deck)
+    below = np.asarray(state.pressure) >= 4800.0
+    assert np.allclose(state.rs[below], kavra.blackoil.rs_sat(deck.pvto, 1, [4800.0])[0], rtol=1e-14)
+
+
+def test_docstring_examples_run():
+    result = doctest.testmod(kavra.equil, optionflags=doctest.NORMALIZE_WHITESPACE)
+    assert result.attempted > 0 and result.failed == 0
+
+
+@pytest.mark.parametrize("case", ["TRANSITION_SWATINIT"], indirect=True)
+def test_swatinit_gives_the_oil_zone_its_water(case):
+    deck, _, state = case
+    swatinit = deck.cell_property("SWATINIT")
+    above_free_water = (state.pressure - state.pw > 0).filled(False) & (swatinit > 0.15)
+    assert above_free_water.sum() > 100
+    assert np.array_equal(state.sw[above_free_water], swatinit[above_free_water])
+    # below the free water level SWATINIT counts for nothing, and the curve keeps SWOF's 1.6 bar
+    water = (state.sw == 1.0).filled(False)
+    assert water.any() and (state.ppcw[water] == 1.6).all() and (swatinit[water] < 1.0).any()
+
+
+SPE1_EQUIL = "8400 4800 8450 0 8300 0 1 0 0"
+
+
+@pytest.mark.parametrize("deck_name, old, new, error, words", [
+    ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 0 0 0", ValueError, "datum must lie at its gas-oil contact"),
+    ("SPE1CASE1", "SOLUTION", "REGIONS\nPVTNUM\n300*2 /\nSOLUTION", ValueError, "PVT region 2"),
+    ("SPE1CASE1", f"EQUIL\n\t{SPE1_EQUIL} /", "", ValueError, "no EQUIL"),
+    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /", NotImplementedError, "SWATINIT"),
+])
+def test_decks_refused_in_words(deck_name, old, new, error, words):
+    path = kavra.deck.example_path(deck_name) if deck_name in kavra.deck.EXAMPLES else DATA / f"{deck_name}.DATA"
+    text = _edited(path.read_text(), old, new)
+    with pytest.raises(error, match=words):
+        kavra.equil.initial_state(kavra.deck.read(text))
+
+
+
+def test_contact_scenarios_are_the_decks_with_those_contacts():
+    text = kavra.deck.example_path("SPE1CASE1").read_text()
+    deck = kavra.deck.read(text)
+    pairs = [(8450.0, np.nan), (8380.0, 8340.0), (np.nan, 8360.0)]
+    states = list(kavra.equil.initial_state(deck, contacts=pairs, threads=2))
+    for (owc, goc), state in zip(pairs, states):
+        edited = f"8400 4800 {8450 if np.isnan(owc) else owc:g} 0 {8300 if np.isnan(goc) else goc:g} 0 1 0 0"
+        alone = kavra.equil.initial_state(kavra.deck.read(_edited(text, SPE1_EQUIL, edited)))
+        for name in ("pressure", "sw", "sg", "rs"):
+            assert np.array_equal(getattr(state, name), getattr(alone, name))
+    assert states[1].sg[:100].max() > 0 and (states[0].sg == 0).all()
+
+
+@pytest.mark.parametrize("contacts", [[8400.0], [(1.0, 2.0, 3.0)], "deep", [("a", "b")]])
+def test_contacts_must_be_pairs_of_depths(contacts):
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    with pytest.raises(ValueError, match="contacts"):
+        kavra.equil.initial_state(deck, contacts=contacts)
+
+
+def test_engine_cells_refuse_bad_regions_and_survive_nan():
+    from kavra import _engine
+
+    n = 4
+    depth, thickness = np.array([1.0, np.nan, np.inf, 5.0]), np.ones(n)
+    regions, active = np.ones(n, np.int32), np.ones(n, np.uint8)
+    line = [np.array([0.0, 10.0]), np.array([100.0, 101.0])]
+    curves = [[*line, line[0], np.array([99.0, 100.5]), np.zeros(0), np.zeros(0)]]
+    water = [[np.array([0.2, 0.5, np.nan, 1.0]), np.array([1.0, np.nan, 0.2, 0.0]), np.zeros(0), np.zeros(0)]]
+    out = [np.empty(n) for _ in range(6)]
+    _engine.equil_cells(depth, thickness, regions, regions, active, curves, [10], water, [None] * 7,
+                        [True, True, False], 2, out)  # NaN in the depths and the table: numbers or NaN, no crash
+    regions[0] = 5
+    with pytest.raises(IndexError, match="cell 0 has equilibration region 5"):
+        _engine.equil_cells(depth, thickness, regions, np.ones(n, np.int32), active, curves, [1], water, [None] * 7,
+                            [True, True, False], 2, out)
+    with pytest.raises(ValueError, match="one value per cell"):
+        _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [1],
+                            water, [None] * 7, [True, True, False], 2, out[:5] + [np.empty(3)])
+
+
+def test_oil_water_deck_as_its_three_phase_twin():
+    # Flow's Python simulator is three-phase; TRANSITION's gas lies above the grid, so without
+    # its gas keywords the deck is the same oil-water system (its curves span less: the gas-oil
+    # contact no longer extends them, and the steps are shorter)
+    text = (DATA / "TRANSITION.DATA").read_text()
+    two = _edited(text, "OIL\nWATER\nGAS\n", "OIL\nWATER\n")
+    two = _edited(two, "SGOF\n 0.00 0.0  1.0 0.0\n 0.85 1.0  0.0 0.0 /\n", "")
+    two = two[:two.index("PVDG")] + two[two.index("PVDO"):]
+    three_phase = kavra.equil.initial_state(kavra.deck.read(text))
+    oil_water = kavra.equil.initial_state(kavra.deck.read(two))
+    for name in ("pressure", "pw", "sw"):
+        assert np.allclose(getattr(oil_water, name), getattr(three_phase, name), rtol=1e-9, atol=1e-9)
+    assert (oil_water.sg == 0).all() and np.isnan(oil_water.pg).all()
