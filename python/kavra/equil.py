@@ -53,7 +53,8 @@ from numpy.typing import NDArray
 
 from . import _engine
 from ._threads import resolve as _resolve_threads
-from .blackoil import InPlace, in_place, rs_sat, rv_sat
+from . import blackoil
+from .blackoil import InPlace, in_place
 
 __all__ = ["InitialState", "initial_state", "DEFAULT_POINTS"]
 
@@ -355,9 +356,9 @@ class _Setup:
         rs_table: tuple[Any, ...] = (None, -1.0)
         rv_table: tuple[Any, ...] = (None, -1.0)
         if self.live:
-            rs_table = _ratio_table(deck, "RSVD", record, r, deck.pvto, rs_sat, pvt)
+            rs_table = _ratio_table(deck, "RSVD", record, r, deck.pvto, blackoil.rs_sat, pvt)
         if self.wet:
-            rv_table = _ratio_table(deck, "RVVD", record, r, deck.pvtg, rv_sat, pvt)
+            rv_table = _ratio_table(deck, "RVVD", record, r, deck.pvtg, blackoil.rv_sat, pvt)
         values = [0.0 if math.isnan(v) else v for v in record[:6]]
         return list(_engine.equil_region(
             self.oil_table._engine_tables() if self.oil else None,
@@ -403,8 +404,8 @@ def _ratios(deck: Any, records: Any, eqlnum: Any, pvtnum: Any, depth: Any, po: A
         pvt = int(pvtnum[cells][0])  # the region's PVT region serves all its cells, as in Flow
         oil_present = 1.0 - sw[cells] - sg[cells] > 0
         for on, keyword, table, pressure, saturated, into, other in (
-                (live, "RSVD", deck.pvto, po, rs_sat, rs, sg[cells] > 0),
-                (wet, "RVVD", deck.pvtg, pg, rv_sat, rv, oil_present)):
+                (live, "RSVD", deck.pvto, po, blackoil.rs_sat, rs, sg[cells] > 0),
+                (wet, "RVVD", deck.pvtg, pg, blackoil.rv_sat, rv, oil_present)):
             if not on:
                 continue
             cap = np.asarray(saturated(table, pvt, pressure[cells]))
