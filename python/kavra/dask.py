@@ -386,3 +386,6 @@ def column_map(values: ArrayLike, grid: Any, reduce: _maps.Reduce = "sum", *, we
 
 # kavra.blackoil over dask arrays (the properties as the simulator evaluates them)
 from . import _dask_blackoil as blackoil  # noqa: E402
+
+# kavra.satfunc over dask arrays (relative permeability and capillary pressure per cell)
+from . import _dask_satfunc as satfunc  # noqa: E402
