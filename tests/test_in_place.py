@@ -122,11 +122,13 @@ def test_in_place_of_tables_without_a_phase_and_masks():
     assert fluids.water[0] > 0 and fluids.water.mask.tolist() == [False, True]
 
 
-def test_dask_in_place_gives_the_same_bits():
+@pytest.mark.parametrize("case", ["SPE1CASE1", "SATFUNC_VERTICAL"])  # the second with Pc and scaled end points
+def test_dask_in_place_gives_the_same_bits(tmp_path, case):
     da = pytest.importorskip("dask.array")
     import kavra.dask
+    from flow_cases import write_deck
 
-    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    deck = kavra.deck.read(write_deck(case, tmp_path))
     rng = np.random.default_rng(5)
     n = deck.grid.number_of_cells()  # the deck's cells: their capillary pressures come from it
     cells = [rng.uniform(100.0, 200.0, n), rng.uniform(3000.0, 6000.0, n), rng.uniform(0.1, 0.3, n).astype(np.float32),
