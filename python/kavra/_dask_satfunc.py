@@ -51,7 +51,7 @@ def _chunk(functions: SaturationFunctions, sw: Any, sg: Any, *, method: str, blo
     return np.ma.stack(parts) if np.ma.isMaskedArray(parts[0]) else np.stack(parts)
 
 
-def _lazy(method: str, functions: Any, sw: Any, sg: Any) -> list[da.Array]:
+def _lazy(method: str, functions: Any, sw: Any, sg: Any) -> list[Any]:
     if not isinstance(functions, SaturationFunctions):
         raise TypeError(f"kavra.dask.satfunc.{method}: functions must be a kavra.satfunc.SaturationFunctions, "
                         f"got {type(functions).__name__}")

@@ -739,7 +739,7 @@ def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, p
             f"cell order (I fastest), or pass pw and pg")
     functions = _satfunc.from_deck(deck)
     pc = arrays.capillary(functions, arrays.floats(sw) + zero, arrays.floats(sg) + zero, **keywords)
-    held = (functions.satnum != 0).reshape(np.shape(zero))
+    held = (np.asarray(functions.satnum) != 0).reshape(np.shape(zero))
     pressure = arrays.floats(p)
     return (pressure - arrays.where(held, pc.oil_water, 0.0) if pw is None else pw,
             pressure + arrays.where(held, pc.gas_oil, 0.0) if pg is None else pg)
