@@ -35,6 +35,7 @@ MODULES = [
     "kavra.results",
     "kavra.dask",
     "kavra.blackoil",
+    "kavra.satfunc",
 ]
 
 

@@ -175,3 +175,42 @@ def test_refusals_and_failures(fields):
 def test_docstring_examples(client):
     failures, tried = doctest.testmod(kavra.dask, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert tried > 20 and failures == 0
+
+
+def satfunc_of_cells(cells):
+    """Two SATNUM regions (region 0: no cell, NaN), end points of the cells' own, Pc in both tables."""
+    from kavra import satfunc
+
+    rng = np.random.default_rng(29)
+    swof = [[[0.2, 0.0, 1.0, 3.0], [0.5, 0.2, 0.3, 1.0], [1.0, 1.0, 0.0, 0.0]],
+            [[0.1, 0.0, 0.9, 2.0], [0.6, 0.4, 0.1, 0.5], [1.0, 0.8, 0.0, 0.0]]]
+    sgof = [[[0.0, 0.0, 1.0, 0.0], [0.4, 0.3, 0.2, 0.4], [0.8, 1.0, 0.0, 1.0]],
+            [[0.0, 0.0, 0.9, 0.0], [0.9, 0.7, 0.0, 0.6]]]
+    satnum = rng.choice(np.array([0, 1, 2], dtype=np.int32), cells, p=[0.02, 0.49, 0.49])
+    ends = {"SWL": rng.uniform(0.1, 0.25, cells), "SGCR": rng.uniform(0.0, 0.1, cells),
+            "KRW": rng.uniform(0.5, 1.0, cells), "PCW": rng.uniform(1.0, 4.0, cells)}
+    return satfunc.from_tables(swof=swof, sgof=sgof, satnum=satnum, end_points=ends)
+
+
+@pytest.mark.parametrize("method", ["relperm", "capillary_pressure"])
+def test_satfunc_matches_numpy_over_misaligned_chunks(client, method):
+    from kavra import satfunc
+
+    rng = np.random.default_rng(30)
+    sw = rng.uniform(0.0, 1.0, SHAPE).astype(np.float32)  # float32 read as it is, as a restart holds it
+    sg = np.ma.masked_greater(rng.uniform(0.0, 1.0, SHAPE) * (1.0 - sw), 0.7)
+    per_cell = satfunc_of_cells(sw.size)
+    chunked = on_cluster(sw, A), da.ma.masked_greater(on_cluster(sg.filled(0.9), B), 0.7)
+    for functions, args in [(per_cell, chunked), (satfunc.from_tables(**TABLES_SATFUNC), (chunked[0], 0.1))]:
+        lazy = getattr(kavra.dask.satfunc, method)(functions, *args)
+        expected = getattr(functions, method)(*(a.compute() if isinstance(a, da.Array) else a for a in args))
+        assert type(lazy) is type(expected) and lazy[0].npartitions >= 2
+        for got, want in zip(lazy, expected):
+            same_bits(got.compute(), want)
+    with pytest.raises(ValueError, match="sw and sg hold 999999 cells; satnum has 1000000"):
+        getattr(kavra.dask.satfunc, method)(per_cell, chunked[0].ravel()[1:], 0.0)
+    with pytest.raises(TypeError, match="must be a kavra.satfunc.SaturationFunctions"):
+        getattr(kavra.dask.satfunc, method)(TABLES["pvto"], chunked[0], 0.0)
+
+
+TABLES_SATFUNC = {"swof": [[0.2, 0.0, 1.0, 2.0], [1.0, 1.0, 0.0, 0.0]], "sgof": [[0.0, 0.0, 1.0, 0.0], [0.8, 1.0, 0.0, 0.5]]}

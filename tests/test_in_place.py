@@ -60,6 +60,54 @@ def test_in_place_without_a_deck_is_flows_from_its_own_arrays(flow_run, tmp_path
     assert worst <= 1e-6
 
 
+SATFUNC_CASES = ["SATFUNC_SWOF", "SATFUNC_FAMILY", "SATFUNC_SLGOF", "SATFUNC_ENDSCALE", "SATFUNC_VERTICAL",
+                 "SATFUNC_SCALECRS", "SATFUNC_STONE1", "SATFUNC_STONE2"]
+
+
+@pytest.mark.parametrize("case", SATFUNC_CASES)
+def test_in_place_of_a_deck_puts_water_and_gas_at_their_own_pressures(flow_run, case):
+    """blackoil.in_place given the deck and no pw, pg, and Results.in_place (which takes the deck beside the
+    case): Pcow and Pcog of kavra.satfunc, end points scaled per cell, every report step; the tables alone
+    (water and gas at the oil pressure) are measurably off."""
+    path = flow_run(case)
+    r = results.read(path)
+    deck = kavra.deck.read(path.with_suffix(".DATA"))
+    tables = {name: getattr(deck, name) for name in ("pvdo", "pvdg", "pvtw", "rock")}
+    fipnum, porv, pvtnum = r.cell_property("FIPNUM"), r.cell_property("PORV"), r.cell_property("PVTNUM")
+    worst, without = dict.fromkeys(PARTS, 0.0), dict.fromkeys(PARTS, 0.0)
+    for step in r.steps:
+        state = [r.cell_property(name, step) for name in ("PRESSURE", "SWAT", "SGAS")]
+        ours, plain = blackoil.in_place(deck, pvtnum, porv, *state), blackoil.in_place(tables, pvtnum, porv, *state)
+        read = r.in_place(step)
+        # Oil: So = 1 - SWAT - SGAS of float32 saturations, which Flow rounded from its float64 ones; in a cell
+        # of residual oil (So ~ 0.01 beside Sw ~ 0.99) half a float32 step of Sw is 4e-6 of So.  That term is
+        # allowed beside 1e-6 of the value: pv / Bo (ours.oil / So) times half the spacing of Sw and Sg.
+        sw, sg = (s.astype(float) for s in state[1:])
+        rounding = {"oil": ours.oil / (1.0 - sw - sg) * (np.spacing(state[1]) + np.spacing(state[2])) / 2,
+                    "gas": 0.0, "water": 0.0}
+        for part, name in PARTS.items():
+            flow = r.cell_property(name, step).astype(float)
+            held = abs(flow) >= 1e-4 * float(np.ma.max(abs(flow)))
+
+            def off(fluids):
+                return float(np.ma.max(((abs(getattr(fluids, part) - flow) - rounding[part]) / abs(flow))[held]))
+
+            worst[part] = max(worst[part], off(ours), off(read))
+            without[part] = max(without[part], off(plain))
+            np.testing.assert_allclose(kavra.region_totals(getattr(ours, part), fipnum),
+                                       kavra.region_totals(flow, fipnum), rtol=1e-6)
+    assert max(worst.values()) <= 1e-6, worst
+    assert max(without["water"], without["gas"]) > 1e-4, without  # the capillary pressures count
+
+
+def test_in_place_of_a_deck_refuses_cells_that_are_not_the_decks():
+    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    with pytest.raises(ValueError, match=r"the inputs hold 4 cells and the deck's grid 300 \(10 x 10 x 3\).*pw and pg"):
+        blackoil.in_place(deck, 1, 100.0, 4000.0, [0.2, 0.2, 0.3, 0.3], 0.1, rs=1.0)
+    given = blackoil.in_place(deck, 1, 100.0, 4000.0, [0.2, 0.3], 0.1, rs=1.0, pw=3990.0, pg=4010.0)
+    assert given.water.shape == (2,)  # pw and pg given: the deck's tables alone, any cells
+
+
 def region_vector(case, key, date):
     dates, values = case.summary(key)
     return float(values[list(dates).index(date)])
@@ -74,13 +122,15 @@ def test_in_place_of_tables_without_a_phase_and_masks():
     assert fluids.water[0] > 0 and fluids.water.mask.tolist() == [False, True]
 
 
-def test_dask_in_place_gives_the_same_bits():
+@pytest.mark.parametrize("case", ["SPE1CASE1", "SATFUNC_VERTICAL"])  # the second with Pc and scaled end points
+def test_dask_in_place_gives_the_same_bits(tmp_path, case):
     da = pytest.importorskip("dask.array")
     import kavra.dask
+    from flow_cases import write_deck
 
-    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
+    deck = kavra.deck.read(write_deck(case, tmp_path))
     rng = np.random.default_rng(5)
-    n = 1000
+    n = deck.grid.number_of_cells()  # the deck's cells: their capillary pressures come from it
     cells = [rng.uniform(100.0, 200.0, n), rng.uniform(3000.0, 6000.0, n), rng.uniform(0.1, 0.3, n).astype(np.float32),
              rng.uniform(0.0, 0.5, n).astype(np.float32), rng.uniform(0.5, 1.8, n)]
     porv, p, sw, sg, rs = cells

@@ -327,3 +327,30 @@ def test_the_engine_refuses_bad_input_in_words(call, error, words):
     from kavra import _engine
     with pytest.raises(error, match=words):
         call(_engine)
+
+
+def test_take_and_pickle_keep_each_cells_functions():
+    import pickle
+    rng = np.random.default_rng(8)
+    n = 1000
+    sf = satfunc.from_tables(swof=[SWOF, SWOF], sgof=[SGOF, SGOF], satnum=rng.integers(0, 3, n),
+                             end_points={"SWL": rng.uniform(0.1, 0.3, n), "KRW": rng.uniform(0.5, 1.0, n)})
+    sw, sg = rng.uniform(0, 1, n), rng.uniform(0, 0.5, n)
+    whole, cells = sf.relperm(sw, sg), rng.permutation(n)[:300]
+    for got, want in zip(sf.take(cells).relperm(sw[cells], sg[cells]), whole):
+        np.testing.assert_array_equal(got, want[cells])
+    for got, want in zip(pickle.loads(pickle.dumps(sf)).relperm(sw, sg), whole):
+        np.testing.assert_array_equal(got, want)
+    with pytest.raises(IndexError, match="cell 1000 is past the 1000 cells"):
+        sf.take([0, 1000])
+    with pytest.raises(TypeError, match="cells must hold integer cell numbers"):
+        sf.take([0.5])
+
+
+def test_scalecrs_and_edits_are_read_from_the_decks_words(tmp_path):
+    from flow_cases import write_deck
+    deck = kavra.deck.read(write_deck("SATFUNC_SCALECRS", tmp_path))
+    sf = satfunc.from_deck(deck)
+    assert sf.three_point and sf.scaled and deck.words("SCALECRS")[-1][0].startswith("Y")
+    assert ("SWL",) in [texts[:1] for texts in deck.words("EQUALS")] and not satfunc.from_deck(
+        kavra.deck.read(write_deck("SATFUNC_SWOF", tmp_path))).scaled

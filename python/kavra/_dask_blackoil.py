@@ -26,6 +26,7 @@ import dask.array as da
 import numpy as np
 from numpy.typing import ArrayLike
 
+from . import _dask_satfunc as _satfunc
 from . import blackoil as _blackoil
 from ._calls import CALLS
 from ._dask_cells import forms
@@ -44,9 +45,9 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
              rs: ArrayLike | None = None, rv: ArrayLike | None = None, *, pw: ArrayLike | None = None,
              pg: ArrayLike | None = None, so: ArrayLike | None = None) -> _blackoil.InPlace:
     """:func:`kavra.blackoil.in_place` over dask arrays: its steps with the lazy functions of this
-    module, the tables taken out of a deck first; gives three dask arrays of float64."""
-    tables = _blackoil.tables_of(deck_or_tables)  # table values: one pickled key each
+    module (and, given a deck, the capillary pressures of :mod:`kavra.dask.satfunc`); gives three
+    dask arrays of float64."""
     arrays = _blackoil.Arrays(sys.modules[__name__], lambda value: da.asarray(value).astype(np.float64),
-                              lambda value: da.asarray(value).dtype, da.where)
-    return _blackoil.fluids_in_place(arrays, tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so)
+                              lambda value: da.asarray(value).dtype, da.where, _satfunc.capillary_pressure)
+    return _blackoil.fluids_in_place(arrays, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so)
 

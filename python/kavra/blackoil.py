@@ -45,6 +45,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
+from . import satfunc as _satfunc
 from ._arrays import checked_out
 from ._calls import CALLS, calculate, checked
 from ._docs import filled
@@ -646,7 +647,14 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
     ----------
     deck_or_tables : kavra.deck.Deck or mapping
         The tables: ``pvto`` or ``pvdo``, ``pvtg`` or ``pvdg``, ``pvtw`` and ``rock``, as the
-        attributes of a deck or the keys of a mapping (a missing one is None).
+        attributes of a deck or the keys of a mapping (a missing one is None).  Given a deck,
+        water and gas are at their own pressures unless ``pw`` and ``pg`` say otherwise:
+        ``pw = p - Pcow``, ``pg = p + Pcog`` of :func:`kavra.satfunc.from_deck` at the cell's
+        Sw and Sg, with its SATNUM region and end points, as the simulator takes them.  The
+        inputs then hold one value per cell of the deck's whole grid (they broadcast to
+        nI * nJ * nK values), in its cell order (I fastest, then J, then K): their cells are
+        taken to be the deck's.  Cells the deck does not hold (outside ACTNUM) take no
+        capillary pressure; nor does any cell of a deck without saturation tables.
     %(pvtnum)s
     porv : array_like of float
         Pore volume per cell at the reference pressure (an INIT's PORV), in reservoir volume
@@ -662,6 +670,7 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
         Vaporised oil-gas ratio per cell (with a PVTG), in the table's Rv unit.
     pw, pg : array_like of float, optional
         Water and gas pressure per cell (``p`` minus and plus the capillary pressures).
+        Default: ``p``, or with a deck ``p`` less its Pcow (plus its Pcog).
     so : array_like of float, optional
         Oil saturation per cell (a restart's SOIL).  Default ``1 - sw - sg``, taken as 0 within
         2**-23 of 0 when ``sw`` or ``sg`` is float32 (as a restart holds them): there the
@@ -681,16 +690,22 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
         A table of the wrong kind, or as the functions of this module say.
     ValueError
         A PVTO without ``rs`` or a PVTG without ``rv``; inputs that do not broadcast; a region
-        past a table (as the functions of this module say).
+        past a table (as the functions of this module say); given a deck, and ``pw`` or ``pg``
+        to take from it, inputs of another number of cells than its grid, or saturation
+        functions that :func:`kavra.satfunc.from_deck` refuses.
 
     Examples
     --------
     >>> import kavra.deck
     >>> from kavra import blackoil
-    >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))   # FIELD
-    >>> fluids = blackoil.in_place(deck, 1, porv=[1000.0], p=[4800.0], sw=[0.12], sg=[0.0], rs=[1.27])
-    >>> print(fluids.oil.round(2), fluids.gas.round(2), fluids.water.round(2))   # stb, Mscf, stb
-    [532.76] [676.6] [117.57]
+    >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))   # FIELD, 10 x 10 x 3 cells
+    >>> cells = deck.grid.number_of_cells()
+    >>> fluids = blackoil.in_place(deck, 1, porv=1000.0, p=4800.0, sw=np.full(cells, 0.12), sg=0.0, rs=1.27)
+    >>> print(fluids.oil[0].round(2), fluids.gas[0].round(2), fluids.water[0].round(2))   # stb, Mscf, stb
+    532.76 676.6 117.57
+    >>> tables = {"pvto": deck.pvto, "pvtw": deck.pvtw, "rock": deck.rock}   # tables alone: any cells
+    >>> print(blackoil.in_place(tables, 1, [1000.0], [4800.0], [0.12], [0.0], [1.27]).oil.round(2))
+    [532.76]
     """
     return fluids_in_place(_NUMPY, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, threads=threads)
 
@@ -703,6 +718,31 @@ class Arrays(NamedTuple):
     floats: Any     # an array-like as float64, its mask kept
     dtype: Any      # the element type of an array-like
     where: Any      # numpy.where, keeping masks
+    capillary: Any  # (SaturationFunctions, sw, sg, **keywords) -> CapillaryPressure
+
+
+def _is_deck(deck_or_tables: Any) -> bool:
+    decks = sys.modules.get("kavra.deck")  # (a deck is read by kavra.deck: it is imported then)
+    return decks is not None and isinstance(deck_or_tables, decks.Deck)
+
+
+def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, pw: Any, pg: Any,
+               keywords: dict[str, Any]) -> tuple[Any, Any]:
+    """Water's and gas's pressures, those given or the deck's: p - Pcow and p + Pcog at the cells'
+    saturations (0 in cells the deck does not hold)."""
+    cells = int(np.prod(np.shape(zero)))
+    grid = deck.grid
+    if cells != grid.number_of_cells():
+        raise ValueError(
+            f"in_place: the inputs hold {cells} cells and the deck's grid {grid.number_of_cells()} "
+            f"({grid.nI} x {grid.nJ} x {grid.nK}); with a deck, give one value per cell of its whole grid, in its "
+            f"cell order (I fastest), or pass pw and pg")
+    functions = _satfunc.from_deck(deck)
+    pc = arrays.capillary(functions, arrays.floats(sw) + zero, arrays.floats(sg) + zero, **keywords)
+    held = (np.asarray(functions.satnum) != 0).reshape(np.shape(zero))
+    pressure = arrays.floats(p)
+    return (pressure - arrays.where(held, pc.oil_water, 0.0) if pw is None else pw,
+            pressure + arrays.where(held, pc.gas_oil, 0.0) if pg is None else pg)
 
 
 def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any, p: Any, sw: Any, sg: Any,
@@ -713,13 +753,16 @@ def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any,
     oil = tables["pvto"] if tables["pvto"] is not None else tables["pvdo"]
     gas = tables["pvtg"] if tables["pvtg"] is not None else tables["pvdg"]
     live, wet = tables["pvto"] is not None, tables["pvtg"] is not None
+    pv = floats(porv)
+    zero = floats(0.0) * (pv + floats(p) + floats(sw) + floats(sg))  # 0.0 of the inputs' shape (and masks)
+    if ((pw is None and tables["pvtw"] is not None) or (pg is None and gas is not None)) and _is_deck(
+            deck_or_tables) and set(deck_or_tables.keywords) & set(_satfunc.TABLE_KEYWORDS):
+        pw, pg = _pressures(arrays, deck_or_tables, p, sw, sg, zero, pw, pg, keywords)
     pw = p if pw is None else pw
     pg = p if pg is None else pg
-    pv = floats(porv)
     if tables["rock"] is not None:
         pv = pv * f.pore_volume_multiplier(tables["rock"], pvtnum, p, **keywords)
     so = _oil_saturation(arrays, sw, sg) if so is None else floats(so)
-    zero = floats(0.0) * (pv + floats(p) + floats(sw) + floats(sg))  # 0.0 of the inputs' shape (and masks)
     liquid = zero if oil is None else pv * so * f.one_over_bo(oil, pvtnum, p, rs if live else None, **keywords)
     free = zero if gas is None else pv * floats(sg) * f.one_over_bg(gas, pvtnum, pg, rv if wet else None,
                                                                      **keywords)
@@ -731,7 +774,8 @@ def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any,
 
 
 _NUMPY = Arrays(sys.modules[__name__], lambda value: np.asanyarray(value, dtype=np.float64),
-                lambda value: np.asarray(np.ma.getdata(value)).dtype, np.ma.where)
+                lambda value: np.asarray(np.ma.getdata(value)).dtype, np.ma.where,
+                lambda functions, sw, sg, **keywords: functions.capillary_pressure(sw, sg, **keywords))
 
 
 # --- fluids in place from a restart's own arrays -----------------------------------------

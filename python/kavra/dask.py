@@ -75,6 +75,14 @@ array.  Like the whole-column reductions, it rechunks ``values`` (and
 ``weights``, ``active``) so that K lies in one chunk, and runs
 :func:`kavra.column_map` on each chunk: the map's chunks are those of J and I.
 
+Black-oil properties and saturation functions
+---------------------------------------------
+``kavra.dask.blackoil`` holds the forms of :mod:`kavra.blackoil` (its
+``in_place`` given a deck takes the capillary pressures as the NumPy function
+does), and ``kavra.dask.satfunc`` those of the methods ``relperm`` and
+``capillary_pressure`` of :class:`kavra.satfunc.SaturationFunctions`: each
+chunk is evaluated with the regions and end points of its own cells.
+
 Examples
 --------
 >>> import numpy as np
@@ -386,3 +394,6 @@ def column_map(values: ArrayLike, grid: Any, reduce: _maps.Reduce = "sum", *, we
 
 # kavra.blackoil over dask arrays (the properties as the simulator evaluates them)
 from . import _dask_blackoil as blackoil  # noqa: E402
+
+# kavra.satfunc over dask arrays (relative permeability and capillary pressure per cell)
+from . import _dask_satfunc as satfunc  # noqa: E402

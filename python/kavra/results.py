@@ -689,12 +689,12 @@ class Results:
     def in_place(self, step: int, deck: Any = None, *, threads: int | None = None) -> Any:
         """Oil, gas and water in place per cell at a report step, as the simulator's FIP arrays.
 
-        :func:`kavra.blackoil.in_place` of the step's PRESSURE, SWAT, SGAS, RS and RV (those
-        the restart holds; a missing saturation is 0), with the INIT's PORV, PVTNUM and SATNUM
-        and the tables of the deck; water and gas at their own pressures, the capillary
-        pressure of SWOF or SWFN (SGOF or SGFN) at the cell's saturation and SATNUM region
-        taken off (added to) PRESSURE.  :func:`kavra.region_totals` of a part with the
-        INIT's FIPNUM gives the totals per region.
+        :func:`kavra.blackoil.in_place` of the deck and the step's PRESSURE, SWAT, SGAS, RS and
+        RV (those the restart holds; a missing saturation is 0), with the INIT's PORV and
+        PVTNUM: water and gas at their own pressures, PRESSURE less Pcow (plus Pcog) of
+        :mod:`kavra.satfunc` at the cell's saturations, SATNUM region and end points, as the
+        simulator scales them.  :func:`kavra.region_totals` of a part with the INIT's FIPNUM
+        gives the totals per region.
 
         Without a deck (none given, no ``CASE.DATA`` beside the case), the simulator's own
         arrays of the step, :func:`kavra.blackoil.in_place_from_arrays` of its 1OVERBO,
@@ -728,6 +728,10 @@ class Results:
             (the message lists them); no INIT or restart file.
         KeyError
             `step` is not a report step; the restart has no PRESSURE.
+        ValueError
+            The deck's grid has another number of cells than the case's arrays (a dual-porosity
+            case, or the deck of another case), or :func:`kavra.satfunc.from_deck` refuses its
+            saturation functions.
 
         Examples
         --------
@@ -757,11 +761,8 @@ class Results:
         p, sw, sg = self.cell_property("PRESSURE", step), restart("SWAT"), restart("SGAS")
         sw = np.float32(0.0) if sw is None else sw
         sg = np.float32(0.0) if sg is None else sg
-        satnum = init("SATNUM")
-        pw = p - _capillary(deck, satnum, sw, ("SWOF", 4), ("SWFN", 3))
-        pg = p + _capillary(deck, satnum, sg, ("SGOF", 4), ("SGFN", 3))
         return blackoil.in_place(deck, init("PVTNUM"), self.cell_property("PORV"), p, sw, sg, restart("RS"),
-                                 restart("RV"), pw=pw, pg=pg, threads=threads)
+                                 restart("RV"), threads=threads)
 
     def _in_place_of_restart(self, step: int, why: str) -> Any:
         """in_place of the step's own 1OVERBO, 1OVERBG, 1OVERBW and RPORV (else the INIT's PORV)."""
@@ -1080,23 +1081,3 @@ def read(path: str | os.PathLike[str]) -> Results:
     named = pathlib.Path(os.fspath(path))
     base = _case_base(named)
     return Results(base, named if base != named else None)
-
-
-def _capillary(deck: Any, satnum: Any, saturation: Any, *sources: tuple[str, int]) -> Any:
-    """The capillary pressure per cell at its saturation, from the first of `sources` (keyword,
-    columns: the last column is the capillary pressure, the first the saturation) that the deck
-    has, linear in the saturation within each SATNUM region's table; 0.0 without any."""
-    for keyword, columns in sources:
-        try:
-            records = deck.records(keyword)
-        except KeyError:
-            continue
-        s = np.asarray(np.ma.getdata(saturation), dtype=np.float64)
-        regions = np.broadcast_to(np.ma.getdata(satnum), s.shape)
-        pc = np.zeros(s.shape)
-        for region, record in enumerate(records, start=1):
-            table = record.reshape(-1, columns)
-            at = regions == region
-            pc[at] = np.interp(s[at], table[:, 0], np.nan_to_num(table[:, -1]))  # a defaulted Pc is 0
-        return pc
-    return 0.0

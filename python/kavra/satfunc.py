@@ -34,6 +34,7 @@ Every pressure is in the deck's (the tables') units.
 
 from __future__ import annotations
 
+import copy
 from collections.abc import Mapping, Sequence
 from typing import Any, NamedTuple
 
@@ -44,13 +45,16 @@ from . import _engine
 from ._threads import resolve as _resolve_threads
 
 __all__ = ["SaturationFunctions", "RelPerm", "CapillaryPressure", "from_deck", "from_tables", "END_POINTS",
-           "OIL_MODELS"]
+           "OIL_MODELS", "TABLE_KEYWORDS"]
 
 END_POINTS: tuple[str, ...] = tuple(_engine.SATFUNC_END_POINTS)
 """The end points a cell may have of its own, in the order of :attr:`SaturationFunctions.end_points`."""
 
 OIL_MODELS = ("default", "STONE1", "STONE2")
 """The three-phase oil models: Flow's default one, Stone's first and second."""
+
+TABLE_KEYWORDS = ("SWOF", "SGOF", "SLGOF", "SWFN", "SGFN", "SOF3")
+"""The keywords of the saturation tables that :func:`from_deck` reads."""
 
 _VERTICAL = ("KRW", "KRWR", "KRO", "KRORW", "KRORG", "KRG", "KRGR", "PCW", "PCG")
 # Keywords that change the simulator's saturation functions in ways not evaluated here: two-phase
@@ -203,6 +207,56 @@ class SaturationFunctions:
         cells = "" if self.satnum is None else f", {self.satnum.size} cells"
         scaling = ", three-point scaling" if self.three_point else ", scaled" if self.scaled else ""
         return f"<kavra.satfunc.SaturationFunctions {len(self._tables)} regions{cells}, oil model {self.model}{scaling}>"
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        # Pickled as what makes it (the engine's tables are built again where it is unpickled).
+        cells = {name: values for name, values in zip(END_POINTS, self._cells) if values is not None}
+        return type(self), (self._curves, self.satnum, self.model, cells, self.scaled, self.three_point)
+
+    def take(self, cells: ArrayLike) -> SaturationFunctions:
+        """The functions of some of the cells: their regions and end points, in the order given.
+
+        Parameters
+        ----------
+        cells : array_like of int
+            Cell numbers (from 0, in the order of :attr:`satnum`; negative ones count from the
+            end), in any shape: they are taken flat.
+
+        Returns
+        -------
+        SaturationFunctions
+            Sharing these functions' tables; with one region number (and end point) per cell
+            of `cells`.  Functions without cells (``satnum`` None) are returned as they are:
+            they evaluate any number of cells.
+
+        Raises
+        ------
+        TypeError
+            `cells` does not hold integers.
+        IndexError
+            A cell number past the cells.
+
+        Examples
+        --------
+        >>> sf = from_tables(swof=[[[0.2, 0, 1, 0], [1, 1, 0, 0]], [[0.1, 0, 1, 0], [1, 1, 0, 0]]],
+        ...                  sgof=[[[0, 0, 1, 0], [0.8, 1, 0, 0]]] * 2, satnum=[1, 2, 2, 1])
+        >>> sf.take([3, 1]).satnum
+        array([1, 2], dtype=int32)
+        """
+        if self.satnum is None:
+            return self
+        index = np.asarray(cells)
+        if index.dtype.kind not in "iu":
+            raise TypeError(f"take: cells must hold integer cell numbers, got {index.dtype}")
+        index = index.ravel()
+        n = self.satnum.size
+        if index.size and (int(index.min()) < -n or int(index.max()) >= n):
+            wrong = int(index[(index < -n) | (index >= n)][0])
+            raise IndexError(f"take: cell {wrong} is past the {n} cells of these functions")
+        taken = copy.copy(self)
+        taken.satnum = np.ascontiguousarray(self.satnum[index])
+        taken._cells = [None if values is None else np.ascontiguousarray(values[index]) for values in self._cells]
+        return taken
 
     @property
     def regions(self) -> int:
@@ -382,16 +436,11 @@ def _curves(given: Mapping[str, Any]) -> list[tuple[Any, ...]]:
     return [_region_curves(r + 1, **{k: lists[k][r] for k in lists}) for r in range(regions)]
 
 
-def _named_in_edits(parsed: Any, name: str) -> bool:
+def _named_in_edits(deck: Any, name: str) -> bool:
     """Whether an edit keyword (EQUALS, MULTIPLY, COPY, ...) of the deck writes array `name`."""
-    for keyword in parsed:
-        if keyword.name not in _EDITS:
-            continue
-        for record in keyword:
-            texts = [item.get_str(0).strip("'").upper() for item in record
-                     if item.is_string() and len(item.get_data_list())]
-            target = texts[1] if keyword.name in ("COPY", "COPYREG") and len(texts) > 1 else \
-                texts[0] if texts else None
+    for edit in _EDITS:
+        for texts in deck.words(edit):
+            target = texts[1] if edit in ("COPY", "COPYREG") and len(texts) > 1 else texts[0] if texts else None
             if target == name:
                 return True
     return False
@@ -423,7 +472,7 @@ def from_deck(deck: Any) -> SaturationFunctions:
     """
     keywords = set(deck.keywords)
     tables: dict[str, Any] = {}
-    for name in ("SWOF", "SGOF", "SLGOF", "SWFN", "SGFN", "SOF3"):
+    for name in TABLE_KEYWORDS:
         if name in keywords:
             tables[name.lower()] = [np.asarray(r, dtype=np.float64) for r in deck.records(name)]
     if not tables:
@@ -437,51 +486,19 @@ def from_deck(deck: Any) -> SaturationFunctions:
     cells: dict[str, NDArray[np.float64]] = {}
     scaled = "ENDSCALE" in keywords
     if scaled:
-        parsed = deck._parsed
         for name in END_POINTS:
-            if name in keywords or _named_in_edits(parsed, name):
-                cells[name] = _cell_end_point(deck, name)
+            if name in keywords or _named_in_edits(deck, name):
+                cells[name] = np.asarray(deck.cell_property(name), dtype=np.float64)
     three_point = scaled and "SCALECRS" in keywords and _scalecrs(deck)
     return SaturationFunctions(_curves(tables), satnum, model, cells, scaled=scaled, three_point=three_point)
 
 
 def _scalecrs(deck: Any) -> bool:
-    parsed = deck._parsed
-    for record in parsed["SCALECRS"]:
-        for item in record:
-            if item.is_string() and len(item.get_data_list()):
-                return item.get_str(0).strip("'").upper().startswith("Y")
-    return False
-
-
-# Pa per pressure unit of each unit system.
-_PASCAL = {"METRIC": 1e5, "FIELD": 6894.757293168361, "LAB": 101325.0, "PVT-M": 101325.0}
-
-
-def _cell_end_point(deck: Any, name: str) -> NDArray[np.float64]:
-    """End point `name` per cell as opm's state holds it (its table's where the deck leaves a cell
-    out), in the deck's units; NaN outside the cells opm keeps.
-
-    deck.cell_property refuses some of these for now (its unit probe puts the keyword in a deck of
-    its own, which opm rejects for SGL and the like without GAS); opm's state is read directly
-    then."""
-    try:
-        return np.asarray(deck.cell_property(name), dtype=np.float64)
-    except (RuntimeError, ValueError):  # opm's parse error, or kavra.deck's DeckError
-        pass
-    si = np.asarray(deck._opm_state().field_props().get_double_array(name), dtype=np.float64)
-    if name in ("PCW", "PCG"):
-        si = si / _PASCAL[deck.units]
-    active = deck._input_active()
-    full = np.full(active.size, np.nan)
-    full[active] = si
-    return full
+    """Whether the last SCALECRS of the deck says YES (three-point scaling)."""
+    words = [texts for texts in deck.words("SCALECRS") if texts]
+    return bool(words) and words[-1][0].startswith("Y")
 
 
 def _cell_integers(deck: Any, name: str) -> NDArray[np.int32]:
     """An integer region property per cell (1 where the deck leaves it out, 0 outside ACTNUM)."""
-    try:
-        values = deck.cell_property(name)
-    except KeyError:
-        values = np.where(deck.active, 1, 0)
-    return np.asarray(values, dtype=np.int32)
+    return np.asarray(deck.cell_property(name), dtype=np.int32)

@@ -418,6 +418,38 @@ class Deck(_OpmState, _DeckUnits):
             result.append(values)
         return result
 
+    def words(self, name: str) -> list[tuple[str, ...]]:
+        """The text items of every record of a keyword, for keywords of options and names
+        (SCALECRS, EQUALS, COPY, ...).
+
+        Parameters
+        ----------
+        name : str
+            The keyword, in any case.
+
+        Returns
+        -------
+        list of tuple of str
+            One tuple per record, of every occurrence of the keyword in deck order: the items
+            of the record that hold text, upper case and without quotes, in record order
+            (items of numbers, and text left to its default, are left out).  An empty list
+            where the deck has no such keyword.
+
+        Raises
+        ------
+        TypeError
+            `name` is not a str.
+
+        Examples
+        --------
+        >>> deck = read("RUNSPEC\\nDIMENS\\n 2 1 1 /\\nGRID\\nPORO\\n 2*0.2 /\\nEQUALS\\n 'PERMX' 100 /\\n"
+        ...             " PERMY 50 1 1 1 1 1 1 /\\n/\\n")
+        >>> deck.words("EQUALS")
+        [('PERMX',), ('PERMY',)]
+        """
+        name = _keyword_name(name, "words")
+        return [_record_words(record) for keyword in self._parsed if keyword.name == name for record in keyword]
+
     # --- the numbers as written ------------------------------------------------------
 
     def _as_written(self, name: str) -> NDArray[Any]:
@@ -456,9 +488,7 @@ class Deck(_OpmState, _DeckUnits):
             if keyword.name not in _EDIT_KEYWORDS:
                 continue
             for index, record in enumerate(keyword, start=1):
-                texts = [item.get_str(0).strip("'").upper() for item in record
-                         if item.is_string() and len(item.get_data_list())]
-                if name in texts:
+                if name in _record_words(record):
                     raise DeckError(f"{name} is changed by {keyword.name} record {index}, which kavra applies "
                                     f"only on a deck with a grid (COORD and ZCORN, or DX, DY, DZ and TOPS); "
                                     f"give {name} with one value per cell")
@@ -651,6 +681,12 @@ def read(source: str | os.PathLike[str]) -> Deck:
             except ValueError as error:  # a record the table class refuses: it names it
                 raise DeckError(str(error)) from error
     return Deck(parsed, grid, units, tables)
+
+
+def _record_words(record: Any) -> tuple[str, ...]:
+    """The items of an opm record that hold text, upper case and without quotes."""
+    return tuple(item.get_str(0).strip("'").upper() for item in record
+                 if item.is_string() and len(item.get_data_list()))
 
 
 def _keyword_name(name: Any, method: str) -> str:
