@@ -136,8 +136,14 @@ def test_in_place_with_swatinit_takes_each_cells_pcow_maximum(flow_run, case):
     assert water_without > 1e-5  # the capillary pressure counts
 
 
-def test_in_place_of_a_swatinit_deck_needs_its_pcow_maxima():
+def test_in_place_of_a_swatinit_deck_needs_its_pcow_maxima(flow_run, monkeypatch):
     from flow_cases import DATA
+
+    r = results.read(flow_run("TRANSITION_SWATINIT"))
+    names = r.property_names
+    monkeypatch.setattr(r, "property_names", lambda step=None: tuple(n for n in names(step) if n != "PPCW"))
+    with pytest.raises(ValueError, match="SWATINIT, and neither report step 1 of the restart nor the INIT holds PPCW"):
+        r.in_place(1)
 
     deck = kavra.deck.read(DATA / "TRANSITION_SWATINIT.DATA")
     n = deck.grid.number_of_cells()

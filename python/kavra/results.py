@@ -732,7 +732,7 @@ class Results:
         ValueError
             The deck's grid has another number of cells than the case's arrays (a dual-porosity
             case, or the deck of another case), or :func:`kavra.satfunc.from_deck` refuses its
-            saturation functions (SWATINIT without PPCW in the step or the INIT).
+            saturation functions; a deck with SWATINIT and no PPCW in the step or the INIT.
 
         Examples
         --------
@@ -762,9 +762,13 @@ class Results:
         p, sw, sg = self.cell_property("PRESSURE", step), restart("SWAT"), restart("SGAS")
         sw = np.float32(0.0) if sw is None else sw
         sg = np.float32(0.0) if sg is None else sg
-        # SWATINIT's Pcow maxima: Flow writes PPCW with the restart's arrays
-        ppcw = restart("PPCW") if "SWATINIT" in deck.keywords else None
-        ppcw = self.cell_property("PPCW") if ppcw is None and "PPCW" in static else ppcw
+        ppcw = None
+        if "SWATINIT" in deck.keywords:  # each cell's Pcow maximum: Flow writes PPCW with the restart's arrays
+            ppcw = restart("PPCW") if "PPCW" in names else self.cell_property("PPCW") if "PPCW" in static else None
+            if ppcw is None:
+                raise ValueError(f"in_place: the deck has SWATINIT, and neither report step {step} of the restart nor "
+                                 "the INIT holds PPCW, each cell's largest Pcow after the simulator's initialisation; "
+                                 "use kavra.blackoil.in_place with ppcw=kavra.equil.initial_state(deck).ppcw")
         return blackoil.in_place(deck, init("PVTNUM"), self.cell_property("PORV"), p, sw, sg, restart("RS"),
                                  restart("RV"), ppcw=ppcw, threads=threads)
 
