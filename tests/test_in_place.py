@@ -8,6 +8,7 @@ import pytest
 
 import kavra
 import kavra.deck
+import kavra.equil
 from kavra import blackoil
 from flow_cases import flow_run  # noqa: F401  (a fixture)
 
@@ -100,6 +101,60 @@ def test_in_place_of_a_deck_puts_water_and_gas_at_their_own_pressures(flow_run, 
     assert max(without["water"], without["gas"]) > 1e-4, without  # the capillary pressures count
 
 
+@pytest.mark.parametrize("case", ["TRANSITION_SWATINIT", "TRANSITION_SWATINIT_ENDSCALE"])
+def test_in_place_with_swatinit_takes_each_cells_pcow_maximum(flow_run, case):
+    """SWATINIT: Results.in_place takes the step's PPCW, blackoil.in_place its ppcw= (step 0's, or
+    kavra.equil's on the first deck); both are Flow's FIPOIL, FIPGAS, FIPWAT per cell (the oil with the
+    rounding term of the SATFUNC decks) and per FIPNUM region; the table's Pcow would be off."""
+    path = flow_run(case)
+    r = results.read(path)
+    deck = kavra.deck.read(path.with_suffix(".DATA"))
+    fipnum, porv, pvtnum = (r.cell_property(name) for name in ("FIPNUM", "PORV", "PVTNUM"))
+    ppcw = r.cell_property("PPCW", 0)  # Flow writes it with the restart arrays
+    given = [ppcw] + ([kavra.equil.initial_state(deck).ppcw] if case == "TRANSITION_SWATINIT" else [])
+    worst, water_without = dict.fromkeys(PARTS, 0.0), 0.0
+    for step in r.steps:
+        state = [r.cell_property(name, step) for name in ("PRESSURE", "SWAT", "SGAS")]
+        fluids = [r.in_place(step)] + [blackoil.in_place(deck, pvtnum, porv, *state, ppcw=p) for p in given]
+        # the oil's term of the rounding of SWAT and SGAS, as on the SATFUNC decks (So ~ 0.001 beside SWATINIT 0.999)
+        so = 1.0 - state[1].astype(float) - state[2].astype(float)
+        spacing = (np.spacing(state[1]) + np.spacing(state[2])) / 2
+        rounding = {"oil": np.ma.where(so > 0, fluids[0].oil / so, 0.0) * spacing, "gas": 0.0, "water": 0.0}
+        for part, name in PARTS.items():
+            flow = r.cell_property(name, step).astype(float)
+            held = abs(flow) >= 1e-4 * float(np.ma.max(abs(flow)))
+            for ours in fluids:
+                if flow.any():  # (these decks hold no gas)
+                    off = (abs(getattr(ours, part) - flow) - rounding[part]) / abs(flow)
+                    worst[part] = max(worst[part], float(np.ma.max(off[held])))
+                np.testing.assert_allclose(kavra.region_totals(getattr(ours, part), fipnum),
+                                           kavra.region_totals(flow, fipnum), rtol=1e-6)
+        plain = blackoil.in_place(deck, pvtnum, porv, *state, pw=state[0], pg=state[0])  # water at the oil pressure
+        flow = r.cell_property("FIPWAT", step).astype(float)
+        water_without = max(water_without, float(np.ma.max(abs(plain.water - flow) / abs(flow))))
+    assert max(worst.values()) <= 1e-6, worst
+    assert water_without > 1e-5  # the capillary pressure counts
+
+
+def test_in_place_of_a_swatinit_deck_needs_its_pcow_maxima(flow_run, monkeypatch):
+    from flow_cases import DATA
+
+    r = results.read(flow_run("TRANSITION_SWATINIT"))
+    names = r.property_names
+    monkeypatch.setattr(r, "property_names", lambda step=None: tuple(n for n in names(step) if n != "PPCW"))
+    with pytest.raises(ValueError, match="SWATINIT, and neither report step 1 of the restart nor the INIT holds PPCW"):
+        r.in_place(1)
+
+    deck = kavra.deck.read(DATA / "TRANSITION_SWATINIT.DATA")
+    n = deck.grid.number_of_cells()
+    state = (1, np.full(n, 10.0), np.full(n, 150.0), np.full(n, 0.5), np.zeros(n))
+    with pytest.raises(ValueError, match=r"SWATINIT.*pass ppcw=.*array PPCW.*initial_state\(deck\)\.ppcw"):
+        blackoil.in_place(deck, *state)
+    # Pcow at Sw 0.5 is 0.20 of the table's largest 1.60; a maximum of 3.2 doubles it
+    at = blackoil.in_place(deck, *state, pw=150.0 - 0.4, pg=150.0)
+    np.testing.assert_allclose(blackoil.in_place(deck, *state, ppcw=np.full(n, 3.2)).water, at.water, rtol=1e-14)
+
+
 def test_in_place_of_a_deck_refuses_cells_that_are_not_the_decks():
     deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
     with pytest.raises(ValueError, match=r"the inputs hold 4 cells and the deck's grid 300 \(10 x 10 x 3\).*pw and pg"):
@@ -122,7 +177,8 @@ def test_in_place_of_tables_without_a_phase_and_masks():
     assert fluids.water[0] > 0 and fluids.water.mask.tolist() == [False, True]
 
 
-@pytest.mark.parametrize("case", ["SPE1CASE1", "SATFUNC_VERTICAL"])  # the second with Pc and scaled end points
+# the second with Pc and scaled end points, the third with SWATINIT's Pcow maxima as well
+@pytest.mark.parametrize("case", ["SPE1CASE1", "SATFUNC_VERTICAL", "TRANSITION_SWATINIT_ENDSCALE"])
 def test_dask_in_place_gives_the_same_bits(tmp_path, case):
     da = pytest.importorskip("dask.array")
     import kavra.dask
@@ -134,7 +190,8 @@ def test_dask_in_place_gives_the_same_bits(tmp_path, case):
     cells = [rng.uniform(100.0, 200.0, n), rng.uniform(3000.0, 6000.0, n), rng.uniform(0.1, 0.3, n).astype(np.float32),
              rng.uniform(0.0, 0.5, n).astype(np.float32), rng.uniform(0.5, 1.8, n)]
     porv, p, sw, sg, rs = cells
-    expected = blackoil.in_place(deck, 1, porv, p, sw, sg, rs)
-    lazy = kavra.dask.blackoil.in_place(deck, 1, *(da.from_array(a, chunks=300) for a in cells))
+    ppcw = rng.uniform(0.5, 50.0, n) if "SWATINIT" in deck.keywords else None
+    expected = blackoil.in_place(deck, 1, porv, p, sw, sg, rs, ppcw=ppcw)
+    lazy = kavra.dask.blackoil.in_place(deck, 1, *(da.from_array(a, chunks=300) for a in cells), ppcw=ppcw)
     for got, want in zip(lazy, expected):
         np.testing.assert_array_equal(got.compute(), want)

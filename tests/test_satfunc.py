@@ -7,6 +7,7 @@ import numpy as np
 import pytest
 
 import kavra.deck
+import kavra.equil
 from kavra import satfunc
 from flow_cases import flow_run  # noqa: F401  (fixture)
 
@@ -98,6 +99,48 @@ SWOF = [[0.2, 0.0, 1.0, 4.0], [0.3, 0.0, 0.6, 2.0], [0.6, 0.3, 0.1, 1.0], [0.8, 
 SGOF = [[0.0, 0.0, 1.0, 0.0], [0.1, 0.0, 0.7, 0.1], [0.5, 0.4, 0.1, 0.5], [0.8, 0.9, 0.0, 1.0]]
 
 
+@pytest.mark.parametrize("end_points", [None, {"PCW": [9.0, 9.0, 9.0]}, {"SWL": [0.3, 0.2, 0.2]}])
+def test_ppcw_scales_each_cells_pcow_and_replaces_its_pcw(end_points):
+    """SWATINIT's Pcow maximum of a cell: Pcow times it over the table's (4.0), whatever PCW said; a
+    masked cell's value is NaN; ENDSCALE's SWL still moves the saturation."""
+    ppcw = np.ma.masked_array([2.0, 8.0, 1.0], mask=[False, False, True])
+    sf = satfunc.from_tables(swof=SWOF, sgof=SGOF, satnum=[1, 1, 1], end_points=end_points, ppcw=ppcw)
+    pc = sf.capillary_pressure([0.45, 0.2, 0.45], 0.0).oil_water
+    first = 1.5 if end_points is None or "SWL" not in end_points else np.interp(0.2 + 0.15 * 0.8 / 0.7,
+                                                                                [0.3, 0.6], [2.0, 1.0])
+    assert pc[0] == pytest.approx(first * 2.0 / 4.0) and pc[1] == pytest.approx(8.0) and np.isnan(pc[2])
+    assert sf.end_points["PCW"][:2].tolist() == [2.0, 8.0]
+
+
+@pytest.mark.parametrize("case", ["TRANSITION_SWATINIT", "TRANSITION_SWATINIT_ENDSCALE"])
+def test_pcow_after_swatinit_is_flows_every_step_and_cell(flow_run, case):
+    """Flow scales each cell's Pcow to hold its SWATINIT water and keeps that curve (PPCW, which it
+    writes with its restart arrays):
+    from_deck(deck, ppcw=PPCW) gives Flow's PCOW every report step (the second deck with ENDSCALE's
+    SWL, SWU and PCW in boxes and a flood that moves the cells' water), within the bound of the
+    SATFUNC decks; kavra.equil's ppcw gives the same functions."""
+    path = flow_run(case)
+    r = results.read(path)
+    deck = kavra.deck.read(path.with_suffix(".DATA"))
+    ppcw = r.cell_property("PPCW", 0)  # Flow writes it with the restart arrays
+    assert (abs(ppcw - deck.records("SWOF")[0][3]) > 0.1).sum() > 100  # SWATINIT moved most cells' maximum
+    equilibrated = kavra.equil.initial_state(deck).ppcw
+    np.testing.assert_allclose(equilibrated, ppcw, rtol=1e-6)
+    moved = 0.0
+    for sf in (satfunc.from_deck(deck, ppcw=ppcw), satfunc.from_deck(deck, ppcw=equilibrated)):
+        for step in r.steps:
+            sw = np.ma.getdata(r.cell_property("SWAT", step))
+            flow = np.ma.getdata(r.cell_property("PCOW", step)).astype(float)
+            w, half = sw.astype(float), np.spacing(np.abs(sw)).astype(float) / 2
+            ours, up, down = (sf.capillary_pressure(w + d, 0.0).oil_water for d in (0.0, half, -half))
+            largest = float(np.abs(flow).max())
+            bound = np.where(np.abs(flow) >= FLOOR * largest, RELATIVE * np.abs(flow), TINY * largest)
+            assert (np.abs(ours - flow) <= bound + abs(up - down) / 2).all(), (case, step)
+            moved = max(moved, float(np.abs(sw - r.cell_property("SWAT", 0)).max()))
+    if case.endswith("ENDSCALE"):
+        assert moved > 0.05  # the flood moved the water of some cells
+
+
 def test_tables_end_points_and_values_by_hand():
     sf = satfunc.from_tables(swof=SWOF, sgof=SGOF)
     ends = {k: float(v[0]) for k, v in sf.table_end_points.items()}
@@ -163,6 +206,8 @@ def test_same_bits_for_any_thread_count_and_float32_read_as_it_is(threads):
     (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF, satnum=[1, 1]).relperm([0.5], [0.1]), ValueError,
      "satnum has 2"),
     (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF).relperm(["a"], [0.1]), TypeError, "sw must hold numbers"),
+    (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF, satnum=[1], ppcw=["a"]), TypeError, "ppcw must hold numbers"),
+    (lambda: satfunc.from_tables(swof=SWOF, sgof=SGOF, satnum=[1], ppcw=[1.0, 2.0]), ValueError, "holds 2 values"),
 ])
 def test_refusals_in_kavras_words(call, error, words):
     with pytest.raises(error, match=words):
@@ -252,8 +297,13 @@ def test_from_deck_reads_each_region_and_refuses_what_it_does_not_evaluate():
     assert sf.relperm([0.6] * 3, [0.0] * 3).water.tolist() == pytest.approx([0.5, 0.5 * 0.5 / 0.9, 0.5 * 0.5 / 0.9])
     assert sf.end_points["SWL"].tolist() == [0.2, 0.1, 0.1]
     assert satfunc.from_deck(kavra.deck.read(DECK + "STONE2\n")).model == "STONE2"
-    with pytest.raises(ValueError, match="SWATINIT"):
-        satfunc.from_deck(kavra.deck.read(DECK + "SWATINIT\n 3*0.3 /\n"))
+    swatinit = kavra.deck.read(DECK + "SWATINIT\n 3*0.3 /\n")
+    with pytest.raises(ValueError, match=r"SWATINIT.*pass ppcw=.*PPCW.*initial_state\(deck\)\.ppcw"):
+        satfunc.from_deck(swatinit)
+    with pytest.raises(ValueError, match="ppcw holds 2 values; the deck's grid has 3 cells"):
+        satfunc.from_deck(swatinit, ppcw=[1.0, 2.0])
+    scaled = satfunc.from_deck(swatinit, ppcw=[1.0, 2.0, 8.0])  # Pcow 1.0 of the table's 2.0 at Sw 0.6
+    assert scaled.capillary_pressure([0.6] * 3, 0.0).oil_water.tolist() == pytest.approx([0.5, 1.0, 4.0])
     with pytest.raises(ValueError, match="no saturation tables"):
         satfunc.from_deck(kavra.deck.read("RUNSPEC\nDIMENS\n 1 1 1 /\n"))
 

@@ -629,7 +629,8 @@ def _oil_saturation(arrays: Arrays, sw: Any, sg: Any) -> Any:
 @filled
 def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLike, sw: ArrayLike, sg: ArrayLike,
              rs: ArrayLike | None = None, rv: ArrayLike | None = None, *, pw: ArrayLike | None = None,
-             pg: ArrayLike | None = None, so: ArrayLike | None = None, threads: int | None = None) -> InPlace:
+             pg: ArrayLike | None = None, so: ArrayLike | None = None, ppcw: ArrayLike | None = None,
+             threads: int | None = None) -> InPlace:
     """Oil, gas and water in place per cell at surface conditions, as the simulator's FIP arrays.
 
     With the pore volume at pressure ``pv = porv * pore_volume_multiplier(rock, pvtnum, p)`` (no
@@ -654,7 +655,8 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
         inputs then hold one value per cell of the deck's whole grid (they broadcast to
         nI * nJ * nK values), in its cell order (I fastest, then J, then K): their cells are
         taken to be the deck's.  Cells the deck does not hold (outside ACTNUM) take no
-        capillary pressure; nor does any cell of a deck without saturation tables.
+        capillary pressure; nor does any cell of a deck without saturation tables.  A deck with
+        SWATINIT needs ``ppcw`` for that (or ``pw`` and ``pg``).
     %(pvtnum)s
     porv : array_like of float
         Pore volume per cell at the reference pressure (an INIT's PORV), in reservoir volume
@@ -675,6 +677,13 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
         Oil saturation per cell (a restart's SOIL).  Default ``1 - sw - sg``, taken as 0 within
         2**-23 of 0 when ``sw`` or ``sg`` is float32 (as a restart holds them): there the
         rounding of the saturations, not oil, would be left.
+    ppcw : array_like of float, optional
+        With a deck: each cell's largest Pcow as the simulator's initialisation left it, one
+        per cell of the grid (deck pressure units), for :func:`kavra.satfunc.from_deck`.  A deck
+        with SWATINIT needs it to take Pcow from the deck: the run's restart array PPCW
+        (:meth:`kavra.results.Results.in_place` reads it), or
+        ``kavra.equil.initial_state(deck).ppcw``, which equilibrates the deck (a full
+        initialisation: seconds on a large grid), so compute it once and pass it to every step.
     %(threads)s
 
     Returns
@@ -692,7 +701,7 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
         A PVTO without ``rs`` or a PVTG without ``rv``; inputs that do not broadcast; a region
         past a table (as the functions of this module say); given a deck, and ``pw`` or ``pg``
         to take from it, inputs of another number of cells than its grid, or saturation
-        functions that :func:`kavra.satfunc.from_deck` refuses.
+        functions that :func:`kavra.satfunc.from_deck` refuses (SWATINIT without ``ppcw``).
 
     Examples
     --------
@@ -707,7 +716,8 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
     >>> print(blackoil.in_place(tables, 1, [1000.0], [4800.0], [0.12], [0.0], [1.27]).oil.round(2))
     [532.76]
     """
-    return fluids_in_place(_NUMPY, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, threads=threads)
+    return fluids_in_place(_NUMPY, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, ppcw,
+                           threads=threads)
 
 
 class Arrays(NamedTuple):
@@ -726,7 +736,7 @@ def _is_deck(deck_or_tables: Any) -> bool:
     return decks is not None and isinstance(deck_or_tables, decks.Deck)
 
 
-def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, pw: Any, pg: Any,
+def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, pw: Any, pg: Any, ppcw: Any,
                keywords: dict[str, Any]) -> tuple[Any, Any]:
     """Water's and gas's pressures, those given or the deck's: p - Pcow and p + Pcog at the cells'
     saturations (0 in cells the deck does not hold)."""
@@ -737,7 +747,7 @@ def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, p
             f"in_place: the inputs hold {cells} cells and the deck's grid {grid.number_of_cells()} "
             f"({grid.nI} x {grid.nJ} x {grid.nK}); with a deck, give one value per cell of its whole grid, in its "
             f"cell order (I fastest), or pass pw and pg")
-    functions = _satfunc.from_deck(deck)
+    functions = _satfunc.from_deck(deck, ppcw=ppcw)  # refuses SWATINIT without ppcw
     pc = arrays.capillary(functions, arrays.floats(sw) + zero, arrays.floats(sg) + zero, **keywords)
     held = (np.asarray(functions.satnum) != 0).reshape(np.shape(zero))
     pressure = arrays.floats(p)
@@ -746,7 +756,7 @@ def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, p
 
 
 def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any, p: Any, sw: Any, sg: Any,
-                    rs: Any, rv: Any, pw: Any, pg: Any, so: Any, **keywords: Any) -> InPlace:
+                    rs: Any, rv: Any, pw: Any, pg: Any, so: Any, ppcw: Any = None, **keywords: Any) -> InPlace:
     """in_place over `arrays`: the same steps, in the same order, for NumPy and dask arrays."""
     tables = tables_of(deck_or_tables)
     f, floats = arrays.functions, arrays.floats
@@ -757,7 +767,7 @@ def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any,
     zero = floats(0.0) * (pv + floats(p) + floats(sw) + floats(sg))  # 0.0 of the inputs' shape (and masks)
     if ((pw is None and tables["pvtw"] is not None) or (pg is None and gas is not None)) and _is_deck(
             deck_or_tables) and set(deck_or_tables.keywords) & set(_satfunc.TABLE_KEYWORDS):
-        pw, pg = _pressures(arrays, deck_or_tables, p, sw, sg, zero, pw, pg, keywords)
+        pw, pg = _pressures(arrays, deck_or_tables, p, sw, sg, zero, pw, pg, ppcw, keywords)
     pw = p if pw is None else pw
     pg = p if pg is None else pg
     if tables["rock"] is not None:

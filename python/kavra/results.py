@@ -693,8 +693,9 @@ class Results:
         RV (those the restart holds; a missing saturation is 0), with the INIT's PORV and
         PVTNUM: water and gas at their own pressures, PRESSURE less Pcow (plus Pcog) of
         :mod:`kavra.satfunc` at the cell's saturations, SATNUM region and end points, as the
-        simulator scales them.  :func:`kavra.region_totals` of a part with the INIT's FIPNUM
-        gives the totals per region.
+        simulator scales them; with SWATINIT, each cell's largest Pcow is the step's PPCW (else
+        the INIT's), where the simulator's initialisation left it.  :func:`kavra.region_totals`
+        of a part with the INIT's FIPNUM gives the totals per region.
 
         Without a deck (none given, no ``CASE.DATA`` beside the case), the simulator's own
         arrays of the step, :func:`kavra.blackoil.in_place_from_arrays` of its 1OVERBO,
@@ -731,7 +732,7 @@ class Results:
         ValueError
             The deck's grid has another number of cells than the case's arrays (a dual-porosity
             case, or the deck of another case), or :func:`kavra.satfunc.from_deck` refuses its
-            saturation functions.
+            saturation functions; a deck with SWATINIT and no PPCW in the step or the INIT.
 
         Examples
         --------
@@ -761,8 +762,15 @@ class Results:
         p, sw, sg = self.cell_property("PRESSURE", step), restart("SWAT"), restart("SGAS")
         sw = np.float32(0.0) if sw is None else sw
         sg = np.float32(0.0) if sg is None else sg
+        ppcw = None
+        if "SWATINIT" in deck.keywords:  # each cell's Pcow maximum: Flow writes PPCW with the restart's arrays
+            ppcw = restart("PPCW") if "PPCW" in names else self.cell_property("PPCW") if "PPCW" in static else None
+            if ppcw is None:
+                raise ValueError(f"in_place: the deck has SWATINIT, and neither report step {step} of the restart nor "
+                                 "the INIT holds PPCW, each cell's largest Pcow after the simulator's initialisation; "
+                                 "use kavra.blackoil.in_place with ppcw=kavra.equil.initial_state(deck).ppcw")
         return blackoil.in_place(deck, init("PVTNUM"), self.cell_property("PORV"), p, sw, sg, restart("RS"),
-                                 restart("RV"), threads=threads)
+                                 restart("RV"), ppcw=ppcw, threads=threads)
 
     def _in_place_of_restart(self, step: int, why: str) -> Any:
         """in_place of the step's own 1OVERBO, 1OVERBG, 1OVERBW and RPORV (else the INIT's PORV)."""

@@ -28,6 +28,11 @@ PCOG) every report step and cell:
 * STONE1: ``kro = krow krog / krocw * So* / ((1 - Sw*)(1 - Sg*))`` with the saturations
   normalised by 1 - Swco (``So* = So / (1 - Swco)``, ``Sw* = (Sw' - Swco) / (1 - Swco)``,
   ``Sg* = Sg / (1 - Swco)``): no minimum oil saturation, as Flow evaluates it.
+* SWATINIT: the simulator moves each cell's largest Pcow during its initialisation so that the
+  cell holds its SWATINIT water (PPCW, which it writes with its restart arrays;
+  :func:`kavra.equil.initial_state` computes it as ``ppcw``).  That maximum takes the place of
+  the cell's PCW: Pcow (ENDSCALE's horizontal scaling kept) multiplies by PPCW over the table's
+  Pcow at its SWL, every step after.
 
 Every pressure is in the deck's (the tables') units.
 """
@@ -59,9 +64,9 @@ TABLE_KEYWORDS = ("SWOF", "SGOF", "SLGOF", "SWFN", "SGFN", "SOF3")
 _VERTICAL = ("KRW", "KRWR", "KRO", "KRORW", "KRORG", "KRG", "KRGR", "PCW", "PCG")
 # Keywords that change the simulator's saturation functions in ways not evaluated here: two-phase
 # and other table families, end points against depth, hysteresis, directional and imbibition
-# tables, the Stone exponent, and SWATINIT (which moves each cell's Pcow maximum in the simulator).
+# tables, the Stone exponent, and a cap on SWATINIT's Pcow maxima.
 _LEFT_OUT = frozenset({"SOF2", "SGWFN", "SOF32D", "SWFN2D", "ENPTVD", "ENKRVD", "ENPCVD", "EHYSTR", "IMBNUM",
-                       "KRNUM", "KRNUMX", "KRNUMY", "KRNUMZ", "STONE", "STONE1EX", "SWATINIT", "SWLX", "SWCRX",
+                       "KRNUM", "KRNUMX", "KRNUMY", "KRNUMZ", "STONE", "STONE1EX", "SWLX", "SWCRX",
                        "SWLY", "SWCRY", "SWLZ", "SWCRZ", "SCALELIM", "PPCWMAX"})
 _EDITS = ("EQUALS", "MULTIPLY", "ADD", "COPY", "MINVALUE", "MAXVALUE", "EQUALREG", "MULTIREG", "ADDREG",
           "COPYREG", "OPERATE", "OPERATER")
@@ -391,7 +396,8 @@ def _per_region(name: str, value: Any, regions: int | None) -> list[Any]:
 
 def from_tables(*, swof: Any = None, sgof: Any = None, slgof: Any = None, swfn: Any = None, sgfn: Any = None,
                 sof3: Any = None, satnum: ArrayLike | None = None, model: str = "default",
-                end_points: Mapping[str, ArrayLike] | None = None, three_point: bool = False) -> SaturationFunctions:
+                end_points: Mapping[str, ArrayLike] | None = None, three_point: bool = False,
+                ppcw: ArrayLike | None = None) -> SaturationFunctions:
     """Saturation functions from tables given as arrays, without a deck.
 
     Parameters
@@ -410,6 +416,9 @@ def from_tables(*, swof: Any = None, sgof: Any = None, slgof: Any = None, swfn: 
         scale the values.
     three_point : bool
         Three-point scaling of the saturations (SCALECRS).
+    ppcw : array_like of float, optional
+        Each cell's largest Pcow after SWATINIT (as :func:`from_deck`), in the tables' pressure
+        unit, one value per cell of `satnum`; it replaces ``end_points["PCW"]``.
 
     Returns
     -------
@@ -423,7 +432,19 @@ def from_tables(*, swof: Any = None, sgof: Any = None, slgof: Any = None, swfn: 
     (array([0.2]), array([0.]))
     """
     curves = _curves({"swof": swof, "sgof": sgof, "slgof": slgof, "swfn": swfn, "sgfn": sgfn, "sof3": sof3})
-    return SaturationFunctions(curves, satnum, model, end_points, scaled=bool(end_points), three_point=three_point)
+    cells = _with_ppcw(end_points or {}, ppcw)
+    return SaturationFunctions(curves, satnum, model, cells, scaled=bool(end_points), three_point=three_point)
+
+
+def _with_ppcw(cells: Mapping[str, Any], ppcw: ArrayLike | None) -> dict[str, Any]:
+    """The cells' end points with PCW replaced by `ppcw` (masked values as NaN), where it is given."""
+    out = {name: values for name, values in cells.items() if ppcw is None or name.upper() != "PCW"}
+    if ppcw is not None:
+        given = np.ma.asarray(ppcw)
+        if given.dtype.kind not in "fiu":
+            raise TypeError(f"ppcw must hold numbers, got {given.dtype}")
+        out["PCW"] = np.ma.filled(given.astype(np.float64), np.nan)
+    return out
 
 
 def _curves(given: Mapping[str, Any]) -> list[tuple[Any, ...]]:
@@ -446,7 +467,7 @@ def _named_in_edits(deck: Any, name: str) -> bool:
     return False
 
 
-def from_deck(deck: Any) -> SaturationFunctions:
+def from_deck(deck: Any, *, ppcw: ArrayLike | None = None) -> SaturationFunctions:
     """The saturation functions of a deck: its tables, each cell's SATNUM region, and with
     ENDSCALE each cell's end points, as Flow scales them.
 
@@ -455,6 +476,13 @@ def from_deck(deck: Any) -> SaturationFunctions:
     deck : kavra.deck.Deck
         A deck read with :func:`kavra.deck.read`: SWOF with SGOF or SLGOF, or SWFN, SGFN and
         SOF3, one table per SATNUM region (NTSFUN of TABDIMS).
+    ppcw : array_like of float, optional
+        Each cell's largest Pcow as the simulator's initialisation left it (nI * nJ * nK
+        values, cell order, deck pressure units; masked or NaN where the cell is inactive):
+        the PPCW of a run's restart (``kavra.results.read(case).cell_property("PPCW", 0)``), or
+        ``kavra.equil.initial_state(deck).ppcw``.  Needed with SWATINIT, whose initialisation
+        moves that maximum; it replaces the cell's PCW (ENDSCALE) and scales Pcow by its ratio
+        to the table's largest Pcow.
 
     Returns
     -------
@@ -468,7 +496,8 @@ def from_deck(deck: Any) -> SaturationFunctions:
     ValueError
         The deck has none of the table families, or a table is not one; or it has a keyword
         whose effect is not evaluated here (SOF2, SGWFN, ENPTVD, ENKRVD, ENPCVD, EHYSTR, IMBNUM,
-        KRNUM*, STONE1EX, SWATINIT, the directional end points SWLX ..., SCALELIM, PPCWMAX).
+        KRNUM*, STONE1EX, the directional end points SWLX ..., SCALELIM, PPCWMAX); SWATINIT
+        without `ppcw`; `ppcw` of another number of cells than the grid.
     """
     keywords = set(deck.keywords)
     tables: dict[str, Any] = {}
@@ -481,8 +510,14 @@ def from_deck(deck: Any) -> SaturationFunctions:
     if left:
         raise ValueError(f"the deck has {', '.join(sorted(left))}, which kavra.satfunc does not evaluate "
                          f"(its functions would not be the simulator's)")
+    if "SWATINIT" in keywords and ppcw is None:
+        raise ValueError("the deck has SWATINIT, which moves each cell's largest Pcow when the simulator "
+                         "initialises it: pass ppcw= (the run's restart array PPCW, or "
+                         "kavra.equil.initial_state(deck).ppcw)")
     model = "STONE1" if "STONE1" in keywords else "STONE2" if "STONE2" in keywords else "default"
     satnum = _cell_integers(deck, "SATNUM")
+    if ppcw is not None and np.size(ppcw) != satnum.size:
+        raise ValueError(f"ppcw holds {np.size(ppcw)} values; the deck's grid has {satnum.size} cells")
     cells: dict[str, NDArray[np.float64]] = {}
     scaled = "ENDSCALE" in keywords
     if scaled:
@@ -490,7 +525,8 @@ def from_deck(deck: Any) -> SaturationFunctions:
             if name in keywords or _named_in_edits(deck, name):
                 cells[name] = np.asarray(deck.cell_property(name), dtype=np.float64)
     three_point = scaled and "SCALECRS" in keywords and _scalecrs(deck)
-    return SaturationFunctions(_curves(tables), satnum, model, cells, scaled=scaled, three_point=three_point)
+    return SaturationFunctions(_curves(tables), satnum, model, _with_ppcw(cells, ppcw), scaled=scaled,
+                               three_point=three_point)
 
 
 def _scalecrs(deck: Any) -> bool:
