@@ -22,7 +22,7 @@ TOLERANCE = 1e-6
 # Three-phase decks run with Flow's black-oil simulator (tests/flow_cases.py); GASWATER with
 # its gas-water simulator, which the shared runner does not start.
 THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "DOME_ESP", "TRANSITION", "TRANSITION_ESP",
-               "TRANSITION_SWATINIT", "EDITED", "FAULTED", "TWOREGIONS", "MIXEDPVT"]
+               "TRANSITION_SWATINIT", "EDITED", "FAULTED", "TWOREGIONS", "MIXEDPVT", "SPE9"]
 
 
 @pytest.fixture(scope="session")
