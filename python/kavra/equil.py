@@ -180,24 +180,20 @@ _END_POINTS = ("SWL", "SWU", "SGL", "SGU", "PCW", "PCG")
 
 def _cell_end_points(deck: Any) -> list[Any]:
     """The cells' end points of the capillary pressure curves where the deck scales them
-    (ENDSCALE), else None each (the cells take their table's): opm's arrays, which hold the
-    table's value where the deck gives a cell none, in the deck's units."""
+    (ENDSCALE), else None each (the cells take their table's): the deck's values, which are
+    the table's where the deck gives a cell none, in the deck's units, 0 in the cells the
+    simulator does not hold."""
     if "ENDSCALE" not in deck.keywords:
         return [None] * len(_END_POINTS)
-    properties = deck._opm_state().field_props()
-    held = deck._input_active()
+    from .deck import DeckError  # kavra.deck needs opm; a deck in hand has it
     ends: list[Any] = []
     for name in _END_POINTS:
         try:
-            values = np.asarray(properties.get_double_array(name), dtype=np.float64)
-        except (ValueError, RuntimeError, KeyError, IndexError):  # a phase the deck lacks
+            values = deck.cell_property(name)
+        except (KeyError, DeckError):  # a phase the deck lacks
             ends.append(None)
             continue
-        if name.startswith("PC"):
-            values = values / _SI_PRESSURE[deck.units]
-        full = np.zeros(deck.grid.number_of_cells())
-        full[held] = values
-        ends.append(full)
+        ends.append(np.ascontiguousarray(np.nan_to_num(values, nan=0.0), dtype=np.float64))
     return ends
 
 
