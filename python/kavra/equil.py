@@ -15,7 +15,7 @@ saturation reaches its table's end (a cell all water, or gas down to the connate
 oil pressure is that phase's pressure less (plus) the table's capillary pressure there, as
 Flow writes PRESSURE.  EQUIL item 9 of 0 takes the cell's centre; a negative N (default -5)
 the mean of the states (oil pressure and saturations) at the centres of 2|N| level slices of
-equal thickness.
+equal thickness; 1 two slices, as -1 (Flow's states for 1 and -1 are the same).
 
 Rs follows RSVD, or the saturated Rs at the bubble point of PBVD (EQUIL item 7 above 0),
 capped at the saturated Rs of the cell's oil pressure; Rv likewise follows RVVD or PDVD (item
@@ -31,8 +31,8 @@ curves and its cells' Rs and Rv, as Flow does where they differ; the fluids in p
 each cell's own.
 
 Not yet: SWATINIT with gas-water or with EQUIL item 9 below 0, end points from the ENPTVD
-family, EQUIL item 9 above 0 (Flow takes it, and its states differ from both the centre's
-and the slices'), slices of a tilted cell weighted by their volume.
+family, EQUIL item 9 above 1 (Flow takes it, and its states differ from both the centre's
+and those of any number of slices), slices of a tilted cell weighted by their volume.
 
 Examples
 --------
@@ -211,15 +211,20 @@ def _swatinit(deck: Any, oil: bool, water: bool, slices: list[int]) -> Any:
 
 def _slices(item: float, region: int) -> int:
     """The level slices of a cell whose states are averaged, from EQUIL item 9: 1 (the centre)
-    for 0, 2|N| for N below 0, 10 (N of -5) where the deck leaves it to its default."""
+    for 0, 2|N| for N below 0, 2 for 1 (as Flow), 10 (N of -5) where the deck leaves it to its
+    default."""
     if math.isnan(item):
         return 10
     if item != int(item):
         raise ValueError(f"initial_state: EQUIL item 9 of region {region + 1} is {item:g}; it must be 0 (the cell "
                          "centre) or a negative whole number N (the mean over 2|N| level slices of the cell)")
-    if item > 0:
-        raise NotImplementedError(f"initial_state: EQUIL item 9 of {item:g} (region {region + 1}) is not supported; "
-                                  "0 and negative values are")
+    if item == 1:
+        return 2  # Flow's step 0 for 1 is its step 0 for -1, cell for cell
+    if item > 1:
+        raise NotImplementedError(f"initial_state: EQUIL item 9 of {item:g} (region {region + 1}) is not supported: "
+                                  "Flow accepts a positive N, but its states for N above 1 are not the mean over any "
+                                  "number of level slices of the cell, and kavra does not reproduce them; 0, 1 (as "
+                                  "Flow, the same as -1) and negative values are supported")
     return max(1, -2 * int(item))
 
 
