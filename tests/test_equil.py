@@ -191,7 +191,11 @@ SPE1_EQUIL = "8400 4800 8450 0 8300 0 1 0 0"
     ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 0 0 0", ValueError, "datum must lie at its gas-oil contact"),
     ("SPE1CASE1", "SOLUTION", "REGIONS\nPVTNUM\n300*2 /\nSOLUTION", ValueError, "PVT region 2"),
     ("SPE1CASE1", f"EQUIL\n\t{SPE1_EQUIL} /", "", ValueError, "no EQUIL"),
-    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /", NotImplementedError, "SWATINIT"),
+    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /", NotImplementedError,
+     r"SWATINIT with level slices .* region 1\) is not supported"),
+    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 /", NotImplementedError, "default -5 included"),
+    ("GASWATER", "\nSOLUTION", "\nSWATINIT\n 480*0.3 /\nSOLUTION", NotImplementedError,
+     "SWATINIT in a deck without oil is not supported"),
 ])
 def test_decks_refused_in_words(deck_name, old, new, error, words):
     path = kavra.deck.example_path(deck_name) if deck_name in kavra.deck.EXAMPLES else DATA / f"{deck_name}.DATA"

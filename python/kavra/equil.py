@@ -30,7 +30,8 @@ An equilibration region takes the PVT region (PVTNUM) of its first active cell f
 curves and its cells' Rs and Rv, as Flow does where they differ; the fluids in place take
 each cell's own.
 
-Not yet: SWATINIT with gas-water or with EQUIL item 9 below 0, end points from the ENPTVD
+Not yet: SWATINIT with gas-water or with level slices (EQUIL item 9 other than 0, its default
+-5 included: Flow's states then are not reproduced), end points from the ENPTVD
 family, EQUIL item 9 above 1 (Flow takes it, and its states differ from both the centre's
 and those of any number of slices), slices of a tilted cell weighted by their volume.
 
@@ -203,9 +204,17 @@ def _swatinit(deck: Any, oil: bool, water: bool, slices: list[int]) -> Any:
         values = deck.cell_property("SWATINIT")
     except KeyError:
         return None
-    if not (oil and water) or any(k != 1 for k in slices):
-        raise NotImplementedError("initial_state: SWATINIT is supported with oil and water at the cells' centres "
-                                  "(EQUIL item 9 of 0) only, so far")
+    if not (oil and water):
+        raise NotImplementedError(f"initial_state: SWATINIT in a deck without {'oil' if water else 'water'} is not "
+                                  "supported: kavra scales the oil-water capillary pressure to it, and how Flow "
+                                  "scales the curves of such a deck has not been checked against its output")
+    sliced = [r for r, k in enumerate(slices) if k != 1]
+    if sliced:
+        raise NotImplementedError(f"initial_state: SWATINIT with level slices of the cells (EQUIL item 9 not 0, its "
+                                  f"default -5 included, in region {sliced[0] + 1}) is not supported: Flow's "
+                                  "saturations then are neither those at the cells' centres with Pcow scaled to "
+                                  "SWATINIT nor the slices' mean without it, and kavra does not reproduce them; "
+                                  "item 9 of 0 (the cells' centres) is supported")
     return np.ascontiguousarray(values, dtype=np.float64)
 
 
