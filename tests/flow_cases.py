@@ -6,7 +6,8 @@ to its deck (CASES): the restart output, summary and schedule before END, and
 for SPE3 inactive cells at the end of the GRID section.  The decks of
 tests/data (EDITED: edited properties and two PVT regions; FAULTED: corner
 points; CROSSED: those corner points crossing and overlapping; ENDPOINTS: end-point scaling,
-region numbers left to their defaults; TWOREGIONS: METRIC, two PVT regions, for kavra.blackoil)
+region numbers left to their defaults; TWOREGIONS: METRIC, two PVT regions, for kavra.blackoil;
+SPE9: our own deck modelled on the SPE ninth comparative problem, see its header)
 are whole, and run as they are.  `run_flow` writes the deck
 into a directory and runs Flow there (package opm-simulators), in a child
 process: Flow writes its files beside the deck, prints its progress and keeps
@@ -63,6 +64,7 @@ CASES = {
                                      "TSTEP": "TRANSITION_SWATINIT_ENDSCALE.SCHEDULE.INC"},
     "GASWATER": {},
     "MIXEDPVT": {},
+    "SPE9": {},
 }
 
 _RUN = """
