@@ -171,3 +171,26 @@ def test_dask_column_map_same_bits(layout, reduce):
     assert lazy.shape == (NJ, NI)
     np.testing.assert_array_equal(got.mask, expected.mask)
     np.testing.assert_array_equal(got.data, expected.data)
+
+
+def unusual(values, kind):
+    """`values` at an odd byte (as a Dask worker's unpickled chunk may be), or big-endian."""
+    if kind == "big-endian":
+        return values.astype(values.dtype.newbyteorder(">"))
+    raw = np.zeros(values.nbytes + 1, dtype=np.uint8)
+    odd = raw[1:].view(values.dtype).reshape(values.shape)
+    odd[...] = values
+    assert not odd.flags.aligned
+    return odd
+
+
+@pytest.mark.parametrize("kind", ["misaligned", "big-endian"])
+@pytest.mark.parametrize("call, given", [
+    (lambda v: kavra.column_map(v, GRID, "mean", weights=WEIGHTS), np.nan_to_num(VALUES)),
+    (lambda v: kavra.column_map(VALUES, GRID, "mean", weights=v), WEIGHTS),
+    (lambda v: kavra.region_totals(v, (np.arange(v.size) % 7 + 1).reshape(v.shape)), np.nan_to_num(VALUES)),
+    (lambda v: kavra.kaverage(v, GRID), np.nan_to_num(VALUES)),
+], ids=["column_map", "column_map weights", "region_totals", "kaverage"])
+def test_arrays_at_any_byte_or_byte_order_give_the_same_bits(call, given, kind):
+    expected = np.ma.getdata(call(given))
+    np.testing.assert_array_equal(np.ma.getdata(call(unusual(given, kind))), expected)

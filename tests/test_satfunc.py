@@ -404,3 +404,16 @@ def test_scalecrs_and_edits_are_read_from_the_decks_words(tmp_path):
     assert sf.three_point and sf.scaled and deck.words("SCALECRS")[-1][0].startswith("Y")
     assert ("SWL",) in [texts[:1] for texts in deck.words("EQUALS")] and not satfunc.from_deck(
         kavra.deck.read(write_deck("SATFUNC_SWOF", tmp_path))).scaled
+
+
+@pytest.mark.parametrize("kind", ["misaligned", "big-endian"])
+def test_saturations_at_any_byte_or_byte_order_give_the_same_bits(kind):
+    from test_maps import unusual
+
+    sf = satfunc.from_tables(swof=SWOF, sgof=SGOF)
+    rng = np.random.default_rng(5)
+    sw, sg = rng.uniform(0.2, 0.8, 1000), rng.uniform(0.0, 0.2, 1000)
+    expected, odd = sf.relperm(sw, sg), sf.relperm(unusual(sw, kind), unusual(sg, kind))
+    for got, want in zip(odd, expected):
+        np.testing.assert_array_equal(got, want)
+

@@ -37,6 +37,16 @@ def is_native_buffer(array: np.ndarray, dtype: np.dtype[Any]) -> bool:
     return bool(flags.c_contiguous and flags.aligned and flags.writeable)
 
 
+def engine_buffer(values: Any, dtype: Any = None) -> np.ndarray:
+    """`values` as an array that the engine reads in place: C-contiguous, aligned and in the machine's
+    byte order (of `dtype`, where given), copied only where it is not.  Arrays that arrive through
+    pickles (a Dask worker's chunks) may sit at any byte; a view of a record array does too."""
+    array = np.asarray(values, dtype=dtype)
+    if not array.dtype.isnative:
+        array = array.astype(array.dtype.newbyteorder("="))
+    return np.require(array, requirements=("C", "A"))
+
+
 def index_text(name: str, position: int, shape: tuple[int, ...]) -> str:
     """``name[i, j, k] (cell N, counting from 1)`` for a flat position in an array of `shape`: the words of
     every failing cell, the engine's too (bindings/_engine/Calls.cpp calls this)."""

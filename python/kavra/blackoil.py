@@ -46,7 +46,7 @@ from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
 from . import satfunc as _satfunc
-from ._arrays import checked_out
+from ._arrays import checked_out, engine_buffer
 from ._calls import CALLS, calculate, checked
 from ._docs import filled
 from ._threads import resolve as _resolve_threads
@@ -467,8 +467,8 @@ def _density(function: str, b: NDArray[np.float64], ratio: Any, own: NDArray[np.
     """``b (own + ratio other)`` per cell, into `out` when given (its mask, if it has one, becomes
     the result's)."""
     target = None if out is None else checked_out(function, out, np.shape(b))
-    flat = np.ascontiguousarray(b, dtype=np.float64).reshape(-1)
-    r = np.ascontiguousarray(np.broadcast_to(np.asarray(ratio, dtype=np.float64), np.shape(b))).reshape(-1) \
+    flat = engine_buffer(b, np.float64).reshape(-1)
+    r = engine_buffer(np.broadcast_to(np.asarray(ratio, dtype=np.float64), np.shape(b))).reshape(-1) \
         if np.ndim(ratio) else np.array([float(ratio)])
     result = np.empty_like(flat)
     mask = np.ma.getmask(b)

@@ -15,7 +15,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
-from ._arrays import split_mask
+from ._arrays import engine_buffer, split_mask
 from ._docs import filled
 from ._threads import resolve as _resolve_threads
 from .reductions import Grid, Layout, check_grid_shape, check_layout
@@ -128,12 +128,12 @@ def column_map(values: ArrayLike, grid: Grid, reduce: Reduce = "sum", *, weights
             mask = weights_mask if mask is None else mask | weights_mask
         if weighed.dtype != data.dtype:  # one element type for both: float64 (float32 widens exactly)
             data, weighed = data.astype(np.float64), weighed.astype(np.float64)
-        weighed = np.ascontiguousarray(weighed).reshape(-1)
+        weighed = engine_buffer(weighed).reshape(-1)
     valid = _valid(function, data.shape, mask, active)
-    flags = None if valid is None or valid.all() else np.ascontiguousarray(valid).reshape(-1)
+    flags = None if valid is None or valid.all() else engine_buffer(valid).reshape(-1)
     result = np.empty((nj, ni), dtype=np.float64)
     empty = np.empty((nj, ni), dtype=bool)
-    _engine.column_map(reduce, np.ascontiguousarray(data).reshape(-1), weighed, flags, ni, nj, nk,
+    _engine.column_map(reduce, engine_buffer(data).reshape(-1), weighed, flags, ni, nj, nk,
                        layout == "ijk", result, empty, _resolve_threads(threads))
     return np.ma.MaskedArray(result, mask=empty)
 
@@ -244,6 +244,6 @@ def region_totals(values: ArrayLike, regions: ArrayLike, *, count: int | None = 
                          f"{_MOST_REGIONS} (2**24): most would be regions without cells")
     totals = np.zeros(count, dtype=np.float64)
     if count and data.size:
-        _engine.region_totals(np.ascontiguousarray(data).reshape(-1), np.ascontiguousarray(numbers).reshape(-1),
+        _engine.region_totals(engine_buffer(data).reshape(-1), engine_buffer(numbers).reshape(-1),
                               totals, threads)
     return totals

@@ -39,7 +39,7 @@ from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
 from ._threads import resolve as _resolve_threads
-from ._arrays import split_mask
+from ._arrays import engine_buffer, split_mask
 from ._docs import filled
 
 __all__ = ["kmax", "kmin", "ksum", "kaverage"]
@@ -179,7 +179,7 @@ def prepare_columns(function: str, values: ArrayLike, grid: Any, active: ArrayLi
         data = data.reshape(ni, nj, nk).transpose(2, 1, 0)
         valid = None if valid is None else valid.reshape(ni, nj, nk).transpose(2, 1, 0)
     if valid is None:
-        return ColumnArrays(topology, data if selection else np.ascontiguousarray(data), None, given_shape, ijk,
+        return ColumnArrays(topology, data if selection else engine_buffer(data), None, given_shape, ijk,
                             result_mask)
     cells = np.flatnonzero(valid)
     if selection:
@@ -196,11 +196,11 @@ def _run(name: str, cells: _Cells, values: np.ndarray, threads: int | None) -> n
     count = _resolve_threads(threads)
     if cells.ijk is None:
         result = np.empty(values.size, dtype=values.dtype)
-        _engine.reduce_grid(name, np.ascontiguousarray(values).reshape(-1), result, max(1, cells.ni * cells.nj),
+        _engine.reduce_grid(name, engine_buffer(values).reshape(-1), result, max(1, cells.ni * cells.nj),
                             count)
         return result.reshape(values.shape)
     result = np.empty(len(cells.ijk), dtype=values.dtype)
-    _engine.reduce_selection(name, np.ascontiguousarray(values), np.ascontiguousarray(cells.ijk), cells.ni,
+    _engine.reduce_selection(name, engine_buffer(values), engine_buffer(cells.ijk), cells.ni,
                              cells.nj, result)
     return result
 

@@ -47,6 +47,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _engine
+from ._arrays import engine_buffer
 from ._threads import resolve as _resolve_threads
 
 __all__ = ["SaturationFunctions", "RelPerm", "CapillaryPressure", "from_deck", "from_tables", "END_POINTS",
@@ -304,8 +305,8 @@ class SaturationFunctions:
         mask = np.ma.getmaskarray(given[0]) | np.ma.getmaskarray(given[1]) if masked else None
         w, g = np.broadcast_arrays(np.ma.getdata(given[0]), np.ma.getdata(given[1]))
         dtype = np.float32 if w.dtype == np.float32 and g.dtype == np.float32 else np.float64
-        flat_w = np.ascontiguousarray(w.ravel(), dtype=dtype)
-        flat_g = np.ascontiguousarray(g.ravel(), dtype=dtype)
+        flat_w = engine_buffer(w.ravel(), dtype)
+        flat_g = engine_buffer(g.ravel(), dtype)
         return w.shape, self._satnum(w.shape), flat_w, flat_g, mask
 
     @staticmethod
