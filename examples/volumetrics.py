@@ -8,7 +8,7 @@ opm-simulators package for Flow).
 Flow runs the two-region deck of the tests (tests/data/TWOREGIONS.DATA:
 METRIC, 8 x 6 x 3 cells, three FIPNUM regions, one per layer, and two
 equilibration regions side by side) in a temporary directory (or DIR).
-:func:`kavra.volumetrics.volumetrics` gives the table per zone, EQLNUM region
+:func:`kavra.volumetrics` gives the table per zone, EQLNUM region
 and fluid zone at the start and at the last report step, when the injected gas
 has made a gas zone; the figure (examples/output/volumetrics.png unless --png
 says otherwise) shows STOIIP and GIIP per zone and region at both, and the
@@ -25,7 +25,7 @@ import tempfile
 from collections.abc import Sequence
 
 import kavra.results
-from kavra.volumetrics import volumetrics
+from kavra import volumetrics
 
 # This script's directory, from its own code (sphinx-gallery runs the examples without __file__).
 HERE = pathlib.Path((lambda: None).__code__.co_filename).resolve().parent

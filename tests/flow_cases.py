@@ -60,6 +60,9 @@ CASES = {
     "TRANSITION_SWATINIT": {},
     "GASWATER": {},
     "MIXEDPVT": {},
+    # the domes with Flow's region report of the initial state in the PRT file (RPTSOL 'FIP=2')
+    "DOME_FIP": {"FROM": "DOME", "RPTRST": "RPTSOL_FIP2.INC"},
+    "DOME2_FIP": {"FROM": "DOME2", "RPTRST": "RPTSOL_FIP2.INC"},
 }
 
 _RUN = """
