@@ -6,7 +6,7 @@ against one pass over the arrays it reads.
 
 The case is bench/volumetrics_steps.py's (one report step, FIP arrays written): the table takes the
 fluids from those arrays (``df.attrs["fluids"]``) instead of evaluating the PVT tables per cell.
-Timed, the median of --repeat rounds, after a first table that reads the deck (its cell volumes):
+Timed, the median of --repeat rounds (bench/common.py), after a first table that reads the deck:
 
 * ``volumetrics``: ``kavra.volumetrics(case, step=0, zones=...)``, its arrays read from the files;
 * ``read``: the arrays the table reads (FIPOIL, FIPGAS, FIPWAT, SWAT, SGAS, RS, RV of the step,
@@ -14,6 +14,8 @@ Timed, the median of --repeat rounds, after a first table that reads the deck (i
 * ``one pass``: those arrays read, and NumPy's sum of each: the floor of any table of them.
 
 Peak memory: tracemalloc's peak of one table (the arrays the table allocates, those read included).
+On the shared 2-core machine (load average about 4), 10,240,000 cells: volumetrics 1.35 s, read
+0.106 s, one pass 0.126 s (10.7x); a table's peak 1.70 GB for 0.41 GB of arrays read.
 """
 
 import argparse
@@ -30,6 +32,7 @@ import kavra
 import kavra.results
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+from common import rounds  # noqa: E402
 from volumetrics_steps import write_case  # noqa: E402
 
 ARRAYS = ("FIPOIL", "FIPGAS", "FIPWAT", "SWAT", "SGAS", "RS", "RV")
@@ -57,12 +60,7 @@ def main(argv=None):
 
         calls = {"volumetrics": lambda: kavra.volumetrics(case, step=0, zones=zones), "read": read,
                  "one pass": lambda: [float(np.add.reduce(a, axis=None)) for a in read()]}
-        times = {name: [] for name in calls}
-        for _ in range(args.repeat):
-            for name, call in calls.items():
-                start = time.perf_counter()
-                call()
-                times[name].append(time.perf_counter() - start)
+        times = dict(zip(calls, rounds(list(calls.values()), args.repeat)))
         tracemalloc.start()
         kavra.volumetrics(case, step=0, zones=zones)
         peak = tracemalloc.get_traced_memory()[1]
