@@ -306,6 +306,11 @@ def test_a_deck_on_the_command_line(tmp_path):
     assert done.returncode == 0, done.stderr
     back = pd.read_csv(tmp_path / "initial.csv", dtype={"REGION": str, "ZONE": str}, float_precision="round_trip")
     pd.testing.assert_frame_equal(back, volumetrics(deck), rtol=1e-15)
+    no_equil = tmp_path / "NOEQUIL.DATA"  # a deck without the initial state: one line, status 2
+    no_equil.write_text(deck.read_text().replace("EQUIL\n\t8400 4800 8450 0 8300 0 1 0 0 /\n", ""))
+    done = kavra_cli("volumetrics", no_equil)
+    assert done.returncode == 2 and "no initial state: initial_state: the deck has no EQUIL" in done.stderr
+    assert len(done.stderr.splitlines()) == 1
 
 
 def test_volumetrics_to_csv_and_back(case, tmp_path):
