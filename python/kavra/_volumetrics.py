@@ -281,15 +281,19 @@ def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any
     there), else within a rounding of the totals.  Each part is taken into [0, its total],
     and the parts of each total add up to it.
     """
-    rs = 0.0 if rs is None else _floats(rs)
-    rv = 0.0 if rv is None else _floats(rv)
-    det = 1.0 - rs * rv
-    if np.any(det <= 0.0):
-        at = int(np.flatnonzero(np.broadcast_to(det <= 0.0, np.shape(oil)))[0])
-        raise ValueError(f"state: Rs x Rv is 1 or more at cell {at} (counting from 0), where no fluid can be "
-                         "split into oil and gas")
-    liquid = np.where(so > 0.0, np.clip((oil - gas * rv) / det, 0.0, oil), 0.0)
-    free = np.where(sg > 0.0, np.clip((gas - oil * rs) / det, 0.0, gas), 0.0)
+    if rs is not None and rv is not None:
+        rs, rv = _floats(rs), _floats(rv)
+        det = 1.0 - rs * rv
+        if np.any(det <= 0.0):
+            at = int(np.flatnonzero(np.broadcast_to(det <= 0.0, np.shape(oil)))[0])
+            raise ValueError(f"state: Rs x Rv is 1 or more at cell {at} (counting from 0), where no fluid can be "
+                             "split into oil and gas")
+        liquid, free = np.clip((oil - gas * rv) / det, 0.0, oil), np.clip((gas - oil * rs) / det, 0.0, gas)
+    else:  # dead oil or dry gas: Rs x Rv is 0, and a part without its ratio is its whole total
+        liquid = oil if rv is None else np.clip(oil - gas * _floats(rv), 0.0, oil)
+        free = gas if rs is None else np.clip(gas - oil * _floats(rs), 0.0, gas)
+    liquid = np.where(so > 0.0, liquid, 0.0)
+    free = np.where(sg > 0.0, free, 0.0)
     # a cell of one phase: the other's part is exactly 0, and this one's is the whole total
     no_liquid, no_free = liquid == 0.0, free == 0.0
     liquid = np.where(no_free, oil, liquid)
