@@ -14,8 +14,8 @@ Timed, the median of --repeat rounds (bench/common.py), after a first table that
 * ``one pass``: those arrays read, and NumPy's sum of each: the floor of any table of them.
 
 Peak memory: tracemalloc's peak of one table (the arrays the table allocates, those read included).
-On the shared 2-core machine (load average about 4), 10,240,000 cells: volumetrics 1.35 s, read
-0.106 s, one pass 0.126 s (10.7x); a table's peak 1.70 GB for 0.41 GB of arrays read.
+On the shared 2-core machine (load average about 4), 10,240,000 cells: volumetrics 0.69 s, read
+0.110 s, one pass 0.128 s (5.4x); a table's peak 1.70 GB for 0.41 GB of arrays read.
 """
 
 import argparse
