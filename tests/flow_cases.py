@@ -6,7 +6,8 @@ to its deck (CASES): the restart output, summary and schedule before END, and
 for SPE3 inactive cells at the end of the GRID section.  The decks of
 tests/data (EDITED: edited properties and two PVT regions; FAULTED: corner
 points; CROSSED: those corner points crossing and overlapping; ENDPOINTS: end-point scaling,
-region numbers left to their defaults; TWOREGIONS: METRIC, two PVT regions, for kavra.blackoil)
+region numbers left to their defaults; TWOREGIONS: METRIC, two PVT regions, for kavra.blackoil;
+SPE9: our own deck modelled on the SPE ninth comparative problem, see its header)
 are whole, and run as they are.  `run_flow` writes the deck
 into a directory and runs Flow there (package opm-simulators), in a child
 process: Flow writes its files beside the deck, prints its progress and keeps
@@ -60,9 +61,11 @@ CASES = {
     "TRANSITION_SWATINIT": {},
     "GASWATER": {},
     "MIXEDPVT": {},
-    # the domes with Flow's region report of the initial state in the PRT file (RPTSOL 'FIP=2')
+    "SPE9": {},
+    # the domes and SPE9 with Flow's region report of the initial state in the PRT file (RPTSOL 'FIP=2')
     "DOME_FIP": {"FROM": "DOME", "RPTRST": "RPTSOL_FIP2.INC"},
     "DOME2_FIP": {"FROM": "DOME2", "RPTRST": "RPTSOL_FIP2.INC"},
+    "SPE9_FIP": {"FROM": "SPE9", "RPTRST": "RPTSOL_FIP2.INC"},
 }
 
 _RUN = """

@@ -166,6 +166,16 @@ def test_grid_properties_kavra_cannot_take_as_written(grid, words):
         deck.cell_property("PORO")
 
 
+@needs_opm
+@pytest.mark.parametrize("name", ["DX", "DY", "DZ", "TOPS"])
+@pytest.mark.parametrize("values", ["1* 10", "10 1*", "0 1*"])
+def test_grid_numbers_left_to_their_default_are_refused(name, values):
+    grid = "".join(f"{k}\n {values if k == name else '2*10'} /\n" for k in ("DX", "DY", "DZ", "TOPS"))
+    deck = deck_module.read(HEAD.format(regions=1, grid=grid + "PORO\n 2*0.2 /", props=""))
+    with pytest.raises(deck_module.DeckError, match=rf"{name}: value \d is left to its default"):
+        deck.cell_depths()
+
+
 INCLUDES = {  # file name: text; the deck is main.DATA
     "cycle": {"main.DATA": "GRID\nINCLUDE\n 'a.inc' /\n", "a.inc": "INCLUDE\n 'b.inc' /\n",
               "b.inc": "-- b\nINCLUDE\n  'a.inc'  /\n"},

@@ -22,7 +22,7 @@ TOLERANCE = 1e-6
 # Three-phase decks run with Flow's black-oil simulator (tests/flow_cases.py); GASWATER with
 # its gas-water simulator, which the shared runner does not start.
 THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "DOME_ESP", "TRANSITION", "TRANSITION_ESP",
-               "TRANSITION_SWATINIT", "EDITED", "FAULTED", "TWOREGIONS", "MIXEDPVT"]
+               "TRANSITION_SWATINIT", "EDITED", "FAULTED", "TWOREGIONS", "MIXEDPVT", "SPE9"]
 
 
 @pytest.fixture(scope="session")
@@ -108,12 +108,30 @@ def _edited(text, old, new):
     return text.replace(old, new)
 
 
-@pytest.mark.parametrize("item", [1, 5])
-def test_equil_item_9_above_0_refused_in_words(item):
+@pytest.mark.parametrize("item", [2, 5])
+def test_equil_item_9_above_1_refused_in_words(item):
     text = kavra.deck.example_path("SPE1CASE1").read_text()
     deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", f"8400 4800 8450 0 8300 0 1 0 {item}"))
-    with pytest.raises(NotImplementedError, match="item 9"):
+    with pytest.raises(NotImplementedError, match=f"item 9 of {item} .*Flow accepts a positive N"):
         kavra.equil.initial_state(deck)
+
+
+def test_equil_item_9_of_1_is_flows(tmp_path):
+    # Flow's step 0 for an item 9 of 1 is its step 0 for -1 (two level slices per cell)
+    pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
+    text = _edited((DATA / "TRANSITION.DATA").read_text(), "1400.0 0.0 /", "1400.0 0.0 1* 1* 1 /")
+    deck_path = tmp_path / "ITEM9.DATA"
+    deck_path.write_text(text)
+    done = subprocess.run([sys.executable, "-c", _RUN, str(deck_path)], cwd=tmp_path, capture_output=True,
+                          text=True, timeout=600)
+    assert done.returncode == 0, (done.stdout + done.stderr)[-3000:]
+    deck = kavra.deck.read(deck_path)
+    state, flow = kavra.equil.initial_state(deck), kavra.results.read(tmp_path / "ITEM9")
+    centre = kavra.equil.initial_state(kavra.deck.read(text.replace("1* 1* 1 /", "1* 1* 0 /")))
+    sw = np.asarray(flow.cell_property("SWAT", 0), dtype=np.float64)
+    assert np.abs(state.sw - sw).max() <= TOLERANCE < np.abs(centre.sw - sw).max()
+    pressure = np.asarray(flow.cell_property("PRESSURE", 0), dtype=np.float64)
+    assert (np.abs(state.pressure - pressure) / pressure).max() <= TOLERANCE
 
 
 def test_item_9_negative_averages_level_slices():
@@ -173,7 +191,11 @@ SPE1_EQUIL = "8400 4800 8450 0 8300 0 1 0 0"
     ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 0 0 0", ValueError, "datum must lie at its gas-oil contact"),
     ("SPE1CASE1", "SOLUTION", "REGIONS\nPVTNUM\n300*2 /\nSOLUTION", ValueError, "PVT region 2"),
     ("SPE1CASE1", f"EQUIL\n\t{SPE1_EQUIL} /", "", ValueError, "no EQUIL"),
-    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /", NotImplementedError, "SWATINIT"),
+    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /", NotImplementedError,
+     r"SWATINIT with level slices .* region 1\) is not supported"),
+    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 /", NotImplementedError, "default -5 included"),
+    ("GASWATER", "\nSOLUTION", "\nSWATINIT\n 480*0.3 /\nSOLUTION", NotImplementedError,
+     "SWATINIT in a deck without oil is not supported"),
 ])
 def test_decks_refused_in_words(deck_name, old, new, error, words):
     path = kavra.deck.example_path(deck_name) if deck_name in kavra.deck.EXAMPLES else DATA / f"{deck_name}.DATA"

@@ -169,7 +169,8 @@ def test_a_deck_with_a_state_and_many_scenarios(case):
 
 
 # Decks whose initial state kavra.equil computes, and the Flow runs of them with a region report
-DECKS = {"DOME": "DOME_FIP", "DOME2": "DOME2_FIP", "TWOREGIONS": "TWOREGIONS", "SPE1CASE1": "SPE1CASE1"}
+DECKS = {"DOME": "DOME_FIP", "DOME2": "DOME2_FIP", "TWOREGIONS": "TWOREGIONS", "SPE1CASE1": "SPE1CASE1",
+         "SPE9": "SPE9_FIP"}
 
 
 @pytest.fixture(scope="module")

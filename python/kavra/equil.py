@@ -15,7 +15,7 @@ saturation reaches its table's end (a cell all water, or gas down to the connate
 oil pressure is that phase's pressure less (plus) the table's capillary pressure there, as
 Flow writes PRESSURE.  EQUIL item 9 of 0 takes the cell's centre; a negative N (default -5)
 the mean of the states (oil pressure and saturations) at the centres of 2|N| level slices of
-equal thickness.
+equal thickness; 1 two slices, as -1 (Flow's states for 1 and -1 are the same).
 
 Rs follows RSVD, or the saturated Rs at the bubble point of PBVD (EQUIL item 7 above 0),
 capped at the saturated Rs of the cell's oil pressure; Rv likewise follows RVVD or PDVD (item
@@ -30,9 +30,10 @@ An equilibration region takes the PVT region (PVTNUM) of its first active cell f
 curves and its cells' Rs and Rv, as Flow does where they differ; the fluids in place take
 each cell's own.
 
-Not yet: SWATINIT with gas-water or with EQUIL item 9 below 0, end points from the ENPTVD
-family, EQUIL item 9 above 0 (Flow takes it, and its states differ from both the centre's
-and the slices'), slices of a tilted cell weighted by their volume.
+Not yet: SWATINIT with gas-water or with level slices (EQUIL item 9 other than 0, its default
+-5 included: Flow's states then are not reproduced), end points from the ENPTVD
+family, EQUIL item 9 above 1 (Flow takes it, and its states differ from both the centre's
+and those of any number of slices), slices of a tilted cell weighted by their volume.
 
 Examples
 --------
@@ -180,24 +181,20 @@ _END_POINTS = ("SWL", "SWU", "SGL", "SGU", "PCW", "PCG")
 
 def _cell_end_points(deck: Any) -> list[Any]:
     """The cells' end points of the capillary pressure curves where the deck scales them
-    (ENDSCALE), else None each (the cells take their table's): opm's arrays, which hold the
-    table's value where the deck gives a cell none, in the deck's units."""
+    (ENDSCALE), else None each (the cells take their table's): the deck's values, which are
+    the table's where the deck gives a cell none, in the deck's units, 0 in the cells the
+    simulator does not hold."""
     if "ENDSCALE" not in deck.keywords:
         return [None] * len(_END_POINTS)
-    properties = deck._opm_state().field_props()
-    held = deck._input_active()
+    from .deck import DeckError  # kavra.deck needs opm; a deck in hand has it
     ends: list[Any] = []
     for name in _END_POINTS:
         try:
-            values = np.asarray(properties.get_double_array(name), dtype=np.float64)
-        except (ValueError, RuntimeError, KeyError, IndexError):  # a phase the deck lacks
+            values = deck.cell_property(name)
+        except (KeyError, DeckError):  # a phase the deck lacks
             ends.append(None)
             continue
-        if name.startswith("PC"):
-            values = values / _SI_PRESSURE[deck.units]
-        full = np.zeros(deck.grid.number_of_cells())
-        full[held] = values
-        ends.append(full)
+        ends.append(np.ascontiguousarray(np.nan_to_num(values, nan=0.0), dtype=np.float64))
     return ends
 
 
@@ -207,23 +204,36 @@ def _swatinit(deck: Any, oil: bool, water: bool, slices: list[int]) -> Any:
         values = deck.cell_property("SWATINIT")
     except KeyError:
         return None
-    if not (oil and water) or any(k != 1 for k in slices):
-        raise NotImplementedError("initial_state: SWATINIT is supported with oil and water at the cells' centres "
-                                  "(EQUIL item 9 of 0) only, so far")
+    if not (oil and water):
+        raise NotImplementedError(f"initial_state: SWATINIT in a deck without {'oil' if water else 'water'} is not "
+                                  "supported: kavra scales the oil-water capillary pressure to it, and how Flow "
+                                  "scales the curves of such a deck has not been checked against its output")
+    sliced = [r for r, k in enumerate(slices) if k != 1]
+    if sliced:
+        raise NotImplementedError(f"initial_state: SWATINIT with level slices of the cells (EQUIL item 9 not 0, its "
+                                  f"default -5 included, in region {sliced[0] + 1}) is not supported: Flow's "
+                                  "saturations then are neither those at the cells' centres with Pcow scaled to "
+                                  "SWATINIT nor the slices' mean without it, and kavra does not reproduce them; "
+                                  "item 9 of 0 (the cells' centres) is supported")
     return np.ascontiguousarray(values, dtype=np.float64)
 
 
 def _slices(item: float, region: int) -> int:
     """The level slices of a cell whose states are averaged, from EQUIL item 9: 1 (the centre)
-    for 0, 2|N| for N below 0, 10 (N of -5) where the deck leaves it to its default."""
+    for 0, 2|N| for N below 0, 2 for 1 (as Flow), 10 (N of -5) where the deck leaves it to its
+    default."""
     if math.isnan(item):
         return 10
     if item != int(item):
         raise ValueError(f"initial_state: EQUIL item 9 of region {region + 1} is {item:g}; it must be 0 (the cell "
                          "centre) or a negative whole number N (the mean over 2|N| level slices of the cell)")
-    if item > 0:
-        raise NotImplementedError(f"initial_state: EQUIL item 9 of {item:g} (region {region + 1}) is not supported; "
-                                  "0 and negative values are")
+    if item == 1:
+        return 2  # Flow's step 0 for 1 is its step 0 for -1, cell for cell
+    if item > 1:
+        raise NotImplementedError(f"initial_state: EQUIL item 9 of {item:g} (region {region + 1}) is not supported: "
+                                  "Flow accepts a positive N, but its states for N above 1 are not the mean over any "
+                                  "number of level slices of the cell, and kavra does not reproduce them; 0, 1 (as "
+                                  "Flow, the same as -1) and negative values are supported")
     return max(1, -2 * int(item))
 
 

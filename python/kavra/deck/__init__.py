@@ -67,7 +67,7 @@ from ._opm import Parser as _Parser
 from ._opm import action as _action
 from ._opm import array_item as _array_item
 from ._opm import defaulted as _defaulted
-from ._opm import defaulted_slots as _defaulted_slots
+from ._opm import any_defaulted as _any_defaulted, defaulted_slots as _defaulted_slots
 from ._opm import grid as _grid
 from ._opm import OpmState as _OpmState
 from ._opm import pvt_regions as _pvt_regions
@@ -311,7 +311,8 @@ class Deck(_OpmState, _DeckUnits):
         """
         name = _keyword_name(name, "cell_property")
         kind = self._geometry_kind()
-        if kind == _CORNER_POINT and name in ("DX", "DY", "DZ"):
+        if kind == _CORNER_POINT and name in ("DX", "DY", "DZ") or (
+                name == "DZ" and kind is not None and "geometry" in self._known):  # DZ read once
             return self._geometry()[name.lower()].copy()
         if name in _GRID_KEYWORDS or kind is None:
             return self._as_written(name)
@@ -452,7 +453,9 @@ class Deck(_OpmState, _DeckUnits):
 
     # --- the numbers as written ------------------------------------------------------
 
-    def _as_written(self, name: str) -> NDArray[Any]:
+    def _as_written(self, name: str, dz: NDArray[np.float64] | None = None) -> NDArray[Any]:
+        """The keyword's numbers as written, one per cell (TOPS continued downwards with
+        `dz`, DZ read here when not given)."""
         n = self.grid.number_of_cells()
         if name not in self._parsed:
             if name in DEFAULTS:
@@ -464,7 +467,7 @@ class Deck(_OpmState, _DeckUnits):
         values = self._numbers(name)
         layer = self.grid.nI * self.grid.nJ
         if name == "TOPS" and len(values) < n and layer and len(values) % layer == 0:
-            return self._tops_downwards(values.astype(np.float64))
+            return self._tops_downwards(values.astype(np.float64), dz)
         if len(values) != n and name not in _CORNER_POINT:  # COORD and ZCORN hold corners, not cells
             raise DeckError(f"{name} holds {len(values)} value{'' if len(values) == 1 else 's'}; "
                             f"the grid of DIMENS has {n} cells")
@@ -477,10 +480,17 @@ class Deck(_OpmState, _DeckUnits):
         item = _array_item(keyword, name)
         values = np.array(item.get_data_list(), dtype=np.int32) if item.is_int() \
             else np.array(item.get_raw_data_list(), dtype=np.float64)
-        slots = _defaulted_slots(str(keyword[0]))
-        if any(slots):
-            raise DeckError(f"{name}: value {slots.index(True) + 1} is left to its default (1*); "
-                            f"every cell needs its number")
+        zeros = not np.all(values != 0)
+        if name in _GRID_KEYWORDS and not zeros:
+            return values  # a grid number left to its default reads 0: none is, without opm's text of it
+        text = str(keyword[0])
+        if zeros or _any_defaulted(text):
+            # opm's text leaves out the values defaulted at the end of the record (they read 0)
+            slots = _defaulted_slots(text)
+            slots += [True] * (len(values) - len(slots))
+            if any(slots):
+                raise DeckError(f"{name}: value {slots.index(True) + 1} is left to its default (1*); "
+                                f"every cell needs its number")
         return values
 
     def _refuse_edits(self, name: str) -> None:
@@ -493,9 +503,10 @@ class Deck(_OpmState, _DeckUnits):
                                     f"only on a deck with a grid (COORD and ZCORN, or DX, DY, DZ and TOPS); "
                                     f"give {name} with one value per cell")
 
-    def _tops_downwards(self, tops: NDArray[np.float64]) -> NDArray[np.float64]:
+    def _tops_downwards(self, tops: NDArray[np.float64], dz: NDArray[np.float64] | None) -> NDArray[np.float64]:
         layer = self.grid.nI * self.grid.nJ
-        dz = self.cell_property("DZ")
+        if dz is None:
+            dz = self.cell_property("DZ")
         full = np.empty(self.grid.number_of_cells())
         full[:len(tops)] = tops
         for start in range(len(tops), len(full), layer):
@@ -537,8 +548,9 @@ class Deck(_OpmState, _DeckUnits):
             geometry = {name: np.empty(n) for name in ("volumes", "depths", "dx", "dy", "dz")}
             _engine.cell_geometry(g.nI, g.nJ, g.nK, coord, zcorn, tuple(geometry.values()), _threads(None))
         else:
-            dx, dy, dz, tops = (self.cell_property(name) for name in _BLOCK_CENTRED)
-            geometry = {"volumes": dx * dy * dz, "depths": tops + dz / 2.0}
+            dx, dy, dz = (self.cell_property(name) for name in ("DX", "DY", "DZ"))
+            tops = self._as_written("TOPS", dz)
+            geometry = {"volumes": dx * dy * dz, "depths": tops + dz / 2.0, "dz": dz}
         self._known["geometry"] = geometry
         return geometry
 

@@ -9,6 +9,8 @@ from __future__ import annotations
 
 from typing import TYPE_CHECKING, Any
 
+import re
+
 import numpy as np
 from numpy.typing import NDArray
 
@@ -31,7 +33,7 @@ except ImportError as _error:  # the optional extra is not installed
 
 # What the other modules of kavra.deck take from here.
 __all__ = ["DEFAULTS", "REGION_PROPERTIES", "DeckError", "OpmState", "ParseContext", "Parser", "action", "array_item",
-           "defaulted", "defaulted_slots", "grid", "pvt_regions", "record_values", "units"]
+           "any_defaulted", "defaulted", "defaulted_slots", "grid", "pvt_regions", "record_values", "units"]
 
 #: Region numbers that the simulator takes as 1 in every cell when the deck leaves them out.
 REGION_PROPERTIES: tuple[str, ...] = (
@@ -172,6 +174,15 @@ def pvt_regions(parsed: Any) -> int:
     if "TABDIMS" not in parsed:
         return 1
     return int(parsed["TABDIMS"][0][1].get_int(0))  # NTPVT
+
+
+_DEFAULTED = re.compile(r"(?<!\S)\d+\*(?!\S)")  # a token N*: N values left to their default
+
+
+def any_defaulted(text: str) -> bool:
+    """Whether opm's text of a record shows a value left to its default (as
+    :func:`defaulted_slots` would, but without a list as long as the record)."""
+    return _DEFAULTED.search(text) is not None and any(defaulted_slots(text))
 
 
 def defaulted_slots(text: str) -> list[bool]:
