@@ -36,7 +36,7 @@ import numpy as np
 import kavra
 import kavra.deck
 from kavra import blackoil
-from kavra.volumetrics import volumetrics
+from kavra import volumetrics
 
 
 def deck_text(ni, nj, nk):

@@ -39,7 +39,9 @@ def intehead(ni, nj, nk, date=(1, 1, 2020)):
     return head
 
 
-def write_case(base, ni, nj, nk, steps):
+def write_case(base, ni, nj, nk, steps, fip=False):
+    """The case BASE.* of --steps report steps; `fip`: each step holds the simulator's FIPOIL, FIPGAS and
+    FIPWAT too (RPTRST FIP), made up as PORV x saturation x a formation volume factor."""
     n = ni * nj * nk
     base.with_suffix(".DATA").write_text(deck_text(ni, nj, nk))
     resfo.write(str(base.with_suffix(".EGRID")), [("GRIDHEAD", np.array([1, ni, nj, nk] + [0] * 96, dtype=np.int32))])
@@ -58,6 +60,14 @@ def write_case(base, ni, nj, nk, steps):
             yield "SGAS    ", np.where(layer < 10, 0.5 + 0.01 * step, 0.0).astype(np.float32)
             yield "RS      ", np.full(n, 1.27, np.float32)
             yield "RV      ", np.zeros(n, np.float32)
+            if fip:
+                porv = np.float32(100 * 100 * 2 * 0.25 * 0.8 / 5.614583)
+                so = np.where(layer > 80, 0.0, np.where(layer < 10, 0.38 - 0.01 * step, 0.88))
+                sg = np.where(layer < 10, 0.5 + 0.01 * step, 0.0)
+                oil = (porv * so / 1.2).astype(np.float32)
+                yield "FIPOIL  ", oil
+                yield "FIPGAS  ", (porv * sg / 0.8 + oil * 1.27).astype(np.float32)
+                yield "FIPWAT  ", (porv * np.where(layer > 80, 1.0, 0.12) / 1.01).astype(np.float32)
 
     resfo.write(str(base.with_suffix(".UNRST")), arrays())
 

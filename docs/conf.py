@@ -75,7 +75,7 @@ def _write_pages() -> None:
 # The functions of kavra itself, by the module that defines them (kavra._calls, the table of calls,
 # names them): a heading each on the page of the package, the first of the API reference's.
 FACE_HEADINGS = {"calculations": "Cell calculations", "reductions": "Columns and regions",
-                 "maps": "Columns and regions", "_threads": "Threads"}
+                 "maps": "Columns and regions", "_volumetrics": "Volumetrics", "_threads": "Threads"}
 
 
 def _write_face_page() -> None:

@@ -8,11 +8,13 @@ opm-simulators package for Flow).
 Flow runs the two-region deck of the tests (tests/data/TWOREGIONS.DATA:
 METRIC, 8 x 6 x 3 cells, three FIPNUM regions, one per layer, and two
 equilibration regions side by side) in a temporary directory (or DIR).
-:func:`kavra.volumetrics.volumetrics` gives the table per zone, EQLNUM region
+:func:`kavra.volumetrics` gives the table per zone, EQLNUM region
 and fluid zone at the start and at the last report step, when the injected gas
 has made a gas zone; the figure (examples/output/volumetrics.png unless --png
 says otherwise) shows STOIIP and GIIP per zone and region at both, and the
-hydrocarbon fraction of the pore volume (HCPV / PORV).  The same table comes
+hydrocarbon fraction of the pore volume (HCPV / PORV).  The deck alone gives
+the table of its initial state (:mod:`kavra.equil`), and scenarios of its
+oil-water contact give one long table with a SCENARIO column.  The same table comes
 from the shell: ``kavra volumetrics CASE --zones FILE``, and ``kavra map``
 draws a column map (examples/output/volumetrics_map.png).
 """
@@ -24,8 +26,12 @@ import sys
 import tempfile
 from collections.abc import Sequence
 
+import numpy as np
+
+import kavra.deck
+import kavra.equil
 import kavra.results
-from kavra.volumetrics import volumetrics
+from kavra import volumetrics
 
 # This script's directory, from its own code (sphinx-gallery runs the examples without __file__).
 HERE = pathlib.Path((lambda: None).__code__.co_filename).resolve().parent
@@ -93,6 +99,18 @@ def main(argv: Sequence[str] | None = None) -> None:
             print(f"\n{r.case.name} at report step {step}, {table.attrs['date'][:10]} ({table.attrs['units']}):")
             print(table.to_string(index=False, float_format=lambda x: f"{x:.0f}"))
         draw(tables, tables[next(iter(tables))].attrs["column_units"], args.png)
+
+        # The deck alone: its initial state from kavra.equil gives the table of step 0 without Flow,
+        # and scenarios of the oil-water contact (here raised from the deck's 2100 m) one long table.
+        deck = kavra.deck.read(r.case.with_suffix(".DATA"))
+        names = ["deck's contacts", "OWC 2020 m", "OWC 2010 m"]
+        states = kavra.equil.initial_state(deck, contacts=[(np.nan, np.nan), (2020.0, np.nan), (2010.0, np.nan)])
+        long = volumetrics(deck, state=zip(names, states), regions="EQLNUM")
+        units = long.attrs["column_units"]
+        print(f"\n{r.case.name}.DATA alone, per scenario of the oil-water contact "
+              f"(HCPV {units['HCPV']}, STOIIP {units['STOIIP']}, WIIP {units['WIIP']}):")
+        totals = long[long.ZONE == "Totals"].groupby("SCENARIO", sort=False)[["HCPV", "STOIIP", "WIIP"]].sum()
+        print(totals.to_string(float_format=lambda x: f"{x:.0f}"))
 
         zone_file = directory / "zones.lyr"
         zone_file.write_text("".join(f"'{name}' {k1}-{k2}\n" for name, (k1, k2) in ZONES.items()))

@@ -65,6 +65,10 @@ CASES = {
     "GASWATER": {},
     "MIXEDPVT": {},
     "SPE9": {},
+    # the domes and SPE9 with Flow's region report of the initial state in the PRT file (RPTSOL 'FIP=2')
+    "DOME_FIP": {"FROM": "DOME", "RPTRST": "RPTSOL_FIP2.INC"},
+    "DOME2_FIP": {"FROM": "DOME2", "RPTRST": "RPTSOL_FIP2.INC"},
+    "SPE9_FIP": {"FROM": "SPE9", "RPTRST": "RPTSOL_FIP2.INC"},
 }
 
 _RUN = """

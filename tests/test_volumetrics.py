@@ -2,7 +2,6 @@
 
 import doctest
 import importlib
-import importlib.util
 import inspect
 import os
 import pathlib
@@ -19,6 +18,7 @@ pytest.importorskip("opm", reason="kavra.deck needs opm")
 
 import kavra  # noqa: E402
 import kavra.deck  # noqa: E402
+import kavra.equil  # noqa: E402
 import kavra.results  # noqa: E402
 
 from flow_cases import flow_run  # noqa: E402,F401
@@ -26,26 +26,8 @@ from flow_cases import flow_run  # noqa: E402,F401
 VALUE_COLUMNS = ["BULK", "NET", "PORV", "HCPV", "STOIIP", "GIIP", "ASSOCIATEDGAS", "ASSOCIATEDOIL", "WIIP"]
 
 
-@pytest.fixture(scope="module", autouse=True)
-def namespace_kept():
-    """kavra.volumetrics is imported by these tests only, and kavra's namespace left as they found it
-    (test_module checks what the package holds; the package face of volumetrics is not this module's)."""
-    before = set(vars(kavra))
-    yield
-    for name in set(vars(kavra)) - before:
-        delattr(kavra, name)
-
-
-def volumetrics(*args, **kwargs):
-    return importlib.import_module("kavra.volumetrics").volumetrics(*args, **kwargs)
-
-
-def scenarios(*args, **kwargs):
-    return importlib.import_module("kavra.volumetrics").scenarios(*args, **kwargs)
-
-
-def read_zones(path):
-    return importlib.import_module("kavra.volumetrics").read_zones(path)
+volumetrics = kavra.volumetrics
+read_zones = kavra.read_zones
 
 CASES = ["SPE1CASE1", "TWOREGIONS"]
 FLUID_SUMS = {"FIPOIL": ("STOIIP", "ASSOCIATEDOIL"), "FIPGAS": ("GIIP", "ASSOCIATEDGAS"), "FIPWAT": ("WIIP",)}
@@ -127,6 +109,7 @@ def test_bulk_net_and_pore_volume_are_the_inits(case, name):
     assert (table[table.FLUID == "oil"].GIIP == 0).all()
     assert (table[table.FLUID == "water"][["STOIIP", "GIIP", "HCPV"]] == 0).all().all()
     assert table.attrs["units"] == r.units and table.attrs["step"] == r.steps[-1]
+    assert table.attrs["fluids"].startswith("FIPOIL, FIPGAS, FIPWAT")  # the restart's own (RPTRST FIP)
 
 
 @pytest.mark.parametrize("form", ["dict", "file", "array", "property pair"])
@@ -173,23 +156,72 @@ def test_a_deck_with_a_state_and_many_scenarios(case):
     deck = kavra.deck.read(r.case.with_suffix(".DATA"))
     from_case = volumetrics(r, step=3, zones={"A": (1, 2), "B": (3, 3)})
     from_deck = volumetrics(deck, state=state_of(r, 3), zones={"A": (1, 2), "B": (3, 3)})
-    pd.testing.assert_frame_equal(from_deck, from_case, rtol=1e-6, check_exact=False)  # deck float64, INIT float32
+    # the deck's PVT at the restart's state against the restart's FIP arrays (deck float64, INIT float32)
+    pd.testing.assert_frame_equal(from_deck, from_case, rtol=1e-6, check_exact=False)
     by_path = volumetrics(r.case.with_suffix(".DATA"), state=state_of(r, 3), zones={"A": (1, 2), "B": (3, 3)})
     pd.testing.assert_frame_equal(by_path, from_deck)  # a state makes the run's .DATA a deck
-    long = volumetrics(deck, state={"start": state_of(r, 0), "step 3": state_of(r, 3)})
+    long = volumetrics(deck, state={"start": state_of(r, 0), "step 3": state_of(r, 3)})  # a dict of scenarios
     assert list(long.columns[:4]) == ["SCENARIO", "FLUID", "ZONE", "REGION"]
     assert long.SCENARIO.unique().tolist() == ["start", "step 3"]
     at3 = long[long.SCENARIO == "step 3"].drop(columns="SCENARIO").reset_index(drop=True)
     pd.testing.assert_frame_equal(at3, volumetrics(r, step=3), rtol=1e-6, check_exact=False)
-    assert scenarios(deck, {"only": state_of(r, 0)}).attrs["scenarios"] == ["only"]
+    assert volumetrics(deck, state={"only": state_of(r, 0)}).attrs["scenarios"] == ["only"]
 
 
-def test_a_deck_without_state_needs_the_initial_state():
-    deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
-    if importlib.util.find_spec("kavra.equil") is not None:
-        pytest.skip("kavra.equil is there: its own tests cover the initial state")
-    with pytest.raises(ImportError, match="kavra.equil"):
-        volumetrics(deck)
+# Decks whose initial state kavra.equil computes, and the Flow runs of them with a region report
+DECKS = {"DOME": "DOME_FIP", "DOME2": "DOME2_FIP", "TWOREGIONS": "TWOREGIONS", "SPE1CASE1": "SPE1CASE1",
+         "SPE9": "SPE9_FIP"}
+
+
+@pytest.fixture(scope="module")
+def deck_case(flow_run):
+    return {name: kavra.results.read(flow_run(run)) for name, run in DECKS.items()}
+
+
+@pytest.mark.parametrize("name", DECKS)
+def test_a_decks_initial_state_is_flows_step_0(deck_case, name):
+    r = deck_case[name]
+    deck = kavra.deck.read(r.case.with_suffix(".DATA"))
+    table = volumetrics(deck)  # the initial state of kavra.equil
+    assert table.attrs["source"] == "deck"
+    by_region = per_region(table)
+    fipnum = r.cell_property("FIPNUM")
+    numbers = np.array([int(n) for n in by_region.index])
+    for array, columns in FLUID_SUMS.items():
+        flow = kavra.region_totals(r.cell_property(array, 0), fipnum)[numbers - 1]
+        np.testing.assert_allclose(by_region[list(columns)].sum(axis=1), flow, rtol=1e-6, err_msg=f"{name} {array}")
+    report = prt_regions(r.case.with_suffix(".PRT"))
+    assert set(report) == set(numbers.tolist()), "a region report per FIPNUM region (RPTSOL 'FIP=2')"
+    for region, (porv, printed) in report.items():
+        row = by_region.loc[str(region)]
+        ours = [row.STOIIP, row.ASSOCIATEDOIL, row.STOIIP + row.ASSOCIATEDOIL, row.WIIP, row.GIIP,
+                row.ASSOCIATEDGAS, row.GIIP + row.ASSOCIATEDGAS, row.PORV]
+        # Flow prints whole numbers (0.5 is the rounding) of its double-precision state, as kavra.equil's
+        np.testing.assert_allclose(ours, printed + [porv], rtol=1e-7, atol=0.5, err_msg=f"{name} region {region}")
+    if name == "DOME":  # the dome's gas cap: free gas in the gas rows, and oil rows without it
+        assert rows(table)[rows(table).FLUID == "gas"].GIIP.sum() > 0
+        assert (table[table.FLUID == "oil"].GIIP == 0).all()
+
+
+def test_contact_scenarios_are_one_long_table(deck_case):
+    deck = kavra.deck.read(deck_case["DOME"].case.with_suffix(".DATA"))
+    owc = [np.nan, 2040.0]  # the deck's own contacts, then the oil-water contact raised to 2040 m everywhere
+    names = ["deck", "OWC 2040 m"]
+    states = kavra.equil.initial_state(deck, contacts=[(w, np.nan) for w in owc])
+    long = volumetrics(deck, state=zip(names, states), zones={"Top": (1, 2), "Rest": (3, deck.grid.nK)})
+    assert list(long.columns[:4]) == ["SCENARIO", "FLUID", "ZONE", "REGION"]
+    assert long.SCENARIO.unique().tolist() == names and long.attrs["scenarios"] == names
+    first = long[long.SCENARIO == "deck"].drop(columns="SCENARIO").reset_index(drop=True)
+    pd.testing.assert_frame_equal(first, volumetrics(deck, zones={"Top": (1, 2), "Rest": (3, deck.grid.nK)}),
+                                  rtol=1e-12)
+    stoiip = long[long.ZONE == "Totals"].groupby("SCENARIO", sort=False).STOIIP.sum()
+    assert stoiip["OWC 2040 m"] < stoiip["deck"]
+    totals = long[long.ZONE == "Totals"].groupby("SCENARIO").PORV.sum()
+    assert totals["deck"] == pytest.approx(totals["OWC 2040 m"], rel=1e-12)  # the same rock
+    with pytest.raises(TypeError, match="scenario 0"):
+        volumetrics(deck, state=[1.0])
+    with pytest.raises(ValueError, match="no scenarios"):
+        volumetrics(deck, state=iter(()))
 
 
 @pytest.mark.parametrize("kwargs, error, match", [
@@ -210,7 +242,7 @@ def test_bad_arguments(case, kwargs, error, match):
 
 
 def test_the_docstring_examples():
-    module = importlib.import_module("kavra.volumetrics")
+    module = importlib.import_module("kavra._volumetrics")
     failures, tried = doctest.testmod(module, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert tried > 5 and failures == 0
     assert module.VALUE_COLUMNS == tuple(VALUE_COLUMNS)
@@ -221,7 +253,7 @@ def test_the_docstring_examples():
 
 
 def test_a_table_of_too_many_rows_is_refused(case, monkeypatch):
-    monkeypatch.setattr(importlib.import_module("kavra.volumetrics"), "_MOST_ROWS", 1000)  # the real bound: 2**26
+    monkeypatch.setattr(importlib.import_module("kavra._volumetrics"), "_MOST_ROWS", 1000)  # the real bound: 2**26
     numbers = np.arange(300) * 10**6 + 1  # large numbers, each cell its own
     with pytest.raises(ValueError, match="300 zones x 300 regions"):
         volumetrics(case["SPE1CASE1"], step=0, regions=numbers, zones=numbers)
@@ -271,9 +303,15 @@ def test_a_deck_on_the_command_line(tmp_path):
     assert done.returncode == 0, done.stderr
     np.testing.assert_array_equal(np.load(tmp_path / "poro.npy"),
                                   kavra.column_map(kavra.deck.read(deck).cell_property("PORO"), (10, 10, 3), "mean"))
-    if importlib.util.find_spec("kavra.equil") is None:
-        done = kavra_cli("volumetrics", deck)
-        assert done.returncode == 1 and "kavra.equil" in done.stderr and len(done.stderr.splitlines()) == 1
+    done = kavra_cli("volumetrics", deck, "-o", tmp_path / "initial.csv")  # the initial state of kavra.equil
+    assert done.returncode == 0, done.stderr
+    back = pd.read_csv(tmp_path / "initial.csv", dtype={"REGION": str, "ZONE": str}, float_precision="round_trip")
+    pd.testing.assert_frame_equal(back, volumetrics(deck), rtol=1e-15)
+    no_equil = tmp_path / "NOEQUIL.DATA"  # a deck without the initial state: one line, status 2
+    no_equil.write_text(deck.read_text().replace("EQUIL\n\t8400 4800 8450 0 8300 0 1 0 0 /\n", ""))
+    done = kavra_cli("volumetrics", no_equil)
+    assert done.returncode == 2 and "no initial state: initial_state: the deck has no EQUIL" in done.stderr
+    assert len(done.stderr.splitlines()) == 1
 
 
 def test_volumetrics_to_csv_and_back(case, tmp_path):
@@ -343,7 +381,7 @@ def test_bad_use_is_one_line_and_status_2(case, tmp_path, arguments, match):
 
 
 def test_all_steps_show_a_progress_bar_on_a_terminal(case, tmp_path):
-    pytest.importorskip("tqdm", reason="the progress bar is tqdm's")
+    import tqdm  # noqa: F401  (a test requirement: kavra[test], requirements-dev.txt)
     import fcntl
     import pty
     import struct

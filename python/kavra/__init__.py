@@ -34,10 +34,11 @@ if _TYPE_CHECKING:  # "name as name" and "*": exported for type checkers
     from .calculations import *  # noqa: F401,F403
     from .reductions import *  # noqa: F401,F403
     from .maps import *  # noqa: F401,F403
+    from ._volumetrics import *  # noqa: F401,F403
     from ._threads import *  # noqa: F401,F403
 
 
-_SUBMODULES = ("tables", "calculations", "reductions", "maps", "deck", "results", "blackoil", "satfunc", "equil", "volumetrics")
+_SUBMODULES = ("tables", "calculations", "reductions", "maps", "deck", "results", "blackoil", "satfunc", "equil")
 
 
 # The NumPy-first layer (its functions are named in the table of calls, kavra._calls) is imported

@@ -55,6 +55,8 @@ CALLS: dict[str, Call] = {
     "kaverage": Call("reductions", (), (), "own"),
     "column_map": Call("maps", (), (), "own"),
     "region_totals": Call("maps", (), (), None),
+    "volumetrics": Call("_volumetrics", (), (), None),
+    "read_zones": Call("_volumetrics", (), (), None),
     "get_num_threads": Call("_threads", (), (), None),
     "set_num_threads": Call("_threads", (), (), None),
     "blackoil.one_over_bo": Call("blackoil", ("live_oil_one_over_b", "dead_fluid_one_over_b"), ("PVTO", "PVDO"),

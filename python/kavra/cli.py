@@ -94,7 +94,7 @@ def _parser() -> _Parser:
 
 def _open(text: str) -> tuple[str, Any]:
     """("results", case) or ("deck", deck) of a path given on the command line."""
-    from . import volumetrics
+    from . import _volumetrics as volumetrics
 
     path = pathlib.Path(text)
     if path.is_dir():
@@ -206,7 +206,7 @@ def _print_table(frame: Any, out: Any, title: str) -> None:
 
 
 def _volumetrics(arguments: argparse.Namespace, out: Any) -> None:
-    from . import volumetrics as v
+    from . import _volumetrics as v
 
     suffix = _output_kind(arguments.output, (".csv", ".parquet"))
     if suffix == ".parquet":
@@ -221,9 +221,9 @@ def _volumetrics(arguments: argparse.Namespace, out: Any) -> None:
     if kind == "deck":
         try:
             state = v.initial_state(source)
-        except ImportError as error:
-            raise ImportError("the initial state of a deck comes from kavra.equil, which this kavra does not have "
-                              "yet: give a case run from the deck (its base name) and --step 0") from error
+        except (ValueError, NotImplementedError) as error:  # a deck kavra.equil cannot equilibrate
+            raise UsageError(f"{arguments.source}: no initial state: {_message(error)}; give a case run from "
+                             "the deck (its base name) and --step 0") from None
         frame = v.volumetrics(source, regions=regions, zones=zones, state=state)
         if suffix is None:
             _print_table(frame, out, f"{arguments.source}, initial state ({frame.attrs['units']})")

@@ -1,6 +1,7 @@
 """Volumetrics tables: bulk, net and pore volume and the fluids in place per zone, region and fluid.
 
-:func:`volumetrics` gives the table that engineers hand on, in the columns of
+The package gives :func:`volumetrics` and :func:`read_zones` as ``kavra.volumetrics`` and
+``kavra.read_zones``.  :func:`volumetrics` gives the table that engineers hand on, in the columns of
 fmu-dataio's ``inplace_volumes`` standard: the index columns ZONE, REGION and
 FLUID (``"oil"``, ``"gas"``, ``"water"``), the values BULK, NET, PORV, HCPV,
 STOIIP, GIIP, ASSOCIATEDGAS and ASSOCIATEDOIL, and WIIP (water in place at
@@ -22,16 +23,15 @@ zone.  A row adds up its zone's cells of one zone and region:
 * GIIP, ASSOCIATEDGAS: the free gas and the gas dissolved in the oil;
 * WIIP: the water,
 
-the fluids at surface conditions as :func:`kavra.blackoil.in_place` gives them
-(the simulator's FIPOIL = STOIIP + ASSOCIATEDOIL, FIPGAS = GIIP +
-ASSOCIATEDGAS, FIPWAT = WIIP), added up per row with
+the fluids at surface conditions as :func:`kavra.blackoil.in_place` gives them,
+or the simulator's own FIPOIL = STOIIP + ASSOCIATEDOIL, FIPGAS = GIIP +
+ASSOCIATEDGAS and FIPWAT = WIIP where a results case's step holds them, added up per row with
 :func:`kavra.region_totals`.  Cells outside the grid's active cells, or whose
 region number is 0 or below, take no part.
 """
 
 from __future__ import annotations
 
-import importlib
 import os
 import pathlib
 import re
@@ -47,7 +47,7 @@ from .maps import region_totals
 if TYPE_CHECKING:
     import pandas
 
-__all__ = ["FLUIDS", "INDEX_COLUMNS", "VALUE_COLUMNS", "column_units", "read_zones", "scenarios", "volumetrics"]
+__all__ = ["volumetrics", "read_zones"]  # the package's names (kavra.volumetrics, kavra.read_zones)
 
 FLUIDS = ("oil", "gas", "water")
 """The values of the FLUID column, in the order of the rows."""
@@ -75,6 +75,8 @@ _UNITS = {
 _FLOAT32_SPACING = 2.0**-23
 _ZONE_LINE = re.compile(r"""^\s*(?:'([^']*)'|"([^"]*)"|(\S+))\s+(\d+)\s*-\s*(\d+)\s*$""")
 _STATE_FIELDS = ("pressure", "sw", "sg", "rs", "rv")
+# The simulator's fluids in place per cell (RPTRST FIP): a results case's table takes them where a step has them.
+_FIP_ARRAYS = ("FIPOIL", "FIPGAS", "FIPWAT")
 # The most rows a table may have (zones x regions x fluids): a total per row is kept for each column.
 _MOST_ROWS = 1 << 26
 
@@ -270,22 +272,28 @@ def _floats(value: Any) -> NDArray[np.float64]:
     return np.asarray(np.ma.getdata(value), dtype=np.float64)
 
 
-def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any) -> tuple[NDArray[np.float64], ...]:
+def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any, so: NDArray[np.float64],
+            sg: NDArray[np.float64]) -> tuple[NDArray[np.float64], ...]:
     """(liquid oil, vaporised oil, free gas, dissolved gas) of the totals oil = L + F Rv, gas = F + L Rs.
 
-    Solved per cell: exact where a phase is absent (L or F is 0: the other term is the very
-    product that in_place added, and cancels exactly), else within a rounding of the totals.
-    Each part is taken into [0, its total], and the parts of each total add up to it.
+    Solved per cell: a cell without oil saturation holds no liquid, one without gas
+    saturation no free gas (totals of float32, the simulator's FIP arrays, leave a rounding
+    there), else within a rounding of the totals.  Each part is taken into [0, its total],
+    and the parts of each total add up to it.
     """
-    rs = 0.0 if rs is None else _floats(rs)
-    rv = 0.0 if rv is None else _floats(rv)
-    det = 1.0 - rs * rv
-    if np.any(det <= 0.0):
-        at = int(np.flatnonzero(np.broadcast_to(det <= 0.0, np.shape(oil)))[0])
-        raise ValueError(f"state: Rs x Rv is 1 or more at cell {at} (counting from 0), where no fluid can be "
-                         "split into oil and gas")
-    liquid = np.clip((oil - gas * rv) / det, 0.0, oil)
-    free = np.clip((gas - oil * rs) / det, 0.0, gas)
+    if rs is not None and rv is not None:
+        rs, rv = _floats(rs), _floats(rv)
+        det = 1.0 - rs * rv
+        if np.any(det <= 0.0):
+            at = int(np.flatnonzero(np.broadcast_to(det <= 0.0, np.shape(oil)))[0])
+            raise ValueError(f"state: Rs x Rv is 1 or more at cell {at} (counting from 0), where no fluid can be "
+                             "split into oil and gas")
+        liquid, free = np.clip((oil - gas * rv) / det, 0.0, oil), np.clip((gas - oil * rs) / det, 0.0, gas)
+    else:  # dead oil or dry gas: Rs x Rv is 0, and a part without its ratio is its whole total
+        liquid = oil if rv is None else np.clip(oil - gas * _floats(rv), 0.0, oil)
+        free = gas if rs is None else np.clip(gas - oil * _floats(rs), 0.0, gas)
+    liquid = np.where(so > 0.0, liquid, 0.0)
+    free = np.where(sg > 0.0, free, 0.0)
     # a cell of one phase: the other's part is exactly 0, and this one's is the whole total
     no_liquid, no_free = liquid == 0.0, free == 0.0
     liquid = np.where(no_free, oil, liquid)
@@ -325,20 +333,20 @@ def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.Data
                 numbers = _numbering(zone_spec, "zones", n)
             zone_index, zone_labels = _groups(numbers, zone_names)
 
-    fluids = cells.fluids
-    oil, gas, water = (_floats(f) for f in fluids)
-    liquid, vaporised, free, dissolved = _phases(oil, gas, cells.rs if cells.live else None,
-                                                 cells.rv if cells.wet else None)
-    del oil, gas
-    # the fluid zone of each cell: 0 oil, 1 gas, 2 water
-    fluid = np.where(free > 0.0, 1, np.where(liquid > 0.0, 0, 2)).astype(np.int64)
-
     sw, sg = cells.sw, cells.sg
     so = 1.0 - _floats(sw) - _floats(sg)
     if np.result_type(np.ma.getdata(sw).dtype, np.ma.getdata(sg).dtype) == np.float32:
         so = np.where(np.abs(so) < _FLOAT32_SPACING, 0.0, so)
-    hydrocarbon = np.clip(np.clip(so, 0.0, 1.0) + np.clip(_floats(sg), 0.0, 1.0), 0.0, 1.0)
-    del so
+    sg = np.broadcast_to(_floats(sg), (n,))
+    hydrocarbon = np.clip(np.clip(so, 0.0, 1.0) + np.clip(sg, 0.0, 1.0), 0.0, 1.0)
+
+    fluids = cells.fluids
+    oil, gas, water = (_floats(f) for f in fluids)
+    liquid, vaporised, free, dissolved = _phases(oil, gas, cells.rs if cells.live else None,
+                                                 cells.rv if cells.wet else None, so, sg)
+    del oil, gas, so
+    # the fluid zone of each cell: 0 oil, 1 gas, 2 water
+    fluid = np.where(free > 0.0, 1, np.where(liquid > 0.0, 0, 2)).astype(np.int64)
     porv = np.broadcast_to(_floats(cells.porv), (n,))
     bulk = np.broadcast_to(_floats(cells.bulk), (n,))
     columns = {"BULK": bulk, "NET": bulk * np.broadcast_to(_floats(cells.ntg), (n,)), "PORV": porv,
@@ -399,14 +407,19 @@ def _results_cells(case: Any, step: int | None) -> _Cells:
             raise FileNotFoundError(f"volumetrics needs the deck of {case.case.name} (for its tables and cell "
                                     f"volumes): there is no {deck_path.name} beside the case")
         deck = _DECKS[case] = decks.read(deck_path)
-    fluids = case.in_place(step, deck)
     names, static = case.property_names(step), case.property_names()
+    if set(_FIP_ARRAYS) <= set(names):  # the simulator's own fluids in place: read, not worked out again
+        fluids = tuple(case.cell_property(name, step) for name in _FIP_ARRAYS)
+        origin = "FIPOIL, FIPGAS, FIPWAT of the restart"
+    else:
+        fluids = case.in_place(step, deck)
+        origin = "kavra.blackoil.in_place of the deck's PVT and the restart's state"
 
     def restart(name: str) -> Any:
         return case.cell_property(name, step) if name in names else None
 
     sw, sg = restart("SWAT"), restart("SGAS")
-    about = {"source": str(case.case), "step": int(step)}
+    about = {"source": str(case.case), "step": int(step), "fluids": origin}
     if step in case.steps:
         about["date"] = str(case.dates[case.steps.index(step)])
     return _Cells(units=case.units, grid=case.grid, active=case.active, bulk=deck.cell_volumes(),
@@ -438,7 +451,10 @@ def _deck_cells(deck: Any, state: Any) -> _Cells:
     active = deck.active
     pvtnum = deck.cell_property("PVTNUM")
     porv = deck.pore_volume()
-    fluids = blackoil.in_place(deck, np.where(active, pvtnum, 0), porv, values["pressure"],
+    pressure = values["pressure"]
+    if "OIL" not in deck.keywords and "WATER" in deck.keywords and "pw" in values:
+        pressure = values["pw"]  # a gas-water system takes its pore volume at the water's pressure, as Flow
+    fluids = blackoil.in_place(deck, np.where(active, pvtnum, 0), porv, pressure,
                                values["sw"], values["sg"], values.get("rs"), values.get("rv"),
                                pw=values.get("pw"), pg=values.get("pg"))
     return _Cells(units=deck.units, grid=deck.grid, active=active, bulk=deck.cell_volumes(),
@@ -449,17 +465,10 @@ def _deck_cells(deck: Any, state: Any) -> _Cells:
 
 
 def initial_state(deck: Any) -> Any:
-    """The initial state of a deck's cells, from ``kavra.equil.initial_state(deck)``: what
-    :func:`volumetrics` takes for a deck given without `state` (ImportError while kavra has no
-    ``kavra.equil``)."""
-    try:
-        equil = importlib.import_module(__package__ + ".equil")
-    except ModuleNotFoundError as error:
-        if error.name != __package__ + ".equil":  # kavra.equil is there, and something it needs is not
-            raise
-        raise ImportError("volumetrics of a deck without state= needs the deck's initial state from kavra.equil, "
-                          "which this kavra does not have yet: pass state= (pressure, sw, sg, rs and rv per "
-                          "cell), or a results case and step=") from None
+    """The initial state of a deck's cells, ``kavra.equil.initial_state(deck)``: what
+    :func:`volumetrics` takes for a deck given without `state`."""
+    from . import equil
+
     return equil.initial_state(deck)
 
 
@@ -517,9 +526,12 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
     state : object or mapping, or dict of str to those, optional
         With a deck: ``pressure`` (oil), ``sw``, ``sg``, ``rs``, ``rv`` per cell (attributes
         or keys; ``rs``, ``rv`` may be None with dead oil or dry gas; ``pw`` and ``pg``, the
-        phases' pressures, where known), in the deck's units.  A dict of scenario name to
-        state gives one long table with a SCENARIO column.  Default: the deck's initial
-        state from ``kavra.equil.initial_state(deck)`` (one state, or a dict of scenarios).
+        phases' pressures, where known), in the deck's units; a
+        :class:`kavra.equil.InitialState`.  Many scenarios give one long table with a
+        SCENARIO column: a dict of scenario name to state, or an iterable of (name, state)
+        pairs, each state taken in turn (``zip(names, kavra.equil.initial_state(deck,
+        contacts=...))`` computes each when it comes).  Default: the deck's initial state,
+        ``kavra.equil.initial_state(deck)``.
     totals : bool
         Add a row per fluid with ZONE and REGION ``"Totals"``: the sum of its rows.
 
@@ -531,7 +543,11 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
         module's text; one row per zone x region x fluid zone that holds a cell, in that
         order.  ``df.attrs`` holds ``units`` (the source's unit system), ``column_units``
         (``{"BULK": "m3", "PORV": "rm3", "STOIIP": "sm3", ...}``: FIELD gives ft3, rb, stb
-        and Mscf), ``source`` and, of a case, ``step`` and ``date``.
+        and Mscf), ``source`` and, of a case, ``step``, ``date`` and ``fluids``: where the
+        fluids came from.  A step whose restart holds the simulator's FIPOIL, FIPGAS and
+        FIPWAT (RPTRST ``FIP``) gives those, split into liquid and vapour with its RS and
+        RV; any other step, :meth:`kavra.results.Results.in_place` (the deck's PVT tables at
+        the step's pressures and saturations).
 
     Raises
     ------
@@ -546,7 +562,7 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
     FileNotFoundError
         A path that names nothing; a case without its deck.
     ImportError
-        A deck without `state` while kavra has no ``kavra.equil``; pandas is not installed.
+        pandas is not installed.
 
     Examples
     --------
@@ -554,7 +570,7 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
 
     >>> import numpy as np
     >>> import kavra.deck
-    >>> from kavra.volumetrics import volumetrics
+    >>> from kavra import volumetrics
     >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))   # FIELD, 10 x 10 x 3
     >>> sw = np.where(deck.cell_depths() > 8375.0, 1.0, 0.12)
     >>> state = {"pressure": 4800.0, "sw": sw, "sg": 0.0, "rs": 1.27, "rv": 0.0}
@@ -581,22 +597,30 @@ def volumetrics(source: Any, *, regions: Any = "FIPNUM", zones: Any = None, step
         raise TypeError("volumetrics: step= is for a results case; a deck takes its state from state=")
     if state is None:
         state = initial_state(source)
-    if isinstance(state, Mapping) and state and all(isinstance(v, Mapping) or hasattr(v, "pressure")
-                                                    for v in state.values()) and "pressure" not in state:
-        return scenarios(source, state, regions=regions, zones=zones, totals=totals)
-    return _table(_deck_cells(source, state), regions, zones, totals)
+    if _is_one_state(state):
+        return _table(_deck_cells(source, state), regions, zones, totals)
+    return scenarios(source, state, regions=regions, zones=zones, totals=totals)
 
 
-def scenarios(deck: Any, states: Mapping[str, Any], *, regions: Any = "FIPNUM", zones: Any = None,
+def _is_one_state(state: Any) -> bool:
+    """Whether `state` is one state (a mapping with a pressure, or an object with one), not scenarios."""
+    if isinstance(state, Mapping):
+        return "pressure" in state or not state
+    return hasattr(state, "pressure") or not hasattr(state, "__iter__") or isinstance(state, (str, bytes))
+
+
+def scenarios(deck: Any, states: Any, *, regions: Any = "FIPNUM", zones: Any = None,
               totals: bool = True) -> pandas.DataFrame:
-    """The volumetrics of one deck for many states (the contacts of each scenario) as one long table.
+    """The volumetrics of one deck for many states (the contacts of each scenario) as one long table:
+    what :func:`volumetrics` gives for a `state` of many.
 
     Parameters
     ----------
     deck : kavra.deck.Deck
         The deck.
-    states : dict of str to state
-        Each scenario's name and state, as `state` of :func:`volumetrics`.
+    states : dict of str to state, or iterable of (str, state)
+        Each scenario's name and state, as `state` of :func:`volumetrics`; the states are
+        taken one at a time, so an iterator of them holds one state at once.
     regions, zones, totals
         As for :func:`volumetrics`.
 
@@ -611,12 +635,12 @@ def scenarios(deck: Any, states: Mapping[str, Any], *, regions: Any = "FIPNUM", 
     Two made-up oil-water contacts of SPE1 (its three layers are 8335, 8360 and 8400 ft deep):
 
     >>> import numpy as np
-    >>> import kavra.deck
+    >>> import kavra, kavra.deck
     >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
     >>> depth = deck.cell_depths()
     >>> states = {f"OWC {owc} ft": {"pressure": 4800.0, "sw": np.where(depth > owc, 1.0, 0.12), "sg": 0.0,
     ...                            "rs": 1.27, "rv": 0.0} for owc in (8350, 8380)}
-    >>> table = scenarios(deck, states)
+    >>> table = kavra.volumetrics(deck, state=states)
     >>> print(table[table.ZONE == "Totals"][["SCENARIO", "FLUID", "STOIIP"]].round(-3).to_string(index=False))
        SCENARIO FLUID      STOIIP
     OWC 8350 ft   oil  56933000.0
@@ -626,14 +650,22 @@ def scenarios(deck: Any, states: Mapping[str, Any], *, regions: Any = "FIPNUM", 
     """
     import pandas as pd
 
-    if not states:
-        raise ValueError("scenarios: no states given")
-    frames = []
-    for name, state in states.items():
+    pairs = states.items() if isinstance(states, Mapping) else states
+    frames, names = [], []
+    for number, pair in enumerate(pairs):
+        try:
+            name, state = pair
+        except (TypeError, ValueError):
+            raise TypeError(f"volumetrics: scenario {number} (counting from 0) must be a pair (name, state), "
+                            f"got {type(pair).__name__}") from None
         frame = _table(_deck_cells(deck, state), regions, zones, totals)
         frame.insert(0, "SCENARIO", str(name))
         frames.append(frame)
+        names.append(str(name))
+        del state, pair  # one state at a time
+    if not frames:
+        raise ValueError("volumetrics: no scenarios given (state= holds none)")
     joined = pd.concat(frames, ignore_index=True)
     joined.attrs.update(frames[0].attrs)
-    joined.attrs["scenarios"] = [str(name) for name in states]
+    joined.attrs["scenarios"] = names
     return joined
