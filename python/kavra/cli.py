@@ -11,6 +11,7 @@ import argparse
 import os
 import pathlib
 import sys
+import textwrap
 from collections.abc import Sequence
 from typing import Any, NoReturn
 
@@ -42,17 +43,20 @@ class _Parser(argparse.ArgumentParser):
 
 
 def _parser() -> _Parser:
+    # The commands are listed in the description, in kavra's own layout: argparse's listing of
+    # sub-commands is indented differently from one Python version to the next.
     parser = _Parser(
-        prog="kavra", formatter_class=argparse.RawDescriptionHelpFormatter,
-        description="Reservoir-engineering calculations on simulation cases and decks.",
+        prog="kavra", usage="kavra [-h] [--version] COMMAND ...", formatter_class=argparse.RawDescriptionHelpFormatter,
         epilog=_epilog(*_EXAMPLES))
     from . import __version__
     parser.add_argument("--version", action="version", version=f"kavra {__version__}")
-    commands = parser.add_subparsers(dest="command", metavar="COMMAND", parser_class=_Parser)
+    commands = parser.add_subparsers(dest="command", metavar="COMMAND", parser_class=_Parser, help=argparse.SUPPRESS)
     commands.required = True
+    summaries: dict[str, str] = {}
 
     def command(name: str, summary: str) -> _Parser:
-        sub: _Parser = commands.add_parser(name, help=summary, description=summary, epilog=_epilog(name),
+        summaries[name] = summary
+        sub: _Parser = commands.add_parser(name, description=summary, epilog=_epilog(name),
                                            formatter_class=argparse.RawDescriptionHelpFormatter)
         return sub
 
@@ -87,6 +91,10 @@ def _parser() -> _Parser:
     maps.add_argument("-o", "--output", metavar="FILE",
                       help="write map.png (a figure with a colour bar; needs matplotlib), map.csv (I, J from 1, "
                            "value) or map.npy (an nJ x nI array, NaN where no cell takes part) instead of printing it")
+    listing = [f"  {name:<12} " + "\n".join(textwrap.wrap(summary, 100 - 15, subsequent_indent=" " * 15))
+               for name, summary in summaries.items()]
+    parser.description = ("Reservoir-engineering calculations on simulation cases and decks.\n\ncommands:\n"
+                          + "\n".join(listing))
     return parser
 
 
