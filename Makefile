@@ -84,6 +84,8 @@ demo: build
 	$(PY) examples/flow_case.py
 	$(PY) examples/blackoil_flow.py
 	$(PY) examples/satfunc_curves.py
+	$(PY) examples/equil_flow.py
+	$(PY) examples/volumetrics.py
 
 # What the site generates in docs/ goes first, so that every page is made anew.
 docs: bootstrap
