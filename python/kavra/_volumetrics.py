@@ -291,13 +291,17 @@ def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any
     and the parts of each total add up to it.
     """
     if rs is not None and rv is not None:
-        rs, rv = _floats(rs), _floats(rv)
-        det = 1.0 - rs * rv
+        rs, rv = _reals(rs), _reals(rv)
+        det = 1.0 - np.multiply(rs, rv, dtype=np.float64)
         if np.any(det <= 0.0):
             at = int(np.flatnonzero(np.broadcast_to(det <= 0.0, np.shape(oil)))[0])
             raise ValueError(f"state: Rs x Rv is 1 or more at cell {at} (counting from 0), where no fluid can be "
                              "split into oil and gas")
-        liquid, free = np.clip((oil - gas * rv) / det, 0.0, oil), np.clip((gas - oil * rs) / det, 0.0, gas)
+        liquid, free = np.multiply(gas, rv, dtype=np.float64), np.multiply(oil, rs, dtype=np.float64)
+        for part, total in ((liquid, oil), (free, gas)):  # (total - the other's total x ratio) / det
+            np.subtract(total, part, out=part, dtype=np.float64)
+            np.divide(part, det, out=part)
+            np.clip(part, 0.0, total, out=part)
     else:  # dead oil or dry gas: Rs x Rv is 0, and a part without its ratio is its whole total
         liquid = oil if rv is None else np.clip(oil - gas * _floats(rv), 0.0, oil)
         free = gas if rs is None else np.clip(gas - oil * _floats(rs), 0.0, gas)
@@ -354,12 +358,17 @@ def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.Data
                 numbers = _numbering(zone_spec, "zones", n)
             zone_index, zone_labels = _groups(numbers, zone_names)
 
-    sw, sg = cells.sw, cells.sg
-    so = 1.0 - _floats(sw) - _floats(sg)
-    if np.result_type(np.ma.getdata(sw).dtype, np.ma.getdata(sg).dtype) == np.float32:
-        so = np.where(np.abs(so) < _FLOAT32_SPACING, 0.0, so)
-    sg = np.broadcast_to(_floats(sg), (n,))
-    hydrocarbon = np.clip(np.clip(so, 0.0, 1.0) + np.clip(sg, 0.0, 1.0), 0.0, 1.0)
+    # in float64, in place where a new array would only be the next step's input
+    sw, sg = _reals(cells.sw), _reals(cells.sg)
+    so = np.empty(n)
+    np.subtract(1.0, sw, out=so, dtype=np.float64)
+    np.subtract(so, sg, out=so, dtype=np.float64)
+    if np.result_type(sw.dtype, sg.dtype) == np.float32:
+        np.copyto(so, 0.0, where=np.abs(so) < _FLOAT32_SPACING)
+    sg = np.broadcast_to(sg, (n,))
+    hydrocarbon = np.clip(so, 0.0, 1.0)
+    hydrocarbon += np.clip(sg, 0.0, 1.0)
+    np.clip(hydrocarbon, 0.0, 1.0, out=hydrocarbon)
 
     # float32 fluids (the simulator's FIP arrays) as they are: float64 arithmetic widens them exactly
     oil, gas, water = (_reals(f) for f in cells.fluids)
@@ -370,9 +379,9 @@ def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.Data
     fluid = np.where(free > 0.0, np.int32(2), np.where(liquid > 0.0, np.int32(1), np.int32(3)))
     porv = np.broadcast_to(_reals(cells.porv), (n,))
     bulk = np.broadcast_to(_reals(cells.bulk), (n,))
-    columns = {"BULK": bulk, "NET": bulk * np.broadcast_to(_floats(cells.ntg), (n,)), "PORV": porv,
-               "HCPV": porv * hydrocarbon, "STOIIP": liquid, "GIIP": free, "ASSOCIATEDGAS": dissolved,
-               "ASSOCIATEDOIL": vaporised, "WIIP": np.broadcast_to(water, (n,))}
+    columns = {"BULK": bulk, "NET": np.multiply(bulk, _reals(cells.ntg), dtype=np.float64), "PORV": porv,
+               "HCPV": np.multiply(porv, hydrocarbon, out=hydrocarbon), "STOIIP": liquid, "GIIP": free,
+               "ASSOCIATEDGAS": dissolved, "ASSOCIATEDOIL": vaporised, "WIIP": np.broadcast_to(water, (n,))}
 
     nz, nr = len(zone_labels), len(region_labels)
     count = nz * nr * len(FLUIDS)
