@@ -18,8 +18,8 @@ work out its geometry and pore volume (which it keeps):
 
 Each figure is the median of --repeat rounds, printed (and written to
 --out as JSON).  On the shared 2-core machine, at 10,240,000 cells (two threads,
-load average about 4): volumetrics 2.58 s (252 ns a cell), in_place 0.81 s,
-one pass 0.058 s; a table's peak of memory 1.5 GB for 0.7 GB of input arrays.
+load average about 3): volumetrics 0.95 s (93 ns a cell), in_place 0.44 s,
+one pass 0.042 s; a table's peak of memory 1.33 GB for 0.7 GB of input arrays.
 """
 
 import argparse

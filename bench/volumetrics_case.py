@@ -3,6 +3,8 @@ against one pass over the arrays it reads.
 
     python bench/volumetrics_case.py                     # 10^7 cells
     python bench/volumetrics_case.py --cells 1000000 --repeat 5
+    git show main:python/kavra/_volumetrics.py > /tmp/before.py
+    python bench/volumetrics_case.py --against /tmp/before.py    # another version in the same rounds
 
 The case is bench/volumetrics_steps.py's (one report step, FIP arrays written): the table takes the
 fluids from those arrays (``df.attrs["fluids"]``) instead of evaluating the PVT tables per cell.
@@ -11,14 +13,19 @@ Timed, the median of --repeat rounds (bench/common.py), after a first table that
 * ``volumetrics``: ``kavra.volumetrics(case, step=0, zones=...)``, its arrays read from the files;
 * ``read``: the arrays the table reads (FIPOIL, FIPGAS, FIPWAT, SWAT, SGAS, RS, RV of the step,
   PORV, NTG, FIPNUM of the INIT) read through ``case.cell_property``;
-* ``one pass``: those arrays read, and NumPy's sum of each: the floor of any table of them.
+* ``one pass``: those arrays read, and NumPy's sum of each: the floor of any table of them;
+* ``against``: with --against, the ``volumetrics`` of another version of python/kavra/_volumetrics.py
+  (run in this kavra package), in the same rounds, its table checked equal to the bit.
 
 Peak memory: tracemalloc's peak of one table (the arrays the table allocates, those read included).
-On the shared 2-core machine (load average about 4), 10,240,000 cells: volumetrics 0.69 s, read
-0.110 s, one pass 0.128 s (5.4x); a table's peak 1.70 GB for 0.41 GB of arrays read.
+On the shared 2-core machine (load average about 3), 10,240,000 cells, 7 rounds: volumetrics
+0.54 s, read 0.101 s, one pass 0.131 s (4.2x); a table's peak 1.21 GB for 0.41 GB of arrays read.
+--against the version before its columns were added up in one engine pass (_engine.group_totals),
+in the same rounds: 1.28 s (9.8x; 0.69 s, 5.4x, in a quieter run of its own), the same table.
 """
 
 import argparse
+import importlib.util
 import pathlib
 import statistics
 import sys
@@ -43,6 +50,7 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--cells", type=int, default=10_000_000)
     parser.add_argument("--repeat", type=int, default=3)
+    parser.add_argument("--against", type=pathlib.Path, help="a _volumetrics.py to time in the same rounds")
     args = parser.parse_args(argv)
     side = int(round((args.cells / 100) ** 0.5 / 10)) * 10
     n = side * side * 100
@@ -60,6 +68,14 @@ def main(argv=None):
 
         calls = {"volumetrics": lambda: kavra.volumetrics(case, step=0, zones=zones), "read": read,
                  "one pass": lambda: [float(np.add.reduce(a, axis=None)) for a in read()]}
+        if args.against:
+            spec = importlib.util.spec_from_file_location("kavra._volumetrics_against", args.against)
+            other = importlib.util.module_from_spec(spec)
+            spec.loader.exec_module(other)
+            theirs = other.volumetrics(case, step=0, zones=zones)
+            if not theirs.equals(table):
+                print(f"  the table of {args.against} differs from this version's")
+            calls["against"] = lambda: other.volumetrics(case, step=0, zones=zones)
         times = dict(zip(calls, rounds(list(calls.values()), args.repeat)))
         tracemalloc.start()
         kavra.volumetrics(case, step=0, zones=zones)
@@ -73,6 +89,8 @@ def main(argv=None):
         print(f"  {name:<12} {median[name]:8.3f} s  {median[name] / n * 1e9:7.1f} ns/cell")
     print(f"  volumetrics / one pass: {median['volumetrics'] / median['one pass']:.2f}; "
           f"peak memory of a table {peak / 1e9:.2f} GB (the arrays it reads: {size / 1e9:.2f} GB)")
+    if "against" in median:
+        print(f"  against / one pass: {median['against'] / median['one pass']:.2f}")
     return 0
 
 

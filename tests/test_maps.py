@@ -1,4 +1,4 @@
-"""column_map and region_totals against NumPy, on one thread and on two, and over dask."""
+"""column_map, region_totals and the engine's group_totals against NumPy, on one thread and on two, and over dask."""
 
 import math
 
@@ -6,6 +6,7 @@ import numpy as np
 import pytest
 
 import kavra
+from kavra import _engine
 
 GRID = (40, 30, 60)  # 72 000 cells: enough for the engine to split the columns over threads
 NI, NJ, NK = GRID
@@ -155,6 +156,36 @@ def test_region_totals_refuses(arguments, error, words):
     with pytest.raises(error, match=words):
         kavra.region_totals(values, regions, count=count)
 
+
+@pytest.mark.parametrize("runs", [False, True])  # each cell's group drawn, or runs of cells of one group
+@pytest.mark.parametrize("count", [1, 7, 40_000])  # blocks of 2^16 cells, and of 4 x count
+def test_group_totals_give_region_totals_bits_of_every_column(count, runs):
+    """The engine's totals of many columns in one pass (kavra.volumetrics' rows) against region_totals."""
+    n = 300_001
+    key = RNG.integers(-1, count + 2, n).astype(np.int32)  # 0, -1 and above count: no part
+    if runs:
+        key = np.repeat(key, 50)[:n]
+    columns = (RNG.normal(0.0, 1e6, n) * 10.0 ** RNG.integers(-8, 8, n), RNG.random(n).astype(np.float32),
+               np.where(RNG.random(n) < 1e-4, np.inf, 1.0))
+    for threads in (1, 2):
+        out = np.full((len(columns), count), np.nan)
+        _engine.group_totals(key, columns, out, threads)
+        for row, column in zip(out, columns):
+            np.testing.assert_array_equal(row, kavra.region_totals(column, np.where(key > count, 0, key),
+                                                                   count=count, threads=threads))
+
+
+@pytest.mark.parametrize("key, columns, out", [
+    (np.int32([1, 2]), (np.ones(3),), np.zeros((1, 2))),           # a column of another length
+    (np.int32([1, 2]), [np.ones(2)], np.zeros((1, 2))),            # not a tuple
+    (np.int64([1, 2]), (np.ones(2),), np.zeros((1, 2))),           # keys not int32
+    (np.int32([1, 2]), (np.ones(2), np.ones(2)), np.zeros(3)),     # out not columns x count
+    (np.int32([1, 2]), (np.int32([1, 2]),), np.zeros((1, 2))),     # a column not of floats
+    (np.int32([1, 2]), (np.ones(4)[::2],), np.zeros((1, 2))),      # not contiguous
+])
+def test_group_totals_refuses(key, columns, out):
+    with pytest.raises(ValueError, match="group_totals takes int32 keys"):
+        _engine.group_totals(key, columns, out, 1)
 
 @pytest.mark.parametrize("layout", ["kji", "ijk"])
 @pytest.mark.parametrize("reduce", ["sum", "mean", "max", "min"])

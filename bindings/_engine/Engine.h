@@ -31,9 +31,10 @@ nanobind::dict CalculationList();
 PyObject* ReduceGrid(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 
 // column_map(reduce, values, weights, active, nI, nJ, nK, runs, map, empty, threads)
-// and region_totals(values, regions, out, threads) (see Maps.cpp).
+// region_totals(values, regions, out, threads) and group_totals(key, columns, out, threads) (see Maps.cpp).
 PyObject* ColumnMap(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 PyObject* RegionTotals(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
+PyObject* GroupTotals(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 
 // reduce_selection(name, values, cells, nI, nJ, result) (see Reductions.cpp).
 void ReduceSelection(const std::string& name, nanobind::object values, nanobind::object cells, std::int64_t nI,

@@ -1,4 +1,4 @@
-// Column maps and totals per region over NumPy arrays, in chunks on threads
+// Column maps and totals per region (of one column or many) over NumPy arrays, in chunks on threads
 // with the interpreter lock released, by core/reductions/ColumnMaps.h and
 // core/reductions/RegionTotals.h.  Neither can fail on a cell: the arguments
 // are checked here, with the lock.
@@ -184,6 +184,81 @@ Job* PrepareRegionTotals(PyObject* const* args, Py_ssize_t nargs)
     return job.release();
 }
 
+// ---------------------------------------------------------------- totals of many columns per group
+
+struct GroupTotalsJob : WritingJob<GroupTotalsJob>
+{
+    std::unique_ptr<HeldArray> key, out;
+    std::vector<std::unique_ptr<HeldArray>> columns;
+    std::vector<bool> single; // whether each column is float32
+    std::uint64_t n = 0, count = 0;
+    unsigned threads = 1;
+    std::vector<double> sums, compensations; // per column, block and group
+};
+
+// Each block's cells once, every column added cell by cell (totals::SumBlockColumns): each
+// column's partial sums are region_totals' own, so each column's totals are too.  Column j's
+// partial sums of block b are at j * stride + b * count.
+void RunGroupTotals(GroupTotalsJob& job)
+{
+    const int* key = reinterpret_cast<const int*>(job.key->Data());
+    const std::uint64_t blocks = totals::Blocks(job.n, job.count), stride = blocks * job.count;
+    std::vector<totals::Column> columns;
+    for (std::size_t j = 0; j < job.columns.size(); ++j)
+        columns.push_back({job.columns[j]->Data(), job.single[j]});
+    ParallelChunks(blocks, 1, job.threads, [&](std::uint64_t first, std::uint64_t last) {
+        for (std::uint64_t b = first; b < last; ++b)
+            totals::SumBlockColumns(columns.data(), columns.size(), key, job.n, job.count, b,
+                                    &job.sums[b * job.count], &job.compensations[b * job.count], stride);
+    });
+    double* out = reinterpret_cast<double*>(job.out->Data());
+    for (std::size_t j = 0; j < job.columns.size(); ++j)
+        totals::CombineBlocks(&job.sums[j * stride], &job.compensations[j * stride], blocks, job.count,
+                              out + j * job.count);
+}
+
+// group_totals(key, columns, out, threads): for each column of the tuple columns
+// (contiguous float32 or float64, one value per cell), the total of the values
+// of the cells of each group 1..count into its row of out (float64, columns x
+// count, C order), the group of each cell in key (int32, one per cell); other
+// numbers take no part.  Each row holds the bits region_totals gives of its
+// column, for any number of threads.  Gives None.
+Job* PrepareGroupTotals(PyObject* const* args, Py_ssize_t nargs)
+{
+    CheckArguments(nargs, 4, "group_totals");
+    PyObject *key = args[0], *columns = args[1], *out = args[2];
+    const unsigned threads = nb::cast<unsigned>(nb::handle(args[3]));
+    const char* words = "group_totals takes int32 keys, a tuple of contiguous float32 or float64 columns of "
+                        "their length and a float64 out of columns x count values";
+    if (!IsArray(key) || !Contiguous(key) || Kind(key) != NPY_INT || !PyTuple_Check(columns) || !IsArray(out) ||
+        !Contiguous(out) || !HasType(out, {NPY_DOUBLE}) || !Writable(out))
+        Refuse(PyExc_ValueError, words);
+    auto job = std::make_unique<GroupTotalsJob>();
+    job->words = Words{"group_totals", "", {}};
+    job->n = Length(key);
+    const std::uint64_t width = std::uint64_t(PyTuple_GET_SIZE(columns));
+    for (std::uint64_t j = 0; j < width; ++j) {
+        PyObject* column = PyTuple_GET_ITEM(columns, Py_ssize_t(j));
+        if (!IsArray(column) || !Contiguous(column) || !HasType(column, {NPY_FLOAT, NPY_DOUBLE}) ||
+            Length(column) != job->n)
+            Refuse(PyExc_ValueError, words);
+        job->single.push_back(HasType(column, {NPY_FLOAT}));
+        job->columns.emplace_back(new HeldArray(column));
+    }
+    if (width == 0 ? Length(out) != 0 : Length(out) % width != 0)
+        Refuse(PyExc_ValueError, words);
+    job->count = width == 0 ? 0 : Length(out) / width;
+    const std::uint64_t partials = width * totals::Blocks(job->n, job->count) * job->count;
+    job->sums.assign(partials, 0.0);
+    job->compensations.assign(partials, 0.0);
+    job->threads = job->n >= cellsPerChunk ? UsefulThreads(std::max(1u, threads)) : 1;
+    job->run = &RunGroupTotals;
+    job->key.reset(new HeldArray(key));
+    job->out.reset(new HeldArray(out));
+    job->unlocked = job->n * std::max<std::uint64_t>(width, 1) >= cellsWithoutLock;
+    return job.release();
+}
+
 } // namespace
 
 PyObject* ColumnMap(PyObject* self, PyObject* const* args, Py_ssize_t nargs)
@@ -194,6 +269,11 @@ PyObject* ColumnMap(PyObject* self, PyObject* const* args, Py_ssize_t nargs)
 PyObject* RegionTotals(PyObject* self, PyObject* const* args, Py_ssize_t nargs)
 {
     return Entry<&PrepareRegionTotals>(self, args, nargs);
+}
+
+PyObject* GroupTotals(PyObject* self, PyObject* const* args, Py_ssize_t nargs)
+{
+    return Entry<&PrepareGroupTotals>(self, args, nargs);
 }
 
 } // namespace engine

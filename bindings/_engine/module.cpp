@@ -111,6 +111,9 @@ NB_MODULE(_engine, m)
         {"region_totals", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&RegionTotals)),
          METH_FASTCALL, "region_totals($module, values, regions, out, threads, /)\n--\n\n"
          "The totals of values per region into out (bindings/_engine/Maps.cpp). Gives None."},
+        {"group_totals", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&GroupTotals)),
+         METH_FASTCALL, "group_totals($module, key, columns, out, threads, /)\n--\n\n"
+         "The totals of each column per group into the rows of out (bindings/_engine/Maps.cpp). Gives None."},
         {nullptr, nullptr, 0, nullptr}};
     if (PyModule_AddFunctions(m.ptr(), unlocked) < 0)
         throw nb::python_error();

@@ -57,6 +57,50 @@ void SumBlock(const T* values, const int* regions, bool oneRegion, std::uint64_t
     }
 }
 
+// A column of values for SumBlockColumns: float (single) or double.
+struct Column
+{
+    const void* values;
+    bool single;
+};
+
+// Block `block` of n cells for `width` columns at once, cell by cell: column j's
+// sums and compensations at sums[j * stride] and compensations[j * stride] (count
+// of each, zeroed), regions as SumBlock's.  Each column's sums take SumBlock's
+// steps in SumBlock's order, so they hold its bits.  Each run of cells of one
+// region is added up column by column in registers, each region's key read once.
+inline void SumBlockColumns(const Column* columns, std::uint64_t width, const int* regions, std::uint64_t n,
+                            std::uint64_t count, std::uint64_t block, double* sums, double* compensations,
+                            std::uint64_t stride)
+{
+    const std::uint64_t size = BlockCells(count);
+    const std::uint64_t begin = block * size, end = std::min(n, begin + size);
+    std::uint64_t c = begin;
+    while (c < end) {
+        const int r = regions[c];
+        std::uint64_t last = c + 1;
+        while (last < end && regions[last] == r)
+            ++last;
+        if (r >= 1 && std::uint64_t(r) <= count) {
+            for (std::uint64_t j = 0; j < width; ++j) {
+                double sum = sums[j * stride + r - 1], compensation = compensations[j * stride + r - 1];
+                if (columns[j].single) {
+                    const float* values = static_cast<const float*>(columns[j].values);
+                    for (std::uint64_t k = c; k < last; ++k)
+                        AddCompensated(sum, compensation, double(values[k]));
+                } else {
+                    const double* values = static_cast<const double*>(columns[j].values);
+                    for (std::uint64_t k = c; k < last; ++k)
+                        AddCompensated(sum, compensation, values[k]);
+                }
+                sums[j * stride + r - 1] = sum;
+                compensations[j * stride + r - 1] = compensation;
+            }
+        }
+        c = last;
+    }
+}
+
 // The totals of `blocks` blocks of partial sums (block b's at sums[b * count] and
 // compensations[b * count]), combined in block order, into totals[0..count).
 // A total that is not finite is the plain sum (an infinity stays one; NaN is NaN).

@@ -25,9 +25,10 @@ zone.  A row adds up its zone's cells of one zone and region:
 
 the fluids at surface conditions as :func:`kavra.blackoil.in_place` gives them,
 or the simulator's own FIPOIL = STOIIP + ASSOCIATEDOIL, FIPGAS = GIIP +
-ASSOCIATEDGAS and FIPWAT = WIIP where a results case's step holds them, added up per row with
-:func:`kavra.region_totals`.  Cells outside the grid's active cells, or whose
-region number is 0 or below, take no part.
+ASSOCIATEDGAS and FIPWAT = WIIP where a results case's step holds them, added
+up per row as :func:`kavra.region_totals` adds (every column in one pass over
+the cells).  Cells outside the grid's active cells, or whose region number is
+0 or below, take no part.
 """
 
 from __future__ import annotations
@@ -42,7 +43,9 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 from numpy.typing import NDArray
 
-from .maps import region_totals
+from . import _engine
+from ._arrays import engine_buffer
+from ._threads import resolve as resolve_threads
 
 if TYPE_CHECKING:
     import pandas
@@ -272,6 +275,12 @@ def _floats(value: Any) -> NDArray[np.float64]:
     return np.asarray(np.ma.getdata(value), dtype=np.float64)
 
 
+def _reals(value: Any) -> NDArray[np.floating[Any]]:
+    """`value` as float32 or float64 (float32 kept as it is, other types as float64)."""
+    data = np.asarray(np.ma.getdata(value))
+    return data if data.dtype.char in "fd" else data.astype(np.float64)
+
+
 def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any, so: NDArray[np.float64],
             sg: NDArray[np.float64]) -> tuple[NDArray[np.float64], ...]:
     """(liquid oil, vaporised oil, free gas, dissolved gas) of the totals oil = L + F Rv, gas = F + L Rs.
@@ -282,13 +291,17 @@ def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any
     and the parts of each total add up to it.
     """
     if rs is not None and rv is not None:
-        rs, rv = _floats(rs), _floats(rv)
-        det = 1.0 - rs * rv
+        rs, rv = _reals(rs), _reals(rv)
+        det = 1.0 - np.multiply(rs, rv, dtype=np.float64)
         if np.any(det <= 0.0):
             at = int(np.flatnonzero(np.broadcast_to(det <= 0.0, np.shape(oil)))[0])
             raise ValueError(f"state: Rs x Rv is 1 or more at cell {at} (counting from 0), where no fluid can be "
                              "split into oil and gas")
-        liquid, free = np.clip((oil - gas * rv) / det, 0.0, oil), np.clip((gas - oil * rs) / det, 0.0, gas)
+        liquid, free = np.multiply(gas, rv, dtype=np.float64), np.multiply(oil, rs, dtype=np.float64)
+        for part, total in ((liquid, oil), (free, gas)):  # (total - the other's total x ratio) / det
+            np.subtract(total, part, out=part, dtype=np.float64)
+            np.divide(part, det, out=part)
+            np.clip(part, 0.0, total, out=part)
     else:  # dead oil or dry gas: Rs x Rv is 0, and a part without its ratio is its whole total
         liquid = oil if rv is None else np.clip(oil - gas * _floats(rv), 0.0, oil)
         free = gas if rs is None else np.clip(gas - oil * _floats(rs), 0.0, gas)
@@ -302,6 +315,18 @@ def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any
 
 
 # --- the table -------------------------------------------------------------------------------
+
+def _group_totals(group: NDArray[np.int32], columns: Any, count: int) -> NDArray[np.float64]:
+    """The totals of each column (one value per cell) per group 1..count of `group`, in one pass of the
+    engine over the cells: row j holds what ``region_totals(columns[j], group, count=count)`` gives."""
+    columns = tuple(engine_buffer(np.broadcast_to(c, group.shape) if c.dtype.char in "fd" else
+                                  np.broadcast_to(c, group.shape).astype(np.float64)).reshape(-1)
+                    for c in map(np.asarray, columns))
+    out = np.zeros((len(columns), count), dtype=np.float64)
+    if count and group.size:
+        _engine.group_totals(engine_buffer(group, np.int32).reshape(-1), columns, out, resolve_threads(None))
+    return out
+
 
 def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.DataFrame:
     import pandas as pd
@@ -333,25 +358,30 @@ def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.Data
                 numbers = _numbering(zone_spec, "zones", n)
             zone_index, zone_labels = _groups(numbers, zone_names)
 
-    sw, sg = cells.sw, cells.sg
-    so = 1.0 - _floats(sw) - _floats(sg)
-    if np.result_type(np.ma.getdata(sw).dtype, np.ma.getdata(sg).dtype) == np.float32:
-        so = np.where(np.abs(so) < _FLOAT32_SPACING, 0.0, so)
-    sg = np.broadcast_to(_floats(sg), (n,))
-    hydrocarbon = np.clip(np.clip(so, 0.0, 1.0) + np.clip(sg, 0.0, 1.0), 0.0, 1.0)
+    # in float64, in place where a new array would only be the next step's input
+    sw, sg = _reals(cells.sw), _reals(cells.sg)
+    so = np.empty(n)
+    np.subtract(1.0, sw, out=so, dtype=np.float64)
+    np.subtract(so, sg, out=so, dtype=np.float64)
+    if np.result_type(sw.dtype, sg.dtype) == np.float32:
+        np.copyto(so, 0.0, where=np.abs(so) < _FLOAT32_SPACING)
+    sg = np.broadcast_to(sg, (n,))
+    hydrocarbon = np.clip(so, 0.0, 1.0)
+    hydrocarbon += np.clip(sg, 0.0, 1.0)
+    np.clip(hydrocarbon, 0.0, 1.0, out=hydrocarbon)
 
-    fluids = cells.fluids
-    oil, gas, water = (_floats(f) for f in fluids)
+    # float32 fluids (the simulator's FIP arrays) as they are: float64 arithmetic widens them exactly
+    oil, gas, water = (_reals(f) for f in cells.fluids)
     liquid, vaporised, free, dissolved = _phases(oil, gas, cells.rs if cells.live else None,
                                                  cells.rv if cells.wet else None, so, sg)
     del oil, gas, so
-    # the fluid zone of each cell: 0 oil, 1 gas, 2 water
-    fluid = np.where(free > 0.0, 1, np.where(liquid > 0.0, 0, 2)).astype(np.int64)
-    porv = np.broadcast_to(_floats(cells.porv), (n,))
-    bulk = np.broadcast_to(_floats(cells.bulk), (n,))
-    columns = {"BULK": bulk, "NET": bulk * np.broadcast_to(_floats(cells.ntg), (n,)), "PORV": porv,
-               "HCPV": porv * hydrocarbon, "STOIIP": liquid, "GIIP": free, "ASSOCIATEDGAS": dissolved,
-               "ASSOCIATEDOIL": vaporised, "WIIP": np.broadcast_to(water, (n,))}
+    # the fluid zone of each cell, from 1: 1 oil, 2 gas, 3 water
+    fluid = np.where(free > 0.0, np.int32(2), np.where(liquid > 0.0, np.int32(1), np.int32(3)))
+    porv = np.broadcast_to(_reals(cells.porv), (n,))
+    bulk = np.broadcast_to(_reals(cells.bulk), (n,))
+    columns = {"BULK": bulk, "NET": np.multiply(bulk, _reals(cells.ntg), dtype=np.float64), "PORV": porv,
+               "HCPV": np.multiply(porv, hydrocarbon, out=hydrocarbon), "STOIIP": liquid, "GIIP": free,
+               "ASSOCIATEDGAS": dissolved, "ASSOCIATEDOIL": vaporised, "WIIP": np.broadcast_to(water, (n,))}
 
     nz, nr = len(zone_labels), len(region_labels)
     count = nz * nr * len(FLUIDS)
@@ -359,10 +389,15 @@ def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.Data
         raise ValueError(f"volumetrics: {nz} zones x {nr} regions x {len(FLUIDS)} fluids make {count} rows, more "
                          f"than the {_MOST_ROWS} a table takes: are the regions and zones numbered as meant?")
     taking = cells.active & (region_index >= 0) & (zone_index >= 0)
-    group = np.where(taking, (zone_index * nr + region_index) * len(FLUIDS) + fluid + 1, 0).astype(np.int32)
+    # the row of each cell from 1 (0: none), in int32 (count <= 2**26)
+    group = zone_index.astype(np.int32)
+    group *= nr
+    np.add(group, region_index, out=group, casting="unsafe")
+    group *= len(FLUIDS)
+    group += fluid
+    np.copyto(group, 0, where=~taking)
     used = np.bincount(group, minlength=count + 1)[1:] > 0
-    sums = {name: region_totals(values, group, count=count)
-            for name, values in columns.items()}
+    sums = dict(zip(columns, _group_totals(group, columns.values(), count)))
 
     zone_of = np.repeat(np.arange(nz), nr * len(FLUIDS))
     region_of = np.tile(np.repeat(np.arange(nr), len(FLUIDS)), nz)
