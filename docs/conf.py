@@ -36,6 +36,7 @@ MODULES = [
     "kavra.dask",
     "kavra.blackoil",
     "kavra.satfunc",
+    "kavra.equil",
 ]
 
 

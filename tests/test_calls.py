@@ -268,6 +268,9 @@ def test_the_api_pages_list_every_row():
     documented = {f"kavra.{call.module}" for name, call in CALLS.items() if "." in name}
     documented |= {"kavra.dask"} if any(call.dask for call in CALLS.values()) else set()
     assert documented <= set(values["MODULES"])
+    # every submodule has a page of its own, but those whose functions are the package's own
+    assert {f"kavra.{name}" for name in kavra._SUBMODULES} - {f"kavra.{m}" for m in _calls.FACE.values()} \
+        <= set(values["MODULES"])
     assert "_pages/api/*" in (ROOT / "docs/api.rst").read_text()  # (the package's page among the modules')
 
 
