@@ -208,11 +208,11 @@ def _numbering(values: Any, what: str, cells: int) -> NDArray[np.int64]:
     return numbers
 
 
-def _split_names(spec: Any) -> tuple[Any, Mapping[Any, Any] | None]:
-    """(what, names) of a spec that may be a pair (property or array, {number: name})."""
-    if isinstance(spec, tuple) and len(spec) == 2 and isinstance(spec[1], Mapping):
-        return spec[0], spec[1]
-    return spec, None
+def _split_names(given: Any) -> tuple[Any, Mapping[Any, Any] | None]:
+    """(what, names) of a `regions` or `zones` argument, which may be a pair (property or array, {number: name})."""
+    if isinstance(given, tuple) and len(given) == 2 and isinstance(given[1], Mapping):
+        return given[0], given[1]
+    return given, None
 
 
 def _groups(numbers: NDArray[np.int64], names: Mapping[Any, Any] | None) -> tuple[NDArray[np.int64], list[str]]:
