@@ -69,9 +69,9 @@ def main(argv=None):
         calls = {"volumetrics": lambda: kavra.volumetrics(case, step=0, zones=zones), "read": read,
                  "one pass": lambda: [float(np.add.reduce(a, axis=None)) for a in read()]}
         if args.against:
-            spec = importlib.util.spec_from_file_location("kavra._volumetrics_against", args.against)
-            other = importlib.util.module_from_spec(spec)
-            spec.loader.exec_module(other)
+            found = importlib.util.spec_from_file_location("kavra._volumetrics_against", args.against)
+            other = importlib.util.module_from_spec(found)
+            found.loader.exec_module(other)
             theirs = other.volumetrics(case, step=0, zones=zones)
             if not theirs.equals(table):
                 print(f"  the table of {args.against} differs from this version's")

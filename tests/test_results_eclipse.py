@@ -240,7 +240,7 @@ def write_summary(directory, case, names="WGNAMES", form=resfo.Format.UNFORMATTE
                   startdat=(1, 1, 2022), steps=3):
     """A summary of TIME, FOPR and WOPR:OP_1 over `steps` time steps: SMSPEC and UNSMRY (or formatted)."""
     keywords = ["TIME", "FOPR", "WOPR"] if keywords is None else keywords
-    spec = [("DIMENS  ", np.int32([len(keywords), 4, 2, 3, 0, -1])),
+    header = [("DIMENS  ", np.int32([len(keywords), 4, 2, 3, 0, -1])),
             ("KEYWORDS", np.array([f"{k:8}" for k in keywords], dtype="S8")),
             (f"{names:8}", np.array([f"{w:8}" for w in (":+:+:+:+", ":+:+:+:+", "OP_1")], dtype="S8")),
             ("NUMS    ", np.int32([0, 0, 0])), ("UNITS   ", np.array([b"DAYS    ", b"SM3/DAY ", b"SM3/DAY "])),
@@ -250,7 +250,7 @@ def write_summary(directory, case, names="WGNAMES", form=resfo.Format.UNFORMATTE
         values += [("MINISTEP", np.int32([step])),
                    ("PARAMS  ", np.float32([step + 1.0, 100.0 * (step + 1), 10.0 * (step + 1)]))]
     formatted = form == resfo.Format.FORMATTED
-    resfo.write(directory / f"{case}.{'FSMSPEC' if formatted else 'SMSPEC'}", spec, form)
+    resfo.write(directory / f"{case}.{'FSMSPEC' if formatted else 'SMSPEC'}", header, form)
     resfo.write(directory / f"{case}.{'FUNSMRY' if formatted else 'UNSMRY'}", values, form)
     return directory / case
 
