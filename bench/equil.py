@@ -1,22 +1,25 @@
 """The initial state of a deck from EQUIL: kavra.equil against Flow's own initialisation.
 
-    python bench/equil.py [--shape NI NJ NK] [--scenarios S] [--dir DIR]
+    python bench/equil.py [--shape NI NJ NK] [--rounds R] [--scenarios S] [--dir DIR] [--compare]
 
 Writes the dome of tests/data/DOME.DATA (two equilibration regions, one with a gas cap,
 capillary pressure in SWOF and SGOF, RSVD) on a grid of 100 x 100 x 100 cells (10^6, all
-active), then times in one run:
+active), then times:
 
-- kavra: ``kavra.deck.read`` of the deck (opm's parse), then ``kavra.equil.initial_state``
-  on one thread (the first call: it includes opm's grid and properties and kavra's geometry
-  of the cells, which the deck keeps) and on all (the regions, the pressure curves of each
-  region, every cell's pressures, saturations and Rs);
-- kavra, S scenarios of contacts (``contacts=``) with the fluids in place per FIPNUM region
-  of each (``state.in_place()`` and ``kavra.region_totals``);
-- Flow: ``opm.simulators.BlackOilSimulator(deck).step_init()`` in a child process (its parse
-  of the deck, its grid and properties, and its equilibration; no time step).
+- from the file, in --rounds interleaved rounds, each side in a fresh child process so that
+  neither finds anything read or built before it:
+  kavra: ``kavra.deck.read`` (opm's parse) and ``kavra.equil.initial_state`` on all cores
+  (opm's grid and properties, kavra's geometry of the cells, the regions' pressure curves,
+  every cell's pressures, saturations and Rs);
+  Flow: ``opm.simulators.BlackOilSimulator(deck).step_init()`` (its parse of the deck, its
+  grid and properties, and its equilibration; no time step);
+  each round's ratio is taken from the two runs next to each other, the median printed;
+- in this process, on the deck read once: ``initial_state`` again on one thread and on all;
+- S scenarios of contacts (``contacts=``) with the fluids in place per FIPNUM region of each
+  (``state.in_place()`` and ``kavra.region_totals``).
 
-Printed: each time, and the largest relative difference of PRESSURE between kavra and
-Flow's step 0 (with --compare, which runs Flow's first report step to write the restart).
+Printed: each time, and with --compare the largest relative difference of PRESSURE between
+kavra and Flow's step 0 (Flow's first report step is run to write the restart).
 """
 
 import argparse
@@ -38,6 +41,14 @@ import kavra.results
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 ALL = len(os.sched_getaffinity(0))
 
+_KAVRA = """
+import sys, time
+import kavra.deck, kavra.equil
+start = time.perf_counter()
+kavra.equil.initial_state(kavra.deck.read(sys.argv[1]))
+print("initial_state seconds", time.perf_counter() - start, flush=True)
+"""
+
 _FLOW = """
 import sys, time
 import opm.simulators
@@ -45,7 +56,7 @@ start = time.perf_counter()
 simulator = opm.simulators.BlackOilSimulator(sys.argv[1])
 simulator.step_init()
 print("step_init seconds", time.perf_counter() - start, flush=True)
-if sys.argv[2] == "compare":
+if len(sys.argv) > 2:
     simulator.step()
     simulator.step_cleanup()
 """
@@ -74,6 +85,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--shape", type=int, nargs=3, default=(100, 100, 100))
     parser.add_argument("--scenarios", type=int, default=100)
+    parser.add_argument("--rounds", type=int, default=3, help="rounds of kavra and Flow from the file")
     parser.add_argument("--dir", type=pathlib.Path)
     parser.add_argument("--compare", action="store_true", help="check PRESSURE against Flow's step 0")
     args = parser.parse_args()
@@ -82,14 +94,22 @@ def main():
     path.write_text(dome(*args.shape))
     print(f"{np.prod(args.shape)} cells, deck {path}; {ALL} cores")
 
-    start = time.perf_counter()
+    ratios = []
+    for r in range(args.rounds):
+        cold = child(_KAVRA, path, "initial_state")
+        flow = child(_FLOW, path, "step_init")
+        ratios.append(flow / cold)
+        print(f"round {r + 1}: from the file, kavra (read, initial_state) {cold:.2f} s, "
+              f"Flow BlackOilSimulator(...).step_init() {flow:.2f} s: {flow / cold:.1f}x")
+    print(f"median of {args.rounds} rounds: {np.median(ratios):.1f}x")
+
     deck = kavra.deck.read(path)
-    print(f"kavra.deck.read: {time.perf_counter() - start:.2f} s")
+    kavra.equil.initial_state(deck)
     states = {}
     for threads in (1, ALL):
         start = time.perf_counter()
         states[threads] = kavra.equil.initial_state(deck, threads=threads)
-        print(f"kavra.equil.initial_state, {threads} thread(s): {time.perf_counter() - start:.2f} s")
+        print(f"deck read: kavra.equil.initial_state, {threads} thread(s): {time.perf_counter() - start:.2f} s")
     assert np.array_equal(states[1].pressure, states[ALL].pressure)
 
     fipnum = deck.cell_property("FIPNUM")
@@ -100,17 +120,20 @@ def main():
     print(f"{args.scenarios} scenarios of contacts, oil in place per FIPNUM region: "
           f"{time.perf_counter() - start:.2f} s (last: {np.asarray(totals[-1]).round(-3)})")
 
-    done = subprocess.run([sys.executable, "-c", _FLOW, str(path), "compare" if args.compare else "init"],
-                          cwd=directory, capture_output=True, text=True)
-    if done.returncode != 0:
-        sys.exit("Flow failed:\n" + (done.stdout + done.stderr)[-3000:])
-    flow = float(re.search(r"step_init seconds (\S+)", done.stdout).group(1))
-    print(f"Flow BlackOilSimulator(...).step_init(): {flow:.2f} s")
     if args.compare:
+        child(_FLOW, path, "step_init", "compare")
         pressure = kavra.results.read(directory / "DOMEBENCH").cell_property("PRESSURE", 0)
         error = np.abs(states[ALL].pressure - pressure) / pressure
         print(f"PRESSURE against Flow's step 0: largest relative difference {error.max():.1e}")
 
+
+def child(code, path, label, *extra):
+    """Seconds that a fresh Python process, running code on the deck, prints after label."""
+    done = subprocess.run([sys.executable, "-c", code, str(path), *extra], cwd=path.parent,
+                          capture_output=True, text=True)
+    if done.returncode != 0:
+        sys.exit(f"{label} failed:\n" + (done.stdout + done.stderr)[-3000:])
+    return float(re.search(label + r" seconds (\S+)", done.stdout).group(1))
 
 if __name__ == "__main__":
     main()

@@ -58,6 +58,8 @@ _QUOTED = re.compile(r"'[^']*'|\"[^\"]*\"")
 # a keyword into the format of its message, where a pair of braces with a colon in it is a field
 # whose width ('{:>2000000000}') has opm write that many characters.
 _FORMAT_FIELD = re.compile(r"\{[^{}]*:[^{}]*\}")
+# A line that may start INCLUDE or PATHS (the reading below tells)
+_LISTING = re.compile(r"^[^\S\n]*(INCLUDE|PATHS)", re.M)
 _TOKEN = re.compile(r"'([^']*)'|\"([^\"]*)\"|([^\s'\"]+)")
 
 
@@ -105,6 +107,8 @@ def check_text(text: str, where: str, chain: tuple[pathlib.Path, ...], includes:
     its own messages), braces outside quotes that its messages would take for a field with a
     width, INCLUDE cycles and directories.  Only what is certain is refused; the rest is left
     to opm."""
+    if _NOT_TEXT.search(text) is None and "{" not in text and "}" not in text and not _LISTING.search(text):
+        return  # nothing for the line by line reading below to find
     lines = _lines(text)
     for number, line in lines:
         bad = _NOT_TEXT.search(line)
