@@ -136,6 +136,19 @@ def test_edits_in_boxes_and_their_order():
                                rtol=1e-15)
 
 
+def test_the_cells_opm_keeps_are_found_past_each_thousand():
+    n = 41 * 41 * 2  # 3362 cells: the cells' numbers handed to opm run past three thousands
+    inactive = [0, 998, 999, 1000, 1001, 1999, 2000, 3361]
+    actnum = np.ones(n, dtype=int)
+    actnum[inactive] = 0
+    poro = 0.01 + np.arange(n) / 1e5
+    deck = deck_module.read(f"RUNSPEC\nDIMENS\n 41 41 2 /\nMETRIC\nGRID\nDX\n {n}*10 /\nDY\n {n}*10 /\n"
+                            f"DZ\n {n}*2 /\nTOPS\n 1681*1000 /\nACTNUM\n {' '.join(map(str, actnum))} /\n"
+                            f"PORO\n {' '.join(f'{v:.5f}' for v in poro)} /\n")
+    assert np.flatnonzero(~deck.active).tolist() == inactive
+    np.testing.assert_allclose(deck.cell_property("PORO")[actnum == 1], poro[actnum == 1], rtol=1e-15)
+
+
 @pytest.mark.parametrize("grid, error, words", [
     ("", deck_module.DeckError, "the deck has no grid geometry"),
     ("COORD\n 24*0 /\nZCORN\n 8*0 /\n", deck_module.DeckError, "COORD holds 24 numbers; the grid of DIMENS needs 36"),

@@ -82,7 +82,7 @@ class OpmState:
         if self._state is None:
             g = self.grid
             marker = self._free_marker()
-            numbers = " ".join(map(str, range(1, g.number_of_cells() + 1)))
+            numbers = _cell_numbers(g.number_of_cells())
             marked = Parser().parse_string(f"RUNSPEC\nDIMENS\n {g.nI} {g.nJ} {g.nK} /\nGRID\n{marker}\n{numbers} /\n")
             deck, placed, in_grid = Parser().parse_string(""), False, False
             for keyword in self._parsed:
@@ -224,3 +224,14 @@ def array_item(keyword: Any, name: str) -> Any:
     if len(keyword) != 1 or len(keyword[0]) != 1 or keyword[0][0].is_string():
         raise DeckError(f"{name} is not a grid property: it does not hold one list of numbers")
     return keyword[0][0]
+
+
+def _cell_numbers(n: int) -> str:
+    """'1 2 3 ... n', the thousands at a time: each thousand 'k000 k001 ... k999' joined from
+    the same thousand endings (a tenth of the time of writing each number on its own)."""
+    endings = [f"{e:03d}" for e in range(1000)]
+    parts = [" ".join(map(str, range(1, min(n, 999) + 1)))]
+    for k in range(1, n // 1000 + 1):
+        prefix = str(k)
+        parts.append(prefix + (" " + prefix).join(endings[:n - k * 1000 + 1]))
+    return " ".join(parts)
