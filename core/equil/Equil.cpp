@@ -185,7 +185,12 @@ struct CellCurve
     }
     double FromTable(double s) const
     {
-        return highTable == lowTable ? low : low + (s - lowTable) * ((high - low) / (highTable - lowTable));
+        // the table's ends map onto the cell's exactly (an all-water cell is at its highest)
+        if (highTable == lowTable || s <= lowTable)
+            return low;
+        if (s >= highTable)
+            return high;
+        return low + (s - lowTable) * ((high - low) / (highTable - lowTable));
     }
     double Pc(double s) const { return factor * PcAt(*curve, ToTable(s)); }
     double Invert(double pc, bool falling) const
@@ -258,10 +263,16 @@ PointState StateAt(double z, const RegionCurves& r, CellCurve& water, const Cell
         }
         if (phases.water && phases.gas && sw + sg > 1.0) {
             // Gas meets water with no oil between: Sw is where Pcow(Sw) + Pcog(1 - Sw), the
-            // gas-water capillary pressure, reaches pg - pw; the gas has the rest.
-            sw = GasWaterSaturation(pg - pw, water, gas);
+            // gas-water capillary pressure, reaches pg - pw; the gas has the rest.  A cell
+            // with SWATINIT keeps its Sw, and its Pcow curve is scaled to reach there the
+            // difference between the oil pressure (the gas's less Pcog) and the water's.
+            if (std::isnan(swatinit))
+                sw = GasWaterSaturation(pg - pw, water, gas);
             sg = 1.0 - sw;
             po = pg - gas.Pc(sg);
+            const double at = std::isnan(swatinit) ? 0.0 : PcAt(*water.curve, water.ToTable(sw));
+            if (at > 0.0 && po - pw > 0.0)
+                water.factor = (po - pw) / at;
         }
         return PointState{po, sw, sg};
     }
@@ -310,7 +321,7 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
                 const double z = slices == 1 ? cells.depth[h]
                                              : cells.depth[h] - 0.5 * cells.thickness[h] +
                                                    cells.thickness[h] * ((k + 0.5) / slices);
-                const PointState at = StateAt(z, r, water, gas, phases, slices == 1 ? swatinit : nan);
+                const PointState at = StateAt(z, r, water, gas, phases, swatinit);
                 sum.p += at.p;
                 sum.sw += at.sw;
                 sum.sg += at.sg;

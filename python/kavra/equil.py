@@ -25,15 +25,21 @@ contact, capped the same way; Flow then wants the datum at that contact, and so 
 
 SWATINIT gives a cell of the oil zone above the free water (Pcow above 0) that water saturation
 (at least its lowest), its Pcow curve scaled to reach the Pcow there (``ppcw``, Flow's PPCW).
+Where gas would then leave no room for oil, a cell with a SWATINIT keeps its water (SWATINIT's,
+or its curve's where SWATINIT scales nothing, as at 1), the gas has the rest, and the curve is
+scaled to reach there the difference between the oil pressure (the gas's less Pcog) and the
+water's.  With level slices the slices are taken from the top down, each with the curve as
+the slices above left it: the cell's curve is that of its deepest slice above the free water,
+and its state the mean of the slices'.  Without oil Flow leaves SWATINIT unused (its step 0
+is the same as without it), and so does kavra.
 
 An equilibration region takes the PVT region (PVTNUM) of its first active cell for its
 curves and its cells' Rs and Rv, as Flow does where they differ; the fluids in place take
 each cell's own.
 
-Not yet: SWATINIT with gas-water or with level slices (EQUIL item 9 other than 0, its default
--5 included: Flow's states then are not reproduced), end points from the ENPTVD
-family, EQUIL item 9 above 1 (Flow takes it, and its states differ from both the centre's
-and those of any number of slices), slices of a tilted cell weighted by their volume.
+Not yet: end points from the ENPTVD family, EQUIL item 9 above 1 (Flow takes it, and its
+states differ from both the centre's and those of any number of slices), slices of a tilted
+cell weighted by their volume.
 
 Examples
 --------
@@ -86,7 +92,8 @@ class InitialState(NamedTuple):
         Dissolved gas-oil and vaporised oil-gas ratio (0 without PVTO, PVTG).
     ppcw : numpy.ma.MaskedArray
         The cell's largest Pcow (Pcgw of a gas-water deck): its table's, scaled by its PCW,
-        or what SWATINIT made it (Flow's PPCW); NaN without water.
+        or what SWATINIT made it (Flow's PPCW); NaN without water.  (Flow writes a PPCW of 0
+        in a gas-water deck with SWATINIT, which it leaves unused.)
     deck : kavra.deck.Deck
         The deck, for :meth:`in_place`.
     """
@@ -198,23 +205,14 @@ def _cell_end_points(deck: Any) -> list[Any]:
     return ends
 
 
-def _swatinit(deck: Any, oil: bool, water: bool, slices: list[int]) -> Any:
-    """SWATINIT per cell, or None without it."""
+def _swatinit(deck: Any, oil: bool, water: bool) -> Any:
+    """SWATINIT per cell, or None without it or where Flow leaves it unused (a deck without oil)."""
     try:
         values = deck.cell_property("SWATINIT")
     except KeyError:
         return None
     if not (oil and water):
-        raise NotImplementedError(f"initial_state: SWATINIT in a deck without {'oil' if water else 'water'} is not "
-                                  "supported: kavra scales the oil-water capillary pressure to it, and how Flow "
-                                  "scales the curves of such a deck has not been checked against its output")
-    sliced = [r for r, k in enumerate(slices) if k != 1]
-    if sliced:
-        raise NotImplementedError(f"initial_state: SWATINIT with level slices of the cells (EQUIL item 9 not 0, its "
-                                  f"default -5 included, in region {sliced[0] + 1}) is not supported: Flow's "
-                                  "saturations then are neither those at the cells' centres with Pcow scaled to "
-                                  "SWATINIT nor the slices' mean without it, and kavra does not reproduce them; "
-                                  "item 9 of 0 (the cells' centres) is supported")
+        return None  # Flow's step 0 of a gas-water deck is the same with SWATINIT as without
     return np.ascontiguousarray(values, dtype=np.float64)
 
 
@@ -275,8 +273,7 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
         above 0 without RSVD or PBVD (RVVD or PDVD), as Flow refuses them; `points` not a
         positive integer, `contacts` not pairs of numbers.
     NotImplementedError
-        A feature not supported yet (EQUIL item 9 above 0; SWATINIT in a gas-water deck or
-        with item 9 below 0).
+        A feature not supported yet (EQUIL item 9 above 1).
 
     Examples
     --------
@@ -341,7 +338,7 @@ class _Setup:
                             *(gas_pc[t] if gas_pc else (empty, empty))]
                            for t in range(max(len(water_pc or []), len(gas_pc or []), 1))]
         self.slices = [_slices(record.accuracy, r) for r, record in enumerate(deck.equil)]
-        self.ends = _cell_end_points(deck) + [_swatinit(deck, self.oil, self.water, self.slices)]
+        self.ends = _cell_end_points(deck) + [_swatinit(deck, self.oil, self.water)]
         self.used = int(self.eqlnum[self.active.astype(bool)].max(initial=0))
         if self.used > len(self.slices):
             raise ValueError(f"initial_state: EQLNUM reaches {self.used}; EQUIL has {len(self.slices)} records")
