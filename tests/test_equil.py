@@ -111,27 +111,35 @@ def _edited(text, old, new):
     return text.replace(old, new)
 
 
-@pytest.mark.parametrize("item", [2, 5])
-def test_equil_item_9_above_1_refused_in_words(item):
-    text = kavra.deck.example_path("SPE1CASE1").read_text()
-    deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", f"8400 4800 8450 0 8300 0 1 0 {item}"))
-    with pytest.raises(NotImplementedError, match=f"item 9 of {item} .*Flow accepts a positive N"):
-        kavra.equil.initial_state(deck)
+EDITED_EQUIL = {  # deck: (its EQUIL line, that line with item 9 as {})
+    "TRANSITION": ("1400.0 0.0 /", "1400.0 0.0 1* 1* {} /"),
+    "TRANSITION_SWATINIT": ("1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* {} /"),
+    "DOME": ("2020.0 0.05 1 0 0 /\n 2050.0 196.0 2062.0 0.0  1900.0 0.0  1 0 0 /",
+             "2020.0 0.05 1 0 {} /\n 2050.0 196.0 2062.0 0.0  1900.0 0.0  1 0 -2 /"),
+    "SPE9": ("8800.0 0.0 1 0 0 /", "8800.0 0.0 1 0 {} /"),
+}
 
 
-def test_equil_item_9_of_1_is_flows(tmp_path):
-    # Flow's step 0 for an item 9 of 1 is its step 0 for -1 (two level slices per cell)
+@pytest.mark.parametrize("deck_name, item", [("TRANSITION", 1), ("TRANSITION", 3), ("TRANSITION_SWATINIT", 2),
+                                             ("TRANSITION_SWATINIT", -5), ("DOME", 3), ("SPE9", 20)])
+def test_equil_item_9_as_flows(tmp_path, deck_name, item):
+    # Flow's 1 is its -1; above 1 it weights the 2N level slices of a cell (1/4 + |x| - x^2 at a
+    # slice's centre x), unlike the mean of the same slices (N below 0) or the centre's state (0)
     pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
-    text = _edited((DATA / "TRANSITION.DATA").read_text(), "1400.0 0.0 /", "1400.0 0.0 1* 1* 1 /")
-    deck_path = tmp_path / "ITEM9.DATA"
+    old, new = EDITED_EQUIL[deck_name]
+    text = _edited((DATA / f"{deck_name}.DATA").read_text(), old, new.format(item))
+    deck_path = tmp_path / f"ITEM9_{deck_name}.DATA"
     deck_path.write_text(text)
     run = kavra.results.read(flow(deck_path))
     state = kavra.equil.initial_state(kavra.deck.read(deck_path))
-    centre = kavra.equil.initial_state(kavra.deck.read(text.replace("1* 1* 1 /", "1* 1* 0 /")))
+    other = kavra.equil.initial_state(kavra.deck.read(text.replace(new.format(item), new.format(
+        0 if item in (1, -5) else -item))))
     sw = np.asarray(run.cell_property("SWAT", 0), dtype=np.float64)
-    assert np.abs(state.sw - sw).max() <= TOLERANCE < np.abs(centre.sw - sw).max()
-    pressure = np.asarray(run.cell_property("PRESSURE", 0), dtype=np.float64)
-    assert (np.abs(state.pressure - pressure) / pressure).max() <= TOLERANCE
+    assert np.abs(state.sw - sw).max() <= TOLERANCE < np.abs(other.sw - sw).max()
+    for flow_name, ours in (("PRESSURE", state.pressure), ("PPCW", state.ppcw)):
+        if flow_name in run.property_names(0):
+            theirs = np.asarray(run.cell_property(flow_name, 0), dtype=np.float64)
+            assert (np.abs(ours - theirs) / theirs).max() <= TOLERANCE, flow_name
 
 
 def test_item_9_negative_averages_level_slices():
@@ -191,6 +199,10 @@ SPE1_EQUIL = "8400 4800 8450 0 8300 0 1 0 0"
     ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 0 0 0", ValueError, "datum must lie at its gas-oil contact"),
     ("SPE1CASE1", "SOLUTION", "REGIONS\nPVTNUM\n300*2 /\nSOLUTION", ValueError, "PVT region 2"),
     ("SPE1CASE1", f"EQUIL\n\t{SPE1_EQUIL} /", "", ValueError, "no EQUIL"),
+    ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 1 0 21", ValueError, "item 9 of region 1 is 21; .* -20 to 20"),
+    ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 1 0 -21", ValueError, "is -21"),
+    ("FAULTED", "2020 250 2040 0 1990 0 /", "2020 250 2040 0 1990 0 1* 1* 2 /", NotImplementedError,
+     r"item 9 above 0 \(region 1\) on a corner-point grid"),
 ])
 def test_decks_refused_in_words(deck_name, old, new, error, words):
     path = kavra.deck.example_path(deck_name) if deck_name in kavra.deck.EXAMPLES else DATA / f"{deck_name}.DATA"
@@ -236,6 +248,9 @@ def test_engine_cells_refuse_bad_regions_and_survive_nan():
     with pytest.raises(IndexError, match="cell 0 has equilibration region 5"):
         _engine.equil_cells(depth, thickness, regions, np.ones(n, np.int32), active, curves, [1], water, [None] * 7,
                             [True, True, False], 2, out)
+    with pytest.raises(ValueError, match="accuracy .* from -20 to 20, not 21"):
+        _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [21],
+                            water, [None] * 7, [True, True, False], 2, out)
     with pytest.raises(ValueError, match="one value per cell"):
         _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [1],
                             water, [None] * 7, [True, True, False], 2, out[:5] + [np.empty(3)])
