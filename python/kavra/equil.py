@@ -17,9 +17,10 @@ Flow writes PRESSURE.  EQUIL item 9 of 0 takes the cell's centre; a negative N (
 the mean of the states (oil pressure and saturations) at the centres of 2|N| level slices of
 equal thickness; a positive N the states at the same centres weighted as Flow weights them in
 a level cell, in proportion to 1/4 + |x| - x**2 at a centre x from the cell's (in thicknesses
-of the cell: the outer slices count twice the inner ones; for 1 the mean of two, as -1).  Flow
-takes N from -20 to 20, and so does kavra; a positive N on a corner-point grid, whose cells
-Flow then weights by their corners' depths, kavra refuses.
+of the cell: near its top and bottom twice what it is at its middle; for 1 the mean of two,
+as -1).  Flow takes N from -20 to 20, and so does kavra.  A positive N on a corner-point grid
+kavra refuses: on tilted cells Flow's states then differ from that weighting (by up to 0.49 in
+Sw on a test deck), where its states for a negative N are the level slices' mean.
 
 Rs follows RSVD, or the saturated Rs at the bubble point of PBVD (EQUIL item 7 above 0),
 capped at the saturated Rs of the cell's oil pressure; Rv likewise follows RVVD or PDVD (item
@@ -41,8 +42,8 @@ An equilibration region takes the PVT region (PVTNUM) of its first active cell f
 curves and its cells' Rs and Rv, as Flow does where they differ; the fluids in place take
 each cell's own.
 
-Not yet: end points from the ENPTVD family; EQUIL item 9 above 0 on a corner-point grid (Flow
-then weights the slices of a tilted cell by its geometry).
+Not yet: end points from the ENPTVD family; EQUIL item 9 above 0 on a corner-point grid (how
+Flow weights the slices of a tilted cell).
 
 Examples
 --------
@@ -343,8 +344,9 @@ class _Setup:
         if weighted and "ZCORN" in deck.keywords:
             raise NotImplementedError(
                 f"initial_state: EQUIL item 9 above 0 (region {weighted[0] + 1}) on a corner-point grid is not "
-                "supported: Flow then weights a cell's slices by its corners' depths, and kavra reproduces its "
-                "weights only on the level cells of a DX, DY, DZ and TOPS grid; 0 and negative values are supported")
+                "supported: Flow's states for it on tilted cells are not those of the weighted level slices "
+                "that kavra takes (it takes them on the level cells of a DX, DY, DZ and TOPS grid); 0 and "
+                "negative values are supported")
 
     def _curves(self, r: int, record: Any) -> list[Any]:
         """The phase pressures against depth of equilibration region r + 1."""
