@@ -288,6 +288,8 @@ PointState StateAt(double z, const RegionCurves& r, CellCurve& water, const Cell
 
 std::vector<double> SliceWeights(int accuracy)
 {
+    if (accuracy < -20 || accuracy > 20)
+        throw std::invalid_argument("EQUIL item 9 must lie from -20 to 20, not " + std::to_string(accuracy));
     if (accuracy == 0)
         return {1.0};
     const int slices = 2 * std::abs(accuracy);

@@ -123,7 +123,8 @@ struct CellStates
 // cell's centre) for 0, else 2|N| slices of equal thickness, their states
 // weighted alike for N below 0 and, for N above 0, as the simulator weights
 // those of a level cell: in proportion to 1/4 + |x| - x^2 at the slice's
-// centre x (from the cell's centre, in cell thicknesses).
+// centre x (from the cell's centre, in cell thicknesses).  N outside -20 to
+// 20 (as the simulator refuses it) throws std::invalid_argument.
 std::vector<double> SliceWeights(int accuracy);
 
 // Reads every active cell's phase pressures in its region's curves at its
