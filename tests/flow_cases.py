@@ -60,10 +60,12 @@ CASES = {
     "TRANSITION": {},
     "TRANSITION_ESP": {},
     "TRANSITION_SWATINIT": {},
+    "SWATINIT_SLICES": {},
     "TRANSITION_SWATINIT_ENDSCALE": {"FROM": "TRANSITION_SWATINIT", "START": "TRANSITION_SWATINIT_ENDSCALE.START.INC",
                                      "SOLUTION": "TRANSITION_SWATINIT_ENDSCALE.INC",
                                      "TSTEP": "TRANSITION_SWATINIT_ENDSCALE.SCHEDULE.INC"},
     "GASWATER": {},
+    "GASWATER_SWATINIT": {"FROM": "GASWATER", "SOLUTION": "GASWATER_SWATINIT.INC"},
     "MIXEDPVT": {},
     "SPE9": {},
     # the domes and SPE9 with Flow's region report of the initial state in the PRT file (RPTSOL 'FIP=2')

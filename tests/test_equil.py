@@ -20,33 +20,42 @@ TOLERANCE = 1e-6
 # Three-phase decks run with Flow's black-oil simulator (tests/flow_cases.py); GASWATER with
 # its gas-water simulator, which the shared runner does not start.
 THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "DOME_ESP", "TRANSITION", "TRANSITION_ESP",
-               "TRANSITION_SWATINIT", "EDITED", "FAULTED", "TWOREGIONS", "MIXEDPVT", "SPE9"]
+               "TRANSITION_SWATINIT", "TRANSITION_SWATINIT_ENDSCALE", "SWATINIT_SLICES", "EDITED", "FAULTED",
+               "TWOREGIONS", "MIXEDPVT", "SPE9"]
+GAS_WATER = ["GASWATER", "GASWATER_SWATINIT"]
 
 
 @pytest.fixture(scope="session")
-def gas_water_case(tmp_path_factory):
+def gas_water_run(tmp_path_factory):
+    """run(name): the base path of gas-water case `name`, run with Flow once in the session."""
     pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
-    directory = tmp_path_factory.mktemp("GASWATER")
-    return flow(write_deck("GASWATER", directory), "GasWaterSimulator")
+    runs = {}
+
+    def run(name):
+        if name not in runs:
+            runs[name] = flow(write_deck(name, tmp_path_factory.mktemp(name)), "GasWaterSimulator")
+        return runs[name]
+
+    return run
 
 
 @pytest.fixture
-def case(request, flow_run, gas_water_case):
+def case(request, flow_run, gas_water_run):
     """(deck, Flow's results, kavra's state) of the case named by the parameter."""
-    base = gas_water_case if request.param == "GASWATER" else flow_run(request.param)
+    base = gas_water_run(request.param) if request.param in GAS_WATER else flow_run(request.param)
     deck = kavra.deck.read(base.with_suffix(".DATA"))
     return deck, kavra.results.read(base), kavra.equil.initial_state(deck)
 
 
-@pytest.mark.parametrize("case", THREE_PHASE + ["GASWATER"], indirect=True)
+@pytest.mark.parametrize("case", THREE_PHASE + GAS_WATER, indirect=True)
 def test_matches_flow_at_step_0(case):
     deck, results, state = case
     active = deck.active
     names = results.property_names(0)
     checked = 0
     for flow_name, ours in {**RELATIVE, **ABSOLUTE}.items():
-        if flow_name not in names:
-            continue
+        if flow_name not in names or (flow_name == "PPCW" and "OIL" not in deck.keywords):
+            continue  # Flow leaves SWATINIT unused without oil and writes a PPCW of 0; ppcw is the curve's
         theirs = np.asarray(results.cell_property(flow_name, 0), dtype=np.float64)[active]
         mine = np.ma.filled(getattr(state, ours), np.nan)[active]
         error = np.abs(mine - theirs)
@@ -60,7 +69,7 @@ def test_matches_flow_at_step_0(case):
         assert np.array_equal(np.ma.getmaskarray(getattr(state, name)), ~active)
 
 
-@pytest.mark.parametrize("case", THREE_PHASE + ["GASWATER"], indirect=True)
+@pytest.mark.parametrize("case", THREE_PHASE + GAS_WATER, indirect=True)
 def test_fluids_in_place_per_fipnum_region(case):
     deck, results, state = case
     fluids = state.in_place()
@@ -102,27 +111,35 @@ def _edited(text, old, new):
     return text.replace(old, new)
 
 
-@pytest.mark.parametrize("item", [2, 5])
-def test_equil_item_9_above_1_refused_in_words(item):
-    text = kavra.deck.example_path("SPE1CASE1").read_text()
-    deck = kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0", f"8400 4800 8450 0 8300 0 1 0 {item}"))
-    with pytest.raises(NotImplementedError, match=f"item 9 of {item} .*Flow accepts a positive N"):
-        kavra.equil.initial_state(deck)
+EDITED_EQUIL = {  # deck: (its EQUIL line, that line with item 9 as {})
+    "TRANSITION": ("1400.0 0.0 /", "1400.0 0.0 1* 1* {} /"),
+    "TRANSITION_SWATINIT": ("1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* {} /"),
+    "DOME": ("2020.0 0.05 1 0 0 /\n 2050.0 196.0 2062.0 0.0  1900.0 0.0  1 0 0 /",
+             "2020.0 0.05 1 0 {} /\n 2050.0 196.0 2062.0 0.0  1900.0 0.0  1 0 -2 /"),
+    "SPE9": ("8800.0 0.0 1 0 0 /", "8800.0 0.0 1 0 {} /"),
+}
 
 
-def test_equil_item_9_of_1_is_flows(tmp_path):
-    # Flow's step 0 for an item 9 of 1 is its step 0 for -1 (two level slices per cell)
+@pytest.mark.parametrize("deck_name, item", [("TRANSITION", 1), ("TRANSITION", 3), ("TRANSITION_SWATINIT", 2),
+                                             ("TRANSITION_SWATINIT", -5), ("DOME", 3), ("SPE9", 20)])
+def test_equil_item_9_as_flows(tmp_path, deck_name, item):
+    # Flow's 1 is its -1; above 1 it weights the 2N level slices of a cell (1/4 + |x| - x^2 at a
+    # slice's centre x), unlike the mean of the same slices (N below 0) or the centre's state (0)
     pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
-    text = _edited((DATA / "TRANSITION.DATA").read_text(), "1400.0 0.0 /", "1400.0 0.0 1* 1* 1 /")
-    deck_path = tmp_path / "ITEM9.DATA"
+    old, new = EDITED_EQUIL[deck_name]
+    text = _edited((DATA / f"{deck_name}.DATA").read_text(), old, new.format(item))
+    deck_path = tmp_path / f"ITEM9_{deck_name}.DATA"
     deck_path.write_text(text)
     run = kavra.results.read(flow(deck_path))
     state = kavra.equil.initial_state(kavra.deck.read(deck_path))
-    centre = kavra.equil.initial_state(kavra.deck.read(text.replace("1* 1* 1 /", "1* 1* 0 /")))
+    other = kavra.equil.initial_state(kavra.deck.read(text.replace(new.format(item), new.format(
+        0 if item in (1, -5) else -item))))
     sw = np.asarray(run.cell_property("SWAT", 0), dtype=np.float64)
-    assert np.abs(state.sw - sw).max() <= TOLERANCE < np.abs(centre.sw - sw).max()
-    pressure = np.asarray(run.cell_property("PRESSURE", 0), dtype=np.float64)
-    assert (np.abs(state.pressure - pressure) / pressure).max() <= TOLERANCE
+    assert np.abs(state.sw - sw).max() <= TOLERANCE < np.abs(other.sw - sw).max()
+    for flow_name, ours in (("PRESSURE", state.pressure), ("PPCW", state.ppcw)):
+        if flow_name in run.property_names(0):
+            theirs = np.asarray(run.cell_property(flow_name, 0), dtype=np.float64)
+            assert (np.abs(ours - theirs) / theirs).max() <= TOLERANCE, flow_name
 
 
 def test_item_9_negative_averages_level_slices():
@@ -182,11 +199,10 @@ SPE1_EQUIL = "8400 4800 8450 0 8300 0 1 0 0"
     ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 0 0 0", ValueError, "datum must lie at its gas-oil contact"),
     ("SPE1CASE1", "SOLUTION", "REGIONS\nPVTNUM\n300*2 /\nSOLUTION", ValueError, "PVT region 2"),
     ("SPE1CASE1", f"EQUIL\n\t{SPE1_EQUIL} /", "", ValueError, "no EQUIL"),
-    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 1* 1* -5 /", NotImplementedError,
-     r"SWATINIT with level slices .* region 1\) is not supported"),
-    ("TRANSITION_SWATINIT", "1400.0 0.0 1* 1* 0 /", "1400.0 0.0 /", NotImplementedError, "default -5 included"),
-    ("GASWATER", "\nSOLUTION", "\nSWATINIT\n 480*0.3 /\nSOLUTION", NotImplementedError,
-     "SWATINIT in a deck without oil is not supported"),
+    ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 1 0 21", ValueError, "item 9 of region 1 is 21; .* -20 to 20"),
+    ("SPE1CASE1", SPE1_EQUIL, "8400 4800 8450 0 8300 0 1 0 -21", ValueError, "is -21"),
+    ("FAULTED", "2020 250 2040 0 1990 0 /", "2020 250 2040 0 1990 0 1* 1* 2 /", NotImplementedError,
+     r"item 9 above 0 \(region 1\) on a corner-point grid"),
 ])
 def test_decks_refused_in_words(deck_name, old, new, error, words):
     path = kavra.deck.example_path(deck_name) if deck_name in kavra.deck.EXAMPLES else DATA / f"{deck_name}.DATA"
@@ -232,6 +248,9 @@ def test_engine_cells_refuse_bad_regions_and_survive_nan():
     with pytest.raises(IndexError, match="cell 0 has equilibration region 5"):
         _engine.equil_cells(depth, thickness, regions, np.ones(n, np.int32), active, curves, [1], water, [None] * 7,
                             [True, True, False], 2, out)
+    with pytest.raises(ValueError, match="accuracy .* from -20 to 20, not 21"):
+        _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [21],
+                            water, [None] * 7, [True, True, False], 2, out)
     with pytest.raises(ValueError, match="one value per cell"):
         _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [1],
                             water, [None] * 7, [True, True, False], 2, out[:5] + [np.empty(3)])

@@ -191,24 +191,29 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
                           Array(curves.water.pressure), Array(curves.gas.depth), Array(curves.gas.pressure));
 }
 
-// equil_cells(depth, thickness, region, satnum, active, curves, slices, saturation, ends, phases,
+// equil_cells(depth, thickness, region, satnum, active, curves, accuracy, saturation, ends, phases,
 // threads, out): the state of every cell into out = (po, pw, pg, sw, sg, ppcw).  curves: per region
-// the six arrays of equil_region; slices: per region the level slices of a cell (1: its centre);
+// the six arrays of equil_region; accuracy: per region EQUIL item 9, from -20 to 20 (0: a cell's
+// centre, N: 2|N| level slices of it, weighted alike below 0, as the simulator above);
 // saturation: per saturation region (sw, pcow, sg, pcog), empty arrays where the phases lack them;
 // ends: the cells' own SWL, SWU, SGL, SGU, PCW, PCG and SWATINIT, each one value per cell or None.
 void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flags active,
-                std::vector<std::vector<Doubles>> curves, std::vector<int> slices,
+                std::vector<std::vector<Doubles>> curves, std::vector<int> accuracy,
                 std::vector<std::vector<Doubles>> saturation, nb::list ends, std::vector<bool> phases,
                 unsigned threads, std::vector<Outs> out)
 {
     const std::uint64_t n = depth.shape(0);
     if (thickness.shape(0) != n || region.shape(0) != n || satnum.shape(0) != n || active.shape(0) != n ||
-        out.size() != 6 || phases.size() != 3 || slices.size() != curves.size())
+        out.size() != 6 || phases.size() != 3 || accuracy.size() != curves.size())
         throw std::invalid_argument("equil_cells: depth, thickness, region, satnum and active must be of one "
-                                    "length, out of six arrays, slices one per region");
+                                    "length, out of six arrays, accuracy one per region");
     for (const Outs& o : out)
         if (o.shape(0) != n)
             throw std::invalid_argument("equil_cells: every array of out must hold one value per cell");
+    for (int n : accuracy)
+        if (n < -20 || n > 20)
+            throw std::invalid_argument("equil_cells: accuracy (EQUIL item 9) must lie from -20 to 20, not " +
+                                        std::to_string(n));
     std::vector<equil::RegionCurves> regions;
     for (std::size_t k = 0; k < curves.size(); ++k) {
         const auto& r = curves[k];
@@ -217,7 +222,7 @@ void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flag
         regions.push_back(equil::RegionCurves{{Values(r[0]), Values(r[1])},
                                               {Values(r[2]), Values(r[3])},
                                               {Values(r[4]), Values(r[5])},
-                                              std::max(1, slices[k])});
+                                              accuracy[k]});
     }
     std::vector<equil::SaturationCurves> tables;
     for (const auto& s : saturation) {
@@ -271,7 +276,7 @@ void RegisterEquil(nb::module_& m)
           nb::arg("contacts"), nb::arg("phases"), nb::arg("top"), nb::arg("bottom"), nb::arg("steps"),
           nb::arg("gravity"));
     m.def("equil_cells", &EquilCells, nb::arg("depth"), nb::arg("thickness"), nb::arg("region"), nb::arg("satnum"),
-          nb::arg("active"), nb::arg("curves"), nb::arg("slices"), nb::arg("saturation"), nb::arg("ends"),
+          nb::arg("active"), nb::arg("curves"), nb::arg("accuracy"), nb::arg("saturation"), nb::arg("ends"),
           nb::arg("phases"),
           nb::arg("threads"), nb::arg("out"));
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -185,7 +186,12 @@ struct CellCurve
     }
     double FromTable(double s) const
     {
-        return highTable == lowTable ? low : low + (s - lowTable) * ((high - low) / (highTable - lowTable));
+        // the table's ends map onto the cell's exactly (an all-water cell is at its highest)
+        if (highTable == lowTable || s <= lowTable)
+            return low;
+        if (s >= highTable)
+            return high;
+        return low + (s - lowTable) * ((high - low) / (highTable - lowTable));
     }
     double Pc(double s) const { return factor * PcAt(*curve, ToTable(s)); }
     double Invert(double pc, bool falling) const
@@ -258,10 +264,16 @@ PointState StateAt(double z, const RegionCurves& r, CellCurve& water, const Cell
         }
         if (phases.water && phases.gas && sw + sg > 1.0) {
             // Gas meets water with no oil between: Sw is where Pcow(Sw) + Pcog(1 - Sw), the
-            // gas-water capillary pressure, reaches pg - pw; the gas has the rest.
-            sw = GasWaterSaturation(pg - pw, water, gas);
+            // gas-water capillary pressure, reaches pg - pw; the gas has the rest.  A cell
+            // with SWATINIT keeps its Sw, and its Pcow curve is scaled to reach there the
+            // difference between the oil pressure (the gas's less Pcog) and the water's.
+            if (std::isnan(swatinit))
+                sw = GasWaterSaturation(pg - pw, water, gas);
             sg = 1.0 - sw;
             po = pg - gas.Pc(sg);
+            const double at = std::isnan(swatinit) ? 0.0 : PcAt(*water.curve, water.ToTable(sw));
+            if (at > 0.0 && po - pw > 0.0)
+                water.factor = (po - pw) / at;
         }
         return PointState{po, sw, sg};
     }
@@ -274,6 +286,27 @@ PointState StateAt(double z, const RegionCurves& r, CellCurve& water, const Cell
 
 } // namespace
 
+std::vector<double> SliceWeights(int accuracy)
+{
+    if (accuracy < -20 || accuracy > 20)
+        throw std::invalid_argument("EQUIL item 9 must lie from -20 to 20, not " + std::to_string(accuracy));
+    if (accuracy == 0)
+        return {1.0};
+    const int slices = 2 * std::abs(accuracy);
+    std::vector<double> weights(static_cast<std::size_t>(slices), 1.0 / slices);
+    if (accuracy < 0)
+        return weights;
+    double total = 0.0;
+    for (int k = 0; k < slices; ++k) {
+        const double x = std::fabs((k + 0.5) / slices - 0.5);
+        weights[k] = 0.25 + x - x * x;
+        total += weights[k];
+    }
+    for (double& w : weights)
+        w /= total;
+    return weights;
+}
+
 void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
                   const std::vector<SaturationCurves>& saturation, const CellEndPoints& ends, const Phases& phases,
                   unsigned threads, const CellStates& out)
@@ -283,6 +316,9 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
         if (into)
             into[h] = value;
     };
+    std::vector<std::vector<double>> weights;
+    for (const RegionCurves& r : regions)
+        weights.push_back(SliceWeights(r.accuracy));
     ParallelChunks(cells.n, 4096, threads, [&](std::uint64_t begin, std::uint64_t end) {
         for (std::uint64_t h = begin; h < end; ++h) {
             if (!cells.active[h]) {
@@ -302,20 +338,25 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
             CellCurve water(s.water, ends.swl, ends.swu, ends.pcw, h);
             const CellCurve gas(s.gas, ends.sgl, ends.sgu, ends.pcg, h);
             const double swatinit = ends.swatinit ? ends.swatinit[h] : nan;
-            // The cell's state: at its centre, or the mean of the states at the centres of
-            // `slices` level slices of equal thickness.
-            const int slices = std::max(1, r.slices);
+            // The cell's state: at its centre, or the weighted mean of the states at the
+            // centres of its level slices of equal thickness, from the top down (equal
+            // weights: the sum over their number).
+            const std::vector<double>& w = weights[region - 1];
+            const int slices = static_cast<int>(w.size());
+            const bool equal = r.accuracy <= 0;
             PointState sum{0.0, 0.0, 0.0};
             for (int k = 0; k < slices; ++k) {
                 const double z = slices == 1 ? cells.depth[h]
                                              : cells.depth[h] - 0.5 * cells.thickness[h] +
                                                    cells.thickness[h] * ((k + 0.5) / slices);
-                const PointState at = StateAt(z, r, water, gas, phases, slices == 1 ? swatinit : nan);
-                sum.p += at.p;
-                sum.sw += at.sw;
-                sum.sg += at.sg;
+                const PointState at = StateAt(z, r, water, gas, phases, swatinit);
+                const double weight = equal ? 1.0 : w[k];
+                sum.p += weight * at.p;
+                sum.sw += weight * at.sw;
+                sum.sg += weight * at.sg;
             }
-            const double p = sum.p / slices, sw = sum.sw / slices, sg = sum.sg / slices;
+            const double scale = equal ? slices : 1.0;
+            const double p = sum.p / scale, sw = sum.sw / scale, sg = sum.sg / scale;
             put(out.po, h, p);
             if (phases.oil) {
                 put(out.pw, h, phases.water ? p - water.Pc(sw) : nan);

@@ -57,7 +57,7 @@ struct Phases
 struct RegionCurves
 {
     PressureCurve oil, water, gas;
-    int slices = 1; // level slices of a cell whose states are averaged (EQUIL item 9)
+    int accuracy = 0; // EQUIL item 9: the point or slices of a cell whose states are averaged
 };
 
 RegionCurves PhasePressures(const Contacts& contacts, const Phases& phases, double top, double bottom, int steps,
@@ -119,13 +119,22 @@ struct CellStates
     double* ppcw = nullptr; // the cell's largest Pcow, as its curve is scaled
 };
 
+// The weights of the level slices of a cell from EQUIL item 9 (N): one (the
+// cell's centre) for 0, else 2|N| slices of equal thickness, their states
+// weighted alike for N below 0 and, for N above 0, as the simulator weights
+// those of a level cell: in proportion to 1/4 + |x| - x^2 at the slice's
+// centre x (from the cell's centre, in cell thicknesses).  N outside -20 to
+// 20 (as the simulator refuses it) throws std::invalid_argument.
+std::vector<double> SliceWeights(int accuracy);
+
 // Reads every active cell's phase pressures in its region's curves at its
 // depth and inverts the capillary pressures there into saturations (a
 // saturation at its table's end makes the oil pressure the pressure of the
-// phase that fills the cell less or plus the Pc there); with slices above 1
-// the cell's state is the mean of those at the centres of that many level
-// slices of it.  The water and gas pressures are then the oil's less and
-// plus the Pc at the cell's saturations.  On at most `threads` threads
+// phase that fills the cell less or plus the Pc there); with slices (EQUIL
+// item 9 not 0) the cell's state is the weighted mean of those at the
+// centres of its slices (SliceWeights), taken from the top down.  The water
+// and gas pressures are then the oil's less and plus the Pc at the cell's
+// saturations.  On at most `threads` threads
 // (the same numbers for any count).  Region and
 // saturation region numbers out of range throw std::out_of_range naming
 // the cell.

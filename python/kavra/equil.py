@@ -15,7 +15,12 @@ saturation reaches its table's end (a cell all water, or gas down to the connate
 oil pressure is that phase's pressure less (plus) the table's capillary pressure there, as
 Flow writes PRESSURE.  EQUIL item 9 of 0 takes the cell's centre; a negative N (default -5)
 the mean of the states (oil pressure and saturations) at the centres of 2|N| level slices of
-equal thickness; 1 two slices, as -1 (Flow's states for 1 and -1 are the same).
+equal thickness; a positive N the states at the same centres weighted as Flow weights them in
+a level cell, in proportion to 1/4 + |x| - x**2 at a centre x from the cell's (in thicknesses
+of the cell: near its top and bottom twice what it is at its middle; for 1 the mean of two,
+as -1).  Flow takes N from -20 to 20, and so does kavra.  A positive N on a corner-point grid
+kavra refuses: on tilted cells Flow's states then differ from that weighting (by up to 0.49 in
+Sw on a test deck), where its states for a negative N are the level slices' mean.
 
 Rs follows RSVD, or the saturated Rs at the bubble point of PBVD (EQUIL item 7 above 0),
 capped at the saturated Rs of the cell's oil pressure; Rv likewise follows RVVD or PDVD (item
@@ -25,15 +30,20 @@ contact, capped the same way; Flow then wants the datum at that contact, and so 
 
 SWATINIT gives a cell of the oil zone above the free water (Pcow above 0) that water saturation
 (at least its lowest), its Pcow curve scaled to reach the Pcow there (``ppcw``, Flow's PPCW).
+Where gas would then leave no room for oil, a cell with a SWATINIT keeps its water (SWATINIT's,
+or its curve's where SWATINIT scales nothing, as at 1), the gas has the rest, and the curve is
+scaled to reach there the difference between the oil pressure (the gas's less Pcog) and the
+water's.  With level slices the slices are taken from the top down, each with the curve as
+the slices above left it: the cell's curve is that of its deepest slice above the free water,
+and its state the mean of the slices'.  Without oil Flow leaves SWATINIT unused (its step 0
+is the same as without it), and so does kavra.
 
 An equilibration region takes the PVT region (PVTNUM) of its first active cell for its
 curves and its cells' Rs and Rv, as Flow does where they differ; the fluids in place take
 each cell's own.
 
-Not yet: SWATINIT with gas-water or with level slices (EQUIL item 9 other than 0, its default
--5 included: Flow's states then are not reproduced), end points from the ENPTVD
-family, EQUIL item 9 above 1 (Flow takes it, and its states differ from both the centre's
-and those of any number of slices), slices of a tilted cell weighted by their volume.
+Not yet: end points from the ENPTVD family; EQUIL item 9 above 0 on a corner-point grid (how
+Flow weights the slices of a tilted cell).
 
 Examples
 --------
@@ -86,7 +96,8 @@ class InitialState(NamedTuple):
         Dissolved gas-oil and vaporised oil-gas ratio (0 without PVTO, PVTG).
     ppcw : numpy.ma.MaskedArray
         The cell's largest Pcow (Pcgw of a gas-water deck): its table's, scaled by its PCW,
-        or what SWATINIT made it (Flow's PPCW); NaN without water.
+        or what SWATINIT made it (Flow's PPCW); NaN without water.  (Flow writes a PPCW of 0
+        in a gas-water deck with SWATINIT, which it leaves unused.)
     deck : kavra.deck.Deck
         The deck, for :meth:`in_place`.
     """
@@ -198,43 +209,28 @@ def _cell_end_points(deck: Any) -> list[Any]:
     return ends
 
 
-def _swatinit(deck: Any, oil: bool, water: bool, slices: list[int]) -> Any:
-    """SWATINIT per cell, or None without it."""
+def _swatinit(deck: Any, oil: bool, water: bool) -> Any:
+    """SWATINIT per cell, or None without it or where Flow leaves it unused (a deck without oil)."""
     try:
         values = deck.cell_property("SWATINIT")
     except KeyError:
         return None
     if not (oil and water):
-        raise NotImplementedError(f"initial_state: SWATINIT in a deck without {'oil' if water else 'water'} is not "
-                                  "supported: kavra scales the oil-water capillary pressure to it, and how Flow "
-                                  "scales the curves of such a deck has not been checked against its output")
-    sliced = [r for r, k in enumerate(slices) if k != 1]
-    if sliced:
-        raise NotImplementedError(f"initial_state: SWATINIT with level slices of the cells (EQUIL item 9 not 0, its "
-                                  f"default -5 included, in region {sliced[0] + 1}) is not supported: Flow's "
-                                  "saturations then are neither those at the cells' centres with Pcow scaled to "
-                                  "SWATINIT nor the slices' mean without it, and kavra does not reproduce them; "
-                                  "item 9 of 0 (the cells' centres) is supported")
+        return None  # Flow's step 0 of a gas-water deck is the same with SWATINIT as without
     return np.ascontiguousarray(values, dtype=np.float64)
 
 
-def _slices(item: float, region: int) -> int:
-    """The level slices of a cell whose states are averaged, from EQUIL item 9: 1 (the centre)
-    for 0, 2|N| for N below 0, 2 for 1 (as Flow), 10 (N of -5) where the deck leaves it to its
-    default."""
+def _accuracy(item: float, region: int) -> int:
+    """EQUIL item 9 of a region as the engine takes it: 0 the cell's centre, N the 2|N| level
+    slices of the cell (their mean below 0, weighted as Flow's above), -5 where the deck leaves
+    it to its default; a value Flow refuses, refused."""
     if math.isnan(item):
-        return 10
-    if item != int(item):
-        raise ValueError(f"initial_state: EQUIL item 9 of region {region + 1} is {item:g}; it must be 0 (the cell "
-                         "centre) or a negative whole number N (the mean over 2|N| level slices of the cell)")
-    if item == 1:
-        return 2  # Flow's step 0 for 1 is its step 0 for -1, cell for cell
-    if item > 1:
-        raise NotImplementedError(f"initial_state: EQUIL item 9 of {item:g} (region {region + 1}) is not supported: "
-                                  "Flow accepts a positive N, but its states for N above 1 are not the mean over any "
-                                  "number of level slices of the cell, and kavra does not reproduce them; 0, 1 (as "
-                                  "Flow, the same as -1) and negative values are supported")
-    return max(1, -2 * int(item))
+        return -5
+    if item != int(item) or not -20 <= item <= 20:
+        raise ValueError(f"initial_state: EQUIL item 9 of region {region + 1} is {item:g}; it must be a whole "
+                         "number from -20 to 20, as Flow takes it (0 the cell centre, N the 2|N| level slices of "
+                         "the cell)")
+    return int(item)
 
 
 def _spans(depth: NDArray[np.float64], dz: NDArray[np.float64], cells: NDArray[np.bool_]) -> tuple[float, float]:
@@ -272,11 +268,10 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
     ValueError
         A deck without EQUIL, or EQUIL records fewer than the EQLNUM regions, or a phase
         without its tables; EQUIL item 7 (8) of 0 with the datum off the gas-oil contact, or
-        above 0 without RSVD or PBVD (RVVD or PDVD), as Flow refuses them; `points` not a
-        positive integer, `contacts` not pairs of numbers.
+        above 0 without RSVD or PBVD (RVVD or PDVD), or item 9 outside -20 to 20, as Flow
+        refuses them; `points` not a positive integer, `contacts` not pairs of numbers.
     NotImplementedError
-        A feature not supported yet (EQUIL item 9 above 0; SWATINIT in a gas-water deck or
-        with item 9 below 0).
+        A feature not supported yet (EQUIL item 9 above 0 on a corner-point grid).
 
     Examples
     --------
@@ -340,11 +335,18 @@ class _Setup:
         self.saturation = [[*(water_pc[t] if water_pc else (empty, empty)),
                             *(gas_pc[t] if gas_pc else (empty, empty))]
                            for t in range(max(len(water_pc or []), len(gas_pc or []), 1))]
-        self.slices = [_slices(record.accuracy, r) for r, record in enumerate(deck.equil)]
-        self.ends = _cell_end_points(deck) + [_swatinit(deck, self.oil, self.water, self.slices)]
+        self.accuracy = [_accuracy(record.accuracy, r) for r, record in enumerate(deck.equil)]
+        self.ends = _cell_end_points(deck) + [_swatinit(deck, self.oil, self.water)]
         self.used = int(self.eqlnum[self.active.astype(bool)].max(initial=0))
-        if self.used > len(self.slices):
-            raise ValueError(f"initial_state: EQLNUM reaches {self.used}; EQUIL has {len(self.slices)} records")
+        if self.used > len(self.accuracy):
+            raise ValueError(f"initial_state: EQLNUM reaches {self.used}; EQUIL has {len(self.accuracy)} records")
+        weighted = [r for r, n in enumerate(self.accuracy[:self.used]) if n > 0]
+        if weighted and "ZCORN" in deck.keywords:
+            raise NotImplementedError(
+                f"initial_state: EQUIL item 9 above 0 (region {weighted[0] + 1}) on a corner-point grid is not "
+                "supported: Flow's states for it on tilted cells are not those of the weighted level slices "
+                "that kavra takes (it takes them on the level cells of a DX, DY, DZ and TOPS grid); 0 and "
+                "negative values are supported")
 
     def _curves(self, r: int, record: Any) -> list[Any]:
         """The phase pressures against depth of equilibration region r + 1."""
@@ -382,7 +384,7 @@ class _Setup:
         n = self.depth.size
         out = [np.empty(n) for _ in range(6)]
         _engine.equil_cells(self.depth, self.dz, self.eqlnum, self.satnum, self.active, curves,
-                            self.slices[:self.used], self.saturation, self.ends, [self.oil, self.water, self.gas],
+                            self.accuracy[:self.used], self.saturation, self.ends, [self.oil, self.water, self.gas],
                             self.threads, out)
         po, pw, pg, sw, sg, ppcw = out
         mask = ~self.active.astype(bool)
