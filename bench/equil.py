@@ -45,8 +45,12 @@ _KAVRA = """
 import sys, time
 import kavra.deck, kavra.equil
 start = time.perf_counter()
-kavra.equil.initial_state(kavra.deck.read(sys.argv[1]))
-print("initial_state seconds", time.perf_counter() - start, flush=True)
+deck = kavra.deck.read(sys.argv[1])
+read = time.perf_counter()
+deck.active  # opm's EclipseState of the deck (its grid and properties) and kavra's geometry of the cells
+active = time.perf_counter()
+kavra.equil.initial_state(deck)
+print("initial_state seconds", time.perf_counter() - start, "read", read - start, "active", active - read, flush=True)
 """
 
 _FLOW = """
@@ -85,7 +89,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--shape", type=int, nargs=3, default=(100, 100, 100))
     parser.add_argument("--scenarios", type=int, default=100)
-    parser.add_argument("--rounds", type=int, default=3, help="rounds of kavra and Flow from the file")
+    parser.add_argument("--rounds", type=int, default=5, help="rounds of kavra and Flow from the file")
     parser.add_argument("--dir", type=pathlib.Path)
     parser.add_argument("--compare", action="store_true", help="check PRESSURE against Flow's step 0")
     args = parser.parse_args()
@@ -96,11 +100,12 @@ def main():
 
     ratios = []
     for r in range(args.rounds):
-        cold = child(_KAVRA, path, "initial_state")
-        flow = child(_FLOW, path, "step_init")
+        cold, read, active = child(_KAVRA, path, "initial_state", "read", "active")
+        flow, = child(_FLOW, path, "step_init")
         ratios.append(flow / cold)
-        print(f"round {r + 1}: from the file, kavra (read, initial_state) {cold:.2f} s, "
-              f"Flow BlackOilSimulator(...).step_init() {flow:.2f} s: {flow / cold:.1f}x")
+        print(f"round {r + 1}: from the file, kavra {cold:.2f} s (read {read:.2f} s, the grid and its properties "
+              f"{active:.2f} s, the state {cold - read - active:.2f} s), Flow BlackOilSimulator(...).step_init() "
+              f"{flow:.2f} s: {flow / cold:.1f}x")
     print(f"median of {args.rounds} rounds: {np.median(ratios):.1f}x")
 
     deck = kavra.deck.read(path)
@@ -121,19 +126,21 @@ def main():
           f"{time.perf_counter() - start:.2f} s (last: {np.asarray(totals[-1]).round(-3)})")
 
     if args.compare:
-        child(_FLOW, path, "step_init", "compare")
+        child(_FLOW, path, "step_init", compare=True)
         pressure = kavra.results.read(directory / "DOMEBENCH").cell_property("PRESSURE", 0)
         error = np.abs(states[ALL].pressure - pressure) / pressure
         print(f"PRESSURE against Flow's step 0: largest relative difference {error.max():.1e}")
 
 
-def child(code, path, label, *extra):
-    """Seconds that a fresh Python process, running code on the deck, prints after label."""
-    done = subprocess.run([sys.executable, "-c", code, str(path), *extra], cwd=path.parent,
-                          capture_output=True, text=True)
+def child(code, path, label, *parts, compare=False):
+    """The seconds that a fresh Python process, running code on the deck, prints after label,
+    and those of its parts."""
+    done = subprocess.run([sys.executable, "-c", code, str(path), *(["compare"] if compare else [])],
+                          cwd=path.parent, capture_output=True, text=True)
     if done.returncode != 0:
         sys.exit(f"{label} failed:\n" + (done.stdout + done.stderr)[-3000:])
-    return float(re.search(label + r" seconds (\S+)", done.stdout).group(1))
+    seconds = lambda name: float(re.search(name + r" (?:seconds )?(\S+)", done.stdout).group(1))  # noqa: E731
+    return seconds(label), *(seconds(part) for part in parts)
 
 if __name__ == "__main__":
     main()
