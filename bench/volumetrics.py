@@ -38,6 +38,9 @@ import kavra.deck
 from kavra import blackoil
 from kavra import volumetrics
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+from common import other_version, rounds  # noqa: E402
+
 
 def deck_text(ni, nj, nk):
     spe1 = kavra.deck.example_path("SPE1CASE1").read_text()
@@ -81,6 +84,7 @@ def main(argv=None):
     parser.add_argument("--cells", type=int, default=10_000_000)
     parser.add_argument("--repeat", type=int, default=3)
     parser.add_argument("--out", type=pathlib.Path, default=None, help="write the figures to this JSON file too")
+    parser.add_argument("--against", type=pathlib.Path, help="a _volumetrics.py to time in the same rounds")
     args = parser.parse_args(argv)
     side = int(round((args.cells / 100) ** 0.5 / 10)) * 10
     ni, nj, nk = side, side, 100
@@ -105,12 +109,12 @@ def main(argv=None):
                                               state["rs"], state["rv"]),
         "one pass": lambda: [float(np.add.reduce(a, axis=None)) for a in arrays],
     }
-    times = {name: [] for name in calls}
-    for _ in range(args.repeat):
-        for name, call in calls.items():
-            start = time.perf_counter()
-            call()
-            times[name].append(time.perf_counter() - start)
+    if args.against:
+        other = other_version(args.against, "_volumetrics_against")
+        if not other.volumetrics(deck, state=state, zones=zones).equals(table):
+            print(f"  the table of {args.against} differs from this version's")
+        calls["against"] = lambda: other.volumetrics(deck, state=state, zones=zones)
+    times = dict(zip(calls, rounds(list(calls.values()), args.repeat)))
     tracemalloc.start()
     volumetrics(deck, state=state, zones=zones)
     peak = tracemalloc.get_traced_memory()[1]
@@ -126,10 +130,14 @@ def main(argv=None):
           f"(deck read and first table: {prepared:.1f} s)")
     for name in calls:
         print(f"  {name:<12} {median[name]:8.3f} s  {median[name] / n * 1e9:7.1f} ns/cell")
+    if "against" in median:
+        result["against_over_one_pass"] = median["against"] / median["one pass"]
     print(f"  volumetrics / one pass: {result['volumetrics_over_one_pass']:.1f}; "
           f"volumetrics / in_place: {result['volumetrics_over_in_place']:.2f}; "
           f"peak memory of a table {result['peak_memory_of_a_table_gb']:.2f} GB "
           f"(its input arrays {result['input_arrays_gb']:.2f} GB)")
+    if "against" in median:
+        print(f"  against / one pass: {result['against_over_one_pass']:.1f}")
     if args.out is not None:
         args.out.write_text(json.dumps(result, indent=1) + "\n")
     return 0

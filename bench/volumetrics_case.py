@@ -25,7 +25,6 @@ in the same rounds: 1.28 s (9.8x; 0.69 s, 5.4x, in a quieter run of its own), th
 """
 
 import argparse
-import importlib.util
 import pathlib
 import statistics
 import sys
@@ -39,7 +38,7 @@ import kavra
 import kavra.results
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from common import rounds  # noqa: E402
+from common import other_version, rounds  # noqa: E402
 from volumetrics_steps import write_case  # noqa: E402
 
 ARRAYS = ("FIPOIL", "FIPGAS", "FIPWAT", "SWAT", "SGAS", "RS", "RV")
@@ -69,9 +68,7 @@ def main(argv=None):
         calls = {"volumetrics": lambda: kavra.volumetrics(case, step=0, zones=zones), "read": read,
                  "one pass": lambda: [float(np.add.reduce(a, axis=None)) for a in read()]}
         if args.against:
-            found = importlib.util.spec_from_file_location("kavra._volumetrics_against", args.against)
-            other = importlib.util.module_from_spec(found)
-            found.loader.exec_module(other)
+            other = other_version(args.against, "_volumetrics_against")
             theirs = other.volumetrics(case, step=0, zones=zones)
             if not theirs.equals(table):
                 print(f"  the table of {args.against} differs from this version's")
