@@ -18,10 +18,10 @@ Timed, the median of --repeat rounds (bench/common.py), after a first table that
   (run in this kavra package), in the same rounds, its table checked equal to the bit.
 
 Peak memory: tracemalloc's peak of one table (the arrays the table allocates, those read included).
-On the shared 2-core machine (load average about 3), 10,240,000 cells, 7 rounds: volumetrics
-0.54 s, read 0.101 s, one pass 0.131 s (4.2x); a table's peak 1.21 GB for 0.41 GB of arrays read.
---against the version before its columns were added up in one engine pass (_engine.group_totals),
-in the same rounds: 1.28 s (9.8x; 0.69 s, 5.4x, in a quieter run of its own), the same table.
+On the shared 2-core machine (load average about 2), 10,240,000 cells, two threads, 7 rounds:
+volumetrics 0.19 s, read 0.10 s, one pass 0.12 s (1.6x); a table's peak 0.51 GB for 0.41 GB of
+arrays read.  --against the version before each cell's quantities were worked out in the engine's
+pass (main at 10c4596), in the same rounds: 0.48-0.81 s (4.0-6.7x, by the load), the same table.
 """
 
 import argparse

@@ -59,6 +59,7 @@ struct VolumeJob : WritingJob<VolumeJob>
     std::vector<double> sums, compensations;     // per column, block and row
     std::vector<std::uint64_t> partialCells;     // per block and row
     std::vector<std::int64_t> firstBadRatios;    // per block
+    std::vector<int> zoneTable, regionTable;     // the numberings' groups
     std::int64_t firstBadRatio = -1;
 
     PyObject* Result() override { return PyLong_FromLongLong(firstBadRatio); }
@@ -105,25 +106,28 @@ volumes::Values TakeValues(PyObject* array, std::uint64_t n, bool optional, Held
     return values;
 }
 
-// A numbering (numbers, masked, table, layer_cells) of n cells into `groups` groups.
+// A numbering (numbers, masked, table, layer_cells) of n cells into `groups` groups.  Its table is
+// copied into `table`: the groups it holds, checked here, cannot change while the lock is released.
 volumes::Numbering TakeNumbering(PyObject* given, std::uint64_t n, std::uint64_t groups, HeldArrays& held,
-                                 const char* words)
+                                 std::vector<int>& table, const char* words)
 {
     if (!PyTuple_Check(given) || PyTuple_GET_SIZE(given) != 4)
         Refuse(PyExc_ValueError, words);
     PyObject *numbers = PyTuple_GET_ITEM(given, 0), *masked = PyTuple_GET_ITEM(given, 1),
-             *table = PyTuple_GET_ITEM(given, 2);
+             *groupsOf = PyTuple_GET_ITEM(given, 2);
     const long long layerCells = nb::cast<long long>(nb::handle(PyTuple_GET_ITEM(given, 3)));
-    if (!IsIntArray(table) || (masked != Py_None && !IsBoolPerCell(masked, n)))
+    if (!IsIntArray(groupsOf) || (masked != Py_None && !IsBoolPerCell(masked, n)))
         Refuse(PyExc_ValueError, words);
-    volumes::Numbering numbering;
-    numbering.tableSize = Length(table);
-    const int* groupsOf = reinterpret_cast<const int*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(table)));
-    for (std::uint64_t x = 0; x < numbering.tableSize; ++x)
-        if (groupsOf[x] < -1 || (groupsOf[x] >= 0 && std::uint64_t(groupsOf[x]) >= groups))
+    const int* first = reinterpret_cast<const int*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(groupsOf)));
+    table.assign(first, first + Length(groupsOf));
+    for (int group : table)
+        if (group < -1 || (group >= 0 && std::uint64_t(group) >= groups))
             Refuse(PyExc_ValueError, words);
+    volumes::Numbering numbering;
+    numbering.tableSize = table.size();
     if (numbers == Py_None) { // by layer: every cell's layer in the table
-        if (masked != Py_None || layerCells < 1 || (n > 0 && (n - 1) / std::uint64_t(layerCells) >= numbering.tableSize))
+        const bool fits = layerCells >= 1 && (n == 0 || (n - 1) / std::uint64_t(layerCells) < table.size());
+        if (masked != Py_None || !fits)
             Refuse(PyExc_ValueError, words);
         numbering.layerCells = std::uint64_t(layerCells);
     } else {
@@ -133,7 +137,7 @@ volumes::Numbering TakeNumbering(PyObject* given, std::uint64_t n, std::uint64_t
         if (masked != Py_None)
             numbering.masked = held.Hold<std::uint8_t>(masked);
     }
-    numbering.table = held.Hold<int>(table);
+    numbering.table = table.data();
     return numbering;
 }
 
@@ -178,8 +182,8 @@ Job* PrepareVolumeTotals(PyObject* const* args, Py_ssize_t nargs)
     cells.roundedSaturations = rounded;
     cells.active = job->held.Hold<std::uint8_t>(active);
     const std::uint64_t zoneCount = count == 0 ? 0 : count / rowsPerZone;
-    cells.zones = TakeNumbering(args[3], n, zoneCount, job->held, words);
-    cells.regions = TakeNumbering(args[4], n, std::uint64_t(regionCount), job->held, words);
+    cells.zones = TakeNumbering(args[3], n, zoneCount, job->held, job->zoneTable, words);
+    cells.regions = TakeNumbering(args[4], n, std::uint64_t(regionCount), job->held, job->regionTable, words);
     cells.regionCount = std::uint64_t(regionCount);
     job->count = count;
     job->out = job->held.Hold<double>(out);

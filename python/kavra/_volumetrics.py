@@ -26,8 +26,10 @@ zone.  A row adds up its zone's cells of one zone and region:
 the fluids at surface conditions as :func:`kavra.blackoil.in_place` gives them,
 or the simulator's own FIPOIL = STOIIP + ASSOCIATEDOIL, FIPGAS = GIIP +
 ASSOCIATEDGAS and FIPWAT = WIIP where a results case's step holds them, added
-up per row as :func:`kavra.region_totals` adds (every column in one pass over
-the cells).  Cells outside the grid's active cells, or whose region number is
+up per row as :func:`kavra.region_totals` adds.  Each cell's quantities and row
+are worked out and added up in one pass of the engine over the cells, on
+kavra's threads (:func:`kavra.set_num_threads`), the same bits for any number
+of them.  Cells outside the grid's active cells, or whose region number is
 0 or below, take no part.
 """
 
