@@ -6,9 +6,9 @@
 // fluid zone) and the row it adds to (zone x region x fluid), worked out and
 // added up in one pass over the cells.
 //
-// Each quantity takes the steps, in double, that kavra.volumetrics took with
-// NumPy arrays: float32 inputs widened exactly, NumPy's clip (NaN kept), the
-// same comparisons.  The rows are added up as totals::SumBlockColumns adds
+// Each quantity takes, in double, the steps that NumPy takes over such arrays
+// (float32 inputs widened exactly, NumPy's clip: NaN kept), so that a table
+// keeps the bits it had when kavra.volumetrics worked them out with NumPy.  The rows are added up as totals::SumBlockColumns adds
 // (region_totals' blocks and compensated sums, cell order within a block), so
 // every row holds the bits region_totals gives of its column, for any number
 // of threads.
@@ -113,9 +113,8 @@ inline double Clip(double x, double low, double high) { return NumpyMin(NumpyMax
 constexpr std::uint64_t tileCells = 64;
 
 // A tile of cells [begin, begin + size): its value columns at column[j][k] and
-// its row keys (from 1, 0 for a cell that takes no part) at key[k].  The
-// first cell whose Rs x Rv is 1 or more (where both are given) into
-// firstBadRatio, where that is still -1.
+// its fluid zones (Fluid) at key[k].  The first cell whose Rs x Rv is 1 or
+// more (where both are given) into firstBadRatio, where that is still -1.
 inline void TileColumns(const Cells& cells, std::uint64_t begin, std::uint64_t size,
                         double (*column)[tileCells], int* key, std::int64_t& firstBadRatio)
 {
@@ -200,7 +199,7 @@ inline void TileKeys(const Cells& cells, std::uint64_t begin, std::uint64_t size
 // at sums[j * stride + row - 1] and compensations[j * stride + row - 1]
 // (zeroed), the number of cells of each row added to rowCells[row - 1], the
 // first cell whose Rs x Rv is 1 or more into firstBadRatio (where it is -1).
-// Rows keys must stay within count: (zones x regionCount) x 3 <= count, and
+// Row keys must stay within count: (zones x regionCount) x 3 <= count, and
 // every group of a numbering below its count.  Each run of cells of one row
 // is added up in registers, every column cell by cell.
 inline void SumBlock(const Cells& cells, std::uint64_t count, std::uint64_t block, double* sums,
