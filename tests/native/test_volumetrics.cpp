@@ -1,22 +1,18 @@
 // The volumetrics rows on plain memory, without Python: make native-test.
 // Cells of each kind (gas cap, oil with dissolved gas, both phases with Rs and
 // Rv, water, float32 saturations that leave an So of their rounding) give
-// their parts and fluid zone; the rows of many blocks hold, column by column,
-// the bits of region_totals' own kernel (totals::SumBlock) over the cells'
-// values; inactive, masked and unnumbered cells take no part.
+// their parts, fluid zone and row; a block adds each row's cells into it.
+// (tests/test_maps.py holds the rows of many blocks and threads against
+// region_totals, bit for bit.)
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <random>
 #include <vector>
 
-#include "core/reductions/RegionTotals.h"
 #include "core/reductions/Volumetrics.h"
 #include "tests/native/Expect.h"
 
 namespace volumes = kavra::volumes;
-namespace totals = kavra::totals;
 
 namespace {
 
@@ -37,39 +33,6 @@ volumes::Values Of(const std::vector<float>& values)
     return v;
 }
 
-// The rows (zones x regions x 3) of all blocks, combined as region_totals combines them.
-struct Rows
-{
-    std::vector<double> out;       // column x row
-    std::vector<std::uint64_t> cells;
-    std::int64_t firstBadRatio = -1;
-};
-
-Rows Sum(const volumes::Cells& cells, std::uint64_t count)
-{
-    const std::uint64_t blocks = totals::Blocks(cells.n, count), stride = blocks * count;
-    std::vector<double> sums(volumes::columns * stride), compensations(volumes::columns * stride);
-    std::vector<std::uint64_t> partial(blocks * count);
-    std::vector<std::int64_t> bad(blocks, -1);
-    for (std::uint64_t b = blocks; b-- > 0;) // any order of the blocks gives the same rows
-        volumes::SumBlock(cells, count, b, &sums[b * count], &compensations[b * count], stride, &partial[b * count],
-                          bad[b]);
-    Rows rows;
-    rows.out.resize(volumes::columns * count);
-    rows.cells.assign(count, 0);
-    for (int j = 0; j < volumes::columns; ++j)
-        totals::CombineBlocks(&sums[j * stride], &compensations[j * stride], blocks, count, &rows.out[j * count]);
-    for (std::uint64_t b = 0; b < blocks; ++b) {
-        for (std::uint64_t r = 0; r < count; ++r)
-            rows.cells[r] += partial[b * count + r];
-        if (rows.firstBadRatio < 0)
-            rows.firstBadRatio = bad[b];
-    }
-    return rows;
-}
-
-bool SameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
 } // namespace
 
 int main()
@@ -83,7 +46,7 @@ int main()
         const std::vector<double> water = {1.0}, porv = {2.0}, bulk = {8.0}, ntg = {0.5};
         const std::vector<int> layers = {0}, regionOf = {-1, 0};
         const std::vector<int> regions(5, 1);
-        const std::vector<std::uint8_t> active(5, 1);
+        std::vector<std::uint8_t> active(5, 1);
         volumes::Cells cells;
         cells.n = 5;
         cells.sw = Of(sw), cells.sg = Of(sg), cells.oil = Of(oil), cells.gas = Of(gas), cells.water = Of(water);
@@ -110,7 +73,17 @@ int main()
         EXPECT(column[volumes::net][0] == 4.0 && column[volumes::bulk][4] == 8.0 && column[volumes::porv][4] == 2.0);
         // zone 0, region 0: rows 1..3 are its oil, gas and water
         volumes::TileKeys(cells, 0, 5, key);
-        EXPECT(key[0] == 2 && key[1] == 1 && key[3] == 3);
+        EXPECT(key[0] == 2 && key[1] == 1 && key[3] == 3 && key[4] == 1);
+        // a block adds each row's cells (the water cell made inactive: no part)
+        const std::uint64_t rows = 3, stride = rows;
+        std::vector<double> sums(volumes::columns * rows), compensations(volumes::columns * rows);
+        std::vector<std::uint64_t> rowCells(rows);
+        active[3] = 0;
+        bad = -1;
+        volumes::SumBlock(cells, rows, 0, sums.data(), compensations.data(), stride, rowCells.data(), bad);
+        EXPECT((rowCells == std::vector<std::uint64_t>{2, 2, 0}) && bad == 4);
+        EXPECT(sums[volumes::stoiip * stride + 0] == 11.0 && sums[volumes::giip * stride + 1] == 54.0 &&
+               sums[volumes::bulk * stride + 2] == 0.0 && sums[volumes::net * stride + 1] == 8.0);
     }
 
     // float32 saturations 0.1 and 0.9 leave an So of their rounding (2.2e-8): 0 where they are float32's.
@@ -133,80 +106,6 @@ int main()
         // an oil saturation holds the liquid; none leaves the cell's oil vaporised in its gas
         EXPECT(column[volumes::stoiip][0] == (rounded ? 0.0 : 1.0) && key[0] == volumes::gasZone);
         EXPECT(bad == -1);
-    }
-
-    // Many blocks of random cells in two zones by layer, five regions (with numbers outside,
-    // masked and inactive cells): each row's column holds totals::SumBlock's bits of the
-    // cells' values, taken from the tiles themselves.
-    {
-        const std::uint64_t n = 300001, layerCells = 1000;
-        std::mt19937_64 random(7);
-        std::uniform_real_distribution<double> uniform(-0.1, 1.1);
-        std::vector<float> sw(n), sg(n), oil(n), gas(n), rs(n), porv(n);
-        std::vector<double> rv(n), bulk(n), water(n), ntg = {0.9};
-        std::vector<int> numbers(n);
-        std::vector<std::uint8_t> active(n), masked(n);
-        for (std::uint64_t c = 0; c < n; ++c) {
-            sw[c] = float(uniform(random)), sg[c] = c % 7 == 0 ? 0.0f : float(uniform(random) / 2);
-            oil[c] = float(1e3 * uniform(random)), gas[c] = float(1e5 * uniform(random));
-            rs[c] = float(100.0 * uniform(random)), rv[c] = 1e-4 * uniform(random);
-            porv[c] = float(uniform(random)), bulk[c] = 4.0 * uniform(random), water[c] = uniform(random);
-            numbers[c] = int(c / 5000) % 7 - 1; // -1..5: -1 and 0 none, 5 past the table
-            active[c] = c % 11 != 0;
-            masked[c] = c % 13 == 0;
-        }
-        const std::vector<int> layers = [&] {
-            std::vector<int> l(n / layerCells + 1);
-            for (std::size_t k = 0; k < l.size(); ++k)
-                l[k] = k < l.size() / 2 ? 0 : 1;
-            return l;
-        }();
-        const std::vector<int> regionOf = {-1, 0, 1, 2, 3}; // numbers 1..4 in regions 0..3
-        volumes::Cells cells;
-        cells.n = n;
-        cells.sw = Of(sw), cells.sg = Of(sg), cells.oil = Of(oil), cells.gas = Of(gas), cells.water = Of(water);
-        cells.rs = Of(rs), cells.rv = Of(rv), cells.porv = Of(porv), cells.bulk = Of(bulk), cells.ntg = Of(ntg);
-        cells.roundedSaturations = true;
-        cells.active = active.data();
-        cells.zones = {nullptr, nullptr, layers.data(), layers.size(), layerCells};
-        cells.regions = {numbers.data(), masked.data(), regionOf.data(), regionOf.size(), 0};
-        cells.regionCount = 4;
-        for (std::uint64_t count : {std::uint64_t(2 * 4 * 3), std::uint64_t(40000)}) { // blocks of 2^16, 4 x count
-            const Rows rows = Sum(cells, count);
-            std::vector<double> values[volumes::columns];
-            std::vector<int> keys(n);
-            for (auto& v : values)
-                v.resize(n);
-            for (std::uint64_t tile = 0; tile < n; tile += volumes::tileCells) {
-                const std::uint64_t size = std::min(volumes::tileCells, n - tile);
-                double column[volumes::columns][volumes::tileCells];
-                std::int64_t bad = -1;
-                volumes::TileColumns(cells, tile, size, column, &keys[tile], bad);
-                volumes::TileKeys(cells, tile, size, &keys[tile]);
-                for (int j = 0; j < volumes::columns; ++j)
-                    std::copy(column[j], column[j] + size, &values[j][tile]);
-            }
-            std::uint64_t taking = 0;
-            for (std::uint64_t c = 0; c < n; ++c) {
-                const bool takes = active[c] && !masked[c] && numbers[c] >= 1 && numbers[c] <= 4;
-                EXPECT((keys[c] != 0) == takes);
-                taking += takes;
-            }
-            std::uint64_t counted = 0;
-            for (std::uint64_t r = 0; r < count; ++r)
-                counted += rows.cells[r];
-            EXPECT(counted == taking);
-            for (int j = 0; j < volumes::columns; ++j) {
-                const std::uint64_t blocks = totals::Blocks(n, count);
-                std::vector<double> sums(blocks * count), compensations(blocks * count), expected(count);
-                for (std::uint64_t b = 0; b < blocks; ++b)
-                    totals::SumBlock(values[j].data(), keys.data(), false, n, count, b, &sums[b * count],
-                                     &compensations[b * count]);
-                totals::CombineBlocks(sums.data(), compensations.data(), blocks, count, expected.data());
-                for (std::uint64_t r = 0; r < count; ++r)
-                    EXPECT(SameBits(rows.out[j * count + r], expected[r]));
-            }
-        }
     }
 
     // The count of each number, masked cells and numbers outside left out.
