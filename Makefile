@@ -36,7 +36,8 @@ bootstrap:
 build: bootstrap
 	$(PY) -m pip install -q --no-build-isolation ".[deck]"
 
-# The column kernels, the chunk scheduler and the cell geometry are plain C++: tested without Python.
+# The column kernels, the chunk scheduler, the cell geometry and the volumetrics rows are plain C++:
+# tested without Python.
 native-test:
 	@mkdir -p build
 	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_column_kernels.cpp \
@@ -48,6 +49,9 @@ native-test:
 	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_cell_geometry.cpp \
 		core/grid/CellGeometry.cpp core/utils/ParallelFor.cpp -pthread -o build/test_cell_geometry
 	build/test_cell_geometry
+	$(CXX) -std=c++17 -O2 -ffp-contract=off -Wall -Wextra -I. tests/native/test_volumetrics.cpp \
+		-o build/test_volumetrics
+	build/test_volumetrics
 
 test: bootstrap native-test
 	@bash scripts/versions.sh test $(PYTHONS)

@@ -2,6 +2,7 @@
 and the rounds that time functions in turn.  The benchmarks import it; it imports none of them.
 """
 
+import importlib.util
 import time
 
 import numpy as np
@@ -96,3 +97,13 @@ def rounds(functions, repeat):
             fn()
             spent.append(time.perf_counter() - start)
     return times
+
+
+def other_version(path, name):
+    """Another version of a module of the kavra package from its file (``git show main:python/kavra/X.py >
+    /tmp/X.py``), loaded as ``kavra.<name>`` so that its relative imports take this package's modules:
+    to time it in the same rounds as this version."""
+    found = importlib.util.spec_from_file_location(f"kavra.{name}", path)
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
+    return module

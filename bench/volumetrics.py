@@ -2,6 +2,8 @@
 
     python bench/volumetrics.py                     # 10^7 cells (about 6 GB of memory at the peak)
     python bench/volumetrics.py --cells 1000000 --repeat 5
+    git show main:python/kavra/_volumetrics.py > /tmp/before.py
+    python bench/volumetrics.py --against /tmp/before.py    # another version in the same rounds
 
 The deck is SPE1's tables (PROPS of python/kavra/decks/SPE1CASE1.DATA) on a
 block-centred grid of about --cells cells (100 layers), ten FIPNUM regions in
@@ -14,12 +16,16 @@ work out its geometry and pore volume (which it keeps):
   the table that evaluates the tables per cell;
 * ``one pass``: NumPy's sum of each array the table reads (pressure, sw, sg,
   rs, rv, pore volume, cell volume, NTG, FIPNUM), the floor of any
-  calculation over them.
+  calculation over them;
+* ``against``: with --against, the ``volumetrics`` of another version of
+  python/kavra/_volumetrics.py (run in this kavra package), its table checked equal.
 
-Each figure is the median of --repeat rounds, printed (and written to
---out as JSON).  On the shared 2-core machine, at 10,240,000 cells (two threads,
-load average about 3): volumetrics 0.95 s (93 ns a cell), in_place 0.44 s,
-one pass 0.042 s; a table's peak of memory 1.33 GB for 0.7 GB of input arrays.
+Each figure is the median of --repeat rounds that run every call in turn (bench/common.py), printed
+(and written to --out as JSON).  On the shared 2-core machine, at 10,240,000 cells (two threads,
+load average about 2), 5 rounds: volumetrics 0.91 s (89 ns a cell), in_place 0.38 s, one pass
+0.046 s (20x); the version before the engine worked out each cell's quantities (main at 10c4596)
+1.76 s in the same rounds, the same table; a table's peak of memory 1.16 GB for 0.7 GB of input
+arrays.
 """
 
 import argparse
@@ -37,6 +43,9 @@ import kavra
 import kavra.deck
 from kavra import blackoil
 from kavra import volumetrics
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+from common import other_version, rounds  # noqa: E402
 
 
 def deck_text(ni, nj, nk):
@@ -81,6 +90,7 @@ def main(argv=None):
     parser.add_argument("--cells", type=int, default=10_000_000)
     parser.add_argument("--repeat", type=int, default=3)
     parser.add_argument("--out", type=pathlib.Path, default=None, help="write the figures to this JSON file too")
+    parser.add_argument("--against", type=pathlib.Path, help="a _volumetrics.py to time in the same rounds")
     args = parser.parse_args(argv)
     side = int(round((args.cells / 100) ** 0.5 / 10)) * 10
     ni, nj, nk = side, side, 100
@@ -105,12 +115,12 @@ def main(argv=None):
                                               state["rs"], state["rv"]),
         "one pass": lambda: [float(np.add.reduce(a, axis=None)) for a in arrays],
     }
-    times = {name: [] for name in calls}
-    for _ in range(args.repeat):
-        for name, call in calls.items():
-            start = time.perf_counter()
-            call()
-            times[name].append(time.perf_counter() - start)
+    if args.against:
+        other = other_version(args.against, "_volumetrics_against")
+        if not other.volumetrics(deck, state=state, zones=zones).equals(table):
+            print(f"  the table of {args.against} differs from this version's")
+        calls["against"] = lambda: other.volumetrics(deck, state=state, zones=zones)
+    times = dict(zip(calls, rounds(list(calls.values()), args.repeat)))
     tracemalloc.start()
     volumetrics(deck, state=state, zones=zones)
     peak = tracemalloc.get_traced_memory()[1]
@@ -126,10 +136,14 @@ def main(argv=None):
           f"(deck read and first table: {prepared:.1f} s)")
     for name in calls:
         print(f"  {name:<12} {median[name]:8.3f} s  {median[name] / n * 1e9:7.1f} ns/cell")
+    if "against" in median:
+        result["against_over_one_pass"] = median["against"] / median["one pass"]
     print(f"  volumetrics / one pass: {result['volumetrics_over_one_pass']:.1f}; "
           f"volumetrics / in_place: {result['volumetrics_over_in_place']:.2f}; "
           f"peak memory of a table {result['peak_memory_of_a_table_gb']:.2f} GB "
           f"(its input arrays {result['input_arrays_gb']:.2f} GB)")
+    if "against" in median:
+        print(f"  against / one pass: {result['against_over_one_pass']:.1f}")
     if args.out is not None:
         args.out.write_text(json.dumps(result, indent=1) + "\n")
     return 0

@@ -18,14 +18,13 @@ Timed, the median of --repeat rounds (bench/common.py), after a first table that
   (run in this kavra package), in the same rounds, its table checked equal to the bit.
 
 Peak memory: tracemalloc's peak of one table (the arrays the table allocates, those read included).
-On the shared 2-core machine (load average about 3), 10,240,000 cells, 7 rounds: volumetrics
-0.54 s, read 0.101 s, one pass 0.131 s (4.2x); a table's peak 1.21 GB for 0.41 GB of arrays read.
---against the version before its columns were added up in one engine pass (_engine.group_totals),
-in the same rounds: 1.28 s (9.8x; 0.69 s, 5.4x, in a quieter run of its own), the same table.
+On the shared 2-core machine (load average about 2), 10,240,000 cells, two threads, 7 rounds:
+volumetrics 0.19 s, read 0.10 s, one pass 0.12 s (1.6x); a table's peak 0.51 GB for 0.41 GB of
+arrays read.  --against the version before each cell's quantities were worked out in the engine's
+pass (main at 10c4596), in the same rounds: 0.48-0.81 s (4.0-6.7x, by the load), the same table.
 """
 
 import argparse
-import importlib.util
 import pathlib
 import statistics
 import sys
@@ -39,7 +38,7 @@ import kavra
 import kavra.results
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from common import rounds  # noqa: E402
+from common import other_version, rounds  # noqa: E402
 from volumetrics_steps import write_case  # noqa: E402
 
 ARRAYS = ("FIPOIL", "FIPGAS", "FIPWAT", "SWAT", "SGAS", "RS", "RV")
@@ -69,9 +68,7 @@ def main(argv=None):
         calls = {"volumetrics": lambda: kavra.volumetrics(case, step=0, zones=zones), "read": read,
                  "one pass": lambda: [float(np.add.reduce(a, axis=None)) for a in read()]}
         if args.against:
-            found = importlib.util.spec_from_file_location("kavra._volumetrics_against", args.against)
-            other = importlib.util.module_from_spec(found)
-            found.loader.exec_module(other)
+            other = other_version(args.against, "_volumetrics_against")
             theirs = other.volumetrics(case, step=0, zones=zones)
             if not theirs.equals(table):
                 print(f"  the table of {args.against} differs from this version's")

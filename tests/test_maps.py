@@ -1,4 +1,5 @@
-"""column_map, region_totals and the engine's group_totals against NumPy, on one thread and on two, and over dask."""
+"""column_map, region_totals and the engine's group_totals and volume_totals (kavra.volumetrics' rows) against
+NumPy, on one thread and on two, and over dask."""
 
 import math
 
@@ -186,6 +187,144 @@ def test_group_totals_give_region_totals_bits_of_every_column(count, runs):
 def test_group_totals_refuses(key, columns, out):
     with pytest.raises(ValueError, match="group_totals takes int32 keys"):
         _engine.group_totals(key, columns, out, 1)
+
+def volume_inputs(n, kind):
+    """Cells of every kind for volume_totals: saturations outside [0, 1], NaN, float32 pairs whose So is
+    their rounding, cells of one phase, no oil or gas; float32, float64, or one value for several inputs."""
+    sw = RNG.uniform(-0.1, 1.1, n)
+    sg = np.where(RNG.random(n) < 0.3, 0.0, RNG.uniform(-0.05, 0.6, n))
+    pairs = RNG.random(n) < 0.2
+    sw[pairs] = np.float32(RNG.random(pairs.sum()))
+    sg[pairs] = np.float32(1.0 - sw[pairs])
+    sw[::997], sg[::1009] = np.nan, np.nan
+    oil, gas = RNG.uniform(0.0, 1e3, n), RNG.uniform(0.0, 1e5, n)
+    oil[RNG.random(n) < 0.1], gas[RNG.random(n) < 0.1] = 0.0, 0.0
+    oil[::1013] = np.nan
+    rs, rv = RNG.uniform(0.0, 200.0, n), RNG.uniform(0.0, 1e-3, n)
+    rest = RNG.uniform(0.0, 1.0, (4, n))  # water, porv, bulk, ntg
+    single = {"float32": range(10), "float64": (), "one value": (0, 2, 5, 7)}[kind]
+    values = [v.astype(np.float32) if j in single else v for j, v in enumerate((sw, sg, oil, gas, *rest[:1], rs, rv,
+                                                                                *rest[1:]))]
+    if kind == "one value":  # sg, porv and ntg one for all cells
+        values[1], values[7], values[9] = values[1][:1], values[7][:1], values[9][:1]
+    return values
+
+
+def numpy_columns(sw, sg, oil, gas, water, rs, rv, porv, bulk, ntg, rounded):
+    """Each cell's nine columns and fluid zone (1 oil, 2 gas, 3 water) by the NumPy steps that
+    kavra.volumetrics took before the engine took them."""
+    n = max(map(np.size, (sw, oil)))
+    so = np.subtract(1.0, sw, dtype=np.float64) - sg
+    if rounded:
+        so[np.abs(so) < 2.0**-23] = 0.0
+    hydrocarbon = np.clip(np.clip(so, 0.0, 1.0) + np.clip(sg, 0.0, 1.0), 0.0, 1.0)
+    oil, gas = np.broadcast_to(oil, n).astype(np.float64), np.broadcast_to(gas, n).astype(np.float64)
+    liquid, free = oil, gas
+    det = 1.0 if rs is None or rv is None else 1.0 - np.multiply(rs, rv, dtype=np.float64)
+    if rv is not None:
+        liquid = np.clip((oil - gas * rv) / det, 0.0, oil)
+    if rs is not None:
+        free = np.clip((gas - oil * rs) / det, 0.0, gas)
+    liquid, free = np.where(so > 0.0, liquid, 0.0), np.where(np.broadcast_to(sg, n) > 0.0, free, 0.0)
+    liquid, free = np.where(free == 0.0, oil, liquid), np.where(liquid == 0.0, gas, free)
+    fluid = np.where(free > 0.0, 2, np.where(liquid > 0.0, 1, 3))
+    columns = [bulk, np.multiply(bulk, ntg, dtype=np.float64), porv, porv * hydrocarbon, liquid, free, gas - free,
+               oil - liquid, water]
+    return [np.broadcast_to(c, n).astype(np.float64) for c in columns], fluid
+
+
+def volume_rows(values, rounded, active, zones, regions, region_count, count, threads):
+    out, cells = np.full((9, count), np.nan), np.full(count, -1, dtype=np.int64)
+    bad = _engine.volume_totals(tuple(values), rounded, active, zones, regions, region_count, out, cells, threads)
+    return out, cells, bad
+
+
+@pytest.mark.parametrize("ratios", ["both", "rs", "rv", "none"])
+@pytest.mark.parametrize("kind", ["float32", "float64", "one value"])
+def test_volume_totals_rows_are_region_totals_of_each_cells_numpy_steps(kind, ratios):
+    """Each cell's quantities against NumPy's steps (each cell its own zone: rows of one cell), and rows of
+    many cells against region_totals of those, the same bits on one thread and on two."""
+    n = 200_003
+    values = volume_inputs(n, kind)
+    values[5] = values[5] if ratios in ("both", "rs") else None
+    values[6] = values[6] if ratios in ("both", "rv") else None
+    rounded = kind == "float32"
+    columns, fluid = numpy_columns(*values, rounded=rounded)
+    active = RNG.random(n) < 0.9
+    few = 6007  # cells of their own rows, one zone (layer) each
+    one_each = (None, None, np.arange(few, dtype=np.int32), 1)
+    out, cells, bad = volume_rows([v[:few] if v is not None and v.size == n else v for v in values], rounded,
+                                  np.ones(few, bool), one_each, (np.ones(few, np.int32), None, np.int32([-1, 0]), 0), 1,
+                                  3 * few, 1)
+    assert bad == -1
+    assert (cells.reshape(few, 3) == (np.arange(1, 4) == fluid[:few, None])).all()
+    for got, expected in zip(out, columns):
+        np.testing.assert_array_equal(got.reshape(few, 3)[np.arange(few), fluid[:few] - 1], expected[:few])
+
+    numbers = RNG.integers(-1, 7, n).astype(np.int32)  # numbers 1..4 in regions 0..3; 5 in none, -1, 0 and 6 none
+    masked = RNG.random(n) < 0.05
+    table = np.int32([-1, 0, 1, 2, 3, -1])
+    layers = (np.arange(n // 1000 + 1) % 2).astype(np.int32)  # two zones, alternate layers of 1000 cells
+    key = np.where(active & ~masked & (numbers >= 1) & (numbers <= 4),
+                   (layers[np.arange(n) // 1000] * 4 + table[np.clip(numbers, 0, 5)]) * 3 + fluid, 0).astype(np.int32)
+    for threads in (1, 2):
+        out, cells, bad = volume_rows(values, rounded, active, (None, None, layers, 1000), (numbers, masked, table, 0),
+                                      4, 24, threads)
+        assert bad == -1
+        np.testing.assert_array_equal(cells, np.bincount(key, minlength=25)[1:])
+        for got, column in zip(out, columns):
+            np.testing.assert_array_equal(got, kavra.region_totals(column, key, count=24, threads=threads))
+
+
+def test_volume_totals_give_the_first_cell_whose_rs_rv_is_1_or_more():
+    n = 100_000
+    values = volume_inputs(n, "float64")
+    values[5][[70_001, 90_000]] = 2.0 / values[6][[70_001, 90_000]]  # Rs x Rv = 2 in two cells of two blocks
+    for threads in (1, 2):
+        *_, bad = volume_rows(values, False, np.ones(n, bool), (None, None, np.int32([0]), n),
+                              (np.ones(n, np.int32), None, np.int32([-1, 0]), 0), 1, 3, threads)
+        assert bad == 70_001
+
+
+GOOD = {"values": tuple(np.ones(4) for _ in range(10)), "active": np.ones(4, bool),
+        "zones": (None, None, np.int32([0, 1]), 2), "regions": (np.int32([1, 1, 2, 2]), None, np.int32([-1, 0, 1]), 0),
+        "region_count": 2, "out": np.zeros((9, 12)), "row_cells": np.zeros(12, np.int64)}
+
+
+@pytest.mark.parametrize("change", [
+    {"regions": (np.int32([1, 1, 2, 2]), None, np.int32([-1, 0, 2]), 0)},  # a group past the regions
+    {"zones": (None, None, np.int32([0, 2]), 2)},                            # a group past the zones
+    {"zones": (None, None, np.int32([0]), 2)},                               # layers past the table
+    {"zones": (None, None, np.int32([0, 1]), 0)},                            # no cells per layer
+    {"regions": (np.int32([1, 1, 2]), None, np.int32([-1, 0, 1]), 0)},      # numbers of another length
+    {"regions": (np.int64([1, 1, 2, 2]), None, np.int32([-1, 0, 1]), 0)},   # numbers not int32
+    {"regions": (np.int32([1, 1, 2, 2]), np.ones(3, bool), np.int32([-1, 0, 1]), 0)},  # a mask of another length
+    {"values": tuple(np.ones(4) for _ in range(9))},                          # nine values
+    {"values": (np.ones(3),) + tuple(np.ones(4) for _ in range(9))},          # sw of another length
+    {"values": (None,) + tuple(np.ones(4) for _ in range(9))},                # sw left out
+    {"values": (np.int32([1, 1, 1, 1]),) + tuple(np.ones(4) for _ in range(9))},  # not floats
+    {"out": np.zeros((9, 10))},                                              # rows not zones x 2 regions x 3
+    {"row_cells": np.zeros(11, np.int64)},                                   # counts of another length
+    {"out": np.zeros((9, 12), np.float32)},                                  # out not float64
+])
+def test_volume_totals_refuses(change):
+    arguments = {**GOOD, **change}
+    with pytest.raises(ValueError, match="volume_totals takes"):
+        _engine.volume_totals(arguments["values"], False, arguments["active"], arguments["zones"],
+                              arguments["regions"], arguments["region_count"], arguments["out"],
+                              arguments["row_cells"], 1)
+
+
+@pytest.mark.parametrize("threads", [1, 2])
+def test_number_counts(threads):
+    numbers = RNG.integers(-3, 40, 300_001).astype(np.int32)
+    masked = RNG.random(numbers.size) < 0.1
+    for mask in (None, masked):
+        out = np.full(30, -1, dtype=np.int64)  # numbers 30..39 past out, below 0: no part
+        _engine.number_counts(numbers, mask, out, threads)
+        kept = numbers[(numbers >= 0) & (numbers < 30) & (True if mask is None else ~mask)]
+        np.testing.assert_array_equal(out, np.bincount(kept, minlength=30))
+
 
 @pytest.mark.parametrize("layout", ["kji", "ijk"])
 @pytest.mark.parametrize("reduce", ["sum", "mean", "max", "min"])

@@ -144,6 +144,30 @@ def test_region_names_and_layers_without_zone(case):
     assert list(table.columns[:3]) == ["FLUID", "ZONE", "REGION"]
 
 
+def test_regions_and_zones_in_any_form_give_the_same_table(case):
+    r = case["TWOREGIONS"]
+    fipnum = r.cell_property("FIPNUM")  # int32, masked at the inactive cells
+    names = {1: "Top", 2: "Middle", 3: "Bottom"}
+    expected = volumetrics(r, step=1, regions=("FIPNUM", names), zones="FIPNUM")
+    numbers = np.ma.filled(fipnum, 0).astype(np.int64)
+    for regions in (numbers, numbers.astype(float), np.ma.MaskedArray(numbers + 7, mask=np.ma.getmaskarray(fipnum)),
+                    np.ma.filled(fipnum.astype(float), np.nan), np.where(numbers > 0, numbers * 10**9 + 5, -3)):
+        # a masked or NaN number, or one of 0 or below, takes no part; numbers far past the grid are sorted
+        order = np.unique(np.ma.compressed(regions)[np.ma.compressed(regions) > 0])
+        table = volumetrics(r, step=1, regions=(regions, dict(zip(order, names.values()))), zones=(regions, {}))
+        zones = dict(zip(map(str, order), map(str, range(1, 4))))
+        pd.testing.assert_frame_equal(table.assign(ZONE=table.ZONE.replace(zones)), expected)
+
+
+def test_a_state_whose_rs_rv_is_1_or_more_is_refused(case):
+    r = case["TWOREGIONS"]  # oil with dissolved gas and gas with vaporised oil
+    state = state_of(r, 0)
+    state["rv"] = np.ma.filled(state["rv"], 0.0).astype(np.float64)
+    state["rv"][17] = 2.0 / state["rs"][17]
+    with pytest.raises(ValueError, match="Rs x Rv is 1 or more at cell 17"):
+        volumetrics(kavra.deck.read(r.case.with_suffix(".DATA")), state=state)
+
+
 def state_of(r, step):
     """The state of a restart step, as a state= of volumetrics."""
     return {name: r.cell_property(array, step) for name, array in

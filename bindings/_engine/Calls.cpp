@@ -2,6 +2,7 @@
 
 #include <numpy/ndarraytypes.h> // the array struct only: no NumPy function table is used
 
+#include <algorithm>
 #include <new>
 
 #include <nanobind/stl/string.h>
@@ -156,6 +157,17 @@ bool Contiguous(PyObject* array, bool aligned)
 {
     return PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(array),
                             NPY_ARRAY_C_CONTIGUOUS | (aligned ? NPY_ARRAY_ALIGNED : 0));
+}
+
+bool HasType(PyObject* array, std::initializer_list<int> types)
+{
+    const PyArray_Descr* d = PyArray_DESCR(reinterpret_cast<PyArrayObject*>(array));
+    return d->byteorder != '>' && std::find(types.begin(), types.end(), d->type_num) != types.end();
+}
+
+bool Writable(PyObject* array)
+{
+    return PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(array), NPY_ARRAY_WRITEABLE);
 }
 
 } // namespace engine

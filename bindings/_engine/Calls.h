@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -114,6 +115,12 @@ int Kind(PyObject* array);
 
 // Whether an array is C-contiguous (and aligned, unless `aligned` is false).
 bool Contiguous(PyObject* array, bool aligned = true);
+
+// Whether an array's element type, in the machine's byte order, is one of `types` (NumPy type numbers).
+bool HasType(PyObject* array, std::initializer_list<int> types);
+
+// Whether an array may be written.
+bool Writable(PyObject* array);
 
 } // namespace engine
 } // namespace kavra

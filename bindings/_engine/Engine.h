@@ -36,6 +36,11 @@ PyObject* ColumnMap(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 PyObject* RegionTotals(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 PyObject* GroupTotals(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
 
+// volume_totals(values, rounded, active, zones, regions, region_count, out, row_cells, threads) and
+// number_counts(numbers, masked, out, threads) (see Volumetrics.cpp).
+PyObject* VolumeTotals(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
+PyObject* NumberCounts(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
+
 // reduce_selection(name, values, cells, nI, nJ, result) (see Reductions.cpp).
 void ReduceSelection(const std::string& name, nanobind::object values, nanobind::object cells, std::int64_t nI,
                      std::int64_t nJ, nanobind::object result);

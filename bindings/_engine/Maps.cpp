@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <initializer_list>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -26,18 +25,6 @@ namespace nb = nanobind;
 namespace kavra {
 namespace engine {
 namespace {
-
-// Whether an array's element type, in the machine's byte order, is one of `types`.
-bool HasType(PyObject* array, std::initializer_list<int> types)
-{
-    const PyArray_Descr* d = PyArray_DESCR(reinterpret_cast<PyArrayObject*>(array));
-    return d->byteorder != '>' && std::find(types.begin(), types.end(), d->type_num) != types.end();
-}
-
-bool Writable(PyObject* array)
-{
-    return PyArray_CHKFLAGS(reinterpret_cast<PyArrayObject*>(array), NPY_ARRAY_WRITEABLE);
-}
 
 // ---------------------------------------------------------------- column maps
 

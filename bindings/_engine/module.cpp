@@ -4,8 +4,8 @@
 // on a pool of threads with the interpreter lock released.
 //
 // The entries: Cells.cpp (the calculations), Reductions.cpp (the K
-// reductions), Maps.cpp (the column maps and totals per region), the
-// pinch-outs here; Calls.cpp makes every failure one
+// reductions), Maps.cpp (the column maps and totals per region),
+// Volumetrics.cpp (the rows of a volumetrics table), the pinch-outs here; Calls.cpp makes every failure one
 // Python error, once: a ValueError in kavra's words built from the facts the
 // core's exception carries (kavra::Failure).
 #include <Python.h>
@@ -114,6 +114,15 @@ NB_MODULE(_engine, m)
         {"group_totals", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&GroupTotals)),
          METH_FASTCALL, "group_totals($module, key, columns, out, threads, /)\n--\n\n"
          "The totals of each column per group into the rows of out (bindings/_engine/Maps.cpp). Gives None."},
+        {"volume_totals", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&VolumeTotals)),
+         METH_FASTCALL,
+         "volume_totals($module, values, rounded, active, zones, regions, region_count, out, row_cells, threads, /)"
+         "\n--\n\n"
+         "The rows of a volumetrics table into out and row_cells (bindings/_engine/Volumetrics.cpp). Gives the "
+         "first cell whose Rs x Rv is 1 or more, or -1."},
+        {"number_counts", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&NumberCounts)),
+         METH_FASTCALL, "number_counts($module, numbers, masked, out, threads, /)\n--\n\n"
+         "The cells of each number into out (bindings/_engine/Volumetrics.cpp). Gives None."},
         {nullptr, nullptr, 0, nullptr}};
     if (PyModule_AddFunctions(m.ptr(), unlocked) < 0)
         throw nb::python_error();

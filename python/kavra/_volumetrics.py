@@ -26,8 +26,10 @@ zone.  A row adds up its zone's cells of one zone and region:
 the fluids at surface conditions as :func:`kavra.blackoil.in_place` gives them,
 or the simulator's own FIPOIL = STOIIP + ASSOCIATEDOIL, FIPGAS = GIIP +
 ASSOCIATEDGAS and FIPWAT = WIIP where a results case's step holds them, added
-up per row as :func:`kavra.region_totals` adds (every column in one pass over
-the cells).  Cells outside the grid's active cells, or whose region number is
+up per row as :func:`kavra.region_totals` adds.  Each cell's quantities and row
+are worked out and added up in one pass of the engine over the cells, on
+kavra's threads (:func:`kavra.set_num_threads`), the same bits for any number
+of them.  Cells outside the grid's active cells, or whose region number is
 0 or below, take no part.
 """
 
@@ -38,7 +40,7 @@ import pathlib
 import re
 import weakref
 from collections.abc import Mapping
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING, Any, NamedTuple
 
 import numpy as np
 from numpy.typing import NDArray
@@ -73,9 +75,6 @@ _UNITS = {
     "LAB": ("cc", "rcc", "scc", "scc", "scc"),
     "PVT-M": ("m3", "rm3", "sm3", "sm3", "sm3"),
 }
-# The spacing of float32 at 1: an oil saturation 1 - Sw - Sg closer to 0 than this, of saturations
-# given as float32, is the rounding of Sw and Sg (as kavra.blackoil.in_place takes it).
-_FLOAT32_SPACING = 2.0**-23
 _ZONE_LINE = re.compile(r"""^\s*(?:'([^']*)'|"([^"]*)"|(\S+))\s+(\d+)\s*-\s*(\d+)\s*$""")
 _STATE_FIELDS = ("pressure", "sw", "sg", "rs", "rv")
 # The simulator's fluids in place per cell (RPTRST FIP): a results case's table takes them where a step has them.
@@ -215,22 +214,54 @@ def _split_names(given: Any) -> tuple[Any, Mapping[Any, Any] | None]:
     return given, None
 
 
-def _groups(numbers: NDArray[np.int64], names: Mapping[Any, Any] | None) -> tuple[NDArray[np.int64], list[str]]:
-    """Cells' numbers (1, 2, ...; 0 for none) as group indices from 0 (-1 for none), and the group names."""
-    largest = int(numbers.max()) if numbers.size else 0
-    if largest <= 0:
-        return np.full(numbers.shape, -1, dtype=np.int64), []
-    if largest <= max(4 * numbers.size, 1 << 16):
-        # numbers of the size of the grid or smaller (FIPNUM): a count of each, and a lookup table
-        present = np.flatnonzero(np.bincount(np.maximum(numbers, 0), minlength=largest + 1)[1:]) + 1
-        table = np.full(largest + 1, -1, dtype=np.int64)
-        table[present] = np.arange(present.size)
-        index = table[np.maximum(numbers, 0)]
-    else:  # a few large numbers: searched in the sorted ones
-        present = np.unique(numbers[numbers > 0])
-        index = np.where(numbers > 0, np.searchsorted(present, numbers), -1)
+def _sparse_groups(numbers: NDArray[np.int64],
+                   names: Mapping[Any, Any] | None) -> tuple[NDArray[np.int64], list[str]]:
+    """Cells' numbers (1, 2, ...; 0 for none) as group indices from 0 (-1 for none), and the group names:
+    for a few numbers far larger than the grid, searched in the sorted ones."""
+    present = np.unique(numbers[numbers > 0])
+    index = np.where(numbers > 0, np.searchsorted(present, numbers), -1)
     names = names or {}
     return index, [str(names.get(int(n), n)) for n in present]
+
+
+class _Groups(NamedTuple):
+    """The group (zone or region, from 0) of each cell, as the engine's volume_totals takes it, and the
+    groups' names."""
+
+    numbers: NDArray[np.int32] | None  # a number per cell; None: each cell's layer is its number
+    masked: NDArray[np.bool_] | None  # cells whose number takes no part (None: none)
+    table: NDArray[np.int32]  # the group of each number (or layer), -1 for none
+    layer_cells: int  # cells per layer, where numbers is None
+    labels: list[str]
+
+    def engine(self) -> tuple[Any, ...]:
+        return self.numbers, self.masked, self.table, self.layer_cells
+
+
+def _numbered_groups(values: Any, what: str, cells: int, names: Mapping[Any, Any] | None) -> _Groups:
+    """The groups of the numbers per cell of `values` (1, 2, ...; 0 or below, masked or NaN: none), named
+    by `names` (else by the numbers), in the order of the numbers."""
+    data = np.ma.getdata(values)
+    if data.dtype.kind == "i" and data.dtype.itemsize == 4 and data.size == cells:  # a property as read, as it is
+        numbers, wide = engine_buffer(data).reshape(-1), None
+        mask = np.ma.getmask(values)
+        masked = None if mask is np.ma.nomask else engine_buffer(mask, np.bool_).reshape(-1)
+    else:
+        wide, masked = _numbering(values, what, cells), None
+        numbers = wide
+    largest = int(numbers.max()) if numbers.size else 0  # masked cells' numbers too: only the table's size
+    if largest > max(4 * cells, 1 << 16):
+        index, labels = _sparse_groups(_numbering(values, what, cells) if wide is None else wide, names)
+        return _Groups(index.astype(np.int32), None, np.arange(len(labels), dtype=np.int32), 0, labels)
+    if wide is not None:
+        numbers = np.maximum(wide, 0).astype(np.int32)  # 0 <= numbers <= largest < 2**31
+    counts = np.zeros(max(largest, 0) + 1, dtype=np.int64)
+    _engine.number_counts(numbers, masked, counts, resolve_threads(None))
+    present = np.flatnonzero(counts[1:]) + 1
+    table = np.full(counts.size, -1, dtype=np.int32)
+    table[present] = np.arange(present.size)
+    names = names or {}
+    return _Groups(numbers, masked, table, 0, [str(names.get(int(n), n)) for n in present])
 
 
 # --- the state of the cells ------------------------------------------------------------------
@@ -271,62 +302,23 @@ class _Cells:
         self.region_source, self.zone_source, self.about = region_source, zone_source, about
 
 
-def _floats(value: Any) -> NDArray[np.float64]:
-    return np.asarray(np.ma.getdata(value), dtype=np.float64)
-
-
 def _reals(value: Any) -> NDArray[np.floating[Any]]:
     """`value` as float32 or float64 (float32 kept as it is, other types as float64)."""
     data = np.asarray(np.ma.getdata(value))
     return data if data.dtype.char in "fd" else data.astype(np.float64)
 
 
-def _phases(oil: NDArray[np.float64], gas: NDArray[np.float64], rs: Any, rv: Any, so: NDArray[np.float64],
-            sg: NDArray[np.float64]) -> tuple[NDArray[np.float64], ...]:
-    """(liquid oil, vaporised oil, free gas, dissolved gas) of the totals oil = L + F Rv, gas = F + L Rs.
-
-    Solved per cell: a cell without oil saturation holds no liquid, one without gas
-    saturation no free gas (totals of float32, the simulator's FIP arrays, leave a rounding
-    there), else within a rounding of the totals.  Each part is taken into [0, its total],
-    and the parts of each total add up to it.
-    """
-    if rs is not None and rv is not None:
-        rs, rv = _reals(rs), _reals(rv)
-        det = 1.0 - np.multiply(rs, rv, dtype=np.float64)
-        if np.any(det <= 0.0):
-            at = int(np.flatnonzero(np.broadcast_to(det <= 0.0, np.shape(oil)))[0])
-            raise ValueError(f"state: Rs x Rv is 1 or more at cell {at} (counting from 0), where no fluid can be "
-                             "split into oil and gas")
-        liquid, free = np.multiply(gas, rv, dtype=np.float64), np.multiply(oil, rs, dtype=np.float64)
-        for part, total in ((liquid, oil), (free, gas)):  # (total - the other's total x ratio) / det
-            np.subtract(total, part, out=part, dtype=np.float64)
-            np.divide(part, det, out=part)
-            np.clip(part, 0.0, total, out=part)
-    else:  # dead oil or dry gas: Rs x Rv is 0, and a part without its ratio is its whole total
-        liquid = oil if rv is None else np.clip(oil - gas * _floats(rv), 0.0, oil)
-        free = gas if rs is None else np.clip(gas - oil * _floats(rs), 0.0, gas)
-    liquid = np.where(so > 0.0, liquid, 0.0)
-    free = np.where(sg > 0.0, free, 0.0)
-    # a cell of one phase: the other's part is exactly 0, and this one's is the whole total
-    no_liquid, no_free = liquid == 0.0, free == 0.0
-    liquid = np.where(no_free, oil, liquid)
-    free = np.where(no_liquid, gas, free)
-    return liquid, oil - liquid, free, gas - free
+def _cell_values(value: Any, cells: int, what: str) -> NDArray[np.floating[Any]] | None:
+    """A value per cell, or one for all, as the engine reads it (None stays None)."""
+    if value is None:
+        return None
+    data = _reals(value)
+    if data.size not in (1, cells):
+        raise ValueError(f"volumetrics: {what} holds {data.size} values for a grid of {cells} cells")
+    return engine_buffer(data).reshape(-1)
 
 
 # --- the table -------------------------------------------------------------------------------
-
-def _group_totals(group: NDArray[np.int32], columns: Any, count: int) -> NDArray[np.float64]:
-    """The totals of each column (one value per cell) per group 1..count of `group`, in one pass of the
-    engine over the cells: row j holds what ``region_totals(columns[j], group, count=count)`` gives."""
-    columns = tuple(engine_buffer(np.broadcast_to(c, group.shape) if c.dtype.char in "fd" else
-                                  np.broadcast_to(c, group.shape).astype(np.float64)).reshape(-1)
-                    for c in map(np.asarray, columns))
-    out = np.zeros((len(columns), count), dtype=np.float64)
-    if count and group.size:
-        _engine.group_totals(engine_buffer(group, np.int32).reshape(-1), columns, out, resolve_threads(None))
-    return out
-
 
 def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.DataFrame:
     import pandas as pd
@@ -335,69 +327,53 @@ def _table(cells: _Cells, regions: Any, zones: Any, totals: bool) -> pandas.Data
     n = grid.number_of_cells()
     region_spec, region_names = _split_names(regions)
     if isinstance(region_spec, str):
-        region_numbers = _numbering(cells.region_source(region_spec), f"regions {region_spec!r}", n)
+        region_groups = _numbered_groups(cells.region_source(region_spec), f"regions {region_spec!r}", n,
+                                         region_names)
     else:
-        region_numbers = _numbering(region_spec, "regions", n)
-    region_index, region_labels = _groups(region_numbers, region_names)
-    del region_numbers
+        region_groups = _numbered_groups(region_spec, "regions", n, region_names)
 
     if zones is None:
-        zone_index, zone_labels = np.zeros(n, dtype=np.int64), [ALL_ZONES]
+        zone_groups = _Groups(None, None, np.zeros(1, dtype=np.int32), max(n, 1), [ALL_ZONES])
     else:
         zone_spec, zone_names = _split_names(zones)
+        if isinstance(zone_spec, os.PathLike) or (isinstance(zone_spec, str) and pathlib.Path(zone_spec).is_file()):
+            zone_spec = read_zones(zone_spec)
         if isinstance(zone_spec, Mapping):
             layers, zone_labels = _layer_zones(zone_spec, grid.nK)
-            zone_index = np.repeat(layers.astype(np.int64), grid.nI * grid.nJ)
-        elif isinstance(zone_spec, os.PathLike) or (isinstance(zone_spec, str) and pathlib.Path(zone_spec).is_file()):
-            layers, zone_labels = _layer_zones(read_zones(zone_spec), grid.nK)
-            zone_index = np.repeat(layers.astype(np.int64), grid.nI * grid.nJ)
+            zone_groups = _Groups(None, None, layers, max(grid.nI * grid.nJ, 1), zone_labels)
+        elif isinstance(zone_spec, str):
+            zone_groups = _numbered_groups(cells.zone_source(zone_spec), f"zones {zone_spec!r}", n, zone_names)
         else:
-            if isinstance(zone_spec, str):
-                numbers = _numbering(cells.zone_source(zone_spec), f"zones {zone_spec!r}", n)
-            else:
-                numbers = _numbering(zone_spec, "zones", n)
-            zone_index, zone_labels = _groups(numbers, zone_names)
+            zone_groups = _numbered_groups(zone_spec, "zones", n, zone_names)
 
-    # in float64, in place where a new array would only be the next step's input
-    sw, sg = _reals(cells.sw), _reals(cells.sg)
-    so = np.empty(n)
-    np.subtract(1.0, sw, out=so, dtype=np.float64)
-    np.subtract(so, sg, out=so, dtype=np.float64)
-    if np.result_type(sw.dtype, sg.dtype) == np.float32:
-        np.copyto(so, 0.0, where=np.abs(so) < _FLOAT32_SPACING)
-    sg = np.broadcast_to(sg, (n,))
-    hydrocarbon = np.clip(so, 0.0, 1.0)
-    hydrocarbon += np.clip(sg, 0.0, 1.0)
-    np.clip(hydrocarbon, 0.0, 1.0, out=hydrocarbon)
-
-    # float32 fluids (the simulator's FIP arrays) as they are: float64 arithmetic widens them exactly
-    oil, gas, water = (_reals(f) for f in cells.fluids)
-    liquid, vaporised, free, dissolved = _phases(oil, gas, cells.rs if cells.live else None,
-                                                 cells.rv if cells.wet else None, so, sg)
-    del oil, gas, so
-    # the fluid zone of each cell, from 1: 1 oil, 2 gas, 3 water
-    fluid = np.where(free > 0.0, np.int32(2), np.where(liquid > 0.0, np.int32(1), np.int32(3)))
-    porv = np.broadcast_to(_reals(cells.porv), (n,))
-    bulk = np.broadcast_to(_reals(cells.bulk), (n,))
-    columns = {"BULK": bulk, "NET": np.multiply(bulk, _reals(cells.ntg), dtype=np.float64), "PORV": porv,
-               "HCPV": np.multiply(porv, hydrocarbon, out=hydrocarbon), "STOIIP": liquid, "GIIP": free,
-               "ASSOCIATEDGAS": dissolved, "ASSOCIATEDOIL": vaporised, "WIIP": np.broadcast_to(water, (n,))}
-
-    nz, nr = len(zone_labels), len(region_labels)
+    nz, nr = len(zone_groups.labels), len(region_groups.labels)
     count = nz * nr * len(FLUIDS)
     if count > _MOST_ROWS:
         raise ValueError(f"volumetrics: {nz} zones x {nr} regions x {len(FLUIDS)} fluids make {count} rows, more "
                          f"than the {_MOST_ROWS} a table takes: are the regions and zones numbered as meant?")
-    taking = cells.active & (region_index >= 0) & (zone_index >= 0)
-    # the row of each cell from 1 (0: none), in int32 (count <= 2**26)
-    group = zone_index.astype(np.int32)
-    group *= nr
-    np.add(group, region_index, out=group, casting="unsafe")
-    group *= len(FLUIDS)
-    group += fluid
-    np.copyto(group, 0, where=~taking)
-    used = np.bincount(group, minlength=count + 1)[1:] > 0
-    sums = dict(zip(columns, _group_totals(group, columns.values(), count)))
+    # Each cell's saturations, fluids and volumes as they are (float32 read unconverted): the engine
+    # works out So, HCPV, the liquid, vapour, free and dissolved parts, the fluid zone and the row of
+    # each cell, and adds every column up per row, in one pass (core/reductions/Volumetrics.h).
+    sw, sg = _reals(cells.sw), _reals(cells.sg)
+    # saturations of float32: an So closer to 0 than float32's spacing at 1 is their rounding, and 0
+    rounded = np.result_type(sw.dtype, sg.dtype) == np.float32
+    oil, gas, water = cells.fluids
+    values = tuple(_cell_values(value, n, what) for what, value in (
+        ("sw", sw), ("sg", sg), ("oil", oil), ("gas", gas), ("water", water),
+        ("rs", cells.rs if cells.live else None), ("rv", cells.rv if cells.wet else None),
+        ("PORV", cells.porv), ("the bulk volume", cells.bulk), ("NTG", cells.ntg)))
+    sums = np.zeros((len(VALUE_COLUMNS), count))
+    row_cells = np.zeros(count, dtype=np.int64)
+    if count and n:
+        bad = _engine.volume_totals(values, bool(rounded), engine_buffer(cells.active, np.bool_).reshape(-1),
+                                    zone_groups.engine(), region_groups.engine(), nr, sums, row_cells,
+                                    resolve_threads(None))
+        if bad >= 0:
+            raise ValueError(f"state: Rs x Rv is 1 or more at cell {bad} (counting from 0), where no fluid can be "
+                             "split into oil and gas")
+    used = row_cells > 0
+    sums = dict(zip(VALUE_COLUMNS, sums))
+    zone_labels, region_labels = zone_groups.labels, region_groups.labels
 
     zone_of = np.repeat(np.arange(nz), nr * len(FLUIDS))
     region_of = np.tile(np.repeat(np.arange(nr), len(FLUIDS)), nz)
