@@ -162,6 +162,22 @@ def test_contacts_at_the_end_of_the_table_as_flows(tmp_path, datum):
     assert (np.abs(state.pressure - theirs) / theirs).max() <= TOLERANCE
 
 
+@pytest.mark.parametrize("datum", [1005.0, 1010.0])
+def test_gas_water_contact_below_the_cells_as_flows(tmp_path, datum):
+    # GASWATER in layers of 0.25 m and Pcgw up to 12 bar, the gas-water contact 1100 m deep, some
+    # 80 m below the cells: the water starts a step of the gas's table short of it at these datums
+    pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
+    text = _edited((DATA / "GASWATER.DATA").read_text(), " 480*2 /", " 480*0.25 /")
+    text = _edited(text, " 0.20 0.0  0.80\n 0.30 0.04 0.45\n 0.50 0.15 0.20\n 0.70 0.40 0.08",
+                   " 0.20 0.0  12.0\n 0.30 0.04 6.75\n 0.50 0.15 3.0\n 0.70 0.40 1.2")
+    deck_path = tmp_path / "GASWATER_DEEP.DATA"
+    deck_path.write_text(_edited(text, " 1020.0 110.0 1050.0 0.1 /", f" {datum} 110.0 1100.0 0.1 /"))
+    run = kavra.results.read(flow(deck_path, "GasWaterSimulator"))
+    state = kavra.equil.initial_state(kavra.deck.read(deck_path))
+    sw = np.asarray(run.cell_property("SWAT", 0), dtype=np.float64)
+    assert sw.max() < 0.3 and np.abs(state.sw - sw).max() <= TOLERANCE
+
+
 def test_item_9_negative_averages_level_slices():
     text = kavra.deck.example_path("SPE1CASE1").read_text()
     centre = kavra.equil.initial_state(kavra.deck.read(text))
