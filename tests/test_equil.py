@@ -21,7 +21,7 @@ TOLERANCE = 1e-6
 # its gas-water simulator, which the shared runner does not start.
 THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "DOME_ESP", "TRANSITION", "TRANSITION_ESP",
                "TRANSITION_SWATINIT", "TRANSITION_SWATINIT_ENDSCALE", "SWATINIT_SLICES", "EDITED", "FAULTED",
-               "TWOREGIONS", "MIXEDPVT", "SPE9"]
+               "TWOREGIONS", "MIXEDPVT", "SPE9", "DEEPCONTACT", "DEEPCONTACT_FIELD"]
 GAS_WATER = ["GASWATER", "GASWATER_SWATINIT"]
 
 
@@ -140,6 +140,42 @@ def test_equil_item_9_as_flows(tmp_path, deck_name, item):
         if flow_name in run.property_names(0):
             theirs = np.asarray(run.cell_property(flow_name, 0), dtype=np.float64)
             assert (np.abs(ours - theirs) / theirs).max() <= TOLERANCE, flow_name
+
+
+@pytest.mark.parametrize("datum", [1500.0, 1502.0, 1503.05, 1504.0, 1506.05, 1508.0, 1517.0, 1580.0])
+def test_contacts_at_the_end_of_the_table_as_flows(tmp_path, datum):
+    # DEEPCONTACT's contacts end the region's pressure table: at some datums Flow starts the water
+    # (the gas) at the oil pressure a step of the table short of the contact (0.0025 bar over
+    # 70 m of oil, 2e-4 in Sw), at others at the contact, with no pattern to the eye.  Of these,
+    # 1502, 1504 and 1506.05 start the water at the contact, 1503.05 and 1517 the gas; at 1580
+    # the datum is in the water and the gas starts from the oil, which starts at the oil-water
+    # contact
+    pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
+    deck_path = tmp_path / "DEEPCONTACT.DATA"
+    deck_path.write_text(_edited((DATA / "DEEPCONTACT.DATA").read_text(), " 1505.0 150.0", f" {datum} 150.0"))
+    run = kavra.results.read(flow(deck_path))
+    state = kavra.equil.initial_state(kavra.deck.read(deck_path))
+    for flow_name, ours in (("SWAT", state.sw), ("SGAS", state.sg)):
+        theirs = np.asarray(run.cell_property(flow_name, 0), dtype=np.float64)
+        assert theirs.min() > 0.01 and np.abs(ours - theirs).max() <= TOLERANCE, flow_name
+    theirs = np.asarray(run.cell_property("PRESSURE", 0), dtype=np.float64)
+    assert (np.abs(state.pressure - theirs) / theirs).max() <= TOLERANCE
+
+
+@pytest.mark.parametrize("datum", [1005.0, 1010.0])
+def test_gas_water_contact_below_the_cells_as_flows(tmp_path, datum):
+    # GASWATER in layers of 0.25 m and Pcgw up to 12 bar, the gas-water contact 1100 m deep, some
+    # 80 m below the cells: the water starts a step of the gas's table short of it at these datums
+    pytest.importorskip("opm.simulators", reason="OPM Flow is not installed (pip install opm-simulators)")
+    text = _edited((DATA / "GASWATER.DATA").read_text(), " 480*2 /", " 480*0.25 /")
+    text = _edited(text, " 0.20 0.0  0.80\n 0.30 0.04 0.45\n 0.50 0.15 0.20\n 0.70 0.40 0.08",
+                   " 0.20 0.0  12.0\n 0.30 0.04 6.75\n 0.50 0.15 3.0\n 0.70 0.40 1.2")
+    deck_path = tmp_path / "GASWATER_DEEP.DATA"
+    deck_path.write_text(_edited(text, " 1020.0 110.0 1050.0 0.1 /", f" {datum} 110.0 1100.0 0.1 /"))
+    run = kavra.results.read(flow(deck_path, "GasWaterSimulator"))
+    state = kavra.equil.initial_state(kavra.deck.read(deck_path))
+    sw = np.asarray(run.cell_property("SWAT", 0), dtype=np.float64)
+    assert sw.max() < 0.3 and np.abs(state.sw - sw).max() <= TOLERANCE
 
 
 def test_item_9_negative_averages_level_slices():
@@ -269,3 +305,21 @@ def test_oil_water_deck_as_its_three_phase_twin():
     for name in ("pressure", "pw", "sw"):
         assert np.allclose(getattr(oil_water, name), getattr(three_phase, name), rtol=1e-9, atol=1e-9)
     assert (oil_water.sg == 0).all() and np.isnan(oil_water.pg).all()
+
+
+def test_engine_region_refuses_a_bad_length_and_survives_nan_contacts():
+    from kavra import _engine
+
+    deck = kavra.deck.read(DATA / "DEEPCONTACT.DATA")
+    tables = (deck.pvdo._engine_tables(), deck.pvdg._engine_tables(), deck.pvtw._engine_tables())
+
+    def region(contacts, length=1.0):
+        return _engine.equil_region(*tables, 1, [780.0, 1040.0, 1.0], 1.0, (None, -1.0), (None, -1.0), contacts,
+                                    [True, True, True], 1500.0, 1508.0, 50, 9.80665e-5, length)
+
+    for owc in (np.nan, np.inf, 1573.8):  # numbers or NaN, no crash nor read past a curve
+        curves = region([1505.0, 150.0, owc, 0.0, 1400.0, 6.5])
+        assert len(curves) == 6 and all(len(d) == len(p) for d, p in zip(curves[::2], curves[1::2]))
+    for length in (0.0, -1.0, np.nan, np.inf):
+        with pytest.raises(ValueError, match="length must be a finite number above 0"):
+            region([1505.0, 150.0, 1573.8, 0.0, 1400.0, 6.5], length)

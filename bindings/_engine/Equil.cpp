@@ -5,6 +5,7 @@
 #include "bindings/_engine/Equil.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <exception>
 #include <stdexcept>
@@ -127,21 +128,23 @@ nb::object Array(const std::vector<double>& v)
 }
 
 // equil_region(oil, gas, water, pvt, surface, gas_factor, rs_table, rv_table, contacts, phases, top,
-// bottom, steps, gravity): the depth and pressure nodes of the oil, water and gas curves of one
+// bottom, steps, gravity, length): the depth and pressure nodes of the oil, water and gas curves of one
 // region (empty for a phase absent).  oil, gas, water: engine lists or None; surface: the surface
 // densities (oil, water, gas); gas_factor: what turns Rs x the gas surface density into a density
 // (1, or scf per Mscf in FIELD); rs_table, rv_table: (depths, values, of_pressure) (RSVD, RVVD;
 // PBVD, PDVD with of_pressure), or (None, value at the contact) with value < 0 for the saturated
-// value at each pressure.
+// value at each pressure; length: metres per unit of the depths.
 nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water, int pvt,
                       std::vector<double> surface, double gasFactor, nb::object rsTable, nb::object rvTable,
                       std::vector<double> contacts, std::vector<bool> phases, double top, double bottom, int steps,
-                      double gravity)
+                      double gravity, double length)
 {
     if (surface.size() != 3 || contacts.size() != 6 || phases.size() != 3)
         throw std::invalid_argument("equil_region: surface, contacts and phases take 3, 6 and 3 values");
     if (steps < 1)
         throw std::invalid_argument("equil_region: steps must be at least 1");
+    if (!(length > 0.0) || !std::isfinite(length))
+        throw std::invalid_argument("equil_region: length must be a finite number above 0");
     const auto ratio = [](nb::object table) {
         RatioOfDepth r;
         nb::object depths = table[0];
@@ -185,7 +188,8 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
     equil::RegionCurves curves;
     {
         nb::gil_scoped_release unlocked;
-        curves = equil::PhasePressures(c, ph, top, bottom, steps, gravity, oilDensity, waterDensity, gasDensity);
+        curves = equil::PhasePressures(c, ph, top, bottom, steps, gravity, oilDensity, waterDensity, gasDensity,
+                                       length);
     }
     return nb::make_tuple(Array(curves.oil.depth), Array(curves.oil.pressure), Array(curves.water.depth),
                           Array(curves.water.pressure), Array(curves.gas.depth), Array(curves.gas.pressure));
@@ -274,7 +278,7 @@ void RegisterEquil(nb::module_& m)
     m.def("equil_region", &EquilRegion, nb::arg("oil").none(), nb::arg("gas").none(), nb::arg("water").none(),
           nb::arg("pvt"), nb::arg("surface"), nb::arg("gas_factor"), nb::arg("rs_table"), nb::arg("rv_table"),
           nb::arg("contacts"), nb::arg("phases"), nb::arg("top"), nb::arg("bottom"), nb::arg("steps"),
-          nb::arg("gravity"));
+          nb::arg("gravity"), nb::arg("length"));
     m.def("equil_cells", &EquilCells, nb::arg("depth"), nb::arg("thickness"), nb::arg("region"), nb::arg("satnum"),
           nb::arg("active"), nb::arg("curves"), nb::arg("accuracy"), nb::arg("saturation"), nb::arg("ends"),
           nb::arg("phases"),

@@ -53,9 +53,31 @@ void Way(double z0, double p0, double end, int steps, double gravity, const Dens
     }
 }
 
-// The value of a phase's pressure at a contact, from the curve of the
-// phase across it.
-double Across(const PressureCurve& curve, double contact) { return curve.At(contact); }
+// The value of a phase's pressure at a contact, from the curve of the phase
+// across it: a curve of Hydrostatic from z0 over [lo, hi] in `steps` steps
+// each way.  The simulator places the contact on the way towards it by its
+// distance from z0 over the way's step, in metres (`metres` per unit of the
+// depths); where that quotient reaches `steps` (a contact at the end of the
+// way, the quotient rounding to `steps` or above it) its output shows the
+// pressure of the node one step short of the end, else the curve's.  So a
+// contact far beyond the cells, at the end of the region's span, starts the
+// next phase one step's pressure off the contact (with 2000 steps a few
+// thousandths of a bar over tens of metres), at some datums and not others.
+double Across(const PressureCurve& curve, double z0, double lo, double hi, int steps, double metres, double contact)
+{
+    const double end = contact > z0 ? hi : lo;
+    if (contact == z0 || end == z0 || steps < 1)
+        return curve.At(contact);
+    const double h = (end * metres - z0 * metres) / steps;
+    if (!((contact * metres - z0 * metres) / h >= steps)) // NaN too
+        return curve.At(contact);
+    // the nodes: `steps` up (from lo), z0, `steps` down (to hi)
+    const long long origin = lo < z0 ? steps : 0;
+    const long long node = contact > z0 ? origin + steps - 1 : origin - (steps - 1);
+    if (node < 0 || node >= static_cast<long long>(curve.pressure.size()))
+        return curve.At(contact);
+    return curve.pressure[static_cast<std::size_t>(node)];
+}
 
 } // namespace
 
@@ -78,7 +100,8 @@ PressureCurve Hydrostatic(double z0, double p0, double top, double bottom, int s
 }
 
 RegionCurves PhasePressures(const Contacts& c, const Phases& phases, double top, double bottom, int steps,
-                            double gravity, const Density& oil, const Density& water, const Density& gas)
+                            double gravity, const Density& oil, const Density& water, const Density& gas,
+                            double metres)
 {
     // The curves span the cells, the datum and the contacts that tie the phases together.
     double lo = std::min(top, c.datum), hi = std::max(bottom, c.datum);
@@ -93,16 +116,21 @@ RegionCurves PhasePressures(const Contacts& c, const Phases& phases, double top,
     const auto curve = [&](double z0, double p0, const Density& density) {
         return Hydrostatic(z0, p0, lo, hi, steps, gravity, density);
     };
+    // where the oil curve starts (the others read at a contact start at the datum)
+    double fromOil = c.datum;
+    const auto across = [&](const PressureCurve& from, double z0, double contact) {
+        return Across(from, z0, lo, hi, steps, metres, contact);
+    };
     RegionCurves r;
     if (!phases.oil) { // gas and water: the oil-water contact item is the gas-water contact
         if (phases.water && c.datum > c.owc) {
             r.water = curve(c.datum, c.datumPressure, water);
             if (phases.gas)
-                r.gas = curve(c.owc, Across(r.water, c.owc) + c.pcOwc, gas);
+                r.gas = curve(c.owc, across(r.water, c.datum, c.owc) + c.pcOwc, gas);
         } else if (phases.gas) {
             r.gas = curve(c.datum, c.datumPressure, gas);
             if (phases.water)
-                r.water = curve(c.owc, Across(r.gas, c.owc) - c.pcOwc, water);
+                r.water = curve(c.owc, across(r.gas, c.datum, c.owc) - c.pcOwc, water);
         } else if (phases.water) {
             r.water = curve(c.datum, c.datumPressure, water);
         }
@@ -112,17 +140,17 @@ RegionCurves PhasePressures(const Contacts& c, const Phases& phases, double top,
     const bool inGas = phases.gas && c.datum < c.goc;
     if (inWater) {
         r.water = curve(c.datum, c.datumPressure, water);
-        r.oil = curve(c.owc, Across(r.water, c.owc) + c.pcOwc, oil);
+        r.oil = curve(fromOil = c.owc, across(r.water, c.datum, c.owc) + c.pcOwc, oil);
     } else if (inGas) {
         r.gas = curve(c.datum, c.datumPressure, gas);
-        r.oil = curve(c.goc, Across(r.gas, c.goc) - c.pcGoc, oil);
+        r.oil = curve(fromOil = c.goc, across(r.gas, c.datum, c.goc) - c.pcGoc, oil);
     } else {
         r.oil = curve(c.datum, c.datumPressure, oil);
     }
     if (phases.water && r.water.Empty())
-        r.water = curve(c.owc, Across(r.oil, c.owc) - c.pcOwc, water);
+        r.water = curve(c.owc, across(r.oil, fromOil, c.owc) - c.pcOwc, water);
     if (phases.gas && r.gas.Empty())
-        r.gas = curve(c.goc, Across(r.oil, c.goc) + c.pcGoc, gas);
+        r.gas = curve(c.goc, across(r.oil, fromOil, c.goc) + c.pcGoc, gas);
     return r;
 }
 

@@ -53,7 +53,10 @@ struct Phases
 // curves cover, with the datum and the contacts).  The phase of the datum
 // is that of the zone it lies in (gas above the gas-oil contact, water
 // below the oil-water contact, else oil); from it each neighbouring phase
-// starts at the contact between them.
+// starts at the contact between them, at that phase's pressure there as the
+// simulator reads it (a contact at the end of the span may take the node a
+// step short of it; `metres`: metres per unit of the depths, where the
+// simulator places it).
 struct RegionCurves
 {
     PressureCurve oil, water, gas;
@@ -61,7 +64,8 @@ struct RegionCurves
 };
 
 RegionCurves PhasePressures(const Contacts& contacts, const Phases& phases, double top, double bottom, int steps,
-                            double gravity, const Density& oil, const Density& water, const Density& gas);
+                            double gravity, const Density& oil, const Density& water, const Density& gas,
+                            double metres = 1.0);
 
 // A capillary pressure against a saturation, as a table gives it (the
 // saturations rising).

@@ -6,7 +6,11 @@ by the classical fourth-order Runge-Kutta method in equal steps from the datum u
 region's top and down to its bottom (``points`` steps each way, Flow's
 ``NumPressurePointsEquil``).  The phase of the datum's zone starts at the datum pressure;
 each neighbouring phase starts at its contact with it, at that phase's pressure there less
-(water) or plus (gas) the contact's capillary pressure (EQUIL items 3 to 6).  A cell reads
+(water) or plus (gas) the contact's capillary pressure (EQUIL items 3 to 6).  A contact at the
+end of the region's span (beyond the cells) is read as Flow reads it: where its distance from
+the curve's origin over the step, in metres, rounds to ``points`` or above, at the node one step
+short of it (with 2000 steps some thousandths of a bar over tens of metres of oil: it depends
+on the datum, with no pattern to the eye).  A cell reads
 the curves linearly at its centre depth, and its saturations are where the capillary pressure
 curves of its SATNUM table (SWOF or SWFN, SGOF or SGFN) reach the differences of the phase
 pressures there; with ENDSCALE, a cell's SWL, SWU, SGL and SGU map its saturations linearly
@@ -320,6 +324,7 @@ class _Setup:
         self.oil, self.water, self.gas = _phases(deck)
         units = deck.units
         self.gravity = _GRAVITY * _SI_DENSITY[units] * _SI_LENGTH[units] / _SI_PRESSURE[units]
+        self.metres = _SI_LENGTH[units]
         self.gas_factor = _FIELD_SCF_PER_MSCF_IN_STB if units == "FIELD" else 1.0
         self.active = np.ascontiguousarray(deck.active, dtype=np.uint8)
         self.depth = np.ascontiguousarray(deck.cell_depths(), dtype=np.float64)
@@ -376,7 +381,8 @@ class _Setup:
             self.oil_table._engine_tables() if self.oil else None,
             self.gas_table._engine_tables() if self.gas else None,
             deck.pvtw._engine_tables() if self.water else None, pvt, list(self.surface[pvt - 1]), self.gas_factor,
-            rs_table, rv_table, values, [self.oil, self.water, self.gas], top, bottom, self.points, self.gravity))
+            rs_table, rv_table, values, [self.oil, self.water, self.gas], top, bottom, self.points, self.gravity,
+            self.metres))
 
     def state(self, records: Sequence[Any]) -> InitialState:
         """The state of every cell with these EQUIL records."""
