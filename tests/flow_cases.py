@@ -71,6 +71,7 @@ CASES = {
     "DEEPCONTACT": {},
     "DEEPCONTACT_FIELD": {},
     "LEVELPC": {},
+    "LEVELPC_ENDSCALE": {"FROM": "LEVELPC", "START": "SATFUNC_ENDSCALE.START.INC", "SWOF": "LEVELPC_ENDSCALE.INC"},
     "GASWATER_LEVEL": {},
     # the domes and SPE9 with Flow's region report of the initial state in the PRT file (RPTSOL 'FIP=2')
     "DOME_FIP": {"FROM": "DOME", "RPTRST": "RPTSOL_FIP2.INC"},
