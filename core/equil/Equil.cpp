@@ -203,12 +203,13 @@ struct CellCurve
 {
     const CapillaryCurve* curve;
     double lowTable, highTable, low, high, factor;
+    bool level;
 
     CellCurve(const CapillaryCurve& c, const double* lows, const double* highs, const double* largest,
               std::uint64_t h)
         : curve(&c), lowTable(c.Empty() ? 0.0 : c.saturation.front()),
           highTable(c.Empty() ? 1.0 : c.saturation.back()), low(lows ? lows[h] : lowTable),
-          high(highs ? highs[h] : highTable), factor(1.0)
+          high(highs ? highs[h] : highTable), factor(1.0), level(c.Level())
     {
         if (largest && !c.Empty()) {
             const double most = MostPc(c);
@@ -231,7 +232,7 @@ struct CellCurve
     double Pc(double s) const { return factor * PcAt(*curve, ToTable(s)); }
     // A level curve places its phase by depth: at its highest on the phase's side of the
     // contact (`inside`), else at its lowest (NaN where the pressures `pc` is of are).
-    bool Level() const { return curve->Level(); }
+    bool Level() const { return level; }
     double Placed(bool inside, double pc) const { return std::isnan(pc) ? pc : inside ? high : low; }
     double Invert(double pc, bool falling) const
     {
