@@ -70,6 +70,9 @@ CASES = {
     "SPE9": {},
     "DEEPCONTACT": {},
     "DEEPCONTACT_FIELD": {},
+    "LEVELPC": {},
+    "LEVELPC_ENDSCALE": {"FROM": "LEVELPC", "START": "SATFUNC_ENDSCALE.START.INC", "SWOF": "LEVELPC_ENDSCALE.INC"},
+    "GASWATER_LEVEL": {},
     # the domes and SPE9 with Flow's region report of the initial state in the PRT file (RPTSOL 'FIP=2')
     "DOME_FIP": {"FROM": "DOME", "RPTRST": "RPTSOL_FIP2.INC"},
     "DOME2_FIP": {"FROM": "DOME2", "RPTRST": "RPTSOL_FIP2.INC"},

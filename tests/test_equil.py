@@ -21,8 +21,9 @@ TOLERANCE = 1e-6
 # its gas-water simulator, which the shared runner does not start.
 THREE_PHASE = ["SPE1CASE1", "SPE3CASE1", "DOME", "DOME2", "DOME_ESP", "TRANSITION", "TRANSITION_ESP",
                "TRANSITION_SWATINIT", "TRANSITION_SWATINIT_ENDSCALE", "SWATINIT_SLICES", "EDITED", "FAULTED",
-               "TWOREGIONS", "MIXEDPVT", "SPE9", "DEEPCONTACT", "DEEPCONTACT_FIELD"]
-GAS_WATER = ["GASWATER", "GASWATER_SWATINIT"]
+               "TWOREGIONS", "MIXEDPVT", "SPE9", "DEEPCONTACT", "DEEPCONTACT_FIELD",
+               "LEVELPC", "LEVELPC_ENDSCALE"]
+GAS_WATER = ["GASWATER", "GASWATER_SWATINIT", "GASWATER_LEVEL"]
 
 
 @pytest.fixture(scope="session")
@@ -188,8 +189,9 @@ def test_item_9_negative_averages_level_slices():
     assert not np.array_equal(sliced.pressure, centre.pressure)
     # a gas-oil contact at 8340 ft, in the top layer (8325 to 8345 ft): at its centre the cell
     # is gas down to the connate water (Sg 0.88, SGOF's end); of its ten slices of 2 ft, the
-    # seven whose centres lie above the contact are
-    for item, sg in ((0, 0.88), (-5, 0.7 * 0.88)):
+    # eight whose centres lie above the contact or on it (SGOF's Pcog is 0 throughout: the gas
+    # lies down to the contact, as Flow places it: its SGAS is 0.704 there)
+    for item, sg in ((0, 0.88), (-5, 0.8 * 0.88)):
         moved = kavra.equil.initial_state(kavra.deck.read(_edited(text, "8400 4800 8450 0 8300 0 1 0 0",
                                                                  f"8400 4800 8450 0 8340 0 1 0 {item}")))
         assert np.allclose(moved.sg[:100], sg, rtol=1e-12) and (moved.sg[100:] == 0).all()
@@ -287,6 +289,13 @@ def test_engine_cells_refuse_bad_regions_and_survive_nan():
     with pytest.raises(ValueError, match="accuracy .* from -20 to 20, not 21"):
         _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [21],
                             water, [None] * 7, [True, True, False], 2, out)
+    level = [[np.array([0.2, 1.0]), np.zeros(2), np.zeros(0), np.zeros(0)]]
+    _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [1], level,
+                        [None] * 7, [True, True, False], 2, out, [(np.nan, np.inf)])  # a level curve, no contact
+    assert np.isnan(out[3][1]) and out[3][0] == 0.2 and out[3][3] == 0.2
+    with pytest.raises(ValueError, match="contacts"):
+        _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [1],
+                            level, [None] * 7, [True, True, False], 2, out, [(5.0, 0.0)] * 2)
     with pytest.raises(ValueError, match="one value per cell"):
         _engine.equil_cells(depth, thickness, np.ones(n, np.int32), np.ones(n, np.int32), active, curves, [1],
                             water, [None] * 7, [True, True, False], 2, out[:5] + [np.empty(3)])

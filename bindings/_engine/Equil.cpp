@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <nanobind/ndarray.h>
+#include <nanobind/stl/pair.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
@@ -200,17 +201,20 @@ nb::tuple EquilRegion(const Tables* oil, const Tables* gas, const Tables* water,
 // the six arrays of equil_region; accuracy: per region EQUIL item 9, from -20 to 20 (0: a cell's
 // centre, N: 2|N| level slices of it, weighted alike below 0, as the simulator above);
 // saturation: per saturation region (sw, pcow, sg, pcog), empty arrays where the phases lack them;
-// ends: the cells' own SWL, SWU, SGL, SGU, PCW, PCG and SWATINIT, each one value per cell or None.
+// ends: the cells' own SWL, SWU, SGL, SGU, PCW, PCG and SWATINIT, each one value per cell or None;
+// contacts: per region its (oil-water, gas-oil) contact depths, where a level capillary pressure
+// curve places its phase (none: NaN each).
 void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flags active,
                 std::vector<std::vector<Doubles>> curves, std::vector<int> accuracy,
                 std::vector<std::vector<Doubles>> saturation, nb::list ends, std::vector<bool> phases,
-                unsigned threads, std::vector<Outs> out)
+                unsigned threads, std::vector<Outs> out, std::vector<std::pair<double, double>> contacts)
 {
     const std::uint64_t n = depth.shape(0);
     if (thickness.shape(0) != n || region.shape(0) != n || satnum.shape(0) != n || active.shape(0) != n ||
-        out.size() != 6 || phases.size() != 3 || accuracy.size() != curves.size())
+        out.size() != 6 || phases.size() != 3 || accuracy.size() != curves.size() ||
+        (!contacts.empty() && contacts.size() != curves.size()))
         throw std::invalid_argument("equil_cells: depth, thickness, region, satnum and active must be of one "
-                                    "length, out of six arrays, accuracy one per region");
+                                    "length, out of six arrays, accuracy (and contacts) one per region");
     for (const Outs& o : out)
         if (o.shape(0) != n)
             throw std::invalid_argument("equil_cells: every array of out must hold one value per cell");
@@ -227,6 +231,10 @@ void EquilCells(Doubles depth, Doubles thickness, Ints region, Ints satnum, Flag
                                               {Values(r[2]), Values(r[3])},
                                               {Values(r[4]), Values(r[5])},
                                               accuracy[k]});
+        if (!contacts.empty()) {
+            regions.back().owc = contacts[k].first;
+            regions.back().goc = contacts[k].second;
+        }
     }
     std::vector<equil::SaturationCurves> tables;
     for (const auto& s : saturation) {
@@ -281,8 +289,8 @@ void RegisterEquil(nb::module_& m)
           nb::arg("gravity"), nb::arg("length"));
     m.def("equil_cells", &EquilCells, nb::arg("depth"), nb::arg("thickness"), nb::arg("region"), nb::arg("satnum"),
           nb::arg("active"), nb::arg("curves"), nb::arg("accuracy"), nb::arg("saturation"), nb::arg("ends"),
-          nb::arg("phases"),
-          nb::arg("threads"), nb::arg("out"));
+          nb::arg("phases"), nb::arg("threads"), nb::arg("out"),
+          nb::arg("contacts") = std::vector<std::pair<double, double>>());
 }
 
 } // namespace engine

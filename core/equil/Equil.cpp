@@ -122,6 +122,8 @@ RegionCurves PhasePressures(const Contacts& c, const Phases& phases, double top,
         return Across(from, z0, lo, hi, steps, metres, contact);
     };
     RegionCurves r;
+    r.owc = c.owc;
+    r.goc = c.goc;
     if (!phases.oil) { // gas and water: the oil-water contact item is the gas-water contact
         if (phases.water && c.datum > c.owc) {
             r.water = curve(c.datum, c.datumPressure, water);
@@ -152,6 +154,11 @@ RegionCurves PhasePressures(const Contacts& c, const Phases& phases, double top,
     if (phases.gas && r.gas.Empty())
         r.gas = curve(c.goc, across(r.oil, fromOil, c.goc) + c.pcGoc, gas);
     return r;
+}
+
+bool CapillaryCurve::Level() const
+{
+    return !pc.empty() && std::all_of(pc.begin(), pc.end(), [&](double v) { return v == pc.front(); });
 }
 
 double CapillaryCurve::Invert(double value, bool falling) const
@@ -196,12 +203,13 @@ struct CellCurve
 {
     const CapillaryCurve* curve;
     double lowTable, highTable, low, high, factor;
+    bool level;
 
     CellCurve(const CapillaryCurve& c, const double* lows, const double* highs, const double* largest,
               std::uint64_t h)
         : curve(&c), lowTable(c.Empty() ? 0.0 : c.saturation.front()),
           highTable(c.Empty() ? 1.0 : c.saturation.back()), low(lows ? lows[h] : lowTable),
-          high(highs ? highs[h] : highTable), factor(1.0)
+          high(highs ? highs[h] : highTable), factor(1.0), level(c.Level())
     {
         if (largest && !c.Empty()) {
             const double most = MostPc(c);
@@ -222,6 +230,10 @@ struct CellCurve
         return low + (s - lowTable) * ((high - low) / (highTable - lowTable));
     }
     double Pc(double s) const { return factor * PcAt(*curve, ToTable(s)); }
+    // A level curve places its phase by depth: at its highest on the phase's side of the
+    // contact (`inside`), else at its lowest (NaN where the pressures `pc` is of are).
+    bool Level() const { return level; }
+    double Placed(bool inside, double pc) const { return std::isnan(pc) ? pc : inside ? high : low; }
     double Invert(double pc, bool falling) const
     {
         // a curve scaled to 0 everywhere: any Pc above (below) 0 lies past its end
@@ -281,12 +293,12 @@ PointState StateAt(double z, const RegionCurves& r, CellCurve& water, const Cell
             // Pcow falls as Sw rises: in the water zone (Pcow at or below the curve's lowest)
             // the cell is all water, and the oil pressure there the water's plus the
             // curve's Pc at that saturation.
-            sw = water.Invert(po - pw, true);
+            sw = water.Level() ? water.Placed(z > r.owc, po - pw) : water.Invert(po - pw, true);
             if (sw >= water.Highest())
                 po = pw + water.Pc(sw);
         }
         if (phases.gas) {
-            sg = gas.Invert(pg - po, false);
+            sg = gas.Level() ? gas.Placed(z <= r.goc, pg - po) : gas.Invert(pg - po, false);
             if (sg > 0.0 && sg >= gas.Highest())
                 po = pg - gas.Pc(sg);
         }
@@ -298,7 +310,9 @@ PointState StateAt(double z, const RegionCurves& r, CellCurve& water, const Cell
             if (std::isnan(swatinit))
                 sw = GasWaterSaturation(pg - pw, water, gas);
             sg = 1.0 - sw;
-            po = pg - gas.Pc(sg);
+            // all water (the gas pressure below the water's): the oil pressure is the water's
+            // plus Pcow there, as in the water zone
+            po = sw >= water.Highest() ? pw + water.Pc(sw) : pg - gas.Pc(sg);
             const double at = std::isnan(swatinit) ? 0.0 : PcAt(*water.curve, water.ToTable(sw));
             if (at > 0.0 && po - pw > 0.0)
                 water.factor = (po - pw) / at;
@@ -306,7 +320,7 @@ PointState StateAt(double z, const RegionCurves& r, CellCurve& water, const Cell
         return PointState{po, sw, sg};
     }
     if (phases.gas && phases.water) { // Pcgw of the water curve; the gas has the rest
-        const double sw = water.Invert(pg - pw, true);
+        const double sw = water.Level() ? water.Placed(z > r.owc, pg - pw) : water.Invert(pg - pw, true);
         return PointState{sw >= water.Highest() ? pw + water.Pc(sw) : pg, sw, 1.0 - sw};
     }
     return PointState{phases.water ? pw : pg, phases.water ? 1.0 : 0.0, phases.gas ? 1.0 : 0.0};

@@ -12,6 +12,7 @@
 // density times a depth difference into a pressure difference.
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <vector>
 
 namespace kavra {
@@ -61,6 +62,9 @@ struct RegionCurves
 {
     PressureCurve oil, water, gas;
     int accuracy = 0; // EQUIL item 9: the point or slices of a cell whose states are averaged
+    // The contacts (EQUIL items 3 and 5; in a gas-water system the first is the gas-water
+    // contact), where a level capillary pressure curve places its phase (NaN: none).
+    double owc = std::numeric_limits<double>::quiet_NaN(), goc = std::numeric_limits<double>::quiet_NaN();
 };
 
 RegionCurves PhasePressures(const Contacts& contacts, const Phases& phases, double top, double bottom, int steps,
@@ -74,6 +78,9 @@ struct CapillaryCurve
     std::vector<double> saturation, pc;
 
     bool Empty() const { return saturation.empty(); }
+    // One capillary pressure at every saturation (zero throughout, say): the
+    // curve places its phase by the contact's depth, not by the pressures.
+    bool Level() const;
     // The saturation at which the curve reaches `pc`: linear between nodes,
     // the curve's end where `pc` lies beyond it (the end of the lowest Pc
     // where `pc` is that Pc).  `falling`: Pc falls as the saturation rises
@@ -132,7 +139,11 @@ struct CellStates
 std::vector<double> SliceWeights(int accuracy);
 
 // Reads every active cell's phase pressures in its region's curves at its
-// depth and inverts the capillary pressures there into saturations (a
+// depth and inverts the capillary pressures there into saturations, or,
+// where the cell's curve is level (CapillaryCurve::Level), takes the phase
+// at its highest above its contact with oil or at it (gas) or below it
+// (water) and at its lowest on the other side, whatever the contact's
+// capillary pressure (a
 // saturation at its table's end makes the oil pressure the pressure of the
 // phase that fills the cell less or plus the Pc there); with slices (EQUIL
 // item 9 not 0) the cell's state is the weighted mean of those at the

@@ -13,14 +13,19 @@ short of it (with 2000 steps some thousandths of a bar over tens of metres of oi
 on the datum, with no pattern to the eye).  A cell reads
 the curves linearly at its centre depth, and its saturations are where the capillary pressure
 curves of its SATNUM table (SWOF or SWFN, SGOF or SGFN) reach the differences of the phase
-pressures there; with ENDSCALE, a cell's SWL, SWU, SGL and SGU map its saturations linearly
-onto the table's, and its PCW and PCG scale the table's capillary pressures.  Where a
-saturation reaches its table's end (a cell all water, or gas down to the connate water) the
-oil pressure is that phase's pressure less (plus) the table's capillary pressure there, as
-Flow writes PRESSURE.  EQUIL item 9 of 0 takes the cell's centre; a negative N (default -5)
-the mean of the states (oil pressure and saturations) at the centres of 2|N| level slices of
-equal thickness; a positive N the states at the same centres weighted as Flow weights them in
-a level cell, in proportion to 1/4 + |x| - x**2 at a centre x from the cell's (in thicknesses
+pressures there.  A level curve (zero, or one value, throughout) places its phase by depth, as
+Flow does: gas above the gas-oil contact and at it, water below the oil-water (gas-water)
+contact, at the phase's highest saturation, its lowest on the other side, whatever the
+contact's capillary pressure (which still offsets the phase's pressure curve); a cell (slice)
+at the contact depth holds gas and no free water.  With ENDSCALE, a cell's SWL, SWU, SGL and
+SGU map its saturations linearly onto the table's, and its PCW and PCG scale the table's
+capillary pressures.  Where a saturation reaches its table's end (a cell all water, or gas down
+to the connate water, or gas below the water's pressure, all water) the oil pressure is that
+phase's pressure less (plus) the table's capillary pressure there, as Flow writes PRESSURE.
+EQUIL item 9 of 0 takes the cell's centre; a negative N (default -5) the mean of the states
+(oil pressure and saturations) at the centres of 2|N| level slices of equal thickness; a
+positive N the states at the same centres weighted as Flow weights them in a level cell, in
+proportion to 1/4 + |x| - x**2 at a centre x from the cell's (in thicknesses
 of the cell: near its top and bottom twice what it is at its middle; for 1 the mean of two,
 as -1).  Flow takes N from -20 to 20, and so does kavra.  A positive N on a corner-point grid
 kavra refuses: on tilted cells Flow's states then differ from that weighting (by up to 0.49 in
@@ -237,6 +242,12 @@ def _accuracy(item: float, region: int) -> int:
     return int(item)
 
 
+def _pressure_items(record: Any) -> list[float]:
+    """EQUIL items 1 to 6 of a record (datum, its pressure, the contacts and their capillary
+    pressures), 0 where the deck leaves one out."""
+    return [0.0 if math.isnan(v) else float(v) for v in record[:6]]
+
+
 def _spans(depth: NDArray[np.float64], dz: NDArray[np.float64], cells: NDArray[np.bool_]) -> tuple[float, float]:
     return float((depth - dz / 2)[cells].min()), float((depth + dz / 2)[cells].max())
 
@@ -283,7 +294,7 @@ def initial_state(deck: Any, *, threads: int | None = None, points: int = DEFAUL
 
     >>> import kavra.deck, kavra.equil
     >>> deck = kavra.deck.read(kavra.deck.example_path("SPE1CASE1"))
-    >>> states = kavra.equil.initial_state(deck, contacts=[(8450.0, np.nan), (8400.0, np.nan), (8350.0, np.nan)])
+    >>> states = kavra.equil.initial_state(deck, contacts=[(8450.0, np.nan), (8390.0, np.nan), (8350.0, np.nan)])
     >>> [int(s.in_place().oil.sum() // 1e6) for s in states]      # million stb, each state in turn
     [284, 142, 56]
     """
@@ -376,7 +387,7 @@ class _Setup:
             rs_table = _ratio_table(deck, "RSVD", record, r, deck.pvto, blackoil.rs_sat, pvt)
         if self.wet:
             rv_table = _ratio_table(deck, "RVVD", record, r, deck.pvtg, blackoil.rv_sat, pvt)
-        values = [0.0 if math.isnan(v) else v for v in record[:6]]
+        values = _pressure_items(record)
         return list(_engine.equil_region(
             self.oil_table._engine_tables() if self.oil else None,
             self.gas_table._engine_tables() if self.gas else None,
@@ -387,11 +398,12 @@ class _Setup:
     def state(self, records: Sequence[Any]) -> InitialState:
         """The state of every cell with these EQUIL records."""
         curves = [self._curves(r, record) for r, record in enumerate(records[:self.used])]
+        contacts = [tuple(_pressure_items(record)[2:5:2]) for record in records[:self.used]]
         n = self.depth.size
         out = [np.empty(n) for _ in range(6)]
         _engine.equil_cells(self.depth, self.dz, self.eqlnum, self.satnum, self.active, curves,
                             self.accuracy[:self.used], self.saturation, self.ends, [self.oil, self.water, self.gas],
-                            self.threads, out)
+                            self.threads, out, contacts)
         po, pw, pg, sw, sg, ppcw = out
         mask = ~self.active.astype(bool)
         rs, rv = np.zeros(n), np.zeros(n)
