@@ -23,9 +23,9 @@ capillary pressures.  Where a saturation reaches its table's end (a cell all wat
 to the connate water, or gas below the water's pressure, all water) the oil pressure is that
 phase's pressure less (plus) the table's capillary pressure there, as Flow writes PRESSURE.
 EQUIL item 9 of 0 takes the cell's centre; a negative N (default -5) the mean of the states
-(oil pressure and saturations) at the centres of 2|N| level slices of equal thickness; a
+(oil pressure and saturations) at the centres of ``2 * abs(N)`` level slices of equal thickness; a
 positive N the states at the same centres weighted as Flow weights them in a level cell, in
-proportion to 1/4 + |x| - x**2 at a centre x from the cell's (in thicknesses
+proportion to ``1/4 + abs(x) - x**2`` at a centre x from the cell's (in thicknesses
 of the cell: near its top and bottom twice what it is at its middle; for 1 the mean of two,
 as -1).  Flow takes N from -20 to 20, and so does kavra.  A positive N on a corner-point grid
 kavra refuses: on tilted cells Flow's states then differ from that weighting (by up to 0.49 in
