@@ -52,7 +52,8 @@ def write_case(base, ni, nj, nk, steps, fip=False):
     layer = np.repeat(np.arange(nk), ni * nj)
     resfo.write(str(base.with_suffix(".INIT")), [
         ("INTEHEAD", intehead(ni, nj, nk)), ("PORV    ", np.full(n, 100 * 100 * 2 * 0.25 * 0.8 / 5.614583, np.float32)),
-        ("NTG     ", np.full(n, 0.8, np.float32)), ("FIPNUM  ", (1 + layer // 10).astype(np.int32))])
+        ("NTG     ", np.full(n, 0.8, np.float32)), ("FIPNUM  ", (1 + layer // 10).astype(np.int32)),
+        ("SATNUM  ", np.ones(n, np.int32))])
     rng = np.random.default_rng(7)
 
     def arrays():
