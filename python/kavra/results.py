@@ -782,7 +782,7 @@ class Results:
             pressure = np.ma.asanyarray(p, dtype=np.float64)
             pw = pressure - np.ma.where(held, pc.oil_water, 0.0)
             pg = pressure + np.ma.where(held, pc.gas_oil, 0.0)
-            del pc, held, pressure
+            del functions, pc, held, pressure
         return blackoil.in_place(deck, init("PVTNUM"), self.cell_property("PORV"), p, sw, sg, restart("RS"),
                                  restart("RV"), pw=pw, pg=pg, ppcw=ppcw, threads=threads)
 
