@@ -121,6 +121,8 @@ def test_results_in_place_takes_the_inits_satnum_and_builds_opms_state_only_for_
     for ours, theirs in zip(read, expected):
         assert np.array_equal(np.ma.getmaskarray(ours), np.ma.getmaskarray(theirs))
         assert np.array_equal(ours.compressed(), theirs.compressed())
+    with pytest.raises(ValueError, match=r"the inputs hold \d+ cells and the deck's grid 300 \(10 x 10 x 3\)"):
+        r.in_place(step, kavra.deck.read(kavra.deck.example_path("SPE1CASE1")))  # the deck of another case
 
 
 @pytest.mark.parametrize("case", ["TRANSITION_SWATINIT", "TRANSITION_SWATINIT_ENDSCALE"])

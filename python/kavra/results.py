@@ -773,7 +773,8 @@ class Results:
                                  "the INIT holds PPCW, each cell's largest Pcow after the simulator's initialisation; "
                                  "use kavra.blackoil.in_place with ppcw=kavra.equil.initial_state(deck).ppcw")
         pw = pg = None
-        if "SATNUM" in static and set(deck.keywords) & set(satfunc.TABLE_KEYWORDS):
+        if "SATNUM" in static and set(deck.keywords) & set(satfunc.TABLE_KEYWORDS) and (
+                deck.grid.number_of_cells() == self._cells):  # (else blackoil.in_place says what is wrong)
             # The cells' regions as the run took them, from the INIT: opm's state of the deck's grid
             # and properties (2 GB and 20 s for 10^7 cells) is then built only for ENDSCALE's end points.
             functions = satfunc.from_deck(deck, ppcw=ppcw, satnum=self.cell_property("SATNUM"))
