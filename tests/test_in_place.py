@@ -101,6 +101,30 @@ def test_in_place_of_a_deck_puts_water_and_gas_at_their_own_pressures(flow_run, 
     assert max(without["water"], without["gas"]) > 1e-4, without  # the capillary pressures count
 
 
+@pytest.mark.parametrize("case, scaled", [("SATFUNC_SWOF", False), ("SATFUNC_FAMILY", False),
+                                          ("SATFUNC_ENDSCALE", True), ("TRANSITION_SWATINIT", False)])
+def test_results_in_place_takes_the_inits_satnum_and_builds_opms_state_only_for_end_points(flow_run, case, scaled):
+    """Results.in_place takes each cell's SATNUM from the INIT: the same bits as blackoil.in_place of the deck
+    (which reads the deck's SATNUM), and without opm's state of the deck's grid (for 10^7 cells, 2 GB and
+    20 s) unless ENDSCALE's end points are read from it."""
+    path = flow_run(case)
+    r = results.read(path)
+    fresh, deck = kavra.deck.read(path.with_suffix(".DATA")), kavra.deck.read(path.with_suffix(".DATA"))
+    step = r.steps[-1]
+    read = r.in_place(step, fresh)
+    assert (fresh._state is not None) == scaled  # opm's EclipseState, built on first need
+    names = r.property_names(step)
+    state = [r.cell_property(name, step) if name in names else None for name in ("PRESSURE", "SWAT", "SGAS", "RS",
+                                                                                 "RV", "PPCW")]
+    expected = blackoil.in_place(deck, r.cell_property("PVTNUM"), r.cell_property("PORV"), *state[:5],
+                                 ppcw=state[5])
+    for ours, theirs in zip(read, expected):
+        assert np.array_equal(np.ma.getmaskarray(ours), np.ma.getmaskarray(theirs))
+        assert np.array_equal(ours.compressed(), theirs.compressed())
+    with pytest.raises(ValueError, match=r"the inputs hold \d+ cells and the deck's grid 300 \(10 x 10 x 3\)"):
+        r.in_place(step, kavra.deck.read(kavra.deck.example_path("SPE1CASE1")))  # the deck of another case
+
+
 @pytest.mark.parametrize("case", ["TRANSITION_SWATINIT", "TRANSITION_SWATINIT_ENDSCALE"])
 def test_in_place_with_swatinit_takes_each_cells_pcow_maximum(flow_run, case):
     """SWATINIT: Results.in_place takes the step's PPCW, blackoil.in_place its ppcw= (step 0's, or

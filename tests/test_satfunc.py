@@ -308,6 +308,22 @@ def test_from_deck_reads_each_region_and_refuses_what_it_does_not_evaluate():
         satfunc.from_deck(kavra.deck.read("RUNSPEC\nDIMENS\n 1 1 1 /\n"))
 
 
+def test_from_deck_takes_a_runs_satnum_in_place_of_the_decks_without_building_opms_state():
+    """satnum= (a results case's INIT SATNUM, masked where the run holds no cell): the deck's own SATNUM
+    is not read, so opm's state of the grid (gigabytes for 10^7 cells) is not built."""
+    deck = kavra.deck.read(DECK + "REGIONS\nSATNUM\n 1 2 2 /\n")
+    given = satfunc.from_deck(deck, satnum=np.ma.masked_array(np.int32([1, 2, 1]), mask=[False, False, True]))
+    assert given.satnum.tolist() == [1, 2, 0] and deck._state is None  # opm's state: never built
+    water = given.relperm([0.6] * 3, [0.0] * 3).water
+    decks = satfunc.from_deck(deck).relperm([0.6] * 3, [0.0] * 3).water
+    assert water[:2].tolist() == decks[:2].tolist() and np.isnan(water[2])  # region 0: a cell the run does not hold
+    for wrong, error, words in (([1.0, 2.0, 2.0], TypeError, "satnum must hold integers, got float64"),
+                                ([1, 2], ValueError, "satnum holds 2 values; the deck's grid has 3 cells"),
+                                ([1, 2, 3], ValueError, "cell 2 has region 3; the tables have 2 regions")):
+        with pytest.raises(error, match=words):
+            satfunc.from_deck(deck, satnum=wrong)
+
+
 def test_docstring_examples():
     failures, tried = doctest.testmod(satfunc, optionflags=doctest.NORMALIZE_WHITESPACE)
     assert tried >= 3 and failures == 0

@@ -774,13 +774,19 @@ def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any,
         pv = pv * f.pore_volume_multiplier(tables["rock"], pvtnum, p, **keywords)
     so = _oil_saturation(arrays, sw, sg) if so is None else floats(so)
     liquid = zero if oil is None else pv * so * f.one_over_bo(oil, pvtnum, p, rs if live else None, **keywords)
+    del so  # each whole-grid part let go when it has been used: a few arrays of the grid at once, not a dozen
     free = zero if gas is None else pv * floats(sg) * f.one_over_bg(gas, pvtnum, pg, rv if wet else None,
                                                                      **keywords)
     water = zero if tables["pvtw"] is None else pv * floats(sw) * f.one_over_bw(tables["pvtw"], pvtnum, pw,
                                                                                  **keywords)
+    del pv, pw, pg
     vaporised = free * floats(rv) if wet and rv is not None else zero
     dissolved = liquid * floats(rs) if live and rs is not None else zero
-    return InPlace(liquid + vaporised, free + dissolved, water + zero)
+    oil_in_place = liquid + vaporised
+    del liquid, vaporised
+    gas_in_place = free + dissolved
+    del free, dissolved
+    return InPlace(oil_in_place, gas_in_place, water + zero)
 
 
 _NUMPY = Arrays(sys.modules[__name__], lambda value: np.asanyarray(value, dtype=np.float64),

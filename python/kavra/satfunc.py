@@ -468,7 +468,7 @@ def _named_in_edits(deck: Any, name: str) -> bool:
     return False
 
 
-def from_deck(deck: Any, *, ppcw: ArrayLike | None = None) -> SaturationFunctions:
+def from_deck(deck: Any, *, ppcw: ArrayLike | None = None, satnum: ArrayLike | None = None) -> SaturationFunctions:
     """The saturation functions of a deck: its tables, each cell's SATNUM region, and with
     ENDSCALE each cell's end points, as Flow scales them.
 
@@ -484,6 +484,12 @@ def from_deck(deck: Any, *, ppcw: ArrayLike | None = None) -> SaturationFunction
         ``kavra.equil.initial_state(deck).ppcw``.  Needed with SWATINIT, whose initialisation
         moves that maximum; it replaces the cell's PCW (ENDSCALE) and scales Pcow by its ratio
         to the table's largest Pcow.
+    satnum : array_like of int, optional
+        Each cell's SATNUM region as a run took it (nI * nJ * nK values, cell order; 0, masked
+        or inactive where the run holds no cell): the SATNUM of its INIT.  Default: the deck's,
+        from opm's state of the deck's grid and properties, which is built for it (on a deck
+        of 10^7 cells, about 2 GB of memory and 20 s); given, that state is built only where
+        ENDSCALE's end points are read from the deck.
 
     Returns
     -------
@@ -498,7 +504,10 @@ def from_deck(deck: Any, *, ppcw: ArrayLike | None = None) -> SaturationFunction
         The deck has none of the table families, or a table is not one; or it has a keyword
         whose effect is not evaluated here (SOF2, SGWFN, ENPTVD, ENKRVD, ENPCVD, EHYSTR, IMBNUM,
         KRNUM*, STONE1EX, the directional end points SWLX ..., SCALELIM, PPCWMAX); SWATINIT
-        without `ppcw`; `ppcw` of another number of cells than the grid.
+        without `ppcw`; `ppcw` or `satnum` of another number of cells than the grid; a region
+        in `satnum` past the tables.
+    TypeError
+        `satnum` does not hold integers.
     """
     keywords = set(deck.keywords)
     tables: dict[str, Any] = {}
@@ -516,7 +525,7 @@ def from_deck(deck: Any, *, ppcw: ArrayLike | None = None) -> SaturationFunction
                          "initialises it: pass ppcw= (the run's restart array PPCW, or "
                          "kavra.equil.initial_state(deck).ppcw)")
     model = "STONE1" if "STONE1" in keywords else "STONE2" if "STONE2" in keywords else "default"
-    satnum = _cell_integers(deck, "SATNUM")
+    satnum = _cell_integers(deck, "SATNUM") if satnum is None else _given_regions(satnum, deck.grid.number_of_cells())
     if ppcw is not None and np.size(ppcw) != satnum.size:
         raise ValueError(f"ppcw holds {np.size(ppcw)} values; the deck's grid has {satnum.size} cells")
     cells: dict[str, NDArray[np.float64]] = {}
@@ -534,6 +543,16 @@ def _scalecrs(deck: Any) -> bool:
     """Whether the last SCALECRS of the deck says YES (three-point scaling)."""
     words = [texts for texts in deck.words("SCALECRS") if texts]
     return bool(words) and words[-1][0].startswith("Y")
+
+
+def _given_regions(satnum: ArrayLike, cells: int) -> NDArray[np.int32]:
+    """A run's SATNUM per cell as int32, 0 where it is masked."""
+    given: np.ma.MaskedArray[Any, Any] = np.ma.asarray(satnum)
+    if given.dtype.kind not in "iu":
+        raise TypeError(f"satnum must hold integers, got {given.dtype}")
+    if given.size != cells:
+        raise ValueError(f"satnum holds {given.size} values; the deck's grid has {cells} cells")
+    return np.ascontiguousarray(np.ma.filled(given, 0).ravel(), dtype=np.int32)
 
 
 def _cell_integers(deck: Any, name: str) -> NDArray[np.int32]:
