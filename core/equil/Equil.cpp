@@ -6,6 +6,8 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "core/utils/ParallelFor.h"
 
@@ -205,11 +207,12 @@ struct CellCurve
     double lowTable, highTable, low, high, factor;
     bool level;
 
-    CellCurve(const CapillaryCurve& c, const double* lows, const double* highs, const double* largest,
-              std::uint64_t h)
+    // `isLevel`: c.Level(), worked out once per table
+    CellCurve(const CapillaryCurve& c, bool isLevel, const double* lows, const double* highs,
+              const double* largest, std::uint64_t h)
         : curve(&c), lowTable(c.Empty() ? 0.0 : c.saturation.front()),
           highTable(c.Empty() ? 1.0 : c.saturation.back()), low(lows ? lows[h] : lowTable),
-          high(highs ? highs[h] : highTable), factor(1.0), level(c.Level())
+          high(highs ? highs[h] : highTable), factor(1.0), level(isLevel)
     {
         if (largest && !c.Empty()) {
             const double most = MostPc(c);
@@ -361,6 +364,9 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
     std::vector<std::vector<double>> weights;
     for (const RegionCurves& r : regions)
         weights.push_back(SliceWeights(r.accuracy));
+    std::vector<std::pair<bool, bool>> level; // per saturation table: its water and gas curves'
+    for (const SaturationCurves& s : saturation)
+        level.emplace_back(s.water.Level(), s.gas.Level());
     ParallelChunks(cells.n, 4096, threads, [&](std::uint64_t begin, std::uint64_t end) {
         for (std::uint64_t h = begin; h < end; ++h) {
             if (!cells.active[h]) {
@@ -377,8 +383,8 @@ void CellStatesOf(const Cells& cells, const std::vector<RegionCurves>& regions,
                                         std::to_string(table) + "; there are " + std::to_string(saturation.size()));
             const RegionCurves& r = regions[region - 1];
             const SaturationCurves& s = saturation[table - 1];
-            CellCurve water(s.water, ends.swl, ends.swu, ends.pcw, h);
-            const CellCurve gas(s.gas, ends.sgl, ends.sgu, ends.pcg, h);
+            CellCurve water(s.water, level[table - 1].first, ends.swl, ends.swu, ends.pcw, h);
+            const CellCurve gas(s.gas, level[table - 1].second, ends.sgl, ends.sgu, ends.pcg, h);
             const double swatinit = ends.swatinit ? ends.swatinit[h] : nan;
             // The cell's state: at its centre, or the weighted mean of the states at the
             // centres of its level slices of equal thickness, from the top down (equal
