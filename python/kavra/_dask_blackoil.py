@@ -44,11 +44,11 @@ if TYPE_CHECKING:  # the forms built from the table, for type checkers
 def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLike, sw: ArrayLike, sg: ArrayLike,
              rs: ArrayLike | None = None, rv: ArrayLike | None = None, *, pw: ArrayLike | None = None,
              pg: ArrayLike | None = None, so: ArrayLike | None = None,
-             ppcw: ArrayLike | None = None) -> _blackoil.InPlace:
+             ppcw: ArrayLike | None = None, satnum: ArrayLike | None = None) -> _blackoil.InPlace:
     """:func:`kavra.blackoil.in_place` over dask arrays: its steps with the lazy functions of this
     module (and, given a deck, the capillary pressures of :mod:`kavra.dask.satfunc`); gives three
-    dask arrays of float64 (``ppcw``, given, is read whole)."""
+    dask arrays of float64 (``ppcw`` and ``satnum``, given, are read whole)."""
     arrays = _blackoil.Arrays(sys.modules[__name__], lambda value: da.asarray(value).astype(np.float64),
                               lambda value: da.asarray(value).dtype, da.where, _satfunc.capillary_pressure)
-    return _blackoil.fluids_in_place(arrays, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, ppcw)
+    return _blackoil.fluids_in_place(arrays, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, ppcw, satnum)
 

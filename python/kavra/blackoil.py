@@ -630,7 +630,7 @@ def _oil_saturation(arrays: Arrays, sw: Any, sg: Any) -> Any:
 def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLike, sw: ArrayLike, sg: ArrayLike,
              rs: ArrayLike | None = None, rv: ArrayLike | None = None, *, pw: ArrayLike | None = None,
              pg: ArrayLike | None = None, so: ArrayLike | None = None, ppcw: ArrayLike | None = None,
-             threads: int | None = None) -> InPlace:
+             satnum: ArrayLike | None = None, threads: int | None = None) -> InPlace:
     """Oil, gas and water in place per cell at surface conditions, as the simulator's FIP arrays.
 
     With the pore volume at pressure ``pv = porv * pore_volume_multiplier(rock, pvtnum, p)`` (no
@@ -684,6 +684,10 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
         (:meth:`kavra.results.Results.in_place` reads it), or
         ``kavra.equil.initial_state(deck).ppcw``, which equilibrates the deck (a full
         initialisation: seconds on a large grid), so compute it once and pass it to every step.
+    satnum : array_like of int, optional
+        With a deck: each cell's SATNUM region as the run took it (a case's INIT holds it), for
+        :func:`kavra.satfunc.from_deck`; without it the deck's, whose reading builds opm's state
+        of the deck's grid and properties (about 2 GB and 20 s for 10^7 cells).
     %(threads)s
 
     Returns
@@ -716,7 +720,7 @@ def in_place(deck_or_tables: Any, pvtnum: ArrayLike, porv: ArrayLike, p: ArrayLi
     >>> print(blackoil.in_place(tables, 1, [1000.0], [4800.0], [0.12], [0.0], [1.27]).oil.round(2))
     [532.76]
     """
-    return fluids_in_place(_NUMPY, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, ppcw,
+    return fluids_in_place(_NUMPY, deck_or_tables, pvtnum, porv, p, sw, sg, rs, rv, pw, pg, so, ppcw, satnum,
                            threads=threads)
 
 
@@ -737,7 +741,7 @@ def _is_deck(deck_or_tables: Any) -> bool:
 
 
 def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, pw: Any, pg: Any, ppcw: Any,
-               keywords: dict[str, Any]) -> tuple[Any, Any]:
+               satnum: Any, keywords: dict[str, Any]) -> tuple[Any, Any]:
     """Water's and gas's pressures, those given or the deck's: p - Pcow and p + Pcog at the cells'
     saturations (0 in cells the deck does not hold)."""
     cells = int(np.prod(np.shape(zero)))
@@ -747,7 +751,7 @@ def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, p
             f"in_place: the inputs hold {cells} cells and the deck's grid {grid.number_of_cells()} "
             f"({grid.nI} x {grid.nJ} x {grid.nK}); with a deck, give one value per cell of its whole grid, in its "
             f"cell order (I fastest), or pass pw and pg")
-    functions = _satfunc.from_deck(deck, ppcw=ppcw)  # refuses SWATINIT without ppcw
+    functions = _satfunc.from_deck(deck, ppcw=ppcw, satnum=satnum)  # refuses SWATINIT without ppcw
     pc = arrays.capillary(functions, arrays.floats(sw) + zero, arrays.floats(sg) + zero, **keywords)
     held = (np.asarray(functions.satnum) != 0).reshape(np.shape(zero))
     pressure = arrays.floats(p)
@@ -756,7 +760,8 @@ def _pressures(arrays: Arrays, deck: Any, p: Any, sw: Any, sg: Any, zero: Any, p
 
 
 def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any, p: Any, sw: Any, sg: Any,
-                    rs: Any, rv: Any, pw: Any, pg: Any, so: Any, ppcw: Any = None, **keywords: Any) -> InPlace:
+                    rs: Any, rv: Any, pw: Any, pg: Any, so: Any, ppcw: Any = None, satnum: Any = None,
+                    **keywords: Any) -> InPlace:
     """in_place over `arrays`: the same steps, in the same order, for NumPy and dask arrays."""
     tables = tables_of(deck_or_tables)
     f, floats = arrays.functions, arrays.floats
@@ -767,7 +772,7 @@ def fluids_in_place(arrays: Arrays, deck_or_tables: Any, pvtnum: Any, porv: Any,
     zero = floats(0.0) * (pv + floats(p) + floats(sw) + floats(sg))  # 0.0 of the inputs' shape (and masks)
     if ((pw is None and tables["pvtw"] is not None) or (pg is None and gas is not None)) and _is_deck(
             deck_or_tables) and set(deck_or_tables.keywords) & set(_satfunc.TABLE_KEYWORDS):
-        pw, pg = _pressures(arrays, deck_or_tables, p, sw, sg, zero, pw, pg, ppcw, keywords)
+        pw, pg = _pressures(arrays, deck_or_tables, p, sw, sg, zero, pw, pg, ppcw, satnum, keywords)
     pw = p if pw is None else pw
     pg = p if pg is None else pg
     if tables["rock"] is not None:

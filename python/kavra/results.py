@@ -745,7 +745,7 @@ class Results:
         >>> kavra.region_totals(fluids.oil, r.cell_property("FIPNUM"))   # doctest: +SKIP
         array([2.81011183e+08])
         """
-        from . import blackoil, satfunc
+        from . import blackoil
         from . import deck as decks
 
         if deck is None:
@@ -772,20 +772,13 @@ class Results:
                 raise ValueError(f"in_place: the deck has SWATINIT, and neither report step {step} of the restart nor "
                                  "the INIT holds PPCW, each cell's largest Pcow after the simulator's initialisation; "
                                  "use kavra.blackoil.in_place with ppcw=kavra.equil.initial_state(deck).ppcw")
-        pw = pg = None
-        if "SATNUM" in static and set(deck.keywords) & set(satfunc.TABLE_KEYWORDS) and (
-                deck.grid.number_of_cells() == self._cells):  # (else blackoil.in_place says what is wrong)
+        satnum = None
+        if "SATNUM" in static and deck.grid.number_of_cells() == self._cells:  # (else in_place says what is wrong)
             # The cells' regions as the run took them, from the INIT: opm's state of the deck's grid
             # and properties (2 GB and 20 s for 10^7 cells) is then built only for ENDSCALE's end points.
-            functions = satfunc.from_deck(deck, ppcw=ppcw, satnum=self.cell_property("SATNUM"))
-            pc = functions.capillary_pressure(sw, sg, threads=threads)
-            held = functions.satnum != 0
-            pressure = np.ma.asanyarray(p, dtype=np.float64)
-            pw = pressure - np.ma.where(held, pc.oil_water, 0.0)
-            pg = pressure + np.ma.where(held, pc.gas_oil, 0.0)
-            del functions, pc, held, pressure
+            satnum = self.cell_property("SATNUM")
         return blackoil.in_place(deck, init("PVTNUM"), self.cell_property("PORV"), p, sw, sg, restart("RS"),
-                                 restart("RV"), pw=pw, pg=pg, ppcw=ppcw, threads=threads)
+                                 restart("RV"), ppcw=ppcw, satnum=satnum, threads=threads)
 
     def _in_place_of_restart(self, step: int, why: str) -> Any:
         """in_place of the step's own 1OVERBO, 1OVERBG, 1OVERBW and RPORV (else the INIT's PORV)."""
